@@ -1,0 +1,72 @@
+/**
+ * The builder: records frames into complete MP4 files.
+ *
+ *     mp4_builder *builder = mp4_builder_create();
+ *     builder->add_track(builder, &description);   once a stream
+ *     builder->open(builder, fd, 65536, journal);  once a file
+ *     builder->add_frame(builder, &frame);         once a frame
+ *     builder->close(builder);
+ *     builder->destroy(builder);
+ *
+ * A file is ftyp at offset 0, the mdat header at 24, the media from 32, and
+ * moov behind it. A builder is used by one thread at a time.
+ */
+#ifndef MEDIAFILES_BUILDER_H
+#define MEDIAFILES_BUILDER_H
+
+#include <stdint.h>
+
+#include <mediafiles/atom.h>
+#include <mediafiles/types.h>
+
+MEDIAFILES_BEGIN_DECLS
+
+/** The operations return -1 with errno on failure. */
+struct mp4_builder {
+    /** mp4_movie_add_track: index or -1. While a file is open the track begins at once. */
+    int (*add_track)(mp4_builder *, const mp4_track_desc *);
+
+    /**
+     * Starts a file at offset 0 of a seekable descriptor, which stays the
+     * caller's. The file is not truncated: pass an empty one.
+     *
+     * @param buffer_size  of the file's write cache, bytes; 0 for none
+     * @param caretaker    journal that receives the recording, or NULL; stays the caller's
+     * @return 0; -1 with errno, no file open
+     *           EBUSY   a file is open; it stays so
+     *           ENOMEM  out of memory
+     *           other   from seeking or writing
+     */
+    int (*open)(mp4_builder *, int fd, uint32_t buffer_size, mediafile_caretaker *);
+
+    /**
+     * Finishes the file: writes out what is cached, patches the size of mdat
+     * and appends moov. 0 when no file is open.
+     *
+     * @return 0; -1 with the first error of the recording or of closing. The
+     *         file is closed for the builder either way; without moov it can
+     *         be repaired from its journal
+     */
+    int (*close)(mp4_builder *);
+
+    /** mp4_movie_add_frame; ESRCH when no file is open. */
+    int (*add_frame)(mp4_builder *, const mp4_frame *);
+
+    /** Writes the tracks' caches and the file's write cache to the descriptor; ESRCH when no file is open. */
+    int (*flush)(mp4_builder *);
+
+    /** Releases the builder. An open file keeps what has reached the descriptor and gets no moov. */
+    void (*destroy)(mp4_builder *);
+
+    mp4_movie *movie;        /* owned */
+    mp4_atom mdat;           /* of the open file; start is the offset of its size field */
+    mp4_stream *meta_stream; /* owned: where head and moov are composed */
+    mp4_stream *file_stream; /* owned; NULL when no file is open */
+};
+
+/** Makes a builder without tracks. NULL with errno ENOMEM. */
+MEDIAFILES_API mp4_builder *mp4_builder_create(void);
+
+MEDIAFILES_END_DECLS
+
+#endif

@@ -1,0 +1,16 @@
+// Diagnostics: a line is composed only when its level is on.
+#pragma once
+
+#include <mediafiles/support/log.h>
+
+namespace mediafiles {
+
+constexpr int log_warning = 4;
+constexpr int log_failure = 5;
+
+inline bool log_enabled(int level)
+{
+    return __logLevels[16 * level + 15] != 0;
+}
+
+} // namespace mediafiles

@@ -1,0 +1,73 @@
+// The mementos that the library itself makes, as plain records: every field
+// is a 32-bit word, since the 64-bit seconds do not stand on a multiple of 8.
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+
+#include <mediafiles/caretaker.h>
+#include <mediafiles/movie.h>
+
+namespace mediafiles {
+
+struct track_memento {
+    memento header;
+    mp4_track_desc desc;
+};
+
+struct sample_memento {
+    memento header;
+    uint32_t offset; // in the file
+    uint32_t len;
+    uint32_t seconds[2]; // low word first
+    uint32_t nanoseconds;
+    int32_t key;
+};
+
+struct sample_size_memento {
+    memento header;
+    uint32_t len;
+};
+
+struct chunk_memento {
+    memento header;
+    uint32_t offset;
+    int32_t count; // samples
+};
+
+struct sample_written_memento {
+    memento header;
+    uint32_t offset;
+    uint32_t len;
+};
+
+template <class Record>
+constexpr uint16_t payload_length = sizeof(Record) - sizeof(memento);
+
+static_assert(sizeof(memento) == 4 && alignof(memento) == 2);
+static_assert(payload_length<track_memento> == 16);
+static_assert(payload_length<sample_memento> == 24);
+static_assert(payload_length<sample_size_memento> == 4);
+static_assert(payload_length<chunk_memento> == 8);
+static_assert(payload_length<sample_written_memento> == 8);
+
+template <class Record>
+constexpr memento memento_header(uint8_t kind, uint32_t track)
+{
+    return {kind, static_cast<uint8_t>(track), payload_length<Record>};
+}
+
+// Bytes of a record with its padding, computed in 32 bits.
+constexpr uint32_t record_size(uint16_t length)
+{
+    return static_cast<uint32_t>(sizeof(memento)) + ((uint32_t{length} + 3) & ~3u);
+}
+
+// Appends to a journal, if there is one. A failure stays in the journal.
+template <class Record>
+void journal(mediafile_caretaker *caretaker, const Record &record)
+{
+    if (caretaker) mediafile_caretaker_add(caretaker, &record.header);
+}
+
+} // namespace mediafiles

@@ -1,0 +1,108 @@
+// moov and its children of the movie level.
+
+#include <cstring>
+
+#include <mediafiles/atom.h>
+#include <mediafiles/descriptor.h>
+#include <mediafiles/movie.h>
+#include <mediafiles/stream.h>
+#include <mediafiles/track.h>
+
+#include "mediafiles/byte-order.h"
+#include "mediafiles/mp4/box-body.h"
+#include "mediafiles/mp4/box-tree.h"
+#include "mediafiles/mp4/matrix.h"
+#include "mediafiles/ownership.h"
+
+namespace mediafiles {
+namespace {
+
+constexpr child_box moov[] = {
+    {"mvhd", mp4_atom_mvhd_write},
+    {"iods", mp4_atom_iods_write},
+};
+
+constexpr uint32_t movie_timescale = 1000;
+
+constexpr box_body<112> mvhd_body(uint64_t duration, uint32_t next_track_id)
+{
+    box_body<112> body(version_for(duration), 0);
+    body.time(0) // creation_time
+        .time(0) // modification_time
+        .u32(movie_timescale)
+        .time(duration)
+        .u32(0x00010000) // rate
+        .u16(0x0100)     // volume
+        .zeros(10);      // reserved
+    unity_matrix(body)
+        .zeros(24) // pre_defined
+        .u32(next_track_id);
+    return body;
+}
+static_assert(mvhd_body(0x7FFFFFFF, 1).size() == 100);
+static_assert(mvhd_body(0x80000000, 1).size() == 112);
+
+using descriptor_ptr = owned<mp4_descriptor, mp4_descriptor_destroy>;
+
+constexpr uint32_t initial_object_tag = 0x10; // MP4_IOD_Tag, ISO/IEC 14496-14, 3.1
+constexpr uint32_t es_id_inc_tag = 0x0E;
+
+// The tracks that stand in the slots, in order.
+std::span<mp4_track *const> tracks_of(const mp4_movie *movie)
+{
+    uint32_t n = 0;
+    while (n < movie->next_track_id - 1 && movie->tracks[n]) ++n;
+    return {movie->tracks, n};
+}
+
+descriptor_ptr initial_object_descriptor(const mp4_movie *movie)
+{
+    constexpr uint8_t initial_object[] = {
+        0x00, 0x4F, // ObjectDescriptorID 1, no URL, no inlined profiles, reserved bits set
+        0xFF,       // OD profile: none required
+        0xFF,       // scene profile: none required
+        0x0F,       // audio profile
+        0x03,       // visual profile
+        0xFF,       // graphics profile: none required
+    };
+    descriptor_ptr root(mp4_descriptor_create(initial_object_tag, sizeof initial_object));
+    if (!root) return nullptr;
+    memcpy(mp4_descriptor_buf(root.get()), initial_object, sizeof initial_object);
+
+    for (const mp4_track *track : tracks_of(movie)) {
+        if (!(track->media_kind & (MP4_MEDIA_VIDEO | MP4_MEDIA_AUDIO))) continue;
+        mp4_descriptor *child = mp4_descriptor_create(es_id_inc_tag, sizeof track->id);
+        if (!child) return nullptr;
+        store_be32(mp4_descriptor_buf(child), track->id);
+        mp4_descriptor_append(root.get(), child);
+    }
+    return root;
+}
+
+} // namespace
+} // namespace mediafiles
+
+using namespace mediafiles;
+
+int mp4_atom_moov_write(mp4_atom *atom, mp4_stream *stream)
+{
+    mp4_atom movie_level = *atom;
+    movie_level.track = nullptr;
+    if (write_children(&movie_level, stream, moov) != 0) return -1;
+    for (mp4_track *track : tracks_of(atom->movie))
+        if (write_box(stream, "trak", mp4_atom_trak_write, atom->movie, track) != 0) return -1;
+    return 0;
+}
+
+int mp4_atom_mvhd_write(mp4_atom *atom, mp4_stream *stream)
+{
+    return write_body(stream, mvhd_body(mp4_movie_duration(atom->movie), atom->movie->next_track_id));
+}
+
+int mp4_atom_iods_write(mp4_atom *atom, mp4_stream *stream)
+{
+    const descriptor_ptr root = initial_object_descriptor(atom->movie);
+    if (!root) return -1;
+    if (write_body(stream, box_body<4>(0, 0)) != 0) return -1;
+    return mp4_descriptor_write_to_stream(root.get(), stream);
+}

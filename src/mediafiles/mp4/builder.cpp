@@ -1,0 +1,109 @@
+// The builder: a movie, the file it is recorded into, and the order of steps
+// that makes the one out of the other. file_stream is its state: a file is
+// open while it is set, and the movie's record runs exactly that long.
+
+#include <cerrno>
+#include <unistd.h>
+
+#include <mediafiles/builder.h>
+#include <mediafiles/movie.h>
+#include <mediafiles/stream.h>
+
+#include "mediafiles/mp4/layout.h"
+#include "mediafiles/ownership.h"
+
+namespace mediafiles {
+namespace {
+
+int refuse(int error)
+{
+    errno = error;
+    return -1;
+}
+
+int add_track(mp4_builder *builder, const mp4_track_desc *desc)
+{
+    return mp4_movie_add_track(builder->movie, desc);
+}
+
+int open(mp4_builder *builder, int fd, uint32_t buffer_size, mediafile_caretaker *caretaker)
+{
+    if (builder->file_stream) return refuse(EBUSY);
+    if (lseek(fd, 0, SEEK_SET) == -1 && errno != EOVERFLOW) return -1;
+
+    mp4_stream *meta = builder->meta_stream;
+    if (meta->clear(meta) != 0) return -1;
+    if (compose_head(meta, builder->movie, &builder->mdat) != 0) return -1;
+    owned_object<mp4_stream> file(mp4_file_stream_create(fd, buffer_size));
+    if (!file) return -1;
+    if (meta->copy_to(meta, file.get()) != 0) return -1;
+
+    builder->file_stream = file.release();
+    mp4_movie_begin_record(builder->movie, builder->file_stream, caretaker);
+    return 0;
+}
+
+int close(mp4_builder *builder)
+{
+    // The file is closed whatever happens from here on.
+    owned_object<mp4_stream> file(builder->file_stream);
+    if (!file) return 0;
+
+    mp4_movie_finish_record(builder->movie);
+    builder->file_stream = nullptr;
+    int error = builder->movie->error;
+    if (file->flush(file.get()) != 0 && error == 0) error = errno;
+    if (error != 0) return refuse(error);
+
+    if (write_tail(file.get(), builder->meta_stream, builder->movie, &builder->mdat) != 0) return -1;
+    return file->flush(file.get()) != 0 ? -1 : 0;
+}
+
+int add_frame(mp4_builder *builder, const mp4_frame *frame)
+{
+    if (!builder->file_stream) return refuse(ESRCH);
+    return mp4_movie_add_frame(builder->movie, frame);
+}
+
+int flush(mp4_builder *builder)
+{
+    mp4_stream *file = builder->file_stream;
+    if (!file) return refuse(ESRCH);
+    const int error = mp4_movie_flush_cache(builder->movie) != 0 ? errno : 0;
+    const int flushed = file->flush(file);
+    if (error != 0) return refuse(error);
+    return flushed != 0 ? -1 : 0;
+}
+
+void destroy_builder(mp4_builder *builder)
+{
+    if (builder->file_stream) builder->file_stream->destroy(builder->file_stream);
+    if (builder->meta_stream) builder->meta_stream->destroy(builder->meta_stream);
+    if (builder->movie) mp4_movie_destroy(builder->movie);
+    free(builder);
+}
+
+} // namespace
+} // namespace mediafiles
+
+using namespace mediafiles;
+
+mp4_builder *mp4_builder_create(void)
+{
+    owned_object<mp4_builder> builder(create<mp4_builder>(mp4_builder{
+        .add_track = add_track,
+        .open = mediafiles::open,
+        .close = mediafiles::close,
+        .add_frame = add_frame,
+        .flush = flush,
+        .destroy = destroy_builder,
+        .movie = nullptr,
+        .mdat = {},
+        .meta_stream = nullptr,
+        .file_stream = nullptr,
+    }));
+    if (!builder) return nullptr;
+    if (!(builder->movie = mp4_movie_create())) return nullptr;
+    if (!(builder->meta_stream = mp4_memory_stream_create())) return nullptr;
+    return builder.release();
+}

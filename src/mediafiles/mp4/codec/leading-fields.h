@@ -1,0 +1,15 @@
+// The leading fields of slice headers and sequence parameter sets, as both
+// video codecs read them: behind the first byte of the NAL unit.
+#pragma once
+
+#include <cstdint>
+
+#include <mediafiles/h264-parser.h>
+
+namespace mediafiles {
+
+// Both clear the record first. 0, or -1 with ENOSPC or EILSEQ.
+int read_slice_header(const uint8_t *nal, uint32_t len, h264_slice_header *header);
+int read_sps(const uint8_t *nal, uint32_t len, h264_sps *sps);
+
+} // namespace mediafiles

@@ -1,0 +1,101 @@
+// The H.264 track: the splitter with the traits of H.264, the two parameter
+// sets that it keeps, and the sample entry that is written from them.
+
+#include <mediafiles/atom.h>
+#include <mediafiles/caretaker.h>
+#include <mediafiles/h264-parser.h>
+#include <mediafiles/h264-track.h>
+
+#include "mediafiles/mp4/annexb.h"
+#include "mediafiles/mp4/video-entry.h"
+#include "mediafiles/mp4/video-track.h"
+#include "mediafiles/ownership.h"
+
+namespace mediafiles {
+namespace {
+
+struct h264_codec_data {
+    parameter_set sps;
+    parameter_set pps;
+};
+
+struct h264_codec {
+    using record = h264_codec_data;
+    static constexpr uint32_t max_units = H264_MAX_NALS;
+
+    static void no_start_code() {}
+
+    static bool nal_type(const uint8_t *unit, uint32_t len, uint8_t *type)
+    {
+        h264_nal_header header;
+        if (h264_parser_decode_nal_header(unit, len, &header) != 0) return false;
+        *type = header.nal_unit_type;
+        return true;
+    }
+
+    // A coded slice, of a non-IDR or an IDR picture.
+    static bool runs_to_end(uint8_t type) { return type == 1 || type == 5; }
+
+    static constexpr kept_unit<record> kept[] = {
+        {7, MEMENTO_SPS, &record::sps},
+        {8, MEMENTO_PPS, &record::pps},
+    };
+};
+
+h264_codec_data *record_of(const mp4_track *track)
+{
+    return static_cast<h264_codec_data *>(track->codec_data);
+}
+
+int write_sample_entry(mp4_track *track, mp4_atom *parent, mp4_stream *stream)
+{
+    return write_box(stream, "avc1", mp4_atom_avc1_write, parent->movie, track);
+}
+
+} // namespace
+} // namespace mediafiles
+
+using namespace mediafiles;
+
+mp4_track *mp4_h264_track_create(uint32_t id, int width, int height, uint32_t raw)
+{
+    mp4_track *track = create_video_track<h264_codec>(id, width, height, raw);
+    if (!track) return nullptr;
+    track->write_sample_entry = write_sample_entry;
+    if (raw) {
+        track->set_sps = set_parameter_set<h264_codec_data, &h264_codec_data::sps>;
+        track->set_pps = set_parameter_set<h264_codec_data, &h264_codec_data::pps>;
+    }
+    return track;
+}
+
+int mp4_atom_avc1_write(mp4_atom *atom, mp4_stream *stream)
+{
+    return write_video_entry(atom, stream, {"avcC", mp4_atom_avcC_write});
+}
+
+// ISO/IEC 14496-15, 5.3.3.1: one SPS and one PPS, also where none was seen.
+int mp4_atom_avcC_write(mp4_atom *atom, mp4_stream *stream)
+{
+    const h264_codec_data &record = *record_of(atom->track);
+    heap_body body(uint64_t{11} + record.sps.len + record.pps.len);
+    if (!body.valid()) return -1;
+
+    h264_sps sps = {};
+    if (record.sps.data) h264_parser_decode_sps(record.sps.data, record.sps.len, &sps);
+    const int compatibility = sps.constraint_set0_flag << 7 | sps.constraint_set1_flag << 6 |
+                              sps.constraint_set2_flag << 5 | sps.constraint_set3_flag << 4 |
+                              sps.constraint_set4_flag << 3 | sps.constraint_set5_flag << 2;
+    body.u8(1) // configurationVersion
+        .u8(sps.profile_idc)
+        .u8(static_cast<uint8_t>(compatibility))
+        .u8(sps.level_idc)
+        .u8(0xFF) // lengthSizeMinusOne 3
+        .u8(0xE1) // numOfSequenceParameterSets 1
+        .u16(record.sps.len)
+        .bytes(record.sps.bytes())
+        .u8(1) // numOfPictureParameterSets
+        .u16(record.pps.len)
+        .bytes(record.pps.bytes());
+    return write_body(stream, body);
+}

@@ -1,0 +1,285 @@
+// A track: samples go to the stream, their description into five tables.
+//
+// The tables hold their entries in file byte order from the moment they are
+// added. Three of them are kept short as they grow: stts and stsc are runs,
+// stss stays empty while every sample is a sync sample, and stsz holds one
+// entry while every sample has the same size.
+
+#include <cstring>
+#include <initializer_list>
+
+#include <mediafiles/caretaker.h>
+#include <mediafiles/stream.h>
+#include <mediafiles/support/array-stream.h>
+#include <mediafiles/support/io.h>
+#include <mediafiles/track.h>
+
+#include "mediafiles/byte-order.h"
+#include "mediafiles/memento-record.h"
+#include "mediafiles/mp4/gather.h"
+#include "mediafiles/ownership.h"
+
+namespace mediafiles {
+namespace {
+
+constexpr uint32_t stts_reserve = 512;
+constexpr uint32_t stss_reserve = 64;
+constexpr uint32_t stco_reserve = 128;
+constexpr uint32_t stsc_reserve = 64;
+constexpr uint32_t stsz_reserve = 1024;
+constexpr uint32_t sample_description_index = 1;
+
+bool has(const mp4_track *track, uint8_t flag)
+{
+    return track->flags & flag;
+}
+
+void clear(mp4_track *track, uint8_t flag)
+{
+    track->flags = static_cast<uint8_t>(track->flags & ~flag);
+}
+
+template <class... Fields>
+int append(array_stream *table, Fields... fields)
+{
+    const uint32_t entry[] = {big_endian(fields)...};
+    uint32_t n = 1;
+    void *to = array_stream_write(table, &n);
+    if (!to) return -1;
+    memcpy(to, entry, sizeof entry);
+    return 0;
+}
+
+// Appends value(0), value(1) ... value(count - 1), a contiguous run at a time.
+template <class Value>
+int append_many(array_stream *table, uint32_t count, Value value)
+{
+    for (uint32_t done = 0; done < count;) {
+        uint32_t n = count - done;
+        auto *to = static_cast<uint8_t *>(array_stream_write(table, &n));
+        if (!to) return -1;
+        for (uint32_t i = 0; i < n; ++i) store_be32(to + size_t{i} * sizeof(uint32_t), value(done + i));
+        done += n;
+    }
+    return 0;
+}
+
+uint8_t *last_element(array_stream *table)
+{
+    return static_cast<uint8_t *>(array_stream_index(table, array_stream_length(table) - 1));
+}
+
+// ISO/IEC 14496-12, 8.6.1.2
+int add_duration(mp4_track *track, uint32_t duration)
+{
+    if (track->sample_count != 0) {
+        uint8_t *run = last_element(track->stts_table);
+        if (load_be32(run + 4) == duration) {
+            store_be32(run, load_be32(run) + 1);
+            return 0;
+        }
+    }
+    return append(track->stts_table, uint32_t{1}, duration);
+}
+
+// ISO/IEC 14496-12, 8.6.2. With the first sample that is no sync sample the
+// table begins, and lists all those before it.
+int add_sync(mp4_track *track, bool key)
+{
+    if (has(track, MP4_TRACK_ALL_SYNC)) {
+        if (key) return 0;
+        clear(track, MP4_TRACK_ALL_SYNC);
+        return append_many(track->stss_table, track->sample_count, [](uint32_t i) { return i + 1; });
+    }
+    return key ? append(track->stss_table, track->sample_count + 1) : 0;
+}
+
+// ISO/IEC 14496-12, 8.7.3. With the first sample of another size the table
+// gets an entry for each of those before it.
+int add_size(mp4_track *track, uint32_t size)
+{
+    if (track->sample_count == 0) {
+        if (append(track->stsz_table, size) != 0) return -1;
+        track->common_size = size;
+        return 0;
+    }
+    if (has(track, MP4_TRACK_SAME_SIZE)) {
+        if (size == track->common_size) return 0;
+        clear(track, MP4_TRACK_SAME_SIZE);
+        const uint32_t common = track->common_size;
+        if (append_many(track->stsz_table, track->sample_count - 1, [common](uint32_t) { return common; }) != 0)
+            return -1;
+    }
+    return append(track->stsz_table, size);
+}
+
+// ISO/IEC 14496-12, 8.7.4: a run for chunks from `first` on, unless the last
+// run goes on.
+int close_chunk(mp4_track *track, uint32_t first, uint32_t samples)
+{
+    if (array_stream_length(track->stsc_table) != 0 && load_be32(last_element(track->stsc_table) + 4) == samples)
+        return 0;
+    return append(track->stsc_table, first, samples, sample_description_index);
+}
+
+int write_chunk(mp4_track *track, const mp4_gather_list *list, uint32_t samples)
+{
+    const uint32_t position = track->stream->tell(track->stream);
+    if (track->stream->writev(track->stream, list) != 0) return -1;
+
+    journal(track->caretaker, chunk_memento{memento_header<chunk_memento>(MEMENTO_CHUNK, track->index), position,
+                                            static_cast<int32_t>(samples)});
+
+    if (track->chunk_count != 0) {
+        if (track->chunk_offset + track->chunk_size == position) {
+            track->chunk_size += list->length;
+            track->chunk_samples += samples;
+            return 0;
+        }
+        if (close_chunk(track, track->chunk_count, track->chunk_samples) != 0) return -1;
+    }
+    track->chunk_offset = position;
+    track->chunk_size = list->length;
+    track->chunk_samples = samples;
+    ++track->chunk_count;
+    return append(track->stco_table, position);
+}
+
+// The cached samples and one more, which did not fit, as one chunk.
+int write_with_cache(mp4_track *track, const mp4_gather_list *list)
+{
+    gather_array<66> gather; // the cache and 32 NAL units with their lengths
+    if (!gather.push(track->cache, track->cache_used)) return -1;
+    for (int32_t i = 0; i < list->iovcnt; ++i)
+        if (!gather.push(list->iov[i].iov_base, list->iov[i].iov_len)) return -1;
+
+    const mp4_gather_list all = {gather.data(), gather.count(), 0, track->cache_used + list->length};
+    if (write_chunk(track, &all, track->cache_samples + 1) != 0) return -1;
+    track->cache_used = track->cache_samples = 0;
+    return 0;
+}
+
+int store(mp4_track *track, const mp4_gather_list *list)
+{
+    if (track->cache_size != 0) {
+        if (uint64_t{track->cache_used} + list->length < track->cache_size) {
+            memcpy_fromiovec(track->cache + track->cache_used, list->iov, list->length);
+            track->cache_used += list->length;
+            ++track->cache_samples;
+            return 0;
+        }
+        if (track->cache_used != 0) return write_with_cache(track, list);
+    }
+    return write_chunk(track, list, 1);
+}
+
+} // namespace
+} // namespace mediafiles
+
+using namespace mediafiles;
+
+mp4_track *mp4_track_create(uint32_t id, uint32_t media_kind, uint32_t timescale, uint32_t cache_size)
+{
+    owned<mp4_track, mp4_track_destroy> track(create<mp4_track>());
+    if (!track) return nullptr;
+    track->id = id;
+    track->media_kind = media_kind;
+    track->timescale = timescale;
+    track->cache_size = cache_size;
+    if (!(track->stts_table = array_stream_create(8, stts_reserve))) return nullptr;
+    if (!(track->stss_table = array_stream_create(4, stss_reserve))) return nullptr;
+    if (!(track->stco_table = array_stream_create(4, stco_reserve))) return nullptr;
+    if (!(track->stsc_table = array_stream_create(12, stsc_reserve))) return nullptr;
+    if (!(track->stsz_table = array_stream_create(4, stsz_reserve))) return nullptr;
+    if (cache_size != 0 && !(track->cache = static_cast<uint8_t *>(malloc(cache_size)))) return nullptr;
+    return track.release();
+}
+
+void mp4_track_destroy(mp4_track *track)
+{
+    if (track->on_destroy) track->on_destroy(track);
+    free(track->cache);
+    for (array_stream *table :
+         {track->stts_table, track->stss_table, track->stco_table, track->stsc_table, track->stsz_table})
+        if (table) array_stream_destroy(table);
+    free(track);
+}
+
+void mp4_track_begin_record(mp4_track *track, mp4_stream *stream, mediafile_caretaker *caretaker, uint32_t index)
+{
+    if (has(track, MP4_TRACK_RECORDING)) return;
+    for (array_stream *table :
+         {track->stts_table, track->stss_table, track->stco_table, track->stsc_table, track->stsz_table})
+        array_stream_clear(table);
+    track->cache_used = track->cache_samples = 0;
+    track->common_size = track->sample_count = 0;
+    track->chunk_offset = track->chunk_size = track->chunk_samples = track->chunk_count = 0;
+    track->delay = track->duration = 0;
+    track->stream = stream;
+    track->caretaker = caretaker;
+    track->index = index;
+    track->flags |= MP4_TRACK_RECORDING | MP4_TRACK_ALL_SYNC | MP4_TRACK_SAME_SIZE;
+    if (track->on_begin_record) track->on_begin_record(track);
+}
+
+int mp4_track_add_sample(mp4_track *track, const void *data, uint32_t len, uint32_t duration, int key)
+{
+    if (track->add_sample) return track->add_sample(track, data, len, duration, key);
+    const iovec entry = {const_cast<void *>(data), len};
+    const mp4_gather_list list = {&entry, 1, 0, len};
+    return __mp4_track_add_sample(track, &list, duration, key);
+}
+
+int __mp4_track_add_sample(mp4_track *track, const mp4_gather_list *list, uint32_t duration, int key)
+{
+    journal(track->caretaker, sample_size_memento{
+                                  memento_header<sample_size_memento>(MEMENTO_SAMPLE_SIZE, track->index), list->length});
+
+    if (store(track, list) != 0) return -1;
+    if (add_duration(track, duration) != 0) return -1;
+    if (add_sync(track, key != 0) != 0) return -1;
+    if (add_size(track, list->length) != 0) return -1;
+
+    if (track->sample_count != 0) track->duration += duration;
+    ++track->sample_count;
+    return 0;
+}
+
+int mp4_track_flush_cache(mp4_track *track)
+{
+    if (track->cache_used == 0) return 0;
+    const iovec entry = {track->cache, track->cache_used};
+    const mp4_gather_list list = {&entry, 1, 0, track->cache_used};
+    if (write_chunk(track, &list, track->cache_samples) != 0) return -1;
+    track->cache_used = track->cache_samples = 0;
+    return 0;
+}
+
+int mp4_track_finish_record(mp4_track *track, int flush)
+{
+    if (!has(track, MP4_TRACK_RECORDING)) return 0;
+    int result = 0;
+    if (flush && mp4_track_flush_cache(track) != 0)
+        result = -1;
+    else if (track->chunk_count != 0)
+        result = close_chunk(track, track->chunk_count, track->chunk_samples);
+    clear(track, MP4_TRACK_RECORDING);
+    return result;
+}
+
+void saveCodecExtraDataToCaretaker(mp4_track *track, uint8_t kind, const void *data, uint32_t len)
+{
+    if (!track->caretaker) return;
+    // The journal refuses a record that is too large by its header alone.
+    struct {
+        memento header;
+        uint8_t bytes[MEMENTO_MAX_SIZE - sizeof(memento)];
+    } record;
+    const auto length = static_cast<uint16_t>(len);
+    record.header = {kind, static_cast<uint8_t>(track->index), length};
+    if (length <= sizeof record.bytes) {
+        memset(record.bytes, 0, sizeof record.bytes);
+        if (length > 0) memcpy(record.bytes, data, length);
+    }
+    mediafile_caretaker_add(track->caretaker, &record.header);
+}
