@@ -2,10 +2,11 @@
  * Records elementary streams into an MP4 file, with a journal beside it that
  * brings the recording back after a power cut.
  *
- *     record OUT.mp4 video.h264 video.units.tsv WIDTH HEIGHT [audio.aac audio.units.tsv CHANNELS RATE]
+ *     record OUT.mp4 video.h26X video.units.tsv WIDTH HEIGHT [audio.aac audio.units.tsv CHANNELS RATE]
  *
  * A .units.tsv lists the frames of a stream, as an encoder would deliver them:
- * index, offset, length, capture time in nanoseconds, key flag.
+ * index, offset, length, capture time in nanoseconds, key flag. The video is
+ * H.264, or H.265 where its name ends in .h265.
  */
 #define _GNU_SOURCE
 #include <fcntl.h>
@@ -119,7 +120,7 @@ static int record(struct recording *r, struct source *sources, int count)
 int main(int argc, char **argv)
 {
     if (argc != 6 && argc != 10) {
-        fprintf(stderr, "usage: %s OUT.mp4 video.h264 video.units.tsv WIDTH HEIGHT"
+        fprintf(stderr, "usage: %s OUT.mp4 video.h26X video.units.tsv WIDTH HEIGHT"
                         " [audio.aac audio.units.tsv CHANNELS RATE]\n", argv[0]);
         return 2;
     }
@@ -129,7 +130,8 @@ int main(int argc, char **argv)
     struct recording r = {.builder = mp4_builder_create(), .journal = mediafile_caretaker_create()};
     struct source sources[2] = {{0}};
     int count = argc == 10 ? 2 : 1;
-    mp4_track_desc video = {.type = MP4_TRACK_H264, .video = {(uint32_t)atoi(argv[4]), (uint32_t)atoi(argv[5]), 0}};
+    mp4_track_desc video = {.type = strstr(argv[2], ".h265") ? MP4_TRACK_H265 : MP4_TRACK_H264,
+                            .video = {(uint32_t)atoi(argv[4]), (uint32_t)atoi(argv[5]), 0}};
     if (!r.builder || !r.journal || r.builder->add_track(r.builder, &video) < 0 ||
         open_source(&sources[0], 0, argv[2], argv[3]) != 0)
         goto failed;

@@ -44,4 +44,12 @@ typedef struct h264_nal_header h264_nal_header;
 typedef struct h264_slice_header h264_slice_header;
 typedef struct h264_sps h264_sps;
 
+/* Read by the same code from either codec. */
+typedef h264_bs h265_bs;
+typedef h264_slice_header h265_slice_header;
+typedef h264_sps h265_sps;
+
+typedef struct h265_nal_header h265_nal_header;
+typedef struct h265_vps h265_vps;
+
 #endif

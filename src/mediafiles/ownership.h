@@ -14,7 +14,13 @@ namespace mediafiles {
 class errno_saver {
 public:
     errno_saver() : saved(errno) {}
-    ~errno_saver() { errno = saved; }
+    ~errno_saver()
+    {
+        // Compilers believe that free() keeps errno, which older C libraries
+        // do not, and would drop the assignment.
+        asm volatile("" ::: "memory");
+        errno = saved;
+    }
     errno_saver(const errno_saver &) = delete;
     errno_saver &operator=(const errno_saver &) = delete;
 

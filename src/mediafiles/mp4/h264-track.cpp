@@ -42,11 +42,6 @@ struct h264_codec {
     };
 };
 
-h264_codec_data *record_of(const mp4_track *track)
-{
-    return static_cast<h264_codec_data *>(track->codec_data);
-}
-
 int write_sample_entry(mp4_track *track, mp4_atom *parent, mp4_stream *stream)
 {
     return write_box(stream, "avc1", mp4_atom_avc1_write, parent->movie, track);
@@ -59,7 +54,9 @@ using namespace mediafiles;
 
 mp4_track *mp4_h264_track_create(uint32_t id, int width, int height, uint32_t raw)
 {
-    mp4_track *track = create_video_track<h264_codec>(id, width, height, raw);
+    auto record = create_record<h264_codec>();
+    if (!record) return nullptr;
+    mp4_track *track = create_video_track<h264_codec>(std::move(record), id, width, height, raw);
     if (!track) return nullptr;
     track->write_sample_entry = write_sample_entry;
     if (raw) {
@@ -77,7 +74,7 @@ int mp4_atom_avc1_write(mp4_atom *atom, mp4_stream *stream)
 // ISO/IEC 14496-15, 5.3.3.1: one SPS and one PPS, also where none was seen.
 int mp4_atom_avcC_write(mp4_atom *atom, mp4_stream *stream)
 {
-    const h264_codec_data &record = *record_of(atom->track);
+    const auto &record = *static_cast<const h264_codec_data *>(atom->track->codec_data);
     heap_body body(uint64_t{11} + record.sps.len + record.pps.len);
     if (!body.valid()) return -1;
 

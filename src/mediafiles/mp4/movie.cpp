@@ -8,6 +8,7 @@
 #include <mediafiles/aac-track.h>
 #include <mediafiles/caretaker.h>
 #include <mediafiles/h264-track.h>
+#include <mediafiles/h265-track.h>
 #include <mediafiles/movie.h>
 #include <mediafiles/track.h>
 
@@ -72,6 +73,8 @@ mp4_track *create_track(uint32_t id, const mp4_track_desc *desc)
     switch (desc->type & ~MP4_TRACK_RAW) {
     case MP4_TRACK_H264:
         return mp4_h264_track_create(id, width, height, raw);
+    case MP4_TRACK_H265:
+        return mp4_h265_track_create(id, width, height, raw);
     case MP4_TRACK_AAC:
         return mp4_aac_track_create(id, desc->audio.channels, desc->audio.sample_bits, desc->audio.sample_rate, raw);
     default:

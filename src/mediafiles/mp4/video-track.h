@@ -39,13 +39,20 @@ void set_parameter_set(mp4_track *track, const void *data, uint32_t len)
 
 constexpr uint32_t video_timescale = 90000;
 
+template <class Codec>
+using record_ptr = owned<typename Codec::record, free>;
+
+template <class Codec>
+record_ptr<Codec> create_record()
+{
+    return record_ptr<Codec>(create<typename Codec::record>());
+}
+
 // A track with its codec record; the codec adds its sample entry and, for
 // samples that arrive as they are stored, its setters.
 template <class Codec>
-mp4_track *create_video_track(uint32_t id, int width, int height, uint32_t raw)
+mp4_track *create_video_track(record_ptr<Codec> record, uint32_t id, int width, int height, uint32_t raw)
 {
-    owned<typename Codec::record, free> record(create<typename Codec::record>());
-    if (!record) return nullptr;
     mp4_track *track = mp4_track_create(id, MP4_MEDIA_VIDEO, video_timescale, 0);
     if (!track) return nullptr;
     track->video.width = static_cast<uint16_t>(width);

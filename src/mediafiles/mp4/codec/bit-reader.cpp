@@ -2,6 +2,10 @@
 
 #include <cerrno>
 
+#include <mediafiles/h265-parser.h>
+
+#include "mediafiles/mp4/codec/second-name.h"
+
 namespace mediafiles {
 namespace {
 
@@ -87,3 +91,24 @@ int read_se(bit_reader *reader, int32_t *out)
 }
 
 } // namespace mediafiles
+
+using namespace mediafiles;
+
+int h264_bs_read_bits(h264_bs *bs, int n, uint32_t *out)
+{
+    return read_bits(bs, n, out);
+}
+
+int h264_bs_read_ue(h264_bs *bs, uint32_t *out)
+{
+    return read_ue(bs, out);
+}
+
+int h264_bs_read_se(h264_bs *bs, int32_t *out)
+{
+    return read_se(bs, out);
+}
+
+int h265_bs_read_bits(h265_bs *, int, uint32_t *) SECOND_NAME_OF(h264_bs_read_bits);
+int h265_bs_read_ue(h265_bs *, uint32_t *) SECOND_NAME_OF(h264_bs_read_ue);
+int h265_bs_read_se(h265_bs *, int32_t *) SECOND_NAME_OF(h264_bs_read_se);

@@ -1,10 +1,12 @@
+// What is of H.264 alone: its NAL unit header, and the table of Exp-Golomb code
+// lengths.
+
 #include <cstdio>
 
 #include <mediafiles/h264-parser.h>
 
 #include "mediafiles/mp4/codec/bit-reader.h"
 #include "mediafiles/mp4/codec/leading-fields.h"
-#include "mediafiles/mp4/codec/start-code.h"
 
 using namespace mediafiles;
 
@@ -31,40 +33,12 @@ const uint8_t ff_golomb_vlc_len[512] = {
     RUN_256(1), // 1xxxxxxxx
 };
 
-int h264_bs_read_bits(h264_bs *bs, int n, uint32_t *out)
-{
-    return read_bits(bs, n, out);
-}
-
-int h264_bs_read_ue(h264_bs *bs, uint32_t *out)
-{
-    return read_ue(bs, out);
-}
-
-int h264_bs_read_se(h264_bs *bs, int32_t *out)
-{
-    return read_se(bs, out);
-}
-
-int h264_parser_find_start_code(const uint8_t *data, uint32_t len, uint32_t *offset, uint32_t *code_len)
-{
-    const start_code code = find_start_code(data, len);
-    *offset = code.offset;
-    *code_len = code.length;
-    return code.found();
-}
-
 int h264_parser_decode_nal_header(const uint8_t *data, uint32_t len, h264_nal_header *header)
 {
     bit_reader reader = read_from(data, len);
     const bool complete = read_field(&reader, 1, &header->forbidden_zero_bit) &&
                           read_field(&reader, 2, &header->nal_ref_idc) && read_field(&reader, 5, &header->nal_unit_type);
     return complete ? 0 : -1;
-}
-
-int h264_parser_decode_slice_header(const uint8_t *nal, uint32_t len, h264_slice_header *header)
-{
-    return read_slice_header(nal, len, header);
 }
 
 int h264_parser_decode_sps(const uint8_t *nal, uint32_t len, h264_sps *sps)

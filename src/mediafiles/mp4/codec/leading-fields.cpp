@@ -3,26 +3,12 @@
 #include <cerrno>
 #include <initializer_list>
 
+#include <mediafiles/h265-parser.h>
+
 #include "mediafiles/mp4/codec/bit-reader.h"
+#include "mediafiles/mp4/codec/second-name.h"
 
 namespace mediafiles {
-
-int read_slice_header(const uint8_t *nal, uint32_t len, h264_slice_header *header)
-{
-    if (len == 0) {
-        errno = ENOSPC;
-        return -1;
-    }
-    *header = {};
-    bit_reader reader = read_from(nal + 1, len - 1);
-    if (read_ue(&reader, &header->first_mb_in_slice) != 0) return -1;
-    if (read_ue(&reader, &header->slice_type) != 0) return -1;
-    if (header->slice_type > 9) {
-        errno = EILSEQ;
-        return -1;
-    }
-    return 0;
-}
 
 int read_sps(const uint8_t *nal, uint32_t len, h264_sps *sps)
 {
@@ -42,3 +28,25 @@ int read_sps(const uint8_t *nal, uint32_t len, h264_sps *sps)
 }
 
 } // namespace mediafiles
+
+using namespace mediafiles;
+
+int h264_parser_decode_slice_header(const uint8_t *nal, uint32_t len, h264_slice_header *header)
+{
+    if (len == 0) {
+        errno = ENOSPC;
+        return -1;
+    }
+    *header = {};
+    bit_reader reader = read_from(nal + 1, len - 1);
+    if (read_ue(&reader, &header->first_mb_in_slice) != 0) return -1;
+    if (read_ue(&reader, &header->slice_type) != 0) return -1;
+    if (header->slice_type > 9) {
+        errno = EILSEQ;
+        return -1;
+    }
+    return 0;
+}
+
+int h265_parser_decode_slice_header(const uint8_t *, uint32_t, h265_slice_header *)
+    SECOND_NAME_OF(h264_parser_decode_slice_header);

@@ -1,5 +1,5 @@
-// The leading fields of slice headers and sequence parameter sets, as both
-// video codecs read them: behind the first byte of the NAL unit.
+// The leading fields of sequence parameter sets, as both video codecs read
+// them: behind the first byte of the NAL unit.
 #pragma once
 
 #include <cstdint>
@@ -8,8 +8,7 @@
 
 namespace mediafiles {
 
-// Both clear the record first. 0, or -1 with ENOSPC or EILSEQ.
-int read_slice_header(const uint8_t *nal, uint32_t len, h264_slice_header *header);
+// Clears the record first. 0, or -1 with ENOSPC.
 int read_sps(const uint8_t *nal, uint32_t len, h264_sps *sps);
 
 } // namespace mediafiles

@@ -1,0 +1,54 @@
+// What is of H.265 alone: its NAL unit header and the video parameter set.
+
+#include <cerrno>
+#include <cstdio>
+
+#include <mediafiles/h265-parser.h>
+
+#include "mediafiles/mp4/codec/bit-reader.h"
+#include "mediafiles/mp4/codec/leading-fields.h"
+#include "mediafiles/ownership.h"
+
+using namespace mediafiles;
+
+int h265_parser_decode_nal_header(const uint8_t *data, uint32_t len, h265_nal_header *header)
+{
+    bit_reader reader = read_from(data, len);
+    if (!read_field(&reader, 1, &header->forbidden_zero_bit)) return -1;
+    if (!read_field(&reader, 6, &header->nal_unit_type)) return -1;
+    if (!read_field(&reader, 6, &header->nuh_layer_id)) return -1;
+    return read_field(&reader, 3, &header->nuh_temporal_id_plus1) ? 0 : -1;
+}
+
+int h265_parser_decode_vps(const uint8_t *nal, uint32_t len, h265_vps *vps)
+{
+    if (len < 2) {
+        errno = ENOSPC;
+        return -1;
+    }
+    *vps = {};
+    bit_reader reader = read_from(nal + 2, len - 2);
+    uint32_t reserved;
+    if (!read_field(&reader, 4, &vps->vps_id)) return -1;
+    if (!read_field(&reader, 2, &reserved)) return -1;
+    if (reserved != 3) {
+        errno_saver keep;
+        puts("vps_reserved_three_2bits is not three");
+        return -1;
+    }
+    if (!read_field(&reader, 6, &vps->max_layers)) return -1;
+    if (!read_field(&reader, 3, &vps->max_sub_layers)) return -1;
+    if (!read_field(&reader, 1, &vps->temporal_id_nesting)) return -1;
+    if (!read_field(&reader, 16, &reserved)) return -1;
+    if (reserved != 0xFFFF) {
+        errno_saver keep;
+        puts("vps_reserved_ffff_16bits is not 0xffff");
+        return -1;
+    }
+    return 0;
+}
+
+int h265_parser_decode_sps(const uint8_t *nal, uint32_t len, h265_sps *sps)
+{
+    return read_sps(nal, len, sps);
+}

@@ -1,0 +1,128 @@
+// The H.265 track: the splitter with the traits of H.265, the parameter sets
+// that it keeps, and the sample entry that is written from them.
+
+#include <cstdio>
+
+#include <mediafiles/atom.h>
+#include <mediafiles/caretaker.h>
+#include <mediafiles/h265-parser.h>
+#include <mediafiles/h265-track.h>
+
+#include "mediafiles/mp4/annexb.h"
+#include "mediafiles/mp4/video-entry.h"
+#include "mediafiles/mp4/video-track.h"
+
+namespace mediafiles {
+namespace {
+
+// This appears in a line of output, which is part of the interface.
+constexpr const char *source_path = "src/mediafiles/mp4/h265-track";
+
+// NAL unit types, ITU-T H.265, table 7-1
+constexpr uint8_t trail_r = 1;
+constexpr uint8_t idr_w_radl = 19;
+constexpr uint8_t vps_nut = 32;
+constexpr uint8_t sps_nut = 33;
+constexpr uint8_t pps_nut = 34;
+constexpr uint8_t prefix_sei_nut = 39;
+
+struct h265_codec_data {
+    parameter_set vps;
+    parameter_set sps;
+    parameter_set pps;
+    parameter_set sei; // journaled, but in no box
+};
+
+struct h265_codec {
+    using record = h265_codec_data;
+    static constexpr uint32_t max_units = H265_MAX_NALS;
+
+    static void no_start_code() { puts("could not find h265 start code"); }
+
+    static bool nal_type(const uint8_t *unit, uint32_t len, uint8_t *type)
+    {
+        h265_nal_header header;
+        if (h265_parser_decode_nal_header(unit, len, &header) != 0) return false;
+        *type = header.nal_unit_type;
+        return true;
+    }
+
+    static bool runs_to_end(uint8_t type) { return type == trail_r || type == idr_w_radl; }
+
+    static constexpr kept_unit<record> kept[] = {
+        {vps_nut, MEMENTO_VPS, &record::vps},
+        {sps_nut, MEMENTO_SPS, &record::sps},
+        {pps_nut, MEMENTO_PPS, &record::pps},
+        {prefix_sei_nut, MEMENTO_SEI, &record::sei},
+    };
+};
+
+int write_sample_entry(mp4_track *track, mp4_atom *parent, mp4_stream *stream)
+{
+    return write_box(stream, "hev1", mp4_atom_hev1_write, parent->movie, track);
+}
+
+// One array of hvcC with one NAL unit, also where none was seen.
+void add_array(heap_body &body, uint8_t type, const parameter_set &set)
+{
+    body.u8(type) // array_completeness 0
+        .u16(1)   // numNalus
+        .u16(set.len)
+        .bytes(set.bytes());
+}
+
+} // namespace
+} // namespace mediafiles
+
+using namespace mediafiles;
+
+mp4_track *mp4_h265_track_create(uint32_t id, int width, int height, uint32_t raw)
+{
+    auto record = create_record<h265_codec>();
+    if (!record) return nullptr;
+    printf("[%s:%s] id=%d, width=%d, height=%d.\n", source_path, __func__, static_cast<int>(id), width, height);
+    mp4_track *track = create_video_track<h265_codec>(std::move(record), id, width, height, raw);
+    if (!track) return nullptr;
+    track->write_sample_entry = write_sample_entry;
+    if (raw) {
+        track->set_vps = set_parameter_set<h265_codec_data, &h265_codec_data::vps>;
+        track->set_sps = set_parameter_set<h265_codec_data, &h265_codec_data::sps>;
+        track->set_pps = set_parameter_set<h265_codec_data, &h265_codec_data::pps>;
+        track->set_sei = set_parameter_set<h265_codec_data, &h265_codec_data::sei>;
+    }
+    return track;
+}
+
+int mp4_atom_hev1_write(mp4_atom *atom, mp4_stream *stream)
+{
+    return write_video_entry(atom, stream, {"hvcC", mp4_atom_hvcC_write});
+}
+
+// ISO/IEC 14496-15, 8.3.3.1: the general fields of Main profile, level 5.1.
+int mp4_atom_hvcC_write(mp4_atom *atom, mp4_stream *stream)
+{
+    const auto &record = *static_cast<const h265_codec_data *>(atom->track->codec_data);
+    heap_body body(uint64_t{38} + record.vps.len + record.sps.len + record.pps.len);
+    if (!body.valid()) return -1;
+
+    h265_sps sps = {};
+    if (record.sps.data) h265_parser_decode_sps(record.sps.data, record.sps.len, &sps);
+    body.u8(1)               // configurationVersion
+        .u8(sps.profile_idc) // general_profile_space, general_tier_flag, general_profile_idc
+        .u32(0x60000000)     // general_profile_compatibility_flags
+        .u16(0xB000)         // general_constraint_indicator_flags
+        .u32(0)
+        .u8(153)     // general_level_idc
+        .u16(0xF000) // min_spatial_segmentation_idc 0
+        .u8(0xFC)    // parallelismType 0
+        .u8(0xFD)    // chromaFormat 1
+        .u8(0xF8)    // bitDepthLumaMinus8 0
+        .u8(0xF8)    // bitDepthChromaMinus8 0
+        .u16(0)      // avgFrameRate
+        .u8(0x0F)    // constantFrameRate 0, numTemporalLayers 1, temporalIdNested 1, lengthSizeMinusOne 3
+        .u8(3);      // numOfArrays
+    add_array(body, vps_nut, record.vps);
+    add_array(body, sps_nut, record.sps);
+    add_array(body, pps_nut, record.pps);
+    return write_body(stream, body);
+}
