@@ -1,0 +1,128 @@
+/**
+ * The strict reader, on a small file: an H.264 track of two chunks, an AAC
+ * track that starts 20 ms late, an H.265 track of one sample. It has to take
+ * that file without a word, name each damage to it and survive every cut of it.
+ */
+#include "tools/mp4-reader.h"
+
+#include <fstream>
+#include <gtest/gtest.h>
+
+namespace {
+
+/* The file, as hex digits, 'text, *n for n zero bytes, and type( ) around what a box holds. */
+const std::string unity = " 00010000 *12 00010000 *12 40000000 ", video_size = unity + "02800000 01680000 ) ",
+    dinf = " dinf( dref( *4 00000001 0000000C 75726C20 00000001 ) ) ",
+    vide = " hdlr( *4 'mhlrvide *13 ) minf( vmhd( 00000001 *8 )" + dinf + "stbl( stsd( *4 00000001 ",
+    picture = " *6 0001 *16 02800168 00480000 00480000 *4 0001 *32 0018FFFF ";
+const std::string good =
+    "ftyp( 'mp42 *4 'mp42isom ) mdat( 00000005 6588840010 00000002 419A 2110 0460 2110 0461 "
+    "00000002 419B 00000002 2601 ) "
+    "moov( mvhd( *12 000003E8 00000050 00010000 0100 *10" + unity + "*24 00000004 ) "
+    "iods( *4 1019 004FFFFF0F03FF 0E0400000001 0E0400000002 0E0400000003 ) "
+    "trak( tkhd( 00000007 *8 00000001 *4 00000050 *16" + video_size + "mdia( mdhd( *12 00015F90 00001C20 15C70000 )" +
+    vide + "avc1(" + picture + "avcC( 01 42C01E FF E1 0004 6742C01E 01 0002 68CE ) ) ) "
+    "stts( *4 00000002 00000001 00000000 00000002 00000E10 ) stco( *4 00000002 00000020 00000037 ) "
+    "stss( *4 00000001 00000001 ) stsc( *4 00000002 00000001 00000002 00000001 00000002 00000001 00000001 ) "
+    "stsz( *4 00000000 00000003 00000009 00000006 00000006 ) ) ) ) ) "
+    "trak( tkhd( 00000007 *8 00000002 *4 00000029 *12 01000000" + unity + "*8 ) "
+    "edts( elst( *4 00000002 00000014 FFFFFFFF 00010000 00000015 00000000 00010000 ) ) "
+    "mdia( mdhd( *12 0000BB80 000007C0 15C70000 ) hdlr( *4 'mhlrsoun *13 ) minf( smhd( *8 )" + dinf +
+    "stbl( stsd( *4 00000001 mp4a( *6 0001 *8 0002 0010 *4 BB800000 "
+    "esds( *4 0319 0002 00 0411 40 15 003A98 0016E360 *4 0502 1190 0601 02 ) ) ) "
+    "stts( *4 00000002 00000001 00000000 00000001 00000400 ) stco( *4 00000001 0000002F ) "
+    "stsc( *4 00000001 00000001 00000002 00000001 ) stsz( *4 00000004 00000002 ) ) ) ) ) "
+    "trak( tkhd( 00000007 *8 00000003 *4 00000000 *16" + video_size + "mdia( mdhd( *12 00015F90 00000000 15C70000 )" +
+    vide + "hev1(" + picture + "hvcC( 01 01 60000000 9000 *4 99 F000 FC FD F8 F8 0000 0F 01 A1 0001 0003 420101 ) ) ) "
+    "stts( *4 00000001 00000001 00000000 ) stco( *4 00000001 0000003D ) "
+    "stsc( *4 00000001 00000001 00000001 00000001 ) stsz( *4 00000006 00000001 ) ) ) ) ) )";
+
+std::string assemble(std::istream &in)
+{
+    std::string data, token;
+    while (in >> token && token != ")") {
+        if (token[0] == '\'') data += token.substr(1);
+        else if (token[0] == '*') data.append(std::stoul(token.substr(1)), '\0');
+        else if (token.back() == '(') {
+            const std::string body = assemble(in);
+            data += {'\0', '\0', char((body.size() + 8) >> 8), char(body.size() + 8)};
+            data += token.substr(0, 4) + body;
+        } else
+            for (size_t i = 0; i < token.size(); i += 2) data += char(std::stoi(token.substr(i, 2), nullptr, 16));
+    }
+    return data;
+}
+std::string file_with(const std::string &what = "", const std::string &instead = "")
+{
+    std::istringstream in(std::string(good).replace(good.find(what), what.size(), instead));
+    return assemble(in);
+}
+mp4::file read(const std::string &data) { return mp4::read(std::vector<uint8_t>(data.begin(), data.end())); }
+std::string told(const mp4::file &f)
+{
+    std::string text;
+    for (const mp4::problem &p : f.problems) text += (p.fault ? "fault: " : "remark: ") + p.text + '\n';
+    return text;
+}
+
+TEST(Mp4Reader, ReadsAGoodFileFromMemoryAndFromDisk)
+{
+    const std::string path = testing::TempDir() + "mp4_reader_test.mp4";
+    std::ofstream(path, std::ios::binary) << file_with();
+    for (const mp4::file &f : {read(file_with()), mp4::read(path)}) {
+        EXPECT_EQ(told(f), "");
+        std::ostringstream samples;
+        for (const mp4::track &t : f.tracks)
+            for (const auto &s : t.samples)
+                samples << t.id << ':' << s.offset << '+' << s.size << " at " << s.time << '+' << s.duration << " in "
+                        << s.chunk << (s.sync ? " sync, " : ", ");
+        EXPECT_EQ(samples.str(), "1:32+9 at 0+0 in 0 sync, 1:41+6 at 0+3600 in 0, 1:55+6 at 3600+3600 in 1, "
+                                 "2:47+4 at 0+0 in 0 sync, 2:51+4 at 0+1024 in 0 sync, 3:61+6 at 0+0 in 0 sync, ");
+    }
+    std::remove(path.c_str());
+    EXPECT_FALSE(mp4::read(path).sound() || mp4::read(testing::TempDir()).sound());
+}
+
+TEST(Mp4Reader, NamesEachDamage)
+{
+    const struct { const char *what, *instead, *problem; } rows[] = {
+        {"ftyp(", "free(", "the file holds no ftyp"},          {"stsc(", "skip(", "stbl holds no stsc"},
+        {"mdat(", "00000000 'mdat", "mdat: the size is 0"},    {"mdat(", "00000007 'mdat", "the size is too small"},
+        {"stbl(", "0000FFFF 'stbl", "size 65535 leaves minf"}, {"5 6588840010", "6 6588840010", "do not add up"},
+        {"iods(", "mvhd(", "moov holds a second mvhd"},        {"0E0400000003", "0E0400000009", "no track 9"},
+        {"mvhd( *12", "mvhd( 02 *11", "version 2 is unknown"}, {"E8 00000050", "E8 00000051", "is not the longest"},
+        {"0100 *10", "0100 01 *9", "mvhd: reserved bytes"},    {"04 ) iods", "03 ) iods", "next_track_ID 3"},
+        {"*8 00000002", "*8 00000001", "is 0 or used twice"},  {"*4 00000050", "*4 00000052", "1: the track plays to"},
+        {"00 00010000 )", "FF 00010000 )", "2: the track plays"}, {"00000015", "00000020", "not the sum of the edits"},
+        {"000007C0", "000007BE", "mdhd: duration 1982 is"},    {"'mhlrvide", "'mhlrsoun", "soun, vmhd and avc1 do not"},
+        {"01 avc1", "02 avc1", "stsd: entry_count is 2"},      {"01 42C0", "01 4DC0", "avcC: profile or level"},
+        {"FF E1", "FE E1", "lengths of 3 bytes"},              {"E1 0004", "E1 FFFF", "avcC ends before its last"},
+        {"A1 0001", "A2 0001", "type 34) is of type 33"},      {"0319 0002", "031A 0002", "descriptor 3 leaves"},
+        {"0319 0002", "0319 0009", "ES_ID 9"},                 {"6C20 00000001", "6C20 00000000", "url : flags 0"},
+        {"02 00000E10", "03 00000E10", "stts times 4"},        {"01 ) stsc", "04 ) stsc", "stss: sample 4"},
+        {"20 00000037", "1F 00000037", "15 bytes, is outside"}, {"20 00000037", "21 00000037", "chunk 1 overlaps"},
+        {"stts( *4 00000002", "stts( *4 FFFFFFFF", "stts claims 4294967295 entries, but has room for 2"},
+        {"stsc( *4 00000002 00000001", "stsc( *4 00000002 00000002", "stsc: chunk 2 cannot be followed by 2"},
+        {"stsc( *4 00000002 00000001 00000002", "stsc( *4 00000002 00000001 00000003", "stsc places 4 samples"},
+        {"stsz( *4 00000004 00000002", "stsz( *4 00000004 FFFFFFFF", "stsz has 4294967295"},
+        /* All tables agree on more samples than there can be. */
+        {"00000001 00000000 ) stco( *4 00000001 0000003D ) stsc( *4 00000001 00000001 00000001 00000001 ) stsz( *4 "
+         "00000006", "0FFFFFFF 00000000 ) stco( *4 00000001 0000003D ) stsc( *4 00000001 00000001 0FFFFFFF 00000001 ) "
+         "stsz( *4 00000001 0FFFFFFF ) free(", "there can be no 268435455 samples"},
+    };
+    for (const auto &[what, instead, problem] : rows) {
+        const mp4::file f = read(file_with(what, instead));
+        EXPECT_FALSE(f.sound()) << problem;
+        EXPECT_NE(told(f).find(problem), std::string::npos) << problem << " not among\n" << told(f);
+    }
+}
+
+TEST(Mp4Reader, SurvivesCutsAndTails)
+{
+    const std::string whole = file_with();
+    for (size_t n = 0; n < whole.size(); n++) EXPECT_FALSE(read(whole.substr(0, n)).sound()) << n;
+    for (const std::string &tail : {std::string(1, '\0'), std::string(8, '\0'), std::string("trailing")})
+        EXPECT_FALSE(read(whole + tail).sound());
+}
+
+} // namespace

@@ -1,0 +1,107 @@
+/** The wrappers behind faults.h: the linker sends calls of f to __wrap_f; __real_f is the f that was meant. */
+#include "faults.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include <mediafiles/support/log.h>
+
+namespace faults {
+
+std::vector<std::string> log_lines;
+static injection *current;
+
+static bool fails(call kind)
+{
+    if (!current) return false;
+    const plan &orders = current->orders;
+    const long n = current->made[kind]++;
+    if (kind != orders.kind || orders.nth < 0 || n < orders.nth || (n > orders.nth && !orders.forever)) return false;
+    if (kind != advice) errno = orders.error;
+    return current->hit = true;
+}
+
+static int refusal(call kind) { return kind == advice ? current->orders.error : -1; }
+static void hold(const void *block, long blocks) { if (current && block) current->held += blocks; }
+static size_t limited(size_t n) { return current && current->orders.cut ? std::min(n, current->orders.cut) : n; }
+static void spoil_errno() { errno = current && current->orders.spoil ? EDOM : errno; }
+
+injection::injection(const plan &plan) : orders(plan) { current = this; }
+injection::~injection() { current = nullptr; }
+
+} // namespace faults
+
+using namespace faults;
+
+extern "C" {
+
+uint32_t __logLevels[256];
+
+void __printLog(int level, const char *format, ...)
+{
+    char line[512];
+    va_list arguments;
+    va_start(arguments, format);
+    vsnprintf(line, sizeof line, format, arguments);
+    va_end(arguments);
+    log_lines.push_back(std::to_string(level) + " " + line);
+    spoil_errno();
+}
+
+void *__real_realloc(void *, size_t);
+void __real_free(void *);
+ssize_t __real_writev(int, const iovec *, int);
+
+void *__wrap_realloc(void *block, size_t size)
+{
+    if (fails(memory)) return nullptr;
+    if (block && current) current->largest_growth = std::max(current->largest_growth, size);
+    void *grown = __real_realloc(block, size);
+    hold(grown, block ? 0 : 1);
+    return grown;
+}
+
+void *__real_calloc(size_t, size_t);
+void *__wrap_malloc(size_t size) { return __wrap_realloc(nullptr, size); }
+void *__wrap_calloc(size_t count, size_t size)
+{
+    if (fails(memory)) return nullptr;
+    void *block = __real_calloc(count, size);
+    hold(block, 1);
+    return block;
+}
+
+void __wrap_free(void *block)
+{
+    hold(block, -1);
+    __real_free(block);
+    spoil_errno();
+}
+
+#define WRAP(kind, result, name, parameters, arguments) \
+    result __real_##name parameters; \
+    result __wrap_##name parameters { return fails(kind) ? refusal(kind) : __real_##name arguments; }
+
+WRAP(output, ssize_t, write, (int fd, const void *data, size_t n), (fd, data, limited(n)))
+WRAP(input, ssize_t, read, (int fd, void *data, size_t n), (fd, data, limited(n)))
+WRAP(syncing, int, fsync, (int fd), (fd))
+WRAP(opening, int, open, (const char *path, int flags, mode_t mode), (path, flags, mode))
+WRAP(opening, int, open64, (const char *path, int flags, mode_t mode), (path, flags, mode))
+WRAP(seeking, long, lseek, (int fd, long to, int whence), (fd, to, whence)) // off_t under its plain name
+WRAP(seeking, int64_t, lseek64, (int fd, int64_t to, int whence), (fd, to, whence))
+WRAP(advice, int, posix_fadvise, (int fd, long from, long n, int what), (fd, from, n, what))
+WRAP(advice, int, posix_fadvise64, (int fd, int64_t from, int64_t n, int what), (fd, from, n, what))
+
+ssize_t __wrap_writev(int fd, const iovec *list, int count)
+{
+    if (!current || !current->orders.cut) return fails(output) ? -1 : __real_writev(fd, list, count);
+    while (count > 1 && list->iov_len == 0) list++, count--;
+    return __wrap_write(fd, list->iov_base, list->iov_len); // part of one entry: short like any other
+}
+
+} // extern "C"

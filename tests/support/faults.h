@@ -1,0 +1,41 @@
+/**
+ * Fault injection: system calls and allocations of the code under test pass through wrappers that count them and can
+ * make them fail; the logger is replaced by one that keeps its lines. A program that uses this is linked with the
+ * static library, faults.cpp and -Wl,--wrap=NAME for malloc, calloc, realloc, free, write, writev, read, fsync, lseek,
+ * lseek64, posix_fadvise, posix_fadvise64, open and open64. What lies in shared libraries (operator new, pread, stdio)
+ * is not touched: tests use it freely meanwhile.
+ */
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+namespace faults {
+
+extern std::vector<std::string> log_lines; // the logger's, each behind its level: "5 text\n"
+
+enum call { memory, output, seeking, advice, input, opening, syncing, kinds }; // output: write, writev
+
+struct plan {
+    call kind = memory;
+    long nth = -1;        // the call that fails, from 0; -1: none
+    bool forever = false; // and every later one
+    int error = 0;        // errno of the failure
+    size_t cut = 0;       // bytes that one read or write moves at most; 0: no limit
+    bool spoil = false;   // free and the logger leave errno at EDOM
+};
+
+/** Counts, and fails calls as planned, while it lives; one at a time. */
+struct injection {
+    explicit injection(const plan &plan = {});
+    ~injection();
+
+    plan orders;
+    bool hit = false;          // the planned failure took place
+    long made[kinds] = {};     // calls, failed ones included
+    long held = 0;             // blocks allocated and not yet freed
+    size_t largest_growth = 0; // bytes of the largest realloc of a block that existed
+};
+
+} // namespace faults

@@ -1,0 +1,95 @@
+"""What independent readers make of a file, and what the streams say they should.
+
+ffprobe, ffmpeg, GStreamer and mediainfo read what was recorded; the expected packets come from a stream's manifest
+and from the stream's own bytes.
+"""
+
+import csv
+import json
+import pathlib
+import re
+import subprocess
+from collections import namedtuple
+
+Unit = namedtuple("Unit", "data time_ns key")
+Packet = namedtuple("Packet", "size ticks key")
+PATIENCE = 60  # seconds
+
+
+def run(*command):
+    """Standard output of a command that must succeed and say nothing on standard error."""
+    done = subprocess.run([str(c) for c in command], capture_output=True, text=True, check=False, timeout=PATIENCE)
+    if done.returncode != 0 or done.stderr:
+        raise AssertionError(f"{command}: exit {done.returncode}: {done.stderr}")
+    return done.stdout
+
+
+def units(stream):
+    """The access units of an elementary stream, by the manifest beside it."""
+    stream = pathlib.Path(stream)
+    data = stream.read_bytes()
+    with open(stream.with_suffix(".units.tsv"), newline="") as manifest:
+        rows = list(csv.DictReader(manifest, delimiter="\t"))
+    return [Unit(data[int(r["offset"]):int(r["offset"]) + int(r["length"])], int(r["time_ns"]), int(r["key"]))
+            for r in rows]
+
+
+def runs_to_end(codec, header):
+    return header & 0x1F in (1, 5) if codec == "h264" else header >> 1 & 0x3F in (1, 19)
+
+
+def stored_units(data, codec):
+    """The NAL units of an access unit as they are stored: some slices run to the end."""
+    found = []
+    starts = list(re.finditer(rb"\x00?\x00\x00\x01", data))
+    for i, start in enumerate(starts):
+        if runs_to_end(codec, data[start.end()]):
+            return found + [data[start.end():]]
+        found.append(data[start.end():starts[i + 1].start() if i + 1 < len(starts) else len(data)])
+    return found
+
+
+def stored_size(unit, codec):
+    if codec == "aac":
+        return len(unit.data) - 7
+    return sum(4 + len(nal) for nal in stored_units(unit.data, codec))
+
+
+def expected_packets(all_units, codec, timescale):
+    """The first sample lasts 0, each next the time since the one before, rounded half up."""
+    found, begin, last = [], 0, all_units[0].time_ns
+    for unit in all_units:
+        found.append(Packet(stored_size(unit, codec), begin, bool(unit.key)))
+        begin += ((unit.time_ns - last) * timescale + 500_000_000) // 1_000_000_000
+        last = unit.time_ns
+    return found
+
+
+def packets(path, stream):
+    shown = json.loads(run("ffprobe", "-v", "error", "-select_streams", stream, "-show_entries",
+                           "packet=dts,size,flags", "-of", "json", path))
+    return [Packet(int(p["size"]), int(p["dts"]), "K" in p["flags"]) for p in shown["packets"]]
+
+
+def streams(path):
+    return json.loads(run("ffprobe", "-v", "error", "-show_streams", "-of", "json", path))["streams"]
+
+
+def frame_checksums(path, stream="0"):
+    lines = run("ffmpeg", "-v", "error", "-i", path, "-map", f"0:{stream}", "-f", "framemd5", "-").splitlines()
+    return [line.split(",")[-1].strip() for line in lines if not line.startswith("#")]
+
+
+def gstreamer_buffers(path, pad):
+    """Buffers that qtdemux hands out for a track, until the end of the stream."""
+    done = subprocess.run(["gst-launch-1.0", "-v", "filesrc", f"location={path}", "!", "qtdemux", "name=d",
+                           f"d.{pad}", "!", "fakesink", "silent=false", "sync=false"],
+                          capture_output=True, text=True, check=False, timeout=PATIENCE)
+    if done.returncode != 0 or "ERROR" in done.stdout + done.stderr:
+        raise AssertionError(done.stdout[-2000:] + done.stderr)
+    return done.stdout.count("chain   *******")
+
+
+def mediainfo_tracks(path):
+    tracks = json.loads(run("mediainfo", "--Output=JSON", path))["media"]["track"]
+    return {t["@type"]: t for t in tracks}
