@@ -1,0 +1,47 @@
+# Entry points for people. Everything is built by CMake below out/; what a
+# target needs from Debian is installed first, when it is missing.
+
+PREFIX ?= /usr/local
+JOBS ?= $(shell nproc)
+
+.PHONY: all demo test bench cross-arm install clean
+
+all:
+	scripts/install-packages build
+	cmake --preset release
+	cmake --build out/release -j $(JOBS)
+
+demo:
+	scripts/install-packages build tools demo
+	cmake --preset release -DMEDIAFILES_TOOLS=ON
+	cmake --build out/release -j $(JOBS)
+	scripts/demo out/release
+
+# The tests of the optimised build, then those of the sanitizers' build.
+test:
+	scripts/install-packages build tools test
+	cmake --preset test
+	cmake --build out/test -j $(JOBS)
+	cmake --preset sanitizers
+	cmake --build out/sanitizers -j $(JOBS)
+	ctest --test-dir out/test --output-on-failure -j $(JOBS)
+	ctest --test-dir out/sanitizers --output-on-failure -j $(JOBS)
+
+bench:
+	scripts/install-packages build bench
+	cmake --preset bench
+	cmake --build out/bench -j $(JOBS)
+	scripts/bench out/bench
+
+cross-arm:
+	scripts/install-packages build arm
+	cmake --preset arm
+	cmake --build out/arm -j $(JOBS)
+
+install:
+	cmake -S . -B out/install -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=$(PREFIX)
+	cmake --build out/install -j $(JOBS)
+	DESTDIR=$(DESTDIR) cmake --install out/install
+
+clean:
+	rm -rf out
