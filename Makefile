@@ -4,7 +4,7 @@
 PREFIX ?= /usr/local
 JOBS ?= $(shell nproc)
 
-.PHONY: all demo test bench cross-arm install clean
+.PHONY: all demo test test-arm bench cross-arm install clean
 
 all:
 	scripts/install-packages build
@@ -17,15 +17,23 @@ demo:
 	cmake --build out/release -j $(JOBS)
 	scripts/demo out/release
 
-# The tests of the optimised build, then those of the sanitizers' build.
+# The tests of the optimised build, those of the sanitizers' build, and the
+# library's for 32-bit ARM under emulation.
 test:
-	scripts/install-packages build tools test
+	scripts/install-packages build tools test arm
 	cmake --preset test
 	cmake --build out/test -j $(JOBS)
 	cmake --preset sanitizers
 	cmake --build out/sanitizers -j $(JOBS)
 	ctest --test-dir out/test --output-on-failure -j $(JOBS)
 	ctest --test-dir out/sanitizers --output-on-failure -j $(JOBS)
+	$(MAKE) test-arm
+
+test-arm:
+	scripts/install-packages build arm
+	cmake --preset arm-neon
+	cmake --build out/arm-neon -j $(JOBS)
+	ctest --test-dir out/arm-neon --output-on-failure -j $(JOBS)
 
 bench:
 	scripts/install-packages build bench

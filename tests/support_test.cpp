@@ -109,7 +109,7 @@ TEST(DescriptorIo, GoesOnUntilARealFailureAndCountsWhatWentOut)
                                           : writen(file, data.data(), data.size());
         EXPECT_TRUE(c.limit == RLIM_INFINITY || errno == EFBIG) << errno;
         limit_files(RLIM_INFINITY);
-        if (c.limit < data.size()) data.resize(c.limit);
+        if (c.limit < data.size()) data.resize(static_cast<size_t>(c.limit));
         EXPECT_EQ(c.limit == 0 ? -1 : static_cast<ssize_t>(data.size()), result);
         EXPECT_EQ(c.interrupted >= 0, injection.hit);
         lseek(file, 0, SEEK_SET);

@@ -6,10 +6,8 @@
 #include <mediafiles/h264-parser.h>
 #include <mediafiles/h264-track.h>
 
-#include "mediafiles/mp4/annexb.h"
-#include "mediafiles/mp4/video-entry.h"
+#include "mediafiles/mp4/box-body.h"
 #include "mediafiles/mp4/video-track.h"
-#include "mediafiles/ownership.h"
 
 namespace mediafiles {
 namespace {
@@ -37,15 +35,15 @@ struct h264_codec {
     static bool runs_to_end(uint8_t type) { return type == 1 || type == 5; }
 
     static constexpr kept_unit<record> kept[] = {
-        {7, MEMENTO_SPS, &record::sps},
-        {8, MEMENTO_PPS, &record::pps},
+        {7, MEMENTO_SPS, &record::sps, &mp4_track::set_sps},
+        {8, MEMENTO_PPS, &record::pps, &mp4_track::set_pps},
     };
+
+    static constexpr child_box entry = {"avc1", mp4_atom_avc1_write};
+    static constexpr child_box configuration = {"avcC", mp4_atom_avcC_write};
 };
 
-int write_sample_entry(mp4_track *track, mp4_atom *parent, mp4_stream *stream)
-{
-    return write_box(stream, "avc1", mp4_atom_avc1_write, parent->movie, track);
-}
+using h264_track = video_track<h264_codec>;
 
 } // namespace
 } // namespace mediafiles
@@ -54,27 +52,19 @@ using namespace mediafiles;
 
 mp4_track *mp4_h264_track_create(uint32_t id, int width, int height, uint32_t raw)
 {
-    auto record = create_record<h264_codec>();
-    if (!record) return nullptr;
-    mp4_track *track = create_video_track<h264_codec>(std::move(record), id, width, height, raw);
-    if (!track) return nullptr;
-    track->write_sample_entry = write_sample_entry;
-    if (raw) {
-        track->set_sps = set_parameter_set<h264_codec_data, &h264_codec_data::sps>;
-        track->set_pps = set_parameter_set<h264_codec_data, &h264_codec_data::pps>;
-    }
-    return track;
+    auto record = h264_track::create_record();
+    return record ? h264_track::create_track(std::move(record), id, width, height, raw) : nullptr;
 }
 
 int mp4_atom_avc1_write(mp4_atom *atom, mp4_stream *stream)
 {
-    return write_video_entry(atom, stream, {"avcC", mp4_atom_avcC_write});
+    return h264_track::write_entry_body(atom, stream);
 }
 
 // ISO/IEC 14496-15, 5.3.3.1: one SPS and one PPS, also where none was seen.
 int mp4_atom_avcC_write(mp4_atom *atom, mp4_stream *stream)
 {
-    const auto &record = *static_cast<const h264_codec_data *>(atom->track->codec_data);
+    const h264_codec_data &record = h264_track::record_of(atom->track);
     heap_body body(uint64_t{11} + record.sps.len + record.pps.len);
     if (!body.valid()) return -1;
 

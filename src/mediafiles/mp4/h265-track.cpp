@@ -8,8 +8,7 @@
 #include <mediafiles/h265-parser.h>
 #include <mediafiles/h265-track.h>
 
-#include "mediafiles/mp4/annexb.h"
-#include "mediafiles/mp4/video-entry.h"
+#include "mediafiles/mp4/box-body.h"
 #include "mediafiles/mp4/video-track.h"
 
 namespace mediafiles {
@@ -50,17 +49,17 @@ struct h265_codec {
     static bool runs_to_end(uint8_t type) { return type == trail_r || type == idr_w_radl; }
 
     static constexpr kept_unit<record> kept[] = {
-        {vps_nut, MEMENTO_VPS, &record::vps},
-        {sps_nut, MEMENTO_SPS, &record::sps},
-        {pps_nut, MEMENTO_PPS, &record::pps},
-        {prefix_sei_nut, MEMENTO_SEI, &record::sei},
+        {vps_nut, MEMENTO_VPS, &record::vps, &mp4_track::set_vps},
+        {sps_nut, MEMENTO_SPS, &record::sps, &mp4_track::set_sps},
+        {pps_nut, MEMENTO_PPS, &record::pps, &mp4_track::set_pps},
+        {prefix_sei_nut, MEMENTO_SEI, &record::sei, &mp4_track::set_sei},
     };
+
+    static constexpr child_box entry = {"hev1", mp4_atom_hev1_write};
+    static constexpr child_box configuration = {"hvcC", mp4_atom_hvcC_write};
 };
 
-int write_sample_entry(mp4_track *track, mp4_atom *parent, mp4_stream *stream)
-{
-    return write_box(stream, "hev1", mp4_atom_hev1_write, parent->movie, track);
-}
+using h265_track = video_track<h265_codec>;
 
 // One array of hvcC with one NAL unit, also where none was seen.
 void add_array(heap_body &body, uint8_t type, const parameter_set &set)
@@ -78,30 +77,21 @@ using namespace mediafiles;
 
 mp4_track *mp4_h265_track_create(uint32_t id, int width, int height, uint32_t raw)
 {
-    auto record = create_record<h265_codec>();
+    auto record = h265_track::create_record();
     if (!record) return nullptr;
     printf("[%s:%s] id=%d, width=%d, height=%d.\n", source_path, __func__, static_cast<int>(id), width, height);
-    mp4_track *track = create_video_track<h265_codec>(std::move(record), id, width, height, raw);
-    if (!track) return nullptr;
-    track->write_sample_entry = write_sample_entry;
-    if (raw) {
-        track->set_vps = set_parameter_set<h265_codec_data, &h265_codec_data::vps>;
-        track->set_sps = set_parameter_set<h265_codec_data, &h265_codec_data::sps>;
-        track->set_pps = set_parameter_set<h265_codec_data, &h265_codec_data::pps>;
-        track->set_sei = set_parameter_set<h265_codec_data, &h265_codec_data::sei>;
-    }
-    return track;
+    return h265_track::create_track(std::move(record), id, width, height, raw);
 }
 
 int mp4_atom_hev1_write(mp4_atom *atom, mp4_stream *stream)
 {
-    return write_video_entry(atom, stream, {"hvcC", mp4_atom_hvcC_write});
+    return h265_track::write_entry_body(atom, stream);
 }
 
 // ISO/IEC 14496-15, 8.3.3.1: the general fields of Main profile, level 5.1.
 int mp4_atom_hvcC_write(mp4_atom *atom, mp4_stream *stream)
 {
-    const auto &record = *static_cast<const h265_codec_data *>(atom->track->codec_data);
+    const h265_codec_data &record = h265_track::record_of(atom->track);
     heap_body body(uint64_t{38} + record.vps.len + record.sps.len + record.pps.len);
     if (!body.valid()) return -1;
 

@@ -6,6 +6,8 @@
 #include <cstring>
 #include <span>
 
+#include <mediafiles/track.h>
+
 namespace mediafiles {
 
 struct parameter_set {
@@ -32,12 +34,14 @@ struct parameter_set {
     }
 };
 
-// A NAL unit type that is kept: where, and as which memento.
+// A NAL unit type that is kept: as which memento, where, and the hook that
+// sets it when samples arrive as they are stored.
 template <class Record>
 struct kept_unit {
     uint8_t type;
     uint8_t kind;
     parameter_set Record::*set;
+    void (*mp4_track::*setter)(mp4_track *, const void *, uint32_t);
 };
 
 } // namespace mediafiles

@@ -1,11 +1,8 @@
-// What every video sample entry begins with (ISO/IEC 14496-12, 12.1.3), and
-// how it is written: this body, then the box with the decoder configuration.
+// What every video sample entry begins with (ISO/IEC 14496-12, 12.1.3). The
+// box with the decoder configuration follows.
 #pragma once
 
-#include <mediafiles/track.h>
-
 #include "mediafiles/mp4/box-body.h"
-#include "mediafiles/mp4/box-tree.h"
 
 namespace mediafiles {
 
@@ -27,12 +24,5 @@ constexpr box_body<78> video_entry_body(uint16_t width, uint16_t height)
     return body;
 }
 static_assert(video_entry_body(0, 0).size() == 78);
-
-inline int write_video_entry(mp4_atom *atom, mp4_stream *stream, const child_box &configuration)
-{
-    const mp4_track *track = atom->track;
-    if (write_body(stream, video_entry_body(track->video.width, track->video.height)) != 0) return -1;
-    return write_children(atom, stream, {&configuration, 1});
-}
 
 } // namespace mediafiles

@@ -1,67 +1,92 @@
 // What the video tracks have in common: a codec record made of parameter
 // sets, which are forgotten when a recording begins and released with the
-// track.
+// track, and the hooks around them.
+//
+// Beyond the splitter's traits a codec has:
+//     entry            its sample entry box, with its body writer
+//     configuration    the box in it, with its body writer
 #pragma once
+
+#include <utility>
 
 #include <mediafiles/track.h>
 
 #include "mediafiles/mp4/annexb.h"
+#include "mediafiles/mp4/box-tree.h"
+#include "mediafiles/mp4/video-entry.h"
 #include "mediafiles/ownership.h"
 
 namespace mediafiles {
 
-template <class Codec>
-void drop_parameter_sets(mp4_track *track)
-{
-    auto &record = *static_cast<typename Codec::record *>(track->codec_data);
-    for (const auto &unit : Codec::kept) (record.*unit.set).drop();
-}
-
-template <class Codec>
-int begin_video_record(mp4_track *track)
-{
-    drop_parameter_sets<Codec>(track);
-    return 0;
-}
-
-template <class Codec>
-void destroy_video_record(mp4_track *track)
-{
-    drop_parameter_sets<Codec>(track);
-    free(track->codec_data);
-}
-
-template <class Record, parameter_set Record::*Set>
-void set_parameter_set(mp4_track *track, const void *data, uint32_t len)
-{
-    (static_cast<Record *>(track->codec_data)->*Set).keep(data, len);
-}
-
 constexpr uint32_t video_timescale = 90000;
 
 template <class Codec>
-using record_ptr = owned<typename Codec::record, free>;
+struct video_track {
+    using record = typename Codec::record;
+    using record_ptr = owned<record, free>;
 
-template <class Codec>
-record_ptr<Codec> create_record()
-{
-    return record_ptr<Codec>(create<typename Codec::record>());
-}
+    static record &record_of(const mp4_track *track) { return *static_cast<record *>(track->codec_data); }
 
-// A track with its codec record; the codec adds its sample entry and, for
-// samples that arrive as they are stored, its setters.
-template <class Codec>
-mp4_track *create_video_track(record_ptr<Codec> record, uint32_t id, int width, int height, uint32_t raw)
-{
-    mp4_track *track = mp4_track_create(id, MP4_MEDIA_VIDEO, video_timescale, 0);
-    if (!track) return nullptr;
-    track->video.width = static_cast<uint16_t>(width);
-    track->video.height = static_cast<uint16_t>(height);
-    track->codec_data = record.release();
-    track->on_begin_record = begin_video_record<Codec>;
-    track->on_destroy = destroy_video_record<Codec>;
-    if (!raw) track->add_sample = add_access_unit<Codec>;
-    return track;
-}
+    static record_ptr create_record() { return record_ptr(create<record>()); }
+
+    static mp4_track *create_track(record_ptr made, uint32_t id, int width, int height, uint32_t raw)
+    {
+        mp4_track *track = mp4_track_create(id, MP4_MEDIA_VIDEO, video_timescale, 0);
+        if (!track) return nullptr;
+        track->video.width = static_cast<uint16_t>(width);
+        track->video.height = static_cast<uint16_t>(height);
+        track->codec_data = made.release();
+        track->on_begin_record = begin_record;
+        track->on_destroy = destroy_record;
+        track->write_sample_entry = write_sample_entry;
+        if (raw)
+            fill_setters(track, std::make_index_sequence<std::size(Codec::kept)>());
+        else
+            track->add_sample = add_access_unit<Codec>;
+        return track;
+    }
+
+    static int write_entry_body(mp4_atom *atom, mp4_stream *stream)
+    {
+        const auto body = video_entry_body(atom->track->video.width, atom->track->video.height);
+        if (write_body(stream, body) != 0) return -1;
+        return write_children(atom, stream, {&Codec::configuration, 1});
+    }
+
+private:
+    static void drop_parameter_sets(mp4_track *track)
+    {
+        for (const auto &unit : Codec::kept) (record_of(track).*unit.set).drop();
+    }
+
+    static int begin_record(mp4_track *track)
+    {
+        drop_parameter_sets(track);
+        return 0;
+    }
+
+    static void destroy_record(mp4_track *track)
+    {
+        drop_parameter_sets(track);
+        free(track->codec_data);
+    }
+
+    static int write_sample_entry(mp4_track *track, mp4_atom *parent, mp4_stream *stream)
+    {
+        return write_box(stream, Codec::entry.type, Codec::entry.body, parent->movie, track);
+    }
+
+    template <size_t Unit>
+    static void set(mp4_track *track, const void *data, uint32_t len)
+    {
+        (record_of(track).*Codec::kept[Unit].set).keep(data, len);
+    }
+
+    template <size_t... Unit>
+    static void fill_setters(mp4_track *track, std::index_sequence<Unit...>)
+    {
+        ((track->*Codec::kept[Unit].setter = set<Unit>), ...);
+    }
+};
 
 } // namespace mediafiles

@@ -9,6 +9,24 @@
 #include "mediafiles/mp4/codec/leading-fields.h"
 #include "mediafiles/ownership.h"
 
+namespace mediafiles {
+namespace {
+
+// Reads bits that have only one value. Where they have another, a line tells,
+// and errno stays as it is.
+bool read_reserved(bit_reader *reader, int n, uint32_t value, const char *complaint)
+{
+    uint32_t bits;
+    if (read_bits(reader, n, &bits) != 0) return false;
+    if (bits == value) return true;
+    errno_saver keep;
+    puts(complaint);
+    return false;
+}
+
+} // namespace
+} // namespace mediafiles
+
 using namespace mediafiles;
 
 int h265_parser_decode_nal_header(const uint8_t *data, uint32_t len, h265_nal_header *header)
@@ -28,24 +46,12 @@ int h265_parser_decode_vps(const uint8_t *nal, uint32_t len, h265_vps *vps)
     }
     *vps = {};
     bit_reader reader = read_from(nal + 2, len - 2);
-    uint32_t reserved;
     if (!read_field(&reader, 4, &vps->vps_id)) return -1;
-    if (!read_field(&reader, 2, &reserved)) return -1;
-    if (reserved != 3) {
-        errno_saver keep;
-        puts("vps_reserved_three_2bits is not three");
-        return -1;
-    }
+    if (!read_reserved(&reader, 2, 3, "vps_reserved_three_2bits is not three")) return -1;
     if (!read_field(&reader, 6, &vps->max_layers)) return -1;
     if (!read_field(&reader, 3, &vps->max_sub_layers)) return -1;
     if (!read_field(&reader, 1, &vps->temporal_id_nesting)) return -1;
-    if (!read_field(&reader, 16, &reserved)) return -1;
-    if (reserved != 0xFFFF) {
-        errno_saver keep;
-        puts("vps_reserved_ffff_16bits is not 0xffff");
-        return -1;
-    }
-    return 0;
+    return read_reserved(&reader, 16, 0xFFFF, "vps_reserved_ffff_16bits is not 0xffff") ? 0 : -1;
 }
 
 int h265_parser_decode_sps(const uint8_t *nal, uint32_t len, h265_sps *sps)
