@@ -7,23 +7,36 @@
 
 #include "mediafiles/mp4/codec/start-code.h"
 
+#include <cstddef>
+
 #include <mediafiles/h265-parser.h>
 
 #include "mediafiles/mp4/codec/second-name.h"
 
-#if defined(__SSE2__)
+#if defined(__SSE2__) && !defined(MEDIAFILES_PORTABLE_SEARCH)
+#define SEARCH_SSE2
 #include <emmintrin.h>
-#elif defined(__ARM_NEON)
+#elif defined(__ARM_NEON) && !defined(MEDIAFILES_PORTABLE_SEARCH)
+#define SEARCH_NEON
 #include <arm_neon.h>
 #endif
 
 namespace mediafiles {
 namespace {
 
-// Positions that are examined at once; a block of them reads one byte more.
-constexpr uint32_t block = 64;
+#if defined(SEARCH_SSE2) || defined(SEARCH_NEON)
 
-#if defined(__SSE2__)
+// Positions that are examined at once; a block of them reads one byte more.
+constexpr ptrdiff_t block = 64;
+
+#else
+
+// Without vectors all is one block, for the portable code.
+constexpr ptrdiff_t block = PTRDIFF_MAX;
+
+#endif
+
+#if defined(SEARCH_SSE2)
 
 __m128i load(const uint8_t *from)
 {
@@ -43,7 +56,7 @@ bool has_pair_of_zeros(const uint8_t *from)
     return _mm_movemask_epi8(_mm_cmpeq_epi8(least, _mm_setzero_si128())) != 0;
 }
 
-#elif defined(__ARM_NEON)
+#elif defined(SEARCH_NEON)
 
 // 0 where a byte and the next are 0.
 uint8x16_t pairs(const uint8_t *from)
@@ -61,7 +74,6 @@ bool has_pair_of_zeros(const uint8_t *from)
 
 #else
 
-// Without vectors the portable code examines everything.
 constexpr bool has_pair_of_zeros(const uint8_t *)
 {
     return true;
@@ -69,10 +81,21 @@ constexpr bool has_pair_of_zeros(const uint8_t *)
 
 #endif
 
-uint32_t pass_over_blocks(const uint8_t *data, uint32_t p, uint32_t positions)
+// The first position from `at` on, before `end`, where 00 00 01 begins; `end`
+// or a little behind it when there is none.
+const uint8_t *search(const uint8_t *at, const uint8_t *end)
 {
-    while (positions - p >= block && !has_pair_of_zeros(data + p)) p += block;
-    return p;
+    // A byte above 1 is no part of a code, so that the third byte of a position
+    // often rules out the next two as well.
+    while (at < end) {
+        if (at[2] > 1)
+            at += 3;
+        else if (at[2] == 1 && at[0] == 0 && at[1] == 0)
+            break;
+        else
+            ++at;
+    }
+    return at;
 }
 
 } // namespace
@@ -80,23 +103,16 @@ uint32_t pass_over_blocks(const uint8_t *data, uint32_t p, uint32_t positions)
 start_code find_start_code(const uint8_t *data, uint32_t len)
 {
     if (len < 3) return {0, 0};
-    const uint32_t positions = len - 2;
-    for (uint32_t p = 0; p < positions;) {
-        p = pass_over_blocks(data, p, positions);
-        const uint32_t end = positions - p > block ? p + block : positions;
-        // A byte above 1 is no part of a code, so that the third byte of a
-        // position often rules out the next two as well.
-        while (p < end) {
-            const uint8_t third = data[p + 2];
-            if (third > 1)
-                p += 3;
-            else if (third == 1 && data[p] == 0 && data[p + 1] == 0)
-                return p > 0 && data[p - 1] == 0 ? start_code{p - 1, 4} : start_code{p, 3};
-            else
-                ++p;
-        }
+    const uint8_t *const last = data + (len - 2); // the first position that is too late
+    for (const uint8_t *at = data; at < last;) {
+        while (last - at >= block && !has_pair_of_zeros(at)) at += block;
+        const uint8_t *const end = last - at > block ? at + block : last;
+        at = search(at, end);
+        if (at >= end) continue;
+        const auto p = static_cast<uint32_t>(at - data);
+        return p > 0 && at[-1] == 0 ? start_code{p - 1, 4} : start_code{p, 3};
     }
-    return {positions, 0};
+    return {len - 2, 0};
 }
 
 } // namespace mediafiles
