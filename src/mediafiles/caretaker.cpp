@@ -104,51 +104,67 @@ bool is_reader(const mediafile_caretaker *caretaker)
 template <class Record>
 Record load(const memento *from)
 {
-    Record record = {};
+    Record record;
     const uint32_t there = record_size(from->length);
-    if (there >= sizeof record)
+    if (there >= sizeof record) {
         memcpy(&record, from, sizeof record);
-    else
+    } else {
+        record = {};
         memcpy(&record, from, there);
+    }
     return record;
+}
+
+// Room for a record behind those that are stored; NULL with error set.
+uint8_t *reserve(mediafile_caretaker *caretaker, uint32_t size)
+{
+    if (caretaker->capacity - caretaker->length < size) {
+        void *grown = realloc(caretaker->buffer, size_t{caretaker->capacity} * 2);
+        if (!grown) {
+            fail(caretaker, errno);
+            return nullptr;
+        }
+        caretaker->buffer = static_cast<uint8_t *>(grown);
+        caretaker->capacity *= 2;
+    }
+    uint8_t *room = caretaker->buffer + caretaker->length;
+    caretaker->length += size;
+    return room;
 }
 
 int store(mediafile_caretaker *caretaker, const memento *record)
 {
     const uint32_t size = record_size(record->length);
     if (size > MEMENTO_MAX_SIZE) return fail(caretaker, EFBIG);
-    if (caretaker->capacity - caretaker->length < size) {
-        void *grown = realloc(caretaker->buffer, size_t{caretaker->capacity} * 2);
-        if (!grown) return fail(caretaker, errno);
-        caretaker->buffer = static_cast<uint8_t *>(grown);
-        caretaker->capacity *= 2;
-    }
-    memcpy(caretaker->buffer + caretaker->length, record, size);
-    caretaker->length += size;
+    uint8_t *room = reserve(caretaker, size);
+    if (!room) return -1;
+    memcpy(room, record, size);
     return 0;
 }
 
-// Takes the first node out of the track's queue; it goes to the free list and
-// is returned by value.
-pending_sample take_first(mediafile_caretaker *caretaker, pending_queue &queue)
+// Takes the first node out of the track's queue. It is on the free list then,
+// and keeps what it holds until a node is asked for.
+const pending_sample &take_first(mediafile_caretaker *caretaker, pending_queue &queue)
 {
     pending_sample *node = queue.first;
-    const pending_sample sample = *node;
     if (queue.cursor == node) queue.cursor = nullptr;
     queue.first = node->next;
     node->next = caretaker->free_nodes;
     caretaker->free_nodes = node;
-    return sample;
+    return *node;
 }
 
 int store_sample(mediafile_caretaker *caretaker, uint8_t track, uint32_t offset, uint32_t len,
                  const pending_sample &sample)
 {
+    caretaker->next_offset = offset + len;
+    uint8_t *room = reserve(caretaker, sizeof(sample_memento));
+    if (!room) return -1;
     sample_memento record = {memento_header<sample_memento>(MEMENTO_SAMPLE, track), offset, len, {},
                              sample.nanoseconds, sample.key};
     memcpy(record.seconds, &sample.seconds, sizeof record.seconds);
-    caretaker->next_offset = offset + len;
-    return store(caretaker, &record.header);
+    memcpy(room, &record, sizeof record);
+    return 0;
 }
 
 int queue_sample(mediafile_caretaker *caretaker, const sample_memento &record)
@@ -201,7 +217,7 @@ int add_chunk(mediafile_caretaker *caretaker, const memento *memento)
     uint32_t offset = record.offset;
     for (int32_t i = 0; i < record.count; ++i) {
         if (!queue.first || queue.first->len == 0) return fail(caretaker, ENOENT);
-        const pending_sample sample = take_first(caretaker, queue);
+        const pending_sample &sample = take_first(caretaker, queue);
         if (store_sample(caretaker, memento->track, offset, sample.len, sample) != 0) return -1;
         offset += sample.len;
     }

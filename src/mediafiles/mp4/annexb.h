@@ -4,7 +4,7 @@
 // A codec is its traits:
 //     max_units                      NAL units taken from one frame
 //     no_start_code()                tells of a frame without one
-//     nal_type(unit, len, &type)     decodes the NAL unit header; false when cut off
+//     nal_header                     the record of its NAL unit header
 //     runs_to_end(type)              such a unit is not searched for its end
 //     record, kept                   the parameter sets, and which unit goes where
 #pragma once
@@ -15,6 +15,7 @@
 #include <mediafiles/track.h>
 
 #include "mediafiles/byte-order.h"
+#include "mediafiles/mp4/codec/nal-header.h"
 #include "mediafiles/mp4/codec/start-code.h"
 #include "mediafiles/mp4/parameter-set.h"
 
@@ -67,13 +68,13 @@ int add_access_unit(mp4_track *track, const void *data, uint32_t len, uint32_t d
     const uint8_t *unit = frame + code.offset + code.length;
     uint32_t rest = len - code.offset - code.length;
     for (;;) {
-        uint8_t type;
-        if (!Codec::nal_type(unit, rest, &type)) return 0;
+        typename Codec::nal_header header;
+        if (decode_nal_header(unit, rest, &header) != 0) return 0;
         uint32_t length = rest;
-        if (!Codec::runs_to_end(type)) {
+        if (!Codec::runs_to_end(header.nal_unit_type)) {
             code = find_start_code(unit, rest);
             if (code.found()) length = code.offset;
-            keep_parameter_set<Codec>(track, type, unit, length);
+            keep_parameter_set<Codec>(track, header.nal_unit_type, unit, length);
         }
         if (!units.add(unit, length)) return 0;
         if (length == rest) break;

@@ -19,17 +19,10 @@ struct h264_codec_data {
 
 struct h264_codec {
     using record = h264_codec_data;
+    using nal_header = h264_nal_header;
     static constexpr uint32_t max_units = H264_MAX_NALS;
 
     static void no_start_code() {}
-
-    static bool nal_type(const uint8_t *unit, uint32_t len, uint8_t *type)
-    {
-        h264_nal_header header;
-        if (h264_parser_decode_nal_header(unit, len, &header) != 0) return false;
-        *type = header.nal_unit_type;
-        return true;
-    }
 
     // A coded slice, of a non-IDR or an IDR picture.
     static bool runs_to_end(uint8_t type) { return type == 1 || type == 5; }

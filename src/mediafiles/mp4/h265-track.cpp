@@ -34,17 +34,10 @@ struct h265_codec_data {
 
 struct h265_codec {
     using record = h265_codec_data;
+    using nal_header = h265_nal_header;
     static constexpr uint32_t max_units = H265_MAX_NALS;
 
     static void no_start_code() { puts("could not find h265 start code"); }
-
-    static bool nal_type(const uint8_t *unit, uint32_t len, uint8_t *type)
-    {
-        h265_nal_header header;
-        if (h265_parser_decode_nal_header(unit, len, &header) != 0) return false;
-        *type = header.nal_unit_type;
-        return true;
-    }
 
     static bool runs_to_end(uint8_t type) { return type == trail_r || type == idr_w_radl; }
 

@@ -5,8 +5,8 @@
 
 #include <mediafiles/h264-parser.h>
 
-#include "mediafiles/mp4/codec/bit-reader.h"
 #include "mediafiles/mp4/codec/leading-fields.h"
+#include "mediafiles/mp4/codec/nal-header.h"
 
 using namespace mediafiles;
 
@@ -35,10 +35,7 @@ const uint8_t ff_golomb_vlc_len[512] = {
 
 int h264_parser_decode_nal_header(const uint8_t *data, uint32_t len, h264_nal_header *header)
 {
-    bit_reader reader = read_from(data, len);
-    const bool complete = read_field(&reader, 1, &header->forbidden_zero_bit) &&
-                          read_field(&reader, 2, &header->nal_ref_idc) && read_field(&reader, 5, &header->nal_unit_type);
-    return complete ? 0 : -1;
+    return decode_nal_header(data, len, header);
 }
 
 int h264_parser_decode_sps(const uint8_t *nal, uint32_t len, h264_sps *sps)

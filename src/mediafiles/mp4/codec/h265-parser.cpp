@@ -7,6 +7,7 @@
 
 #include "mediafiles/mp4/codec/bit-reader.h"
 #include "mediafiles/mp4/codec/leading-fields.h"
+#include "mediafiles/mp4/codec/nal-header.h"
 #include "mediafiles/ownership.h"
 
 namespace mediafiles {
@@ -31,11 +32,7 @@ using namespace mediafiles;
 
 int h265_parser_decode_nal_header(const uint8_t *data, uint32_t len, h265_nal_header *header)
 {
-    bit_reader reader = read_from(data, len);
-    if (!read_field(&reader, 1, &header->forbidden_zero_bit)) return -1;
-    if (!read_field(&reader, 6, &header->nal_unit_type)) return -1;
-    if (!read_field(&reader, 6, &header->nuh_layer_id)) return -1;
-    return read_field(&reader, 3, &header->nuh_temporal_id_plus1) ? 0 : -1;
+    return decode_nal_header(data, len, header);
 }
 
 int h265_parser_decode_vps(const uint8_t *nal, uint32_t len, h265_vps *vps)
