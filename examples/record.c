@@ -23,8 +23,8 @@ struct recording {
     mp4_builder *builder;
     mediafile_caretaker *journal;
     int media_fd, journal_fd, directory_fd;
-    char *rest; /* journal bytes that a short write left over; they go first */
-    size_t rest_len;
+    char pending[1 << 20]; /* journal bytes on their way to the file; what a short write leaves over goes first */
+    size_t pending_len;
 };
 
 /*
@@ -38,17 +38,15 @@ static int make_durable(struct recording *r)
 
     uint32_t count;
     const void *records = mediafile_caretaker_read(r->journal, &count);
-    char *pending = realloc(r->rest, r->rest_len + count + 1);
-    if (!pending) return -1;
-    r->rest = pending;
-    memcpy(r->rest + r->rest_len, records, count);
-    r->rest_len += count;
+    if (count > sizeof r->pending - r->pending_len) return -1;
+    memcpy(r->pending + r->pending_len, records, count);
+    r->pending_len += count;
 
-    ssize_t written = write(r->journal_fd, r->rest, r->rest_len);
-    if (written < 0) return -1;
-    r->rest_len -= (size_t)written;
-    memmove(r->rest, r->rest + written, r->rest_len);
-    return r->rest_len == 0 ? fdatasync(r->journal_fd) : -1;
+    ssize_t written = write(r->journal_fd, r->pending, r->pending_len);
+    if (written < 0) return 0; /* the recording goes on; they are written next time */
+    r->pending_len -= (size_t)written;
+    memmove(r->pending, r->pending + written, r->pending_len);
+    return fdatasync(r->journal_fd);
 }
 
 /* One elementary stream with the list of its frames. */
@@ -127,7 +125,9 @@ int main(int argc, char **argv)
     char journal_path[4096];
     snprintf(journal_path, sizeof journal_path, "%s.journal", argv[1]);
 
-    struct recording r = {.builder = mp4_builder_create(), .journal = mediafile_caretaker_create()};
+    static struct recording r;
+    r.builder = mp4_builder_create();
+    r.journal = mediafile_caretaker_create();
     struct source sources[2] = {{0}};
     int count = argc == 10 ? 2 : 1;
     mp4_track_desc video = {.type = strstr(argv[2], ".h265") ? MP4_TRACK_H265 : MP4_TRACK_H264,
@@ -163,7 +163,6 @@ int main(int argc, char **argv)
     }
     r.builder->destroy(r.builder);
     mediafile_caretaker_destroy(r.journal);
-    free(r.rest);
     return 0;
 
 failed:

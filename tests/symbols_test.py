@@ -1,6 +1,6 @@
 """The shared library exports exactly the names of the public headers and needs libc alone.
 
-    symbols_test.py LIBRARY INCLUDE_DIRECTORY
+    symbols_test.py LIBRARY INCLUDE_DIRECTORY VERSION_SCRIPT
 """
 
 import pathlib
@@ -13,7 +13,7 @@ def declared(include):
     names = set()
     for header in pathlib.Path(include).rglob("*.h"):
         text = re.sub(r"/\*.*?\*/|^\s*#.*?$", "", header.read_text(), flags=re.S | re.M)
-        for declaration in re.findall(r"MEDIAFILES_(?:SUPPORT_)?API\b([^;]*);", text):
+        for declaration in re.findall(r"MEDIAFILES_API\b([^;]*);", text):
             names.add(re.match(r"[^(\[]*?(\w+)\s*[(\[]", declaration).group(1))
     return names
 
@@ -23,7 +23,7 @@ def exported(library):
     return {line.split()[2].split("@")[0] for line in lines if line.split()[1] != "A"}
 
 
-library, include = sys.argv[1:]
+library, include, script = sys.argv[1:]
 dynamic = subprocess.check_output(["readelf", "-d", library], text=True)
 needed = re.findall(r"NEEDED.*\[(.*)\]", dynamic)
 soname = re.findall(r"SONAME.*\[(.*)\]", dynamic)
@@ -31,6 +31,8 @@ faults = []
 if declared(include) != exported(library):
     faults.append(f"not exported: {declared(include) - exported(library)}, "
                   f"not declared: {exported(library) - declared(include)}")
+if declared(include) != set(re.findall(r"^    (\w+);$", pathlib.Path(script).read_text(), flags=re.M)):
+    faults.append(f"{script} lists other names than the headers declare")
 if needed != ["libc.so.6"]:
     faults.append(f"needs {needed}")
 if soname != ["libmediafiles.so.0"]:

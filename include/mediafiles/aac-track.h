@@ -15,8 +15,8 @@ MEDIAFILES_BEGIN_DECLS
  * Makes an AAC-LC track whose timescale is the sampling rate.
  *
  * Without raw, a frame that is one whole ADTS frame loses its header (7 bytes,
- * or 9 with a CRC) and samples collect in a cache of one second of PCM
- * (sample_rate * (sample_bits / 8) bytes). A rate without a
+ * or 9 with a CRC) and samples collect in a cache of
+ * sample_rate * (sample_bits / 8) bytes, a second of PCM of one channel. A rate without a
  * samplingFrequencyIndex from 2 to 12 is announced with index 0.
  *
  * @param sample_bits  bits of one PCM sample, usually 16

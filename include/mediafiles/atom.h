@@ -34,8 +34,8 @@ struct mp4_atom {
 MEDIAFILES_API int mp4_atom_write(mp4_atom *atom, mp4_stream *stream);
 
 /* File level */
-MEDIAFILES_API int mp4_atom_ftyp_write(mp4_atom *atom, mp4_stream *stream); /* 4.3: mp42, compatible with mp42 and isom */
-MEDIAFILES_API int mp4_atom_mdat_write(mp4_atom *atom, mp4_stream *stream); /* 8.1.1: writes nothing, the media follows */
+MEDIAFILES_API int mp4_atom_ftyp_write(mp4_atom *atom, mp4_stream *stream); /* 4.3 */
+MEDIAFILES_API int mp4_atom_mdat_write(mp4_atom *atom, mp4_stream *stream); /* 8.1.1: nothing */
 
 /* Movie header */
 MEDIAFILES_API int mp4_atom_moov_write(mp4_atom *atom, mp4_stream *stream); /* 8.2.1 */
@@ -58,7 +58,7 @@ MEDIAFILES_API int mp4_atom_dinf_write(mp4_atom *atom, mp4_stream *stream); /* 8
 MEDIAFILES_API int mp4_atom_dref_write(mp4_atom *atom, mp4_stream *stream); /* 8.7.2 */
 MEDIAFILES_API int mp4_atom_url_write(mp4_atom *atom, mp4_stream *stream);  /* 8.7.2 */
 MEDIAFILES_API int mp4_atom_stbl_write(mp4_atom *atom, mp4_stream *stream); /* 8.5.1 */
-MEDIAFILES_API int mp4_atom_stsd_write(mp4_atom *atom, mp4_stream *stream); /* 8.5.2; ENOSYS without a sample entry hook */
+MEDIAFILES_API int mp4_atom_stsd_write(mp4_atom *atom, mp4_stream *stream); /* 8.5.2; ENOSYS: no hook */
 
 /* Sample tables */
 MEDIAFILES_API int mp4_atom_stts_write(mp4_atom *atom, mp4_stream *stream); /* 8.6.1.2 */

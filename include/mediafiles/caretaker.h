@@ -63,7 +63,7 @@ MEDIAFILES_API void mediafile_caretaker_destroy(mediafile_caretaker *caretaker);
  *           ENOBUFS  a sample of a track above 7
  *           EILSEQ   an offset below the end of the previous sample
  *           EINVAL   a length of 0, or a count that is not positive
- *           ENOENT   no sample to give the size or place to
+ *           ENOENT   no sample to give the size or place to, or a track above 7
  *           ENOMEM   out of memory
  */
 MEDIAFILES_API int mediafile_caretaker_add(mediafile_caretaker *caretaker, const memento *record);
@@ -102,7 +102,7 @@ MEDIAFILES_API const memento *mediafile_caretaker_pop(mediafile_caretaker *caret
 /** 1 when a reader has handed out everything that its file holds, else 0. */
 MEDIAFILES_API int mediafile_caretaker_eof(mediafile_caretaker *caretaker);
 
-/** The error that is kept, or 0. */
+/** The error that is kept, or 0. Each call while there is one also logs it, at level 4. */
 MEDIAFILES_API int mediafile_caretaker_errcode(mediafile_caretaker *caretaker);
 
 MEDIAFILES_END_DECLS

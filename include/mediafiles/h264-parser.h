@@ -75,10 +75,13 @@ MEDIAFILES_API int h264_parser_find_start_code(const uint8_t *data, uint32_t len
 /** Decodes a NAL unit header (7.3.1). data points behind the start code. ENOSPC. */
 MEDIAFILES_API int h264_parser_decode_nal_header(const uint8_t *data, uint32_t len, h264_nal_header *header);
 
-/** Decodes the first fields of a slice header (7.3.3); nal is the whole NAL unit. ENOSPC; EILSEQ for slice_type above 9. */
+/** Decodes the first fields of a slice header (7.3.3). nal: with header byte. ENOSPC; EILSEQ: slice_type above 9. */
 MEDIAFILES_API int h264_parser_decode_slice_header(const uint8_t *nal, uint32_t len, h264_slice_header *header);
 
-/** Decodes profile, constraint flags and level (7.3.2.1.1) and prints the profile to standard output; nal is the whole NAL unit. ENOSPC. */
+/**
+ * Decodes profile, constraint flags and level (7.3.2.1.1) and prints the
+ * profile to standard output. nal: with header byte. ENOSPC.
+ */
 MEDIAFILES_API int h264_parser_decode_sps(const uint8_t *nal, uint32_t len, h264_sps *sps);
 
 /**

@@ -23,7 +23,7 @@ MEDIAFILES_BEGIN_DECLS
 /* Flag: samples arrive as they are stored, parameter sets through the setters. */
 #define MP4_TRACK_RAW 0x8000u
 
-/* Frame bytes of one recording, at most; keeps file offsets in 32 bits. */
+/* Frame bytes of one recording, as given, at most. File offsets have 32 bits: leave room for what samples grow by. */
 #define MP4_MAX_RECORD_BYTES 0xDFFFFFFFu
 
 struct mp4_time {
@@ -107,7 +107,7 @@ MEDIAFILES_API void mp4_movie_begin_record(mp4_movie *movie, mp4_stream *stream,
  * Adds a frame; its duration is the time since the track's previous frame. To
  * be called while a record runs.
  *
- * @return 0; -1 with errno
+ * @return 0, also for a frame that the codec drops; -1 with errno
  *           EINVAL  unknown track, length 0 or nanoseconds out of range;
  *                   the frame leaves no trace
  *           EFBIG   the recording would exceed MP4_MAX_RECORD_BYTES; likewise

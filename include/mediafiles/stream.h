@@ -64,12 +64,13 @@ MEDIAFILES_API mp4_stream *mp4_memory_stream_create(void);
 /**
  * Makes a stream over an open descriptor, which stays the caller's.
  *
- * Stream position 0 stands for the descriptor's offset at this moment. With a
- * cache, small writes collect in it and the descriptor receives multiples of
+ * Positions are offsets in the file: the descriptor stands at its beginning.
+ * With a cache, small writes collect in it and the descriptor receives multiples of
  * the cache size until flush or seek writes out the rest; without one every
  * write goes to the descriptor at once. After a failed or short write the
- * stream still knows exactly what reached the descriptor, so that a later
- * flush continues there. copy_to and clear fail with ENOSYS. flush also tells
+ * stream still knows exactly what reached the descriptor: what was cached
+ * before stays so, and a later flush continues there; what was to be written
+ * by the failing call is not kept. copy_to and clear fail with ENOSYS. flush also tells
  * the kernel that the file's cached pages are no longer needed.
  *
  * @param cache_size  bytes, rounded up to a power of two; 0 for no cache; at

@@ -82,7 +82,7 @@ struct mp4_track {
     int (*on_begin_record)(mp4_track *);
     /** Releases codec_data. */
     void (*on_destroy)(mp4_track *);
-    /** Turns a frame into a sample and hands it to __mp4_track_add_sample; 0, also for a dropped frame, or -1 with errno. */
+    /** Turns a frame into a sample for __mp4_track_add_sample; 0, also for a dropped frame, or -1 with errno. */
     int (*add_sample)(mp4_track *, const void *data, uint32_t len, uint32_t duration, int key);
     /** Writes the one sample entry box of stsd; 0 or -1 with errno. */
     int (*write_sample_entry)(mp4_track *, mp4_atom *parent, mp4_stream *);

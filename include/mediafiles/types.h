@@ -9,9 +9,6 @@
 
 #define MEDIAFILES_API __attribute__((visibility("default")))
 
-/* A support operation: bundled, and replaceable by the device's own. */
-#define MEDIAFILES_SUPPORT_API __attribute__((visibility("default")))
-
 #ifdef __cplusplus
 #define MEDIAFILES_BEGIN_DECLS extern "C" {
 #define MEDIAFILES_END_DECLS }

@@ -17,6 +17,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
+#include <utility>
 
 #include <mediafiles/caretaker.h>
 #include <mediafiles/support/io.h>
@@ -24,8 +25,11 @@
 #include "mediafiles/log.h"
 #include "mediafiles/memento-record.h"
 #include "mediafiles/ownership.h"
+#include "mediafiles/refuse.h"
 
 namespace mediafiles {
+
+constexpr uint32_t slot_count = 8; // tracks
 
 struct pending_sample {
     uint32_t len; // bytes as stored; 0 until the track has taken the sample
@@ -54,7 +58,7 @@ struct mediafile_caretaker {
     bool eof;           // a read returned less than was asked
     int32_t error;      // errno of the first failure, or 0
     pending_sample *free_nodes;
-    pending_queue slots[MP4_MAX_TRACKS];
+    pending_queue slots[slot_count];
     uint32_t next_offset; // the least offset that the next sample may have
     uint32_t read_pos;    // of a reader, in buffer
 };
@@ -77,7 +81,7 @@ struct {
     int length;
 } constexpr kinds[] = {
     {true, any_length},                        // MEMENTO_USER
-    {true, payload_length<track_memento>},     // MEMENTO_TRACK
+    {true, 16},                                // MEMENTO_TRACK: a description of four words
     {true, payload_length<sample_memento>},    // MEMENTO_SAMPLE
     {false, 0},                                // MEMENTO_SAMPLE_SIZE
     {false, 0},                                // MEMENTO_CHUNK
@@ -91,8 +95,8 @@ constexpr uint8_t kind_count = sizeof kinds / sizeof kinds[0];
 
 int fail(mediafile_caretaker *caretaker, int error)
 {
-    caretaker->error = errno = error;
-    return -1;
+    caretaker->error = error;
+    return refuse(error);
 }
 
 bool is_reader(const mediafile_caretaker *caretaker)
@@ -119,6 +123,10 @@ Record load(const memento *from)
 uint8_t *reserve(mediafile_caretaker *caretaker, uint32_t size)
 {
     if (caretaker->capacity - caretaker->length < size) {
+        if (caretaker->capacity > UINT32_MAX / 2) {
+            fail(caretaker, ENOMEM);
+            return nullptr;
+        }
         void *grown = realloc(caretaker->buffer, size_t{caretaker->capacity} * 2);
         if (!grown) {
             fail(caretaker, errno);
@@ -183,22 +191,22 @@ int queue_sample(mediafile_caretaker *caretaker, const sample_memento &record)
     return 0;
 }
 
-int add_sample(mediafile_caretaker *caretaker, const memento *memento)
+int add_sample(mediafile_caretaker *caretaker, const memento *given)
 {
-    if (memento->track >= MP4_MAX_TRACKS) return fail(caretaker, ENOBUFS);
-    const auto record = load<sample_memento>(memento);
+    if (given->track >= slot_count) return fail(caretaker, ENOBUFS);
+    const auto record = load<sample_memento>(given);
     if (record.len == 0) return queue_sample(caretaker, record);
     if (record.offset < caretaker->next_offset) return fail(caretaker, EILSEQ);
     caretaker->next_offset = record.offset + record.len;
-    return store(caretaker, memento);
+    return store(caretaker, given);
 }
 
-int add_sample_size(mediafile_caretaker *caretaker, const memento *memento)
+int add_sample_size(mediafile_caretaker *caretaker, const memento *given)
 {
-    if (memento->track >= MP4_MAX_TRACKS) return fail(caretaker, ENOENT);
-    const auto record = load<sample_size_memento>(memento);
+    if (given->track >= slot_count) return fail(caretaker, ENOENT);
+    const auto record = load<sample_size_memento>(given);
     if (record.len == 0) return fail(caretaker, EINVAL);
-    pending_queue &queue = caretaker->slots[memento->track];
+    pending_queue &queue = caretaker->slots[given->track];
     pending_sample *target = queue.cursor ? queue.cursor->next : queue.first;
     if (!target) return fail(caretaker, ENOENT);
     target->len = record.len;
@@ -206,33 +214,33 @@ int add_sample_size(mediafile_caretaker *caretaker, const memento *memento)
     return 0;
 }
 
-int add_chunk(mediafile_caretaker *caretaker, const memento *memento)
+int add_chunk(mediafile_caretaker *caretaker, const memento *given)
 {
-    if (memento->track >= MP4_MAX_TRACKS) return fail(caretaker, ENOENT);
-    const auto record = load<chunk_memento>(memento);
+    if (given->track >= slot_count) return fail(caretaker, ENOENT);
+    const auto record = load<chunk_memento>(given);
     if (record.offset < caretaker->next_offset) return fail(caretaker, EILSEQ);
     if (record.count <= 0) return fail(caretaker, EINVAL);
 
-    pending_queue &queue = caretaker->slots[memento->track];
+    pending_queue &queue = caretaker->slots[given->track];
     uint32_t offset = record.offset;
     for (int32_t i = 0; i < record.count; ++i) {
         if (!queue.first || queue.first->len == 0) return fail(caretaker, ENOENT);
         const pending_sample &sample = take_first(caretaker, queue);
-        if (store_sample(caretaker, memento->track, offset, sample.len, sample) != 0) return -1;
+        if (store_sample(caretaker, given->track, offset, sample.len, sample) != 0) return -1;
         offset += sample.len;
     }
     return 0;
 }
 
-int add_sample_written(mediafile_caretaker *caretaker, const memento *memento)
+int add_sample_written(mediafile_caretaker *caretaker, const memento *given)
 {
-    if (memento->track >= MP4_MAX_TRACKS) return fail(caretaker, ENOENT);
-    const auto record = load<sample_written_memento>(memento);
+    if (given->track >= slot_count) return fail(caretaker, ENOENT);
+    const auto record = load<sample_written_memento>(given);
     if (record.offset < caretaker->next_offset) return fail(caretaker, EILSEQ);
     if (record.len == 0) return fail(caretaker, EINVAL);
-    pending_queue &queue = caretaker->slots[memento->track];
+    pending_queue &queue = caretaker->slots[given->track];
     if (!queue.first) return fail(caretaker, ENOENT);
-    return store_sample(caretaker, memento->track, record.offset, record.len, take_first(caretaker, queue));
+    return store_sample(caretaker, given->track, record.offset, record.len, take_first(caretaker, queue));
 }
 
 void free_list(pending_sample *node)
@@ -364,14 +372,8 @@ void mediafile_caretaker_destroy(mediafile_caretaker *caretaker)
 
 int mediafile_caretaker_add(mediafile_caretaker *caretaker, const memento *record)
 {
-    if (is_reader(caretaker)) {
-        errno = EACCES;
-        return -1;
-    }
-    if (caretaker->error != 0) {
-        errno = caretaker->error;
-        return -1;
-    }
+    if (is_reader(caretaker)) return refuse(EACCES);
+    if (caretaker->error != 0) return refuse(caretaker->error);
     if (record->kind >= kind_count) return fail(caretaker, EBADRQC);
     switch (record->kind) {
     case MEMENTO_SAMPLE:

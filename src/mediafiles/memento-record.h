@@ -6,14 +6,8 @@
 #include <cstring>
 
 #include <mediafiles/caretaker.h>
-#include <mediafiles/movie.h>
 
 namespace mediafiles {
-
-struct track_memento {
-    memento header;
-    mp4_track_desc desc;
-};
 
 struct sample_memento {
     memento header;
@@ -45,7 +39,6 @@ template <class Record>
 constexpr uint16_t payload_length = sizeof(Record) - sizeof(memento);
 
 static_assert(sizeof(memento) == 4 && alignof(memento) == 2);
-static_assert(payload_length<track_memento> == 16);
 static_assert(payload_length<sample_memento> == 24);
 static_assert(payload_length<sample_size_memento> == 4);
 static_assert(payload_length<chunk_memento> == 8);

@@ -13,18 +13,20 @@ namespace mediafiles {
 
 class errno_saver {
 public:
-    errno_saver() : saved(errno) {}
+    errno_saver() : saved(errno) { keep_in_place(); }
     ~errno_saver()
     {
-        // Compilers believe that free() keeps errno, which older C libraries
-        // do not, and would drop the assignment.
-        asm volatile("" ::: "memory");
+        keep_in_place();
         errno = saved;
     }
     errno_saver(const errno_saver &) = delete;
     errno_saver &operator=(const errno_saver &) = delete;
 
 private:
+    // Compilers believe that free() keeps errno, which older C libraries do
+    // not, and would move the reading or drop the assignment.
+    static void keep_in_place() { asm volatile("" ::: "memory"); }
+
     const int saved;
 };
 

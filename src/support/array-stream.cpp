@@ -144,7 +144,8 @@ bool add_block(array_stream *array)
 
 [[gnu::weak]] uint32_t array_stream_seek(array_stream *array, uint32_t offset, int whence)
 {
-    array->cursor = whence == 0 ? offset : array->cursor + offset;
+    const uint32_t target = whence == 0 ? offset : array->cursor + offset;
+    array->cursor = target < array->length ? target : array->length; // nothing can be stored beyond
     return array->cursor;
 }
 

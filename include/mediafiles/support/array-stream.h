@@ -20,12 +20,12 @@ MEDIAFILES_BEGIN_DECLS
  * Makes an empty array of elements of element_size bytes (not 0), with room
  * for reserve of them. NULL with errno ENOMEM.
  */
-MEDIAFILES_SUPPORT_API array_stream *array_stream_create(uint32_t element_size, uint32_t reserve);
+MEDIAFILES_API array_stream *array_stream_create(uint32_t element_size, uint32_t reserve);
 
-MEDIAFILES_SUPPORT_API void array_stream_destroy(array_stream *array);
+MEDIAFILES_API void array_stream_destroy(array_stream *array);
 
 /** Length and cursor become 0; the storage is kept for reuse. */
-MEDIAFILES_SUPPORT_API void array_stream_clear(array_stream *array);
+MEDIAFILES_API void array_stream_clear(array_stream *array);
 
 /**
  * Grants space for elements at the cursor and moves the cursor past them:
@@ -36,7 +36,7 @@ MEDIAFILES_SUPPORT_API void array_stream_clear(array_stream *array);
  *               any are wanted, fewer when only so many lie contiguously
  * @return the space; NULL with errno ENOMEM
  */
-MEDIAFILES_SUPPORT_API void *array_stream_write(array_stream *array, uint32_t *count);
+MEDIAFILES_API void *array_stream_write(array_stream *array, uint32_t *count);
 
 /**
  * Hands out the contiguous run of elements that begins at the cursor and
@@ -45,19 +45,19 @@ MEDIAFILES_SUPPORT_API void *array_stream_write(array_stream *array, uint32_t *c
  * @param count  receives the number of elements
  * @return the run; NULL when the cursor is at the end
  */
-MEDIAFILES_SUPPORT_API void *array_stream_read(array_stream *array, uint32_t *count);
+MEDIAFILES_API void *array_stream_read(array_stream *array, uint32_t *count);
 
-/** Moves the cursor to offset (whence 0) or by offset (whence 1) and returns it. */
-MEDIAFILES_SUPPORT_API uint32_t array_stream_seek(array_stream *array, uint32_t offset, int whence);
+/** Moves the cursor to offset (whence 0) or by offset (whence 1), at most to the end, and returns it. */
+MEDIAFILES_API uint32_t array_stream_seek(array_stream *array, uint32_t offset, int whence);
 
 /** Element i, below the length. The cursor stays. */
-MEDIAFILES_SUPPORT_API void *array_stream_index(array_stream *array, uint32_t i);
+MEDIAFILES_API void *array_stream_index(array_stream *array, uint32_t i);
 
 /** Elements stored. */
-MEDIAFILES_SUPPORT_API uint32_t array_stream_length(const array_stream *array);
+MEDIAFILES_API uint32_t array_stream_length(const array_stream *array);
 
 /** Bytes of one element. */
-MEDIAFILES_SUPPORT_API uint32_t array_stream_element_size(const array_stream *array);
+MEDIAFILES_API uint32_t array_stream_element_size(const array_stream *array);
 
 MEDIAFILES_END_DECLS
 

@@ -21,10 +21,10 @@ MEDIAFILES_BEGIN_DECLS
  * @return n; fewer when a failure came after some had gone out; -1 when
  *         nothing did. errno tells the failure
  */
-MEDIAFILES_SUPPORT_API ssize_t writen(int fd, const void *buf, size_t n);
+MEDIAFILES_API ssize_t writen(int fd, const void *buf, size_t n);
 
 /** Reads n bytes. Fewer only at the end of the file; -1 with errno. */
-MEDIAFILES_SUPPORT_API ssize_t readn(int fd, void *buf, size_t n);
+MEDIAFILES_API ssize_t readn(int fd, void *buf, size_t n);
 
 /**
  * Writes all entries in order; any number of them, also more than IOV_MAX.
@@ -32,13 +32,13 @@ MEDIAFILES_SUPPORT_API ssize_t readn(int fd, void *buf, size_t n);
  * @param iov  changed on the way
  * @return as writen, counted over the whole list
  */
-MEDIAFILES_SUPPORT_API ssize_t writevn(int fd, struct iovec *iov, int iovcnt);
+MEDIAFILES_API ssize_t writevn(int fd, struct iovec *iov, int iovcnt);
 
 /** Copies the first len bytes of the list, which holds that many. */
-MEDIAFILES_SUPPORT_API void memcpy_fromiovec(void *dst, const struct iovec *iov, uint32_t len);
+MEDIAFILES_API void memcpy_fromiovec(void *dst, const struct iovec *iov, uint32_t len);
 
 /** Skips offset bytes of the list, then copies the next len bytes. */
-MEDIAFILES_SUPPORT_API void memcpy_fromiovecend(void *dst, const struct iovec *iov, uint32_t offset, uint32_t len);
+MEDIAFILES_API void memcpy_fromiovecend(void *dst, const struct iovec *iov, uint32_t offset, uint32_t len);
 
 MEDIAFILES_END_DECLS
 

@@ -12,10 +12,10 @@
 MEDIAFILES_BEGIN_DECLS
 
 /** Emits a line, formatted as by printf, at a level. It may change errno. */
-MEDIAFILES_SUPPORT_API void __printLog(int level, const char *format, ...) __attribute__((format(printf, 2, 3)));
+MEDIAFILES_API void __printLog(int level, const char *format, ...) __attribute__((format(printf, 2, 3)));
 
 /** Word 16 * level + 15 is non-zero when output at that level is on. */
-extern MEDIAFILES_SUPPORT_API uint32_t __logLevels[256];
+extern MEDIAFILES_API uint32_t __logLevels[256];
 
 MEDIAFILES_END_DECLS
 

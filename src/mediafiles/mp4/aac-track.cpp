@@ -1,8 +1,6 @@
 // The AAC track. It keeps no state of its own: what it writes comes from the
 // track's media parameters.
 
-#include <cstring>
-
 #include <mediafiles/aac-track.h>
 #include <mediafiles/atom.h>
 #include <mediafiles/descriptor.h>
@@ -11,7 +9,8 @@
 
 #include "mediafiles/mp4/box-body.h"
 #include "mediafiles/mp4/box-tree.h"
-#include "mediafiles/ownership.h"
+#include "mediafiles/mp4/descriptor-tree.h"
+#include "mediafiles/mp4/gather.h"
 
 namespace mediafiles {
 namespace {
@@ -56,10 +55,24 @@ int add_sample(mp4_track *track, const void *data, uint32_t len, uint32_t durati
 {
     const auto *frame = static_cast<const uint8_t *>(data);
     const uint32_t header = adts_header_length(frame, len);
-    const iovec entry = {const_cast<uint8_t *>(frame) + header, len - header};
-    const mp4_gather_list list = {&entry, 1, 0, len - header};
-    return __mp4_track_add_sample(track, &list, duration, key);
+    return __mp4_track_add_sample(track, one_buffer(frame + header, len - header).list(), duration, key);
 }
+
+constexpr box_body<28> mp4a_body(mp4_track_audio audio)
+{
+    box_body<28> body;
+    body.zeros(6)  // reserved
+        .u16(1)    // data_reference_index
+        .zeros(8)  // reserved
+        .u16(audio.channels)
+        .u16(audio.sample_bits)
+        .u16(0)                 // pre_defined
+        .u16(0)                 // reserved
+        .u16(audio.sample_rate) // 16.16
+        .u16(0);
+    return body;
+}
+static_assert(mp4a_body({}).size() == 28);
 
 int write_sample_entry(mp4_track *track, mp4_atom *parent, mp4_stream *stream)
 {
@@ -71,15 +84,6 @@ constexpr uint32_t es_tag = 3;
 constexpr uint32_t decoder_config_tag = 4;
 constexpr uint32_t decoder_specific_info_tag = 5;
 constexpr uint32_t sl_config_tag = 6;
-
-using descriptor_ptr = owned<mp4_descriptor, mp4_descriptor_destroy>;
-
-descriptor_ptr make_descriptor(uint32_t tag, const auto &body)
-{
-    descriptor_ptr node(mp4_descriptor_create(tag, body.size()));
-    if (node) memcpy(mp4_descriptor_buf(node.get()), body.data(), body.size());
-    return node;
-}
 
 // ISO/IEC 14496-14, 5.6.1
 descriptor_ptr es_descriptor(const mp4_track *track)
@@ -127,18 +131,7 @@ mp4_track *mp4_aac_track_create(uint32_t id, uint32_t channels, uint32_t sample_
 int mp4_atom_mp4a_write(mp4_atom *atom, mp4_stream *stream)
 {
     static constexpr child_box children[] = {{"esds", mp4_atom_esds_write}};
-    const mp4_track *track = atom->track;
-    box_body<28> body;
-    body.zeros(6)  // reserved
-        .u16(1)    // data_reference_index
-        .zeros(8)  // reserved
-        .u16(track->audio.channels)
-        .u16(track->audio.sample_bits)
-        .u16(0) // pre_defined
-        .u16(0) // reserved
-        .u16(track->audio.sample_rate) // 16.16
-        .u16(0);
-    if (write_body(stream, body) != 0) return -1;
+    if (write_body(stream, mp4a_body(atom->track->audio)) != 0) return -1;
     return write_children(atom, stream, children);
 }
 

@@ -1,18 +1,14 @@
 // moov and its children of the movie level.
 
-#include <cstring>
-
 #include <mediafiles/atom.h>
-#include <mediafiles/descriptor.h>
 #include <mediafiles/movie.h>
 #include <mediafiles/stream.h>
 #include <mediafiles/track.h>
 
-#include "mediafiles/byte-order.h"
 #include "mediafiles/mp4/box-body.h"
 #include "mediafiles/mp4/box-tree.h"
+#include "mediafiles/mp4/descriptor-tree.h"
 #include "mediafiles/mp4/matrix.h"
-#include "mediafiles/ownership.h"
 
 namespace mediafiles {
 namespace {
@@ -42,8 +38,6 @@ constexpr box_body<112> mvhd_body(uint64_t duration, uint32_t next_track_id)
 static_assert(mvhd_body(0x7FFFFFFF, 1).size() == 100);
 static_assert(mvhd_body(0x80000000, 1).size() == 112);
 
-using descriptor_ptr = owned<mp4_descriptor, mp4_descriptor_destroy>;
-
 constexpr uint32_t initial_object_tag = 0x10; // MP4_IOD_Tag, ISO/IEC 14496-14, 3.1
 constexpr uint32_t es_id_inc_tag = 0x0E;
 
@@ -57,24 +51,20 @@ std::span<mp4_track *const> tracks_of(const mp4_movie *movie)
 
 descriptor_ptr initial_object_descriptor(const mp4_movie *movie)
 {
-    constexpr uint8_t initial_object[] = {
-        0x00, 0x4F, // ObjectDescriptorID 1, no URL, no inlined profiles, reserved bits set
-        0xFF,       // OD profile: none required
-        0xFF,       // scene profile: none required
-        0x0F,       // audio profile
-        0x03,       // visual profile
-        0xFF,       // graphics profile: none required
-    };
-    descriptor_ptr root(mp4_descriptor_create(initial_object_tag, sizeof initial_object));
+    box_body<7> body;
+    body.u16(0x004F) // ObjectDescriptorID 1, no URL, no inlined profiles, reserved bits set
+        .u8(0xFF)    // OD profile: none required
+        .u8(0xFF)    // scene profile: none required
+        .u8(0x0F)    // audio profile
+        .u8(0x03)    // visual profile
+        .u8(0xFF);   // graphics profile: none required
+    auto root = make_descriptor(initial_object_tag, body);
     if (!root) return nullptr;
-    memcpy(mp4_descriptor_buf(root.get()), initial_object, sizeof initial_object);
-
     for (const mp4_track *track : tracks_of(movie)) {
         if (!(track->media_kind & (MP4_MEDIA_VIDEO | MP4_MEDIA_AUDIO))) continue;
-        mp4_descriptor *child = mp4_descriptor_create(es_id_inc_tag, sizeof track->id);
+        auto child = make_descriptor(es_id_inc_tag, box_body<4>().u32(track->id));
         if (!child) return nullptr;
-        store_be32(mp4_descriptor_buf(child), track->id);
-        mp4_descriptor_append(root.get(), child);
+        mp4_descriptor_append(root.get(), child.release());
     }
     return root;
 }

@@ -13,6 +13,7 @@
 #include "mediafiles/mp4/box-body.h"
 #include "mediafiles/mp4/box-tree.h"
 #include "mediafiles/mp4/matrix.h"
+#include "mediafiles/refuse.h"
 
 namespace mediafiles {
 namespace {
@@ -152,6 +153,17 @@ constexpr box_body<36> mdhd_body(uint32_t timescale, uint64_t duration)
 static_assert(mdhd_body(90000, 0x7FFFFFFF).size() == 24);
 static_assert(mdhd_body(90000, 0x80000000).size() == 36);
 
+constexpr box_body<25> hdlr_body(fourcc component, fourcc handler)
+{
+    box_body<25> body(0, 0);
+    body.text(component) // pre_defined
+        .text(handler)
+        .zeros(12) // reserved
+        .u8(0);    // name: empty
+    return body;
+}
+static_assert(hdlr_body("mhlr", "vide").size() == 25);
+
 } // namespace
 } // namespace mediafiles
 
@@ -195,12 +207,9 @@ int mp4_atom_mdhd_write(mp4_atom *atom, mp4_stream *stream)
 int mp4_atom_hdlr_write(mp4_atom *atom, mp4_stream *stream)
 {
     const mp4_track &track = *atom->track;
-    box_body<25> body(0, 0);
-    body.text(is_other(track) ? fourcc("dhlr") : fourcc("mhlr"))
-        .text(is_video(track) ? fourcc("vide") : is_audio(track) ? fourcc("soun") : fourcc("    "))
-        .zeros(12) // reserved
-        .u8(0);    // name: empty
-    return write_body(stream, body);
+    if (is_video(track)) return write_body(stream, hdlr_body("mhlr", "vide"));
+    if (is_audio(track)) return write_body(stream, hdlr_body("mhlr", "soun"));
+    return write_body(stream, hdlr_body("dhlr", "    "));
 }
 
 int mp4_atom_minf_write(mp4_atom *atom, mp4_stream *stream)
@@ -247,9 +256,6 @@ int mp4_atom_stbl_write(mp4_atom *atom, mp4_stream *stream)
 int mp4_atom_stsd_write(mp4_atom *atom, mp4_stream *stream)
 {
     if (write_body(stream, box_body<8>(0, 0).u32(1)) != 0) return -1; // entry_count
-    if (!atom->track->write_sample_entry) {
-        errno = ENOSYS;
-        return -1;
-    }
+    if (!atom->track->write_sample_entry) return refuse(ENOSYS);
     return atom->track->write_sample_entry(atom->track, atom, stream);
 }

@@ -4,8 +4,9 @@
 // bytes in the one and 8 in the other.
 #pragma once
 
-#include <cstddef>
+#include <cerrno>
 #include <cstdint>
+#include <cstdlib>
 #include <span>
 
 #include <mediafiles/stream.h>

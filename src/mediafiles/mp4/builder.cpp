@@ -11,15 +11,10 @@
 
 #include "mediafiles/mp4/layout.h"
 #include "mediafiles/ownership.h"
+#include "mediafiles/refuse.h"
 
 namespace mediafiles {
 namespace {
-
-int refuse(int error)
-{
-    errno = error;
-    return -1;
-}
 
 int add_track(mp4_builder *builder, const mp4_track_desc *desc)
 {
@@ -51,9 +46,10 @@ int close(mp4_builder *builder)
 
     mp4_movie_finish_record(builder->movie);
     builder->file_stream = nullptr;
-    int error = builder->movie->error;
-    if (file->flush(file.get()) != 0 && error == 0) error = errno;
+    const int error = builder->movie->error;
+    const bool flushed = file->flush(file.get()) == 0;
     if (error != 0) return refuse(error);
+    if (!flushed) return -1;
 
     if (write_tail(file.get(), builder->meta_stream, builder->movie, &builder->mdat) != 0) return -1;
     return file->flush(file.get()) != 0 ? -1 : 0;
@@ -69,10 +65,11 @@ int flush(mp4_builder *builder)
 {
     mp4_stream *file = builder->file_stream;
     if (!file) return refuse(ESRCH);
-    const int error = mp4_movie_flush_cache(builder->movie) != 0 ? errno : 0;
-    const int flushed = file->flush(file);
-    if (error != 0) return refuse(error);
-    return flushed != 0 ? -1 : 0;
+    const bool caches_flushed = mp4_movie_flush_cache(builder->movie) == 0;
+    const int error = errno;
+    const bool flushed = file->flush(file) == 0;
+    if (!caches_flushed) return refuse(error);
+    return flushed ? 0 : -1;
 }
 
 void destroy_builder(mp4_builder *builder)

@@ -2,6 +2,8 @@
 // so the size is patched once the subtree is written; it always takes the
 // four-byte form, which leaves room for every size that can occur.
 
+#include <cstddef>
+
 #include <mediafiles/descriptor.h>
 #include <mediafiles/stream.h>
 

@@ -16,12 +16,13 @@
 
 #include "mediafiles/mp4/gather.h"
 #include "mediafiles/ownership.h"
+#include "mediafiles/refuse.h"
 
 namespace mediafiles {
 namespace {
 
-// A video sample of 32 NAL units with their lengths, the cache before it.
-constexpr uint32_t usual_entries = 66;
+// The cache and a sample.
+constexpr uint32_t usual_entries = 1 + sample_entries;
 constexpr uint32_t largest_cache = 1u << 31;
 
 struct file_stream : mp4_stream {
@@ -112,8 +113,7 @@ int writev(mp4_stream *stream, const mp4_gather_list *list)
     file_stream &file = self(stream);
     if (file.capacity == 0) {
         gather_array<usual_entries> gather; // writevn may change its entries, the caller's stay
-        for (int32_t i = 0; i < list->iovcnt; ++i)
-            if (!gather.push(list->iov[i].iov_base, list->iov[i].iov_len)) return -1;
+        if (!gather.push(list)) return -1;
         const ssize_t n = writevn(file.fd, gather.data(), gather.count());
         if (n < 0) return -1;
         file.position += static_cast<uint32_t>(n);
@@ -137,15 +137,12 @@ int write(mp4_stream *stream, const void *data, uint32_t length)
         file.position += static_cast<uint32_t>(n);
         return static_cast<uint64_t>(n) == length ? 0 : -1;
     }
-    const iovec entry = {const_cast<void *>(data), length};
-    const mp4_gather_list list = {&entry, 1, 0, length};
-    return writev(stream, &list);
+    return writev(stream, one_buffer(data, length).list());
 }
 
 int copy_to(mp4_stream *, mp4_stream *)
 {
-    errno = ENOSYS;
-    return -1;
+    return refuse(ENOSYS);
 }
 
 int flush(mp4_stream *stream)
@@ -156,15 +153,14 @@ int flush(mp4_stream *stream)
         posix_fadvise(file.fd, 0, 0, POSIX_FADV_DONTNEED);
         return -1;
     }
-    // The advice reports its error as its result. It fails the flush only
-    // where it also left one in errno.
+    // The advice reports its error as its result and leaves errno alone: it
+    // fails the flush only where errno already tells of something.
     return posix_fadvise(file.fd, 0, 0, POSIX_FADV_DONTNEED) != 0 && errno != 0 ? -1 : 0;
 }
 
 int clear(mp4_stream *)
 {
-    errno = ENOSYS;
-    return -1;
+    return refuse(ENOSYS);
 }
 
 uint32_t tell(mp4_stream *stream)

@@ -1,5 +1,4 @@
-// A gather list under construction: a fixed area on the stack that serves
-// every ordinary list, and the heap for longer ones.
+// Gather lists under construction.
 #pragma once
 
 #include <cstdint>
@@ -7,10 +6,33 @@
 #include <cstring>
 #include <sys/uio.h>
 
+#include <mediafiles/stream.h>
+
 #include "mediafiles/ownership.h"
 
 namespace mediafiles {
 
+// The gather list of a single buffer.
+class one_buffer {
+public:
+    one_buffer(const void *data, uint32_t length)
+        : entry{const_cast<void *>(data), length}, whole{&entry, 1, 0, length}
+    {
+    }
+    one_buffer(const one_buffer &) = delete;
+    one_buffer &operator=(const one_buffer &) = delete;
+
+    const mp4_gather_list *list() const { return &whole; }
+
+private:
+    const iovec entry;
+    const mp4_gather_list whole;
+};
+
+// Entries of a sample: 32 NAL units, each behind its length.
+constexpr uint32_t sample_entries = 64;
+
+// A fixed area on the stack serves every ordinary list, the heap longer ones.
 template <uint32_t Fixed>
 class gather_array {
 public:
@@ -29,6 +51,13 @@ public:
     {
         if (used == capacity && !grow()) return false;
         entries[used++] = {const_cast<void *>(base), length};
+        return true;
+    }
+
+    bool push(const mp4_gather_list *list)
+    {
+        for (int32_t i = 0; i < list->iovcnt; ++i)
+            if (!push(list->iov[i].iov_base, list->iov[i].iov_len)) return false;
         return true;
     }
 

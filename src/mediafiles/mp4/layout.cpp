@@ -1,3 +1,6 @@
+// The mdat header is written by hand, not framed as a box: its size is known
+// only when the media behind it has ended.
+
 #include "mediafiles/mp4/layout.h"
 
 #include "mediafiles/byte-order.h"

@@ -43,9 +43,7 @@ int writev(mp4_stream *stream, const mp4_gather_list *list)
 
 int write(mp4_stream *stream, const void *data, uint32_t length)
 {
-    const iovec entry = {const_cast<void *>(data), length};
-    const mp4_gather_list list = {&entry, 1, 0, length};
-    return writev(stream, &list);
+    return writev(stream, one_buffer(data, length).list());
 }
 
 int copy_runs(array_stream *array, mp4_stream *other)

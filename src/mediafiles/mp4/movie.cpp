@@ -14,9 +14,16 @@
 
 #include "mediafiles/memento-record.h"
 #include "mediafiles/ownership.h"
+#include "mediafiles/refuse.h"
 
 namespace mediafiles {
 namespace {
+
+struct track_memento {
+    memento header;
+    mp4_track_desc desc;
+};
+static_assert(payload_length<track_memento> == 16);
 
 constexpr uint64_t second = 1'000'000'000; // in nanoseconds
 constexpr uint32_t longest_duration = 0x7FFFFFFF;
@@ -42,7 +49,7 @@ uint64_t distance(mp4_time later, mp4_time sooner)
     return nanoseconds(later) - nanoseconds(sooner);
 }
 
-// ISO time arithmetic: a count of nanoseconds in ticks, rounded half up.
+// Nanoseconds in ticks, rounded half up.
 uint64_t to_ticks(uint64_t time, uint32_t timescale)
 {
     return (time * timescale + second / 2) / second;
@@ -117,12 +124,6 @@ uint32_t advance(mp4_track_span &span, mp4_time timestamp, uint32_t timescale)
 void latch(mp4_movie *movie)
 {
     if (movie->error == 0) movie->error = errno;
-}
-
-int refuse(int error)
-{
-    errno = error;
-    return -1;
 }
 
 // The earliest first frame of all tracks.
@@ -248,8 +249,12 @@ int mp4_movie_flush_cache(mp4_movie *movie)
 void mp4_movie_finish_record(mp4_movie *movie)
 {
     if (!movie->stream) return;
-    for (uint32_t i = 0; i < track_count(movie); ++i)
-        if (mp4_track_finish_record(movie->tracks[i], movie->error == 0) != 0) latch(movie);
+    bool flush = movie->error == 0;
+    for (uint32_t i = 0; i < track_count(movie); ++i) {
+        if (mp4_track_finish_record(movie->tracks[i], flush) == 0) continue;
+        latch(movie);
+        flush = false;
+    }
     make_relative(movie);
     movie->stream = nullptr;
 }

@@ -6,6 +6,7 @@
 #include <mediafiles/stream.h>
 
 #include "mediafiles/ownership.h"
+#include "mediafiles/refuse.h"
 
 namespace mediafiles {
 namespace {
@@ -33,8 +34,7 @@ int writev(mp4_stream *stream, const mp4_gather_list *list)
 
 int copy_to(mp4_stream *, mp4_stream *)
 {
-    errno = ENOSYS;
-    return -1;
+    return refuse(ENOSYS);
 }
 
 int flush(mp4_stream *)

@@ -6,7 +6,6 @@
 // entry while every sample has the same size.
 
 #include <cstring>
-#include <initializer_list>
 
 #include <mediafiles/caretaker.h>
 #include <mediafiles/stream.h>
@@ -22,11 +21,19 @@
 namespace mediafiles {
 namespace {
 
-constexpr uint32_t stts_reserve = 512;
-constexpr uint32_t stss_reserve = 64;
-constexpr uint32_t stco_reserve = 128;
-constexpr uint32_t stsc_reserve = 64;
-constexpr uint32_t stsz_reserve = 1024;
+// The sample tables, in the order in which they are made.
+struct {
+    array_stream *mp4_track::*table;
+    uint32_t element_size; // bytes
+    uint32_t reserve;      // elements
+} constexpr tables[] = {
+    {&mp4_track::stts_table, 8, 512},
+    {&mp4_track::stss_table, 4, 64},
+    {&mp4_track::stco_table, 4, 128},
+    {&mp4_track::stsc_table, 12, 64},
+    {&mp4_track::stsz_table, 4, 1024},
+};
+
 constexpr uint32_t sample_description_index = 1;
 
 bool has(const mp4_track *track, uint8_t flag)
@@ -127,8 +134,8 @@ int write_chunk(mp4_track *track, const mp4_gather_list *list, uint32_t samples)
     const uint32_t position = track->stream->tell(track->stream);
     if (track->stream->writev(track->stream, list) != 0) return -1;
 
-    journal(track->caretaker, chunk_memento{memento_header<chunk_memento>(MEMENTO_CHUNK, track->index), position,
-                                            static_cast<int32_t>(samples)});
+    const memento header = memento_header<chunk_memento>(MEMENTO_CHUNK, track->index);
+    journal(track->caretaker, chunk_memento{header, position, static_cast<int32_t>(samples)});
 
     if (track->chunk_count != 0) {
         if (track->chunk_offset + track->chunk_size == position) {
@@ -148,10 +155,8 @@ int write_chunk(mp4_track *track, const mp4_gather_list *list, uint32_t samples)
 // The cached samples and one more, which did not fit, as one chunk.
 int write_with_cache(mp4_track *track, const mp4_gather_list *list)
 {
-    gather_array<66> gather; // the cache and 32 NAL units with their lengths
-    if (!gather.push(track->cache, track->cache_used)) return -1;
-    for (int32_t i = 0; i < list->iovcnt; ++i)
-        if (!gather.push(list->iov[i].iov_base, list->iov[i].iov_len)) return -1;
+    gather_array<1 + sample_entries> gather;
+    if (!gather.push(track->cache, track->cache_used) || !gather.push(list)) return -1;
 
     const mp4_gather_list all = {gather.data(), gather.count(), 0, track->cache_used + list->length};
     if (write_chunk(track, &all, track->cache_samples + 1) != 0) return -1;
@@ -186,11 +191,8 @@ mp4_track *mp4_track_create(uint32_t id, uint32_t media_kind, uint32_t timescale
     track->media_kind = media_kind;
     track->timescale = timescale;
     track->cache_size = cache_size;
-    if (!(track->stts_table = array_stream_create(8, stts_reserve))) return nullptr;
-    if (!(track->stss_table = array_stream_create(4, stss_reserve))) return nullptr;
-    if (!(track->stco_table = array_stream_create(4, stco_reserve))) return nullptr;
-    if (!(track->stsc_table = array_stream_create(12, stsc_reserve))) return nullptr;
-    if (!(track->stsz_table = array_stream_create(4, stsz_reserve))) return nullptr;
+    for (const auto &each : tables)
+        if (!(track.get()->*each.table = array_stream_create(each.element_size, each.reserve))) return nullptr;
     if (cache_size != 0 && !(track->cache = static_cast<uint8_t *>(malloc(cache_size)))) return nullptr;
     return track.release();
 }
@@ -199,18 +201,15 @@ void mp4_track_destroy(mp4_track *track)
 {
     if (track->on_destroy) track->on_destroy(track);
     free(track->cache);
-    for (array_stream *table :
-         {track->stts_table, track->stss_table, track->stco_table, track->stsc_table, track->stsz_table})
-        if (table) array_stream_destroy(table);
+    for (const auto &each : tables)
+        if (track->*each.table) array_stream_destroy(track->*each.table);
     free(track);
 }
 
 void mp4_track_begin_record(mp4_track *track, mp4_stream *stream, mediafile_caretaker *caretaker, uint32_t index)
 {
     if (has(track, MP4_TRACK_RECORDING)) return;
-    for (array_stream *table :
-         {track->stts_table, track->stss_table, track->stco_table, track->stsc_table, track->stsz_table})
-        array_stream_clear(table);
+    for (const auto &each : tables) array_stream_clear(track->*each.table);
     track->cache_used = track->cache_samples = 0;
     track->common_size = track->sample_count = 0;
     track->chunk_offset = track->chunk_size = track->chunk_samples = track->chunk_count = 0;
@@ -225,15 +224,13 @@ void mp4_track_begin_record(mp4_track *track, mp4_stream *stream, mediafile_care
 int mp4_track_add_sample(mp4_track *track, const void *data, uint32_t len, uint32_t duration, int key)
 {
     if (track->add_sample) return track->add_sample(track, data, len, duration, key);
-    const iovec entry = {const_cast<void *>(data), len};
-    const mp4_gather_list list = {&entry, 1, 0, len};
-    return __mp4_track_add_sample(track, &list, duration, key);
+    return __mp4_track_add_sample(track, one_buffer(data, len).list(), duration, key);
 }
 
 int __mp4_track_add_sample(mp4_track *track, const mp4_gather_list *list, uint32_t duration, int key)
 {
-    journal(track->caretaker, sample_size_memento{
-                                  memento_header<sample_size_memento>(MEMENTO_SAMPLE_SIZE, track->index), list->length});
+    const memento header = memento_header<sample_size_memento>(MEMENTO_SAMPLE_SIZE, track->index);
+    journal(track->caretaker, sample_size_memento{header, list->length});
 
     if (store(track, list) != 0) return -1;
     if (add_duration(track, duration) != 0) return -1;
@@ -248,9 +245,7 @@ int __mp4_track_add_sample(mp4_track *track, const mp4_gather_list *list, uint32
 int mp4_track_flush_cache(mp4_track *track)
 {
     if (track->cache_used == 0) return 0;
-    const iovec entry = {track->cache, track->cache_used};
-    const mp4_gather_list list = {&entry, 1, 0, track->cache_used};
-    if (write_chunk(track, &list, track->cache_samples) != 0) return -1;
+    if (write_chunk(track, one_buffer(track->cache, track->cache_used).list(), track->cache_samples) != 0) return -1;
     track->cache_used = track->cache_samples = 0;
     return 0;
 }
@@ -275,7 +270,7 @@ void saveCodecExtraDataToCaretaker(mp4_track *track, uint8_t kind, const void *d
         memento header;
         uint8_t bytes[MEMENTO_MAX_SIZE - sizeof(memento)];
     } record;
-    const auto length = static_cast<uint16_t>(len);
+    const auto length = static_cast<uint16_t>(len < UINT16_MAX ? len : UINT16_MAX);
     record.header = {kind, static_cast<uint8_t>(track->index), length};
     if (length <= sizeof record.bytes) {
         memset(record.bytes, 0, sizeof record.bytes);

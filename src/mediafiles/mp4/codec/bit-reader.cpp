@@ -1,3 +1,6 @@
+// A byte is fetched when a bit of it is wanted, and not before: that is when
+// the end of the data shows, and where an emulation prevention byte drops out.
+
 #include "mediafiles/mp4/codec/bit-reader.h"
 
 #include <cerrno>
@@ -5,6 +8,7 @@
 #include <mediafiles/h265-parser.h>
 
 #include "mediafiles/mp4/codec/second-name.h"
+#include "mediafiles/refuse.h"
 
 namespace mediafiles {
 namespace {
@@ -71,10 +75,7 @@ int read_ue(bit_reader *reader, uint32_t *out)
         if (read_bits(reader, 1, &bit) != 0) return -1;
         if (bit) break;
     }
-    if (zeros > 31) {
-        errno = EILSEQ;
-        return -1;
-    }
+    if (zeros > 31) return refuse(EILSEQ);
     uint32_t suffix = 0;
     if (zeros > 0 && read_bits(reader, static_cast<int>(zeros), &suffix) != 0) return -1;
     *out = (1u << zeros) - 1 + suffix;

@@ -1,5 +1,5 @@
-// What is of H.264 alone: its NAL unit header, and the table of Exp-Golomb code
-// lengths.
+// What is of H.264 alone: its NAL unit header, the line about a profile, and
+// the table of Exp-Golomb code lengths.
 
 #include <cstdio>
 

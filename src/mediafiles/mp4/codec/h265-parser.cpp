@@ -9,6 +9,7 @@
 #include "mediafiles/mp4/codec/leading-fields.h"
 #include "mediafiles/mp4/codec/nal-header.h"
 #include "mediafiles/ownership.h"
+#include "mediafiles/refuse.h"
 
 namespace mediafiles {
 namespace {
@@ -37,10 +38,7 @@ int h265_parser_decode_nal_header(const uint8_t *data, uint32_t len, h265_nal_he
 
 int h265_parser_decode_vps(const uint8_t *nal, uint32_t len, h265_vps *vps)
 {
-    if (len < 2) {
-        errno = ENOSPC;
-        return -1;
-    }
+    if (len < 2) return refuse(ENOSPC);
     *vps = {};
     bit_reader reader = read_from(nal + 2, len - 2);
     if (!read_field(&reader, 4, &vps->vps_id)) return -1;

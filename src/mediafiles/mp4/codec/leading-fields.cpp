@@ -1,3 +1,6 @@
+// Only what stands first in slice headers and sequence parameter sets is read:
+// the picture size, for one, comes from whoever makes the track.
+
 #include "mediafiles/mp4/codec/leading-fields.h"
 
 #include <cerrno>
@@ -7,15 +10,13 @@
 
 #include "mediafiles/mp4/codec/bit-reader.h"
 #include "mediafiles/mp4/codec/second-name.h"
+#include "mediafiles/refuse.h"
 
 namespace mediafiles {
 
 int read_sps(const uint8_t *nal, uint32_t len, h264_sps *sps)
 {
-    if (len == 0) {
-        errno = ENOSPC;
-        return -1;
-    }
+    if (len == 0) return refuse(ENOSPC);
     *sps = {};
     bit_reader reader = read_from(nal + 1, len - 1);
     if (!read_field(&reader, 8, &sps->profile_idc)) return -1;
@@ -33,18 +34,12 @@ using namespace mediafiles;
 
 int h264_parser_decode_slice_header(const uint8_t *nal, uint32_t len, h264_slice_header *header)
 {
-    if (len == 0) {
-        errno = ENOSPC;
-        return -1;
-    }
+    if (len == 0) return refuse(ENOSPC);
     *header = {};
     bit_reader reader = read_from(nal + 1, len - 1);
     if (read_ue(&reader, &header->first_mb_in_slice) != 0) return -1;
     if (read_ue(&reader, &header->slice_type) != 0) return -1;
-    if (header->slice_type > 9) {
-        errno = EILSEQ;
-        return -1;
-    }
+    if (header->slice_type > 9) return refuse(EILSEQ);
     return 0;
 }
 

@@ -10,15 +10,14 @@
 #include <mediafiles/h264-parser.h>
 #include <mediafiles/h265-parser.h>
 
+#include "mediafiles/refuse.h"
+
 namespace mediafiles {
 
 // ITU-T H.264, 7.3.1
 inline int decode_nal_header(const uint8_t *data, uint32_t len, h264_nal_header *header)
 {
-    if (len < 1) {
-        errno = ENOSPC;
-        return -1;
-    }
+    if (len < 1) return refuse(ENOSPC);
     header->forbidden_zero_bit = data[0] >> 7;
     header->nal_ref_idc = data[0] >> 5 & 0x03;
     header->nal_unit_type = data[0] & 0x1F;
@@ -32,10 +31,7 @@ inline int decode_nal_header(const uint8_t *data, uint32_t len, h265_nal_header 
         header->forbidden_zero_bit = data[0] >> 7;
         header->nal_unit_type = data[0] >> 1 & 0x3F;
     }
-    if (len < 2) {
-        errno = ENOSPC;
-        return -1;
-    }
+    if (len < 2) return refuse(ENOSPC);
     header->nuh_layer_id = static_cast<uint8_t>((data[0] & 0x01) << 5 | data[1] >> 3);
     header->nuh_temporal_id_plus1 = data[1] & 0x07;
     return 0;

@@ -1,5 +1,5 @@
-// Encoders mark key frames with slices of every type, so whole frames are
-// searched: this is the hottest loop of an H.265 recording.
+// Slices of most types of H.265 are searched to their end: this is the hottest
+// loop of such a recording.
 //
 // A start code begins with two zero bytes, which coded data hardly ever has in
 // a row. The vector code only passes over blocks without such a pair; where
