@@ -1,0 +1,282 @@
+"""The command mediafiles record: real inputs in, files that independent readers judge out, and every way it can end.
+
+    record_command_test.py --tool MEDIAFILES --example EXAMPLE --media STREAMS
+"""
+
+import argparse
+import fcntl
+import json
+import pathlib
+import resource
+import signal
+import struct
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+
+sys.path.insert(0, str(pathlib.Path(__file__).parent / "support"))
+import judge  # noqa: E402
+
+LINE = argparse.ArgumentParser()
+for option in ("tool", "example", "media"):
+    LINE.add_argument("--" + option, type=pathlib.Path, required=True)
+GIVEN, REST = LINE.parse_known_args()
+
+BASE, SLICES, OTHER, REORDERED, AAC, AAC_44, HEVC, HEVC_CRA = (GIVEN.media / name for name in (
+    "h264_base_640x360_25.h264", "h264_high_aud_4slices_640x360_30.h264", "ext_MPS_MW_A_176x144_30.h264",
+    "ext_intel_176x96_30.h264", "aac_lc_48000_2.aac", "aac_voaac_44100_2.aac",
+    "h265_aud_sei_640x360_25.h265", "h265_cra_2slices_640x360_30.h265"))
+DONE, FAILED, USAGE = 0, 1, 2
+TRACK, SAMPLE, VPS, SPS, PPS, SEI = 1, 2, 6, 7, 8, 9  # journal records
+
+
+def records(journal):
+    """(kind, track, payload) of every record; the journal must end with a whole one."""
+    data, at = journal.read_bytes(), 0
+    while at < len(data):
+        kind, track, length = struct.unpack_from("<BBH", data, at)
+        yield kind, track, data[at + 4:at + 4 + length]
+        at += 4 + (length + 3 & ~3)
+    assert at == len(data), "the last record is cut"
+
+
+def stored(unit, codec):
+    """A unit's bytes as a sample has them."""
+    if codec == "aac":
+        return unit.data[7:]
+    return b"".join(struct.pack(">I", len(nal)) + nal for nal in judge.stored_units(unit.data, codec))
+
+
+class Record(unittest.TestCase):
+    def setUp(self):
+        directory = tempfile.TemporaryDirectory()
+        self.addCleanup(directory.cleanup)
+        self.directory = pathlib.Path(directory.name)
+        self.clip, self.journal, self.given = (self.directory / n for n in ("clip.mp4", "clip.mp4.journal", "given"))
+
+    def start(self, *arguments, **options):
+        return subprocess.Popen([GIVEN.tool, "record", "-o", self.clip, "--json", *map(str, arguments)], bufsize=0,
+                                stdout=subprocess.PIPE, stderr=subprocess.PIPE, **options)
+
+    def end(self, process, exit_code):
+        """The summary, which must be all that stands on standard output, and the lines on standard error."""
+        out, err = (text.decode() for text in process.communicate(timeout=20))
+        self.assertEqual(process.returncode, exit_code, err)
+        summary = json.loads(out) if exit_code != USAGE else None
+        if exit_code == FAILED:
+            self.assertIn(f"mediafiles: record: {summary['error']}\n", err)
+        return summary, err
+
+    def record(self, *arguments, exit_code=DONE, **options):
+        self.clip.unlink(missing_ok=True)
+        return self.end(self.start(*arguments, **options), exit_code)
+
+    def remux(self, name, *arguments):
+        path = self.directory / name
+        judge.run("ffmpeg", "-v", "error", "-y", *arguments, "-c", "copy", path)
+        return path
+
+    def check_track(self, source, stream, codec, timescale):
+        """The recorded track is the elementary stream, unit by unit."""
+        units = judge.units(source)
+        self.assertEqual(judge.packets(self.clip, stream), judge.expected_packets(units, codec, timescale))
+        self.assertEqual(judge.frame_checksums(self.clip, stream), judge.frame_checksums(source))
+
+    def check_journal(self, *sources):
+        """Every journaled sample lies in the media file and is the unit of its turn; gives their number by track."""
+        media, counts, kinds = self.clip.read_bytes(), [0] * len(sources), set()
+        for kind, track, payload in records(self.journal):
+            kinds.add(kind)
+            if kind == SAMPLE:
+                offset, length, seconds, nanoseconds, key = struct.unpack("<IIqIi", payload)
+                unit, codec = judge.units(sources[track])[counts[track]], sources[track].suffix[1:]
+                self.assertEqual(media[offset:offset + length], stored(unit, codec))
+                self.assertEqual((seconds * 10**9 + nanoseconds, key), (unit.time_ns, unit.key))
+                counts[track] += 1
+        self.assertEqual(kinds, {TRACK, SAMPLE, SPS, PPS})
+        return counts
+
+    def test_raw_streams(self):
+        for stream, rate in ((BASE, "25"), (SLICES, "30"), (OTHER, "30")):
+            with self.subTest(stream.name):
+                summary, _ = self.record(stream, "--fps", rate)
+                self.check_track(stream, "v", "h264", 90000)
+                units = judge.units(stream)
+                totals = [len(units), sum(u.key for u in units), sum(judge.stored_size(u, "h264") for u in units)]
+                self.assertEqual([summary["tracks"][0][k] for k in ("frames", "key_frames", "bytes")], totals)
+                self.assertFalse(self.journal.exists())
+        self.record(BASE, AAC, "--format", "h264", "--format", "aac")
+        self.check_track(BASE, "v", "h264", 90000)
+        self.check_track(AAC, "a", "aac", 48000)
+        self.assertEqual([judge.gstreamer_buffers(self.clip, pad) for pad in ("video_0", "audio_0")], [100, 236])
+        seen = judge.mediainfo_tracks(self.clip)
+        self.assertEqual((seen["Video"]["Format"], seen["Audio"]["Format"]), ("AVC", "AAC"))
+        summary, _ = self.record(BASE, AAC, "--duration", "1.5")
+        self.assertEqual((summary["stopped_by"], [t["frames"] for t in summary["tracks"]]), ("duration", [38, 71]))
+
+    def test_h265(self):
+        """With a journal, SEI units that would end it are taken out; without one the stream is stored as it is."""
+        for stream, rate in ((HEVC, "25"), (HEVC_CRA, "30")):
+            mp4 = self.remux("in.mp4", "-framerate", rate, "-i", stream)
+            ts = self.remux("in.ts", "-i", mp4)
+            self.record(stream, "--fps", rate, "--no-journal")
+            self.check_track(stream, "v", "h265", 90000)
+            sei = [nal for unit in judge.units(stream) for nal in judge.stored_units(unit.data, "h265")
+                   if nal[0] >> 1 == 39]
+            for given in (stream, mp4, ts):
+                with self.subTest(given.name, stream=stream.name):
+                    summary, err = self.record(given, AAC, BASE, "--fps", rate, "--keep-journal", "--overwrite")
+                    self.assertEqual((summary["journal_error"], err.count("SEI left out")),
+                                     (None, int(any(len(nal) > 508 for nal in sei))))
+                    self.assertEqual(judge.frame_checksums(self.clip, "v:0"), judge.frame_checksums(stream))
+                    kinds = [kind for kind, track, _ in records(self.journal) if track == 0]
+                    before, first = kinds[:kinds.index(SAMPLE)], kinds.index(SAMPLE)
+                    short = any(len(nal) <= 508 for nal in sei)
+                    self.assertEqual(sorted(before), [TRACK, VPS, SPS, PPS] + [SEI] * short)
+                    self.assertEqual(kinds[first:], [SAMPLE] * len(judge.units(stream)))
+
+    def test_same_file_as_the_c_interface(self):
+        self.record(SLICES)
+        other = self.directory / "example.mp4"
+        judge.run(GIVEN.example, other, SLICES, SLICES.with_suffix(".units.tsv"), 640, 360)
+        self.assertEqual(self.clip.read_bytes(), other.read_bytes())
+
+    def test_containers(self):
+        """The demuxer's own times count, here those that ffprobe shows of the input."""
+        for name in ("in.mp4", "in.ts", "in.mkv"):
+            given = self.remux(name, "-framerate", "25", "-i", BASE, "-i", AAC_44)
+            self.record(given)
+            for stream, timescale, source in (("v", 90000, BASE), ("a", 44100, AAC_44)):
+                with self.subTest(name, stream=stream):
+                    shown = json.loads(judge.run("ffprobe", "-v", "error", "-select_streams", stream, "-show_entries",
+                                                 "packet=pts:stream=time_base", "-of", "json", given))
+                    num, den = map(int, shown["streams"][0]["time_base"].split("/"))
+                    times = [(2 * p["pts"] * num * 10**9 + den) // (2 * den) for p in shown["packets"]]
+                    ticks = [((b - a) * timescale + 500_000_000) // 10**9 for a, b in zip(times, times[1:])]
+                    found = judge.packets(self.clip, stream)
+                    self.assertEqual([b.ticks - a.ticks for a, b in zip(found, found[1:])], [0] + ticks[:-1])
+                    self.assertEqual([p.key for p in found], [bool(u.key) for u in judge.units(source)])
+                    self.assertEqual(judge.frame_checksums(self.clip, stream), judge.frame_checksums(given, stream))
+        self.record(self.directory / "in.ts", AAC)  # the first begins at 1.4 s, but both begin together
+        self.assertLess(max(float(s["start_time"]) for s in judge.streams(self.clip)), 0.1)
+
+    def test_reordered_pictures(self):
+        mp4 = self.remux("b.mp4", "-framerate", "30", "-i", REORDERED)
+        for given in (REORDERED, mp4, self.remux("b.ts", "-i", mp4)):
+            with self.subTest(given.name):
+                summary, _ = self.record(given, exit_code=FAILED)
+                self.assertIn("-bf 0", summary["error"])
+                self.assertFalse(self.clip.exists() or self.journal.exists())
+        self.given.write_bytes(BASE.read_bytes() * 3 + REORDERED.read_bytes())
+        summary, _ = self.record(self.given, exit_code=FAILED)
+        self.assertEqual(summary["stopped_by"], "error")
+        self.assertEqual(len(judge.packets(self.clip, "v")), 302)  # the third picture is shown before the second
+
+    def test_frames_of_note(self):
+        units = [u.data for u in judge.units(BASE)[:12]]
+        sei, cut = b"\0\0\0\1\x06\x80", b"\0\0\0\1\x09\x30\0\0\0\1"
+        odd = [sei * {3: 31, 5: 32, 7: 33}.get(i, 0) + unit for i, unit in enumerate(units)]
+        self.given.write_bytes(b"".join(odd) + cut)
+        summary, err = self.record(self.given, "--keep-journal")
+        self.assertEqual([summary["tracks"][0][k] for k in ("frames", "dropped")], [10, 3])
+        self.assertEqual((err.count("more than 32"), err.count("cut off")), (1, 1))
+        self.assertEqual([p.ticks // 3600 for p in judge.packets(self.clip, "v")], [0, 0, 1, 2, 3, 4, 6, 8, 9, 10])
+        framed = self.remux("in.nut", "-framerate", "25", "-i", BASE).read_bytes()
+        self.given.write_bytes(framed.replace(units[6], b"U" * 8 + units[6][8:]))
+        summary, err = self.record(self.given, "--overwrite")
+        self.assertEqual((summary["tracks"][0]["dropped"], err.count("no start code")), (1, 1))
+        self.given.write_bytes(self.remux("one.ts", "-framerate", "25", "-i", BASE, "-frames", "20").read_bytes() * 2)
+        summary, err = self.record(self.given)
+        self.assertEqual((summary["tracks"][0]["backwards"], err.count("time runs backwards")), (19, 1))
+        sps, pps, *rest = judge.stored_units(units[0], "h264")
+        units[0] = b"".join(b"\0\0\0\1" + nal for nal in (sps, pps + b"\x55" * 600, *rest))
+        self.given.write_bytes(b"".join(units))
+        summary, err = self.record(self.given)
+        self.assertEqual((summary["tracks"][0]["frames"], err.count("journal ended")), (12, 1))
+        self.assertIn("508", summary["journal_error"])
+
+    def test_what_stands_in_the_way(self):
+        rate_96000, main_profile = self.directory / "96000.aac", self.directory / "main.aac"
+        rate_96000.write_bytes(AAC.read_bytes().replace(b"\xff\xf1\x4c", b"\xff\xf1\x40"))
+        main_profile.write_bytes(AAC.read_bytes().replace(b"\xff\xf1\x4c", b"\xff\xf1\x0c"))
+        for arguments, exit_code, text in (
+                ((self.directory / "none.h264",), FAILED, "none.h264: No such file"),
+                ((rate_96000,), FAILED, "96000 Hz"), ((main_profile,), FAILED, "AAC-LC can be recorded"),
+                ((BASE, "--journal", self.directory / "no" / "journal"), FAILED, "no/journal: No such file"),
+                ((BASE, "--journal", self.clip), FAILED, "clip.mp4: it exists"),
+                ((BASE, "--no-journal", "--keep-journal"), USAGE, "excludes"), ((), USAGE, "INPUT"),
+                ((BASE, "--fps", "quick"), USAGE, "quick"), ((BASE, "--format", "1:2"), USAGE, "1:2")):
+            with self.subTest(text):
+                _, err = self.record(*arguments, exit_code=exit_code)
+                self.assertIn(text, err)
+                self.assertFalse(self.clip.exists() or self.journal.exists())
+        whole = self.remux("whole.mp4", "-i", BASE, "-movflags", "faststart").read_bytes()
+        self.given.write_bytes(whole[:100_000])
+        summary, err = self.record(self.given, exit_code=FAILED)
+        self.assertIn(f"reading stopped: {self.given}", err)
+        self.assertEqual(len(judge.packets(self.clip, "v")), summary["tracks"][0]["frames"])
+
+    def test_existing_files(self):
+        self.given.write_bytes(BASE.read_bytes())
+        self.clip.write_bytes(b"kept")
+        _, err = self.end(self.start(self.given), FAILED)
+        self.assertIn("clip.mp4: it exists", err)
+        self.journal.write_bytes(b"kept")
+        _, err = self.record(self.given, exit_code=FAILED)
+        self.assertIn("journal: it exists", err)
+        self.assertEqual((self.journal.read_bytes(), self.clip.exists()), (b"kept", False))
+        _, err = self.record(self.given, "--overwrite", "--journal", self.given, exit_code=FAILED)
+        self.assertIn("it is an input", err)
+        self.clip.hardlink_to(self.given)
+        _, err = self.end(self.start(self.given, "--overwrite"), FAILED)
+        self.assertIn("it is an input", err)
+        self.assertEqual(self.given.read_bytes(), BASE.read_bytes())
+        self.clip.unlink()
+        self.clip.write_bytes(b"kept")
+        with open(self.clip, "rb") as other:
+            fcntl.flock(other, fcntl.LOCK_EX)
+            _, err = self.end(self.start(self.given, "--overwrite"), FAILED)
+            self.assertIn("another process", err)
+            self.assertEqual((self.clip.read_bytes(), self.journal.read_bytes()), (b"kept", b"kept"))
+        self.end(self.start(self.given, "--overwrite", "--keep-journal"), DONE)
+        self.assertEqual(self.check_journal(BASE), [100])
+
+    def test_file_size_limit(self):
+        """Where no more can be written the media stays, and the journal names what is whole in it."""
+        limit = 100_000
+        summary, err = self.record(BASE, AAC, exit_code=FAILED, preexec_fn=lambda: resource.setrlimit(
+            resource.RLIMIT_FSIZE, (limit, limit)))
+        self.assertIn(f"cannot write: {self.clip}: File too large", err)
+        self.assertEqual((summary["journal_kept"], self.clip.stat().st_size), (True, limit))
+        video, audio = self.check_journal(BASE, AAC)
+        ends = [32 + sum(judge.stored_size(u, "h264") for u in judge.units(BASE)[:video + i]) for i in (0, 1)]
+        self.assertTrue(audio == 0 and ends[0] <= limit < ends[1], (video, audio, ends))  # audio was still collecting
+
+    def test_signals(self):
+        """SIGINT in the middle, and SIGTERM while standard input has nothing to give, finish the file."""
+        for number, arguments in ((signal.SIGINT, (BASE, "--realtime")), (signal.SIGTERM, ("-", "--format", "h264"))):
+            with self.subTest(number):
+                process = self.start(*arguments, "--overwrite", stdin=subprocess.PIPE)
+                process.stdin.write(BASE.read_bytes() if "-" in arguments else b"")
+                time.sleep(1.7)
+                process.send_signal(number)
+                process.wait(20)
+                summary, _ = self.end(process, DONE)
+                self.assertEqual(summary["stopped_by"], "signal")
+                self.assertEqual(len(judge.packets(self.clip, "v")), summary["tracks"][0]["frames"])
+                self.assertGreater(summary["tracks"][0]["frames"], 10)
+
+    def test_killed(self):
+        """After SIGKILL every sample that the journal names is in the file, up to the last sync."""
+        process = self.start(BASE, AAC, "--realtime", "--sync", "0.2")
+        time.sleep(2.5)
+        process.kill()
+        process.communicate()
+        video, audio = self.check_journal(BASE, AAC)
+        self.assertTrue(10 < video < 65 and abs(video / 25 - audio * 1024 / 48000) < 0.1, (video, audio))
+
+
+if __name__ == "__main__":
+    unittest.main(argv=sys.argv[:1] + REST)

@@ -1,0 +1,49 @@
+#include "console.h"
+
+#include <cstdio>
+
+#include <unistd.h>
+
+namespace tools {
+
+console::console(std::string command, bool quiet)
+    : command_(std::move(command)), quiet_(quiet), terminal_(isatty(STDERR_FILENO) == 1)
+{
+}
+
+void console::problem(const std::string &text)
+{
+    clear_progress();
+    std::fprintf(stderr, "mediafiles: %s: %s\n", command_.c_str(), text.c_str());
+}
+
+void console::note(const std::string &text)
+{
+    if (quiet_) return;
+    clear_progress();
+    std::fprintf(stderr, "%s\n", text.c_str());
+}
+
+bool console::wants_progress()
+{
+    const auto now = std::chrono::steady_clock::now();
+    if (quiet_ || !terminal_ || now < next_progress_) return false;
+    next_progress_ = now + std::chrono::milliseconds(250);
+    return true;
+}
+
+void console::progress(const std::string &text)
+{
+    std::fprintf(stderr, "\r%-*s", static_cast<int>(shown_), text.c_str());
+    std::fflush(stderr);
+    shown_ = text.size();
+}
+
+void console::clear_progress()
+{
+    if (shown_ == 0) return;
+    std::fprintf(stderr, "\r%*s\r", static_cast<int>(shown_), "");
+    shown_ = 0;
+}
+
+} // namespace tools
