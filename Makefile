@@ -47,6 +47,7 @@ cross-arm:
 	cmake --build out/arm -j $(JOBS)
 
 install:
+	scripts/install-packages build
 	cmake -S . -B out/install -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=$(PREFIX)
 	cmake --build out/install -j $(JOBS)
 	DESTDIR=$(DESTDIR) cmake --install out/install

@@ -84,7 +84,7 @@ MEDIAFILES_API const void *mediafile_caretaker_read(mediafile_caretaker *caretak
 /** Empties a writer and clears its error, for the next recording. Does nothing to a reader. */
 MEDIAFILES_API void mediafile_caretaker_reset(mediafile_caretaker *caretaker);
 
-/** Empties a writer likewise; takes a reader back to the first record of its file. */
+/** Empties a writer likewise; takes a reader back to the first record of its file (an error of seeking is kept). */
 MEDIAFILES_API void mediafile_caretaker_reset2(mediafile_caretaker *caretaker);
 
 /**

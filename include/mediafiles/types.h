@@ -35,6 +35,8 @@ typedef struct mp4_frame mp4_frame;
 typedef struct mp4_track_span mp4_track_span;
 typedef struct mp4_movie mp4_movie;
 typedef struct mp4_builder mp4_builder;
+typedef struct mp4_fix_track mp4_fix_track;
+typedef struct mp4_fix_info mp4_fix_info;
 
 typedef struct h264_bs h264_bs;
 typedef struct h264_nal_header h264_nal_header;

@@ -104,21 +104,6 @@ bool is_reader(const mediafile_caretaker *caretaker)
     return caretaker->fd >= 0;
 }
 
-// A record's fields; those that a shorter record does not have are 0.
-template <class Record>
-Record load(const memento *from)
-{
-    Record record;
-    const uint32_t there = record_size(from->length);
-    if (there >= sizeof record) {
-        memcpy(&record, from, sizeof record);
-    } else {
-        record = {};
-        memcpy(&record, from, there);
-    }
-    return record;
-}
-
 // Room for a record behind those that are stored; NULL with error set.
 uint8_t *reserve(mediafile_caretaker *caretaker, uint32_t size)
 {
@@ -194,7 +179,7 @@ int queue_sample(mediafile_caretaker *caretaker, const sample_memento &record)
 int add_sample(mediafile_caretaker *caretaker, const memento *given)
 {
     if (given->track >= slot_count) return fail(caretaker, ENOBUFS);
-    const auto record = load<sample_memento>(given);
+    const auto record = load_memento<sample_memento>(given);
     if (record.len == 0) return queue_sample(caretaker, record);
     if (record.offset < caretaker->next_offset) return fail(caretaker, EILSEQ);
     caretaker->next_offset = record.offset + record.len;
@@ -204,7 +189,7 @@ int add_sample(mediafile_caretaker *caretaker, const memento *given)
 int add_sample_size(mediafile_caretaker *caretaker, const memento *given)
 {
     if (given->track >= slot_count) return fail(caretaker, ENOENT);
-    const auto record = load<sample_size_memento>(given);
+    const auto record = load_memento<sample_size_memento>(given);
     if (record.len == 0) return fail(caretaker, EINVAL);
     pending_queue &queue = caretaker->slots[given->track];
     pending_sample *target = queue.cursor ? queue.cursor->next : queue.first;
@@ -217,7 +202,7 @@ int add_sample_size(mediafile_caretaker *caretaker, const memento *given)
 int add_chunk(mediafile_caretaker *caretaker, const memento *given)
 {
     if (given->track >= slot_count) return fail(caretaker, ENOENT);
-    const auto record = load<chunk_memento>(given);
+    const auto record = load_memento<chunk_memento>(given);
     if (record.offset < caretaker->next_offset) return fail(caretaker, EILSEQ);
     if (record.count <= 0) return fail(caretaker, EINVAL);
 
@@ -235,7 +220,7 @@ int add_chunk(mediafile_caretaker *caretaker, const memento *given)
 int add_sample_written(mediafile_caretaker *caretaker, const memento *given)
 {
     if (given->track >= slot_count) return fail(caretaker, ENOENT);
-    const auto record = load<sample_written_memento>(given);
+    const auto record = load_memento<sample_written_memento>(given);
     if (record.offset < caretaker->next_offset) return fail(caretaker, EILSEQ);
     if (record.len == 0) return fail(caretaker, EINVAL);
     pending_queue &queue = caretaker->slots[given->track];
@@ -323,7 +308,7 @@ bool accept(mediafile_caretaker *caretaker, const memento *record)
     const int length = kinds[record->kind].length;
     if (length != any_length && record->length != length) return false;
     if (record->kind == MEMENTO_SAMPLE) {
-        const auto sample = load<sample_memento>(record);
+        const auto sample = load_memento<sample_memento>(record);
         if (sample.offset < caretaker->next_offset || sample.len == 0) return false;
         caretaker->next_offset = sample.offset + sample.len;
     }
@@ -413,7 +398,8 @@ void mediafile_caretaker_reset2(mediafile_caretaker *caretaker)
     reset(caretaker);
     caretaker->eof = false;
     caretaker->read_pos = 0;
-    if (is_reader(caretaker)) lseek(caretaker->fd, 0, SEEK_SET);
+    // A second pass over nothing would look like an empty journal.
+    if (is_reader(caretaker) && lseek(caretaker->fd, 0, SEEK_SET) == -1) fail(caretaker, errno);
 }
 
 const memento *mediafile_caretaker_pop(mediafile_caretaker *caretaker)

@@ -56,6 +56,21 @@ constexpr uint32_t record_size(uint16_t length)
     return static_cast<uint32_t>(sizeof(memento)) + ((uint32_t{length} + 3) & ~3u);
 }
 
+// A record's fields; those that a shorter record does not have are 0.
+template <class Record>
+Record load_memento(const memento *from)
+{
+    Record record;
+    const uint32_t there = record_size(from->length);
+    if (there >= sizeof record) {
+        memcpy(&record, from, sizeof record);
+    } else {
+        record = {};
+        memcpy(&record, from, there);
+    }
+    return record;
+}
+
 // Appends to a journal, if there is one. A failure stays in the journal.
 template <class Record>
 void journal(mediafile_caretaker *caretaker, const Record &record)

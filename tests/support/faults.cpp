@@ -6,6 +6,7 @@
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
+#include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
@@ -92,6 +93,10 @@ WRAP(input, ssize_t, read, (int fd, void *data, size_t n), (fd, data, limited(n)
 WRAP(syncing, int, fsync, (int fd), (fd))
 WRAP(opening, int, open, (const char *path, int flags, mode_t mode), (path, flags, mode))
 WRAP(opening, int, open64, (const char *path, int flags, mode_t mode), (path, flags, mode))
+WRAP(sizing, int, fstat, (int fd, struct stat *out), (fd, out))
+WRAP(sizing, int, fstat64, (int fd, struct stat64 *out), (fd, out))
+WRAP(cutting, int, ftruncate, (int fd, long length), (fd, length))
+WRAP(cutting, int, ftruncate64, (int fd, int64_t length), (fd, length))
 WRAP(seeking, long, lseek, (int fd, long to, int whence), (fd, to, whence)) // off_t under its plain name
 WRAP(seeking, int64_t, lseek64, (int fd, int64_t to, int whence), (fd, to, whence))
 WRAP(advice, int, posix_fadvise, (int fd, long from, long n, int what), (fd, from, n, what))

@@ -2,8 +2,8 @@
  * Fault injection: system calls and allocations of the code under test pass through wrappers that count them and can
  * make them fail; the logger is replaced by one that keeps its lines. A program that uses this is linked with the
  * static library, faults.cpp and -Wl,--wrap=NAME for malloc, calloc, realloc, free, write, writev, read, fsync, lseek,
- * lseek64, posix_fadvise, posix_fadvise64, open and open64. What lies in shared libraries (operator new, pread, stdio)
- * is not touched: tests use it freely meanwhile.
+ * lseek64, posix_fadvise, posix_fadvise64, open, open64, fstat, fstat64, ftruncate and ftruncate64. What lies in shared
+ * libraries (operator new, pread, stdio) is not touched: tests use it freely meanwhile.
  */
 #pragma once
 
@@ -15,7 +15,7 @@ namespace faults {
 
 extern std::vector<std::string> log_lines; // the logger's, each behind its level: "5 text\n"
 
-enum call { memory, output, seeking, advice, input, opening, syncing, kinds }; // output: write, writev
+enum call { memory, output, seeking, advice, input, opening, syncing, sizing, cutting, kinds }; // output: write, writev
 
 struct plan {
     call kind = memory;
