@@ -422,7 +422,7 @@ TEST(fix, survives_every_fault)
     using enum faults::call;
     set_levels(1, 1, 1);
     const recording whole = record(200);
-    const size_t moov = mp4::read(whole.file).boxes[2].offset;
+    const size_t moov = static_cast<size_t>(mp4::read(whole.file).boxes[2].offset);
     const bytes before = cut_off(whole, moov);
     const descriptor file, journal;
     fill(journal, whole.journal);

@@ -21,7 +21,8 @@ constexpr const char *cannot_record = "cannot record";
 
 bool is_same(const struct stat &a, const struct stat &b) { return a.st_dev == b.st_dev && a.st_ino == b.st_ino; }
 
-/* A new name survives a power cut once its directory is synced. */
+} // namespace
+
 void sync_directory_of(const std::string &path)
 {
     const size_t slash = path.rfind('/');
@@ -33,8 +34,6 @@ void sync_directory_of(const std::string &path)
     /* Some file systems have nothing to sync in a directory. */
     if (result != 0 && error != EINVAL && error != ENOTSUP) throw failure("cannot sync", directory, error);
 }
-
-} // namespace
 
 locked_file::locked_file(std::string path, bool overwrite, const char *why_not) : path_(std::move(path))
 {

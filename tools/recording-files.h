@@ -96,6 +96,9 @@ private:
  */
 std::span<const uint8_t> records_within(std::span<const uint8_t> records, uint64_t media_size);
 
+/** Makes a name in it new or gone for good: that survives a power cut once the directory is synced. Throws failure. */
+void sync_directory_of(const std::string &path);
+
 } // namespace tools
 
 #endif

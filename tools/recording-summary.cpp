@@ -1,9 +1,8 @@
 #include "recording-summary.h"
 
-#include <cstdarg>
-#include <cstdio>
-
 #include <nlohmann/json.hpp>
+
+#include "print.h"
 
 namespace tools {
 
@@ -31,16 +30,6 @@ const char *name(stop_reason reason)
     case stop_reason::error: return "error";
     }
     return "";
-}
-
-[[gnu::format(printf, 1, 2)]] std::string print(const char *format, ...)
-{
-    char text[160];
-    va_list values;
-    va_start(values, format);
-    std::vsnprintf(text, sizeof text, format, values);
-    va_end(values);
-    return text;
 }
 
 std::string line(size_t index, const track_summary &track)

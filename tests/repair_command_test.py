@@ -1,0 +1,212 @@
+"""The command mediafiles repair: recordings cut and damaged, judged by what independent readers make of them.
+
+    repair_command_test.py --tool MEDIAFILES --example EXAMPLE --media STREAMS
+"""
+
+import argparse
+import fcntl
+import json
+import os
+import pathlib
+import shutil
+import struct
+import subprocess
+import sys
+import tempfile
+import unittest
+from collections import namedtuple
+
+sys.path.insert(0, str(pathlib.Path(__file__).parent / "support"))
+import judge  # noqa: E402
+
+LINE = argparse.ArgumentParser()
+for option in ("tool", "example", "media"):
+    LINE.add_argument("--" + option, type=pathlib.Path, required=True)
+GIVEN, REST = LINE.parse_known_args()
+SOURCES = {"av": ("h264_base_640x360_25.h264", "aac_lc_48000_2.aac"), "hevc": ("h265_aud_sei_640x360_25.h265",)}
+DONE, FAILED, USAGE, NOTHING = 0, 1, 2, 3
+TRACED = {**os.environ, "ASAN_OPTIONS": "detect_leaks=0"}  # the leak checker is a tracer itself
+Sample = namedtuple("Sample", "record_end track begin size end time key")
+
+
+def run(*command, **options):
+    return subprocess.run(command, text=True, capture_output=True, check=False, timeout=60, **options)
+
+
+def samples_of(journal):
+    at = 0
+    while at < len(journal):
+        kind, track, length = struct.unpack_from("<BBH", journal, at)
+        if kind == 2:
+            begin, size, *time, key = struct.unpack_from("<IIqIi", journal, at + 4)
+            yield Sample(at + 28, track, begin, size, begin + size, time, key != 0)
+        at += 4 + (length + 3 & ~3)
+
+
+class Repair(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.whole = {}  # the finished file, the same before it was finished, its journal and what that names
+        with tempfile.TemporaryDirectory() as directory:
+            for name, sources in SOURCES.items():
+                clip = pathlib.Path(directory, name)
+                run(GIVEN.tool, "record", *(GIVEN.media / s for s in sources), "-o", clip, "--keep-journal")
+                data, journal = clip.read_bytes(), pathlib.Path(f"{clip}.journal").read_bytes()
+                samples = list(samples_of(journal))
+                cls.whole[name] = data, data[:24] + bytes(4) + data[28:samples[-1].end], journal, samples
+
+    def setUp(self):
+        self.directory = pathlib.Path(tempfile.mkdtemp())
+        self.addCleanup(shutil.rmtree, self.directory)
+        self.clip, self.journal = self.directory / "clip.mp4", self.directory / "clip.mp4.journal"
+
+    def put(self, media, journal, name="clip.mp4"):
+        for path, data in ((self.directory / name, media), (self.directory / (name + ".journal"), journal)):
+            path.unlink(missing_ok=True)
+            if data is not None:
+                path.write_bytes(data)
+
+    def files(self):
+        return {p.name: p.read_bytes() for p in self.directory.iterdir() if p.is_file()}
+
+    def run_repair(self, *arguments, exit_code=DONE):
+        done = run(GIVEN.tool, "repair", "--json", *map(str, arguments))
+        self.assertEqual(done.returncode, exit_code, done.stderr)
+        return (json.loads(done.stdout) if exit_code != USAGE else None), done.stderr
+
+    def repair(self, *options, exit_code=DONE):
+        return self.run_repair(self.clip, *options, exit_code=exit_code)[0]["files"][0]
+
+    def refused(self, text, *options):
+        before = self.files()
+        report, err = self.run_repair(self.clip, *options, exit_code=FAILED)
+        self.assertEqual((report["files"][0]["result"], self.files()), ("refused", before))
+        self.assertIn(f"mediafiles: repair: {report['files'][0]['error']}\n", err)
+        self.assertIn(text, err)
+
+    def check(self, name, count):
+        """The file holds the journal's first samples, byte for byte, and a decoder takes them all."""
+        _, media, _, samples = self.whole[name]
+        kept = samples[:count]
+        self.assertEqual(self.clip.read_bytes()[32:kept[-1].end], media[32:kept[-1].end])
+        for track in range(len(SOURCES[name])):
+            mine = [(s.size, s.key) for s in kept if s.track == track]
+            self.assertEqual([(p.size, p.key) for p in judge.packets(self.clip, track)], mine)
+            self.assertEqual(len(judge.frame_checksums(self.clip, track)), len(mine))
+
+    def test_cut(self):
+        for name, (_, media, journal, samples) in self.whole.items():
+            for what, cut, records, kept, options in (
+                    ("nothing", len(media), journal, len(samples), ()),
+                    ("media", samples[60].begin, journal, 60, ()),
+                    ("journal", len(media), journal[:samples[40].record_end - 3], 40, ("--force", "--quiet"))):
+                with self.subTest(name, cut=what):
+                    self.put(media[:cut], records)
+                    dry = self.repair(*options, "--dry-run")
+                    self.assertEqual(self.files(), {"clip.mp4": media[:cut], "clip.mp4.journal": records})
+                    one = self.repair(*options)
+                    self.assertEqual({**dry, "journal_kept": False}, one)
+                    self.assertEqual((list(self.files()), self.clip.stat().st_size), (["clip.mp4"], one["bytes"]))
+                    self.assertEqual(one["cut_bytes"], cut - samples[kept - 1].end)
+                    self.assertEqual(sum(t["frames"] for t in one["tracks"]), kept)
+                    self.check(name, kept)
+
+    def test_last_frame(self):
+        """A frame that the cut has hit is kept with zeros or, on request, dropped."""
+        _, media, journal, samples = self.whole["av"]
+        last = max((s for s in samples[:60] if s.track == 0), key=lambda s: s.begin)
+        cut = media[:last.begin + 7]
+        self.put(cut, journal)
+        with tempfile.TemporaryDirectory() as other:
+            copy = pathlib.Path(self.repair("--output", other)["output"])
+            self.assertEqual(os.listdir(other), ["clip.mp4"])
+            self.assertEqual(copy.read_bytes()[32:last.end], cut[32:] + bytes(last.size - 7))
+            self.refused("exists", "--output", other)
+        self.repair("--drop-last-frame")
+        self.check("av", next(i for i, s in enumerate(samples) if s.time == last.time))
+
+    @unittest.skipUnless(shutil.which("strace"), "it takes strace")
+    def test_killed_and_repeated(self):
+        """Wherever the repair is killed between its changes, once more gives what it would have given."""
+        _, media, journal, samples = self.whole["av"]
+        last = max((s for s in samples[:60] if s.track == 0), key=lambda s: s.begin)
+        given, kills = (media[:last.begin + 7], journal), 0
+        for options in ((), ("--drop-last-frame",), ("--keep-journal",)):
+            self.put(*given)
+            self.repair(*options)
+            expected = self.files()
+            for call in ("write", "rename", "ftruncate", "fsync", "unlink"):
+                for n in range(1, 40):
+                    self.put(*given)
+                    inject = ("strace", "-qq", "-o", "/dev/null", "-e", f"inject={call}:signal=KILL:when={n}")
+                    if run(*inject, GIVEN.tool, "repair", self.clip, *options, env=TRACED).returncode == DONE:
+                        break
+                    kills += 1
+                    run(GIVEN.tool, "repair", self.clip, *options)
+                    self.assertEqual(self.files(), expected, (options, call, n))
+        self.assertGreater(kills, 30)
+
+    def test_refused(self):
+        data, media, journal, samples = self.whole["av"]
+        at, zeros = samples[30].record_end - 24, samples[30].begin
+        gap = journal[:at] + struct.pack("<I", zeros + 4) + journal[at + 4:]
+        for text, given, records, options in (
+                ("is empty", media, b"", ()), ("no journal", media, None, ()), ("too long", media, b"\0\0\xff\xff", ()),
+                ("--force", media, journal[:samples[20].record_end], ()), ("a gap between", media, gap, ()),
+                ("not the frame", media[:zeros] + bytes(len(media) - zeros), journal, ("--salvage", "--force")),
+                ("not the frame", media, self.whole["hevc"][2], ()), ("none of its frames", media[:32], journal, ()),
+                ("as a recording does", b"\0\0\0\x18ftyp" + data[-99:], journal, ()),
+                ("fewer than two", media[:40], journal, ("--drop-last-frame",))):
+            with self.subTest(text):
+                self.put(given, records)
+                self.refused(text, *options)
+
+    def test_damaged_journals(self):
+        """What a power cut leaves at the end costs the record that it hit, a damaged one more only on request."""
+        _, media, journal, samples = self.whole["av"]
+        key = max(i for i, s in enumerate(samples) if s.track == 0 and s.key)
+        plain = max(i for i, s in enumerate(samples) if s.track == 0 and not s.key and s.time[1])
+        for what, hit, valid, rest, options in (
+                ("bad record", 60, 0, b"\5" * 900, ("--salvage",)), ("zeros behind it", plain, 28, bytes(700), ()),
+                ("half of it zero", 60, 12, bytes(16), ()), ("its flag and zeros", key, 24, bytes(516), ())):
+            with self.subTest(what):
+                begin = samples[hit].record_end - 28
+                self.put(media, journal[:begin + valid] + rest)
+                if options:
+                    self.refused("damaged at byte", "--force")
+                one, kept = self.repair("--force", *options), hit + (valid == 28)
+                self.assertEqual(one["journal_lost_bytes"], valid % 28 + len(rest))
+                self.check("av", kept)
+
+    def test_finished(self):
+        """A file that record or repair has finished is left as it is; one with a torn moov is not finished."""
+        data, media, journal, samples = self.whole["av"]
+        for torn in (media, data[:-100], data[:-400] + bytes(400)):
+            self.put(torn, journal)
+            self.assertEqual(self.repair("--keep-journal")["result"], "repaired")
+            self.check("av", len(samples))
+            before = self.files()
+            self.assertEqual((self.repair(exit_code=NOTHING)["result"], self.files()), ("finished", before))
+
+    def test_directory(self):
+        data, media, journal, _ = self.whole["av"]
+        (self.directory / "sub").mkdir()
+        for n, (name, *given) in enumerate((
+                ("sub/whole.mp4", data, None), ("sub/closed.mp4", data, journal), ("cut.mp4", media, journal),
+                ("damaged.mp4", media, b"\5" + journal), ("locked.mp4", media, journal), ("alone.mp4", media, None))):
+            self.put(*given, name)
+            os.utime(self.directory / name, (1000 + n, 1000 + n))
+        with open(self.directory / "locked.mp4", "rb") as other:
+            fcntl.flock(other, fcntl.LOCK_EX)
+            report, err = self.run_repair(self.directory, exit_code=FAILED)
+        self.assertEqual([(pathlib.Path(f["path"]).name, f["result"]) for f in report["files"]], [
+            ("alone.mp4", "refused"), ("locked.mp4", "refused"), ("damaged.mp4", "refused"), ("cut.mp4", "repaired"),
+            ("closed.mp4", "finished"), ("whole.mp4", "finished")])
+        self.assertIn("6 files: 1 repaired, 2 finished properly, 3 not repaired", err)
+        self.assertEqual((self.directory / "sub/closed.mp4").read_bytes(), data)
+        self.run_repair(self.directory / "sub", exit_code=NOTHING)
+        self.run_repair(self.directory, "--journal", self.journal, exit_code=USAGE)
+
+
+if __name__ == "__main__":
+    unittest.main(argv=sys.argv[:1] + REST)

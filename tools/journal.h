@@ -1,0 +1,74 @@
+/**
+ * A journal file as a repair needs it: which records can be replayed, where
+ * they end, and why they end there.
+ *
+ * A record counts while the library's repair would replay it and the samples
+ * follow each other without a gap; the journal ends before the first one that
+ * does not. So the bytes up to journal::end always are a journal that the
+ * library takes.
+ */
+#ifndef TOOLS_JOURNAL_H
+#define TOOLS_JOURNAL_H
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include <mediafiles/movie.h>
+
+namespace tools {
+
+struct journal_sample {
+    size_t record_end; // offset in the journal, behind the sample's record
+    uint8_t track;
+    bool key;
+    uint32_t offset; // in the media file
+    uint32_t size;   // bytes
+    int64_t time;    // nanoseconds; seconds beyond 32 bits do not count, as in the library
+
+    uint64_t end() const { return uint64_t{offset} + size; }
+};
+
+struct parameter_set {
+    uint8_t kind; // MEMENTO_
+    uint8_t track;
+    std::vector<uint8_t> unit; // NAL unit
+};
+
+/** What an earlier repair noted at the end of the journal that it made. */
+struct repair_mark {
+    uint32_t media_size;      // bytes of the media file before that repair
+    bool dropped_frame;       // the last frame has been left out
+    bool completed;           // the repair came to its end
+};
+
+struct journal {
+    std::vector<mp4_track_desc> tracks;
+    std::vector<parameter_set> parameter_sets; // the first of each kind and track, which is what a movie keeps
+    std::vector<journal_sample> samples;
+    size_t end = 0;     // bytes of its valid records, without a mark
+    size_t lost = 0;    // bytes behind them: damaged, zeros, or a record that the file's end cuts
+    std::string damage; // what ends it before its file does; empty for zeros and a cut
+    std::optional<repair_mark> mark;
+};
+
+/** The key flag that a sample ought to have by its media; none where that cannot be told. */
+using key_by_media = std::function<std::optional<bool>(const journal_sample &, const mp4_track_desc &)>;
+
+/**
+ * A power cut can leave a run of zeros at the end of a file. It is dropped,
+ * and with it the record in which it begins, unless that is a sample whose own
+ * fields end with zeros: one without key flag that fits its media and the
+ * times before it.
+ */
+journal parse_journal(std::span<const uint8_t> data, const key_by_media &);
+
+/** The record that notes a mark; the library's repair passes it over. */
+std::vector<uint8_t> mark_record(const repair_mark &);
+
+} // namespace tools
+
+#endif
