@@ -364,7 +364,7 @@ TEST(fix, gives_back_what_was_recorded)
         };
         const std::vector<place> all = places(good);
         EXPECT_EQ(all.size(), size_t(3 * frames));
-        const size_t moov = good.boxes[2].offset;
+        const size_t moov = static_cast<size_t>(good.boxes[2].offset);
         const descriptor file, journal;
         fill(journal, whole.journal);
         for (size_t length = moov, step = frames == 60 ? 97 : 7; length < moov + 1; length -= step)

@@ -107,7 +107,8 @@ class Record(unittest.TestCase):
                 totals = [len(units), sum(u.key for u in units), sum(judge.stored_size(u, "h264") for u in units)]
                 self.assertEqual([summary["tracks"][0][k] for k in ("frames", "key_frames", "bytes")], totals)
                 self.assertFalse(self.journal.exists())
-        self.record(BASE, AAC, "--format", "h264", "--format", "aac")
+        _, err = self.record(BASE, AAC, "--format", "h264", "--format", "aac", "--quiet")
+        self.assertEqual(err, "")
         self.check_track(BASE, "v", "h264", 90000)
         self.check_track(AAC, "a", "aac", 48000)
         self.assertEqual([judge.gstreamer_buffers(self.clip, pad) for pad in ("video_0", "audio_0")], [100, 236])
@@ -121,7 +122,7 @@ class Record(unittest.TestCase):
         for stream, rate in ((HEVC, "25"), (HEVC_CRA, "30")):
             mp4 = self.remux("in.mp4", "-framerate", rate, "-i", stream)
             ts = self.remux("in.ts", "-i", mp4)
-            self.record(stream, "--fps", rate, "--no-journal")
+            self.record(stream, "--fps", rate, "--no-journal", "--overwrite")
             self.check_track(stream, "v", "h265", 90000)
             sei = [nal for unit in judge.units(stream) for nal in judge.stored_units(unit.data, "h265")
                    if nal[0] >> 1 == 39]
@@ -212,6 +213,12 @@ class Record(unittest.TestCase):
                 _, err = self.record(*arguments, exit_code=exit_code)
                 self.assertIn(text, err)
                 self.assertFalse(self.clip.exists() or self.journal.exists())
+        pairs = [u.data for u in judge.units(AAC)]  # ADTS frames of two raw data blocks each
+        self.given.write_bytes(b"".join(a[:3] + struct.pack(">I", int.from_bytes(a[3:7], "big") + (len(b) - 7 << 13) + 1)
+                                        + a[7:] + b[7:] for a, b in zip(pairs[::2], pairs[1::2])))
+        summary, _ = self.record(self.given, "--format", "aac", exit_code=FAILED)
+        self.assertEqual([summary["tracks"][0][k] for k in ("frames", "dropped")], [0, len(pairs) // 2])
+        self.clip.unlink()
         whole = self.remux("whole.mp4", "-i", BASE, "-movflags", "faststart").read_bytes()
         self.given.write_bytes(whole[:100_000])
         summary, err = self.record(self.given, exit_code=FAILED)
@@ -227,6 +234,12 @@ class Record(unittest.TestCase):
         _, err = self.record(self.given, exit_code=FAILED)
         self.assertIn("journal: it exists", err)
         self.assertEqual((self.journal.read_bytes(), self.clip.exists()), (b"kept", False))
+        _, err = self.record(self.given, "--no-journal", exit_code=FAILED)  # it would stand beside other media
+        self.assertIn("journal: it exists", err)
+        self.record(self.given, "--no-journal", "--overwrite")
+        self.assertFalse(self.journal.exists())
+        self.clip.unlink()
+        self.journal.write_bytes(b"kept")
         _, err = self.record(self.given, "--overwrite", "--journal", self.given, exit_code=FAILED)
         self.assertIn("it is an input", err)
         self.clip.hardlink_to(self.given)

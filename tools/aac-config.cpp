@@ -62,7 +62,8 @@ access_unit inspect_aac(std::span<const uint8_t> frame, const aac_config &config
     const uint32_t profile = frame[2] >> 6;
     const uint32_t index = frame[2] >> 2 & 0xF;
     const uint32_t channels = (frame[2] & 1u) << 2 | frame[3] >> 6;
-    if (profile + 1 != low_complexity || index != frequency_index(config.rate) || channels != config.channels)
+    const bool several = (frame[6] & 0x3) != 0; // raw data blocks, of which a sample has one
+    if (several || profile + 1 != low_complexity || index != frequency_index(config.rate) || channels != config.channels)
         return {.result = verdict::other_format};
     unit.stored_size -= header;
     return unit;

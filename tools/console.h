@@ -12,7 +12,11 @@ namespace tools {
 
 class console {
 public:
-    /** @param command  its name, which begins every problem's line */
+    /**
+     * @param command  its name, which begins every problem's line
+     * @param quiet    says nothing but problems; the library's lines on
+     *                 standard output go nowhere
+     */
     console(std::string command, bool quiet);
     ~console() { clear_progress(); }
     console(const console &) = delete;

@@ -200,11 +200,16 @@ input::input(const input_options &options, const std::atomic<bool> &cancelled) :
     if (url == "-") url = "pipe:0";
     else if (stat(url.c_str(), &status) == 0) url = "file:" + url;
     int result = avformat_open_input(&context, url.c_str(), options_.format, nullptr);
+    if (result >= 0) format_.reset(context);
+    const auto end_if_cancelled = [&] {
+        if (cancelled) throw failure("stopped", name(), "nothing was recorded yet");
+    };
+    end_if_cancelled();
     if (result < 0) throw failure("cannot open", name(), libav_error(result));
-    format_.reset(context);
     /* Frames are not counted to guess a rate: without timestamps that would hold a live source up for seconds. */
     context->fps_probe_size = 0;
     result = avformat_find_stream_info(context, nullptr);
+    end_if_cancelled();
     if (result < 0) throw failure("cannot read", name(), libav_error(result));
 
     for (unsigned i = 0; i < format_->nb_streams; ++i) {

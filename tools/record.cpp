@@ -34,8 +34,11 @@ using builder_ptr = std::unique_ptr<mp4_builder, destroy_builder>;
 using journal_ptr = std::unique_ptr<mediafile_caretaker, release_by_value<mediafile_caretaker_destroy>>;
 using input_list = std::vector<std::unique_ptr<input>>;
 
-/* A frame this far behind the end of the duration shows that no other track has anything left before it. */
-constexpr int64_t duration_slack = second;
+/*
+ * A frame this far behind the end of the duration shows that no other track has anything left before it: files lay
+ * their tracks apart by fragments of many seconds.
+ */
+constexpr int64_t duration_slack = 30 * second;
 
 /* A jump in the times that --realtime does not sit out. */
 constexpr auto longest_pause = 10s;
@@ -235,8 +238,9 @@ void recording::record_frames()
     while (!stop_) {
         const auto wake = unsynced_ ? next_sync_ : steady::now() + 1s;
         if (!next) next = sources_->take(wake);
+        const bool over = !next && sources_->ended(); // before the errors, for an input ends with its error
         if (const auto error = sources_->take_error()) fail(*error);
-        if (!next && sources_->ended()) break;
+        if (over) break;
 
         if (next) {
             const auto now = steady::now();
@@ -353,6 +357,7 @@ bool recording::is_duration_over(int64_t time) const
 void recording::sync()
 {
     if (builder_->flush(builder_.get()) != 0) throw_write_failure(options_.output, errno);
+    poll_journal(); // the flush has journaled what was cached
     files_->sync_media();
     drain_journal(stored_records());
     unsynced_ = false;

@@ -18,6 +18,8 @@ namespace tools {
 namespace {
 
 constexpr const char *cannot_record = "cannot record";
+constexpr const char *journal_may_be_needed =
+    "it exists and may be needed to repair an interrupted recording; --overwrite replaces it";
 
 bool is_same(const struct stat &a, const struct stat &b) { return a.st_dev == b.st_dev && a.st_ino == b.st_ino; }
 
@@ -79,8 +81,7 @@ recording_files::recording_files(const std::string &media, const std::optional<s
     : media_(media, overwrite, "it exists; --overwrite replaces it")
 {
     if (journal)
-        journal_.emplace(*journal, overwrite,
-                         "it exists and may be needed to repair an interrupted recording; --overwrite replaces it");
+        journal_.emplace(*journal, overwrite, journal_may_be_needed);
 
     if (journal && is_same(media_.status(), journal_->status()))
         throw failure(cannot_record, *journal, "it is the output, too");
@@ -92,6 +93,12 @@ recording_files::recording_files(const std::string &media, const std::optional<s
     if (journal) refuse_input(*journal_);
 
     /* The journal first: an old one must never stand beside new media. */
+    const std::string beside = media + ".journal";
+    struct stat old;
+    if (stat(beside.c_str(), &old) == 0 && !(journal && is_same(journal_->status(), old))) {
+        if (!overwrite) throw failure(cannot_record, beside, journal_may_be_needed);
+        if (unlink(beside.c_str()) != 0) throw failure(cannot_record, beside, errno);
+    }
     if (journal) journal_->empty();
     media_.empty();
     if (journal) sync_directory_of(*journal);

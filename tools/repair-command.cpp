@@ -115,15 +115,6 @@ std::vector<found_file> find(const std::vector<std::string> &paths, console &con
     return found;
 }
 
-/* The lines that the library prints there while it repairs are not for a quiet caller. */
-void silence_standard_output()
-{
-    const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    if (null < 0) return;
-    dup2(null, STDOUT_FILENO);
-    close(null);
-}
-
 int run(const repair_line &given, int result_descriptor)
 {
     const repair_options options = checked(given);
@@ -131,7 +122,6 @@ int run(const repair_line &given, int result_descriptor)
     struct sigaction ignore = {};
     ignore.sa_handler = SIG_IGN;
     for (const int number : {SIGXFSZ, SIGPIPE}) sigaction(number, &ignore, nullptr);
-    if (given.quiet) silence_standard_output();
 
     console console("repair", given.quiet);
     bool failures = false;

@@ -1,6 +1,7 @@
 #include "sources.h"
 
 #include <algorithm>
+#include <system_error>
 #include <utility>
 
 #include <pthread.h>
@@ -31,17 +32,27 @@ constexpr auto attention = 50ms;
 /* The readers leave signals to the main thread, but for this one: it interrupts a read that would wait for ever. */
 constexpr int wake_up = SIGUSR1;
 
-void prepare_signals()
-{
-    struct sigaction action = {};
-    action.sa_handler = [](int) {};
-    sigaction(wake_up, &action, nullptr);
+/* The signals of threads that are made while it lives. */
+class reader_signals {
+public:
+    reader_signals()
+    {
+        struct sigaction action = {};
+        action.sa_handler = [](int) {};
+        sigaction(wake_up, &action, nullptr);
 
-    sigset_t others;
-    sigfillset(&others);
-    sigdelset(&others, wake_up);
-    pthread_sigmask(SIG_BLOCK, &others, nullptr);
-}
+        sigset_t others;
+        sigfillset(&others);
+        sigdelset(&others, wake_up);
+        pthread_sigmask(SIG_BLOCK, &others, &before_);
+    }
+    ~reader_signals() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+    reader_signals(const reader_signals &) = delete;
+    reader_signals &operator=(const reader_signals &) = delete;
+
+private:
+    sigset_t before_;
+};
 
 } // namespace
 
@@ -55,13 +66,24 @@ sources::sources(std::vector<std::unique_ptr<input>> inputs, std::atomic<bool> &
         made->last_frame = steady::now();
         lanes_.push_back(std::move(made));
     }
-    for (auto &each : lanes_) each->reader = std::thread([this, &each] { read_all(*each); });
+    const reader_signals inherited;
+    for (auto &each : lanes_) {
+        try {
+            each->reader = std::thread([this, &each] { read_all(*each); });
+        } catch (const std::system_error &problem) {
+            stop();
+            throw failure("cannot read", each->source->name(), problem.code().value());
+        }
+    }
 }
 
-sources::~sources()
+sources::~sources() { stop(); }
+
+void sources::stop()
 {
     cancelled_ = true;
     for (auto &each : lanes_) {
+        if (!each->reader.joinable()) continue;
         std::unique_lock lock(mutex_);
         changed_.notify_all();
         while (!changed_.wait_for(lock, attention, [&] { return each->ended; }))
@@ -73,7 +95,6 @@ sources::~sources()
 
 void sources::read_all(lane &own)
 {
-    prepare_signals();
     std::optional<std::string> error;
     try {
         while (auto next = own.source->read()) {

@@ -71,6 +71,7 @@ private:
         std::thread reader;
     };
 
+    void stop();
     void read_all(lane &);
     bool is_full(const lane &) const;
     bool has_looked_ahead(const lane &) const;
