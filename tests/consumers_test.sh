@@ -21,7 +21,7 @@ cmake_minimum_required(VERSION 3.25)
 project(consumer C)
 find_package(mediafiles 0.1 REQUIRED)
 foreach(library mediafiles mediafiles-static)
-    add_executable(by-\${library} $source/examples/record.c)
+    add_executable(by-\${library} "$source/examples/record.c")
     target_link_libraries(by-\${library} PRIVATE mediafiles::\${library})
 endforeach()
 END
