@@ -22,6 +22,7 @@
 #include <mediafiles/caretaker.h>
 #include <mediafiles/support/io.h>
 
+#include "mediafiles/journal.h"
 #include "mediafiles/log.h"
 #include "mediafiles/memento-record.h"
 #include "mediafiles/ownership.h"
@@ -32,10 +33,7 @@ namespace mediafiles {
 constexpr uint32_t slot_count = 8; // tracks
 
 struct pending_sample {
-    uint32_t len; // bytes as stored; 0 until the track has taken the sample
-    int64_t seconds;
-    uint32_t nanoseconds;
-    int32_t key;
+    sample_memento record; // len is 0 until the track has taken the sample, offset until it is stored
     pending_sample *next;
 };
 
@@ -71,29 +69,12 @@ constexpr uint32_t reader_capacity = 8192;
 
 // These appear in log lines, which are part of the interface.
 constexpr const char *log_path = "src/mediafiles/caretaker";
+constexpr const char *log_function_bad_message = "mediafile_caretaker_pop";
 constexpr int log_line_bad_message = 579;
 
-constexpr int any_length = -1;
+constexpr uint8_t last_kind = MEMENTO_SEI;
 
-// What a journal file holds, and a reader accepts, of each kind.
-struct {
-    bool stored;
-    int length;
-} constexpr kinds[] = {
-    {true, any_length},                        // MEMENTO_USER
-    {true, 16},                                // MEMENTO_TRACK: a description of four words
-    {true, payload_length<sample_memento>},    // MEMENTO_SAMPLE
-    {false, 0},                                // MEMENTO_SAMPLE_SIZE
-    {false, 0},                                // MEMENTO_CHUNK
-    {false, 0},                                // MEMENTO_SAMPLE_WRITTEN
-    {true, any_length},                        // MEMENTO_VPS
-    {true, any_length},                        // MEMENTO_SPS
-    {true, any_length},                        // MEMENTO_PPS
-    {true, any_length},                        // MEMENTO_SEI
-};
-constexpr uint8_t kind_count = sizeof kinds / sizeof kinds[0];
-
-int fail(mediafile_caretaker *caretaker, int error)
+[[gnu::cold, gnu::noinline]] int fail(mediafile_caretaker *caretaker, int error)
 {
     caretaker->error = error;
     return refuse(error);
@@ -135,52 +116,43 @@ int store(mediafile_caretaker *caretaker, const memento *record)
     return 0;
 }
 
-// Takes the first node out of the track's queue. It is on the free list then,
-// and keeps what it holds until a node is asked for.
-const pending_sample &take_first(mediafile_caretaker *caretaker, pending_queue &queue)
+// Stores the first sample of the track's queue and puts its node on the free list.
+int store_first(mediafile_caretaker *caretaker, pending_queue &queue, uint32_t offset, uint32_t len)
 {
     pending_sample *node = queue.first;
     if (queue.cursor == node) queue.cursor = nullptr;
     queue.first = node->next;
     node->next = caretaker->free_nodes;
     caretaker->free_nodes = node;
-    return *node;
-}
 
-int store_sample(mediafile_caretaker *caretaker, uint8_t track, uint32_t offset, uint32_t len,
-                 const pending_sample &sample)
-{
     caretaker->next_offset = offset + len;
-    uint8_t *room = reserve(caretaker, sizeof(sample_memento));
+    uint8_t *room = reserve(caretaker, sizeof node->record);
     if (!room) return -1;
-    sample_memento record = {memento_header<sample_memento>(MEMENTO_SAMPLE, track), offset, len, {},
-                             sample.nanoseconds, sample.key};
-    memcpy(record.seconds, &sample.seconds, sizeof record.seconds);
-    memcpy(room, &record, sizeof record);
+    node->record.offset = offset;
+    node->record.len = len;
+    memcpy(room, &node->record, sizeof node->record);
     return 0;
 }
 
-int queue_sample(mediafile_caretaker *caretaker, const sample_memento &record)
+// Whether records can be added; else errno tells why not.
+bool takes_records(const mediafile_caretaker *caretaker)
 {
-    pending_sample *node = caretaker->free_nodes;
-    if (node)
-        caretaker->free_nodes = node->next;
-    else if (!(node = create<pending_sample>()))
-        return fail(caretaker, errno);
-
-    *node = {0, 0, record.nanoseconds, record.key, nullptr};
-    memcpy(&node->seconds, record.seconds, sizeof node->seconds);
-    pending_queue &queue = caretaker->slots[record.header.track];
-    (queue.first ? queue.last->next : queue.first) = node;
-    queue.last = node;
-    return 0;
+    if (!is_reader(caretaker) && caretaker->error == 0) [[likely]]
+        return true;
+    set_errno(is_reader(caretaker) ? EACCES : caretaker->error);
+    return false;
 }
 
+// One that waits for its size and place, or one that has them and is stored
+// as it is given.
 int add_sample(mediafile_caretaker *caretaker, const memento *given)
 {
-    if (given->track >= slot_count) return fail(caretaker, ENOBUFS);
     const auto record = load_memento<sample_memento>(given);
-    if (record.len == 0) return queue_sample(caretaker, record);
+    if (record.len == 0) {
+        const uint64_t seconds = uint64_t{record.seconds[1]} << 32 | record.seconds[0];
+        return journal_sample(caretaker, given->track, static_cast<int64_t>(seconds), record.nanoseconds, record.key);
+    }
+    if (given->track >= slot_count) return fail(caretaker, ENOBUFS);
     if (record.offset < caretaker->next_offset) return fail(caretaker, EILSEQ);
     caretaker->next_offset = record.offset + record.len;
     return store(caretaker, given);
@@ -188,33 +160,13 @@ int add_sample(mediafile_caretaker *caretaker, const memento *given)
 
 int add_sample_size(mediafile_caretaker *caretaker, const memento *given)
 {
-    if (given->track >= slot_count) return fail(caretaker, ENOENT);
-    const auto record = load_memento<sample_size_memento>(given);
-    if (record.len == 0) return fail(caretaker, EINVAL);
-    pending_queue &queue = caretaker->slots[given->track];
-    pending_sample *target = queue.cursor ? queue.cursor->next : queue.first;
-    if (!target) return fail(caretaker, ENOENT);
-    target->len = record.len;
-    queue.cursor = target;
-    return 0;
+    return journal_sample_size(caretaker, given->track, load_memento<sample_size_memento>(given).len);
 }
 
 int add_chunk(mediafile_caretaker *caretaker, const memento *given)
 {
-    if (given->track >= slot_count) return fail(caretaker, ENOENT);
     const auto record = load_memento<chunk_memento>(given);
-    if (record.offset < caretaker->next_offset) return fail(caretaker, EILSEQ);
-    if (record.count <= 0) return fail(caretaker, EINVAL);
-
-    pending_queue &queue = caretaker->slots[given->track];
-    uint32_t offset = record.offset;
-    for (int32_t i = 0; i < record.count; ++i) {
-        if (!queue.first || queue.first->len == 0) return fail(caretaker, ENOENT);
-        const pending_sample &sample = take_first(caretaker, queue);
-        if (store_sample(caretaker, given->track, offset, sample.len, sample) != 0) return -1;
-        offset += sample.len;
-    }
-    return 0;
+    return journal_chunk(caretaker, given->track, record.offset, record.count);
 }
 
 int add_sample_written(mediafile_caretaker *caretaker, const memento *given)
@@ -225,7 +177,17 @@ int add_sample_written(mediafile_caretaker *caretaker, const memento *given)
     if (record.len == 0) return fail(caretaker, EINVAL);
     pending_queue &queue = caretaker->slots[given->track];
     if (!queue.first) return fail(caretaker, ENOENT);
-    return store_sample(caretaker, given->track, record.offset, record.len, take_first(caretaker, queue));
+    return store_first(caretaker, queue, record.offset, record.len);
+}
+
+// What a sample does that finds no free node. Kept out of its way: so the
+// samples that find one need no register of their caller.
+[[gnu::cold, gnu::noinline]] int journal_in_new_node(mediafile_caretaker *caretaker, uint8_t track, int64_t seconds,
+                                                     uint32_t nanoseconds, int32_t key)
+{
+    caretaker->free_nodes = create<pending_sample>();
+    if (!caretaker->free_nodes) return fail(caretaker, errno);
+    return journal_sample(caretaker, track, seconds, nanoseconds, key);
 }
 
 void free_list(pending_sample *node)
@@ -270,49 +232,71 @@ const memento *at_read_pos(const mediafile_caretaker *caretaker)
     return reinterpret_cast<const memento *>(caretaker->buffer + caretaker->read_pos);
 }
 
-// Whether a whole record lies at the read position. false also for a record
-// that cannot be, with error set.
-bool whole_record(mediafile_caretaker *caretaker)
+[[gnu::cold, gnu::noinline]] uint32_t too_large(mediafile_caretaker *caretaker, uint32_t size)
 {
-    const uint32_t there = caretaker->length - caretaker->read_pos;
-    if (there < sizeof(memento)) return false;
-    const uint32_t size = record_size(at_read_pos(caretaker)->length);
-    if (size > MEMENTO_MAX_SIZE) {
-        if (log_enabled(log_warning))
-            __printLog(log_warning, "len(%d) > MEMENTO_MAX_SIZE(%d)\n", static_cast<int>(size), MEMENTO_MAX_SIZE);
-        fail(caretaker, EBADMSG);
-        return false;
-    }
-    return size <= there;
+    if (log_enabled(log_warning))
+        __printLog(log_warning, "len(%d) > MEMENTO_MAX_SIZE(%d)\n", static_cast<int>(size), MEMENTO_MAX_SIZE);
+    fail(caretaker, EBADMSG);
+    return 0;
 }
 
-// Brings a whole record to the read position. false at the end of the
-// journal, where a record that the end cuts is dropped, and on failure.
-bool next_record(mediafile_caretaker *caretaker)
+// Bytes of the record at the read position; 0 when it does not lie there
+// whole, and with error set when it cannot be.
+inline uint32_t whole_record(mediafile_caretaker *caretaker)
 {
-    if (caretaker->read_pos == caretaker->length && !refill(caretaker)) return false;
-    if (whole_record(caretaker)) return true;
-    if (caretaker->error != 0) return false;
+    const uint32_t there = caretaker->length - caretaker->read_pos;
+    if (there < sizeof(memento)) return 0;
+    const uint32_t size = record_size(at_read_pos(caretaker)->length);
+    if (size > MEMENTO_MAX_SIZE) return too_large(caretaker, size);
+    return size <= there ? size : 0;
+}
 
+// Reads on, and then the same. 0 at the end of the journal, where a record that
+// the end cuts is dropped, and on failure.
+[[gnu::cold, gnu::noinline]] uint32_t read_on(mediafile_caretaker *caretaker)
+{
+    if (caretaker->error != 0) return 0;
     caretaker->length -= caretaker->read_pos;
     memmove(caretaker->buffer, caretaker->buffer + caretaker->read_pos, caretaker->length);
     caretaker->read_pos = 0;
-    if (refill(caretaker) && whole_record(caretaker)) return true;
-    if (caretaker->error == 0) caretaker->length = caretaker->read_pos = 0;
-    return false;
+    const uint32_t size = refill(caretaker) ? whole_record(caretaker) : 0;
+    if (size == 0 && caretaker->error == 0) caretaker->length = caretaker->read_pos = 0;
+    return size;
 }
 
-bool accept(mediafile_caretaker *caretaker, const memento *record)
+[[gnu::cold, gnu::noinline]] void bad_message(mediafile_caretaker *caretaker)
 {
-    if (record->kind >= kind_count || !kinds[record->kind].stored) return false;
-    const int length = kinds[record->kind].length;
-    if (length != any_length && record->length != length) return false;
-    if (record->kind == MEMENTO_SAMPLE) {
-        const auto sample = load_memento<sample_memento>(record);
-        if (sample.offset < caretaker->next_offset || sample.len == 0) return false;
-        caretaker->next_offset = sample.offset + sample.len;
-    }
+    if (log_enabled(log_failure))
+        __printLog(log_failure, "bad_msg [%s:%s:%d]: %s\n", log_path, log_function_bad_message, log_line_bad_message,
+                   strerror(errno));
+    fail(caretaker, EBADMSG);
+}
+
+bool accept_sample(mediafile_caretaker *caretaker, const sample_memento &sample)
+{
+    if (sample.header.length != payload_length<sample_memento>) return false;
+    if (sample.offset < caretaker->next_offset || sample.len == 0) return false;
+    caretaker->next_offset = sample.offset + sample.len;
     return true;
+}
+
+// Whether a journal file holds such a record.
+inline bool accept(mediafile_caretaker *caretaker, const memento *record)
+{
+    switch (record->kind) {
+    [[likely]] case MEMENTO_SAMPLE:
+        return accept_sample(caretaker, whole_memento<sample_memento>(record));
+    case MEMENTO_TRACK:
+        return record->length == 4 * sizeof(uint32_t); // a description
+    case MEMENTO_USER:
+    case MEMENTO_VPS:
+    case MEMENTO_SPS:
+    case MEMENTO_PPS:
+    case MEMENTO_SEI:
+        return true;
+    default:
+        return false;
+    }
 }
 
 mediafile_caretaker *make(int fd, uint32_t capacity)
@@ -327,6 +311,54 @@ mediafile_caretaker *make(int fd, uint32_t capacity)
 }
 
 } // namespace
+
+int journal_sample(mediafile_caretaker *caretaker, uint8_t track, int64_t seconds, uint32_t nanoseconds, int32_t key)
+{
+    if (!takes_records(caretaker)) return -1;
+    if (track >= slot_count) return fail(caretaker, ENOBUFS);
+    pending_sample *node = caretaker->free_nodes;
+    if (!node) return journal_in_new_node(caretaker, track, seconds, nanoseconds, key);
+    caretaker->free_nodes = node->next;
+
+    node->record = {memento_header<sample_memento>(MEMENTO_SAMPLE, track), 0, 0, {}, nanoseconds, key};
+    memcpy(node->record.seconds, &seconds, sizeof seconds);
+    node->next = nullptr;
+    pending_queue &queue = caretaker->slots[track];
+    (queue.first ? queue.last->next : queue.first) = node;
+    queue.last = node;
+    return 0;
+}
+
+int journal_sample_size(mediafile_caretaker *caretaker, uint8_t track, uint32_t len)
+{
+    if (!takes_records(caretaker)) return -1;
+    if (track >= slot_count) return fail(caretaker, ENOENT);
+    if (len == 0) return fail(caretaker, EINVAL);
+    pending_queue &queue = caretaker->slots[track];
+    pending_sample *target = queue.cursor ? queue.cursor->next : queue.first;
+    if (!target) return fail(caretaker, ENOENT);
+    target->record.len = len;
+    queue.cursor = target;
+    return 0;
+}
+
+int journal_chunk(mediafile_caretaker *caretaker, uint8_t track, uint32_t offset, int32_t count)
+{
+    if (!takes_records(caretaker)) return -1;
+    if (track >= slot_count) return fail(caretaker, ENOENT);
+    if (offset < caretaker->next_offset) return fail(caretaker, EILSEQ);
+    if (count <= 0) return fail(caretaker, EINVAL);
+
+    pending_queue &queue = caretaker->slots[track];
+    for (int32_t i = 0; i < count; ++i) {
+        if (!queue.first || queue.first->record.len == 0) return fail(caretaker, ENOENT);
+        const uint32_t len = queue.first->record.len;
+        if (store_first(caretaker, queue, offset, len) != 0) return -1;
+        offset += len;
+    }
+    return 0;
+}
+
 } // namespace mediafiles
 
 mediafile_caretaker *mediafile_caretaker_create(void)
@@ -357,9 +389,8 @@ void mediafile_caretaker_destroy(mediafile_caretaker *caretaker)
 
 int mediafile_caretaker_add(mediafile_caretaker *caretaker, const memento *record)
 {
-    if (is_reader(caretaker)) return refuse(EACCES);
-    if (caretaker->error != 0) return refuse(caretaker->error);
-    if (record->kind >= kind_count) return fail(caretaker, EBADRQC);
+    if (!takes_records(caretaker)) return -1;
+    if (record->kind > last_kind) return fail(caretaker, EBADRQC);
     switch (record->kind) {
     case MEMENTO_SAMPLE:
         return add_sample(caretaker, record);
@@ -377,11 +408,11 @@ int mediafile_caretaker_add(mediafile_caretaker *caretaker, const memento *recor
 const void *mediafile_caretaker_read(mediafile_caretaker *caretaker, uint32_t *count)
 {
     if (is_reader(caretaker)) {
-        errno = EACCES;
+        set_errno(EACCES);
         return nullptr;
     }
     if (!count) {
-        errno = EINVAL;
+        set_errno(EINVAL);
         return nullptr;
     }
     *count = std::exchange(caretaker->length, 0);
@@ -405,24 +436,22 @@ void mediafile_caretaker_reset2(mediafile_caretaker *caretaker)
 const memento *mediafile_caretaker_pop(mediafile_caretaker *caretaker)
 {
     if (!is_reader(caretaker)) {
-        errno = EACCES;
+        set_errno(EACCES);
         return nullptr;
     }
     if (caretaker->error != 0) {
-        errno = caretaker->error;
+        set_errno(caretaker->error);
         return nullptr;
     }
-    if (!next_record(caretaker)) return nullptr;
+    uint32_t size = whole_record(caretaker);
+    if (size == 0 && (size = read_on(caretaker)) == 0) return nullptr;
 
     const memento *record = at_read_pos(caretaker);
     if (!accept(caretaker, record)) {
-        if (log_enabled(log_failure))
-            __printLog(log_failure, "bad_msg [%s:%s:%d]: %s\n", log_path, __func__, log_line_bad_message,
-                       strerror(errno));
-        fail(caretaker, EBADMSG);
+        bad_message(caretaker);
         return nullptr;
     }
-    caretaker->read_pos += record_size(record->length);
+    caretaker->read_pos += size;
     if (caretaker->read_pos == caretaker->length) caretaker->read_pos = caretaker->length = 0;
     return record;
 }

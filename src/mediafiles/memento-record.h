@@ -56,6 +56,14 @@ constexpr uint32_t record_size(uint16_t length)
     return static_cast<uint32_t>(sizeof(memento)) + ((uint32_t{length} + 3) & ~3u);
 }
 
+// A record that a journal's reader has handed out, where it lies: it is as
+// long as its kind is, and stands on a multiple of 4.
+template <class Record>
+const Record &whole_memento(const memento *from)
+{
+    return *reinterpret_cast<const Record *>(from);
+}
+
 // A record's fields; those that a shorter record does not have are 0.
 template <class Record>
 Record load_memento(const memento *from)
@@ -69,13 +77,6 @@ Record load_memento(const memento *from)
         memcpy(&record, from, there);
     }
     return record;
-}
-
-// Appends to a journal, if there is one. A failure stays in the journal.
-template <class Record>
-void journal(mediafile_caretaker *caretaker, const Record &record)
-{
-    if (caretaker) mediafile_caretaker_add(caretaker, &record.header);
 }
 
 } // namespace mediafiles

@@ -5,9 +5,15 @@
 
 namespace mediafiles {
 
-inline int refuse(int error)
+// Kept out of the way of what succeeds.
+[[gnu::cold, gnu::noinline]] inline void set_errno(int error)
 {
     errno = error;
+}
+
+inline int refuse(int error)
+{
+    set_errno(error);
     return -1;
 }
 

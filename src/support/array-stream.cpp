@@ -23,12 +23,15 @@ struct array_stream {
     uint32_t pages;        // pages of block addresses
     uint32_t page_slots;   // room for pages
     uint8_t ***page;
+    uint8_t *next;         // the element at the cursor, while there is room
+    uint32_t room;         // elements from the cursor to the end of its block; 0 until that is wanted
 };
 
 namespace {
 
 constexpr uint32_t block_bytes = 16384;
 constexpr uint32_t blocks_per_page = 256;
+constexpr uint32_t most_elements = std::numeric_limits<uint32_t>::max();
 constexpr size_t header_size = (sizeof(array_stream) + alignof(max_align_t) - 1) & ~(alignof(max_align_t) - 1);
 
 uint8_t *first_block(array_stream *array)
@@ -84,6 +87,39 @@ bool add_block(array_stream *array)
     return true;
 }
 
+// Finds where the cursor points to.
+void find_cursor(array_stream *array)
+{
+    array->next = element(array, array->cursor);
+    array->room = contiguous(array, array->cursor);
+}
+
+// Makes room at the cursor.
+[[gnu::noinline]] bool make_room(array_stream *array)
+{
+    const uint32_t left = most_elements - array->cursor;
+    if (left == 0) {
+        errno = ENOMEM;
+        return false;
+    }
+    if (array->cursor == capacity(array) && !add_block(array)) return false;
+    find_cursor(array);
+    if (array->room > left) array->room = left;
+    return true;
+}
+
+// Moves the cursor over up to `count` elements of its block.
+void *advance(array_stream *array, uint32_t *count)
+{
+    const uint32_t n = *count < array->room ? *count : array->room;
+    uint8_t *at = array->next;
+    *count = n;
+    array->next = at + size_t{n} * array->element_size;
+    array->room -= n;
+    array->cursor += n;
+    return at;
+}
+
 } // namespace
 
 [[gnu::weak]] array_stream *array_stream_create(uint32_t element_size, uint32_t reserve)
@@ -112,40 +148,30 @@ bool add_block(array_stream *array)
 
 [[gnu::weak]] void array_stream_clear(array_stream *array)
 {
-    array->length = array->cursor = 0;
+    array->length = array->cursor = array->room = 0;
 }
 
 [[gnu::weak]] void *array_stream_write(array_stream *array, uint32_t *count)
 {
-    const uint32_t at = array->cursor;
-    if (at == std::numeric_limits<uint32_t>::max()) {
-        errno = ENOMEM;
-        return nullptr;
-    }
-    if (at == capacity(array) && !add_block(array)) return nullptr;
-    const uint32_t room = contiguous(array, at);
-    if (*count > room) *count = room;
-    if (*count > std::numeric_limits<uint32_t>::max() - at) *count = std::numeric_limits<uint32_t>::max() - at;
-    array->cursor = at + *count;
+    if (array->room == 0 && !make_room(array)) return nullptr;
+    void *space = advance(array, count);
     if (array->length < array->cursor) array->length = array->cursor;
-    return element(array, at);
+    return space;
 }
 
 [[gnu::weak]] void *array_stream_read(array_stream *array, uint32_t *count)
 {
-    const uint32_t at = array->cursor;
-    if (at >= array->length) return nullptr;
-    const uint32_t run = contiguous(array, at);
-    const uint32_t left = array->length - at;
-    *count = run < left ? run : left;
-    array->cursor = at + *count;
-    return element(array, at);
+    *count = array->length - array->cursor;
+    if (*count == 0) return nullptr;
+    if (array->room == 0) find_cursor(array);
+    return advance(array, count);
 }
 
 [[gnu::weak]] uint32_t array_stream_seek(array_stream *array, uint32_t offset, int whence)
 {
     const uint32_t target = whence == 0 ? offset : array->cursor + offset;
     array->cursor = target < array->length ? target : array->length; // nothing can be stored beyond
+    array->room = 0;
     return array->cursor;
 }
 

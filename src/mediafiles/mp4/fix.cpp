@@ -31,6 +31,7 @@
 #include "mediafiles/memento-record.h"
 #include "mediafiles/mp4/layout.h"
 #include "mediafiles/ownership.h"
+#include "mediafiles/refuse.h"
 
 namespace mediafiles {
 namespace {
@@ -175,10 +176,7 @@ uint32_t replay_position(mp4_fix_ctx *ctx)
 
 int replay_sample(mp4_fix_ctx *ctx, const sample_memento &sample)
 {
-    if (sample.offset < replay_position(ctx)) {
-        errno = EBADMSG;
-        return -1;
-    }
+    if (sample.offset < replay_position(ctx)) return refuse(EBADMSG);
     if (sample.offset >= ctx->len) return 0; // it never reached the file
     if (ctx->videoCount > 0) checkFrame(ctx, sample);
     if (ctx->lastFound) return 0;
@@ -200,7 +198,7 @@ int replay_record(mp4_fix_ctx *ctx, const memento *record)
     case MEMENTO_TRACK:
         return addTrackFromMemento(ctx, record);
     case MEMENTO_SAMPLE:
-        return replay_sample(ctx, load_memento<sample_memento>(record));
+        return replay_sample(ctx, whole_memento<sample_memento>(record));
     case MEMENTO_VPS:
         return mp4_movie_set_track_vps(ctx->movie, record->track, payload(record), record->length);
     case MEMENTO_SPS:
@@ -273,7 +271,7 @@ void count_video(mp4_fix_ctx *ctx, mediafile_caretaker *journal)
     ctx->lastFound = false;
     while (const memento *record = mediafile_caretaker_pop(journal)) {
         if (record->kind != MEMENTO_SAMPLE) continue;
-        const auto sample = load_memento<sample_memento>(record);
+        const auto &sample = whole_memento<sample_memento>(record);
         if (sample.offset < replay_position(ctx) || sample.offset >= ctx->len) continue;
         if (record->track != 0) {
             ctx->dropSize += sample.len;

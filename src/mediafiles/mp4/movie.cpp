@@ -12,6 +12,7 @@
 #include <mediafiles/movie.h>
 #include <mediafiles/track.h>
 
+#include "mediafiles/journal.h"
 #include "mediafiles/memento-record.h"
 #include "mediafiles/ownership.h"
 #include "mediafiles/refuse.h"
@@ -46,7 +47,8 @@ mp4_time from_nanoseconds(uint64_t time)
 // later - sooner
 uint64_t distance(mp4_time later, mp4_time sooner)
 {
-    return nanoseconds(later) - nanoseconds(sooner);
+    return static_cast<uint64_t>(int64_t{later.seconds} - sooner.seconds) * second +
+           static_cast<uint64_t>(int64_t{later.nanoseconds} - sooner.nanoseconds);
 }
 
 // Nanoseconds in ticks, rounded half up.
@@ -94,12 +96,23 @@ void begin_track(mp4_movie *movie, uint32_t slot)
 {
     mp4_track_begin_record(movie->tracks[slot], movie->stream, movie->caretaker, slot);
     *movie->spans[slot] = {};
-    journal(movie->caretaker,
-            track_memento{memento_header<track_memento>(MEMENTO_TRACK, slot), movie->track_desc[slot]});
+    if (!movie->caretaker) return;
+    const track_memento record = {memento_header<track_memento>(MEMENTO_TRACK, slot), movie->track_desc[slot]};
+    mediafile_caretaker_add(movie->caretaker, &record.header);
 }
 
-// The time since the track's previous frame, in ticks. A gap beyond the
-// longest duration leaves `last` behind: later frames make up the rest.
+// A gap beyond the longest duration leaves `last` behind: later frames make up
+// the rest.
+[[gnu::cold, gnu::noinline]] uint32_t advance_by_longest(mp4_track_span &span, uint32_t timescale)
+{
+    const uint64_t covered = (longest_duration * second + timescale / 2) / timescale;
+    const mp4_time whole = from_nanoseconds(covered + static_cast<uint64_t>(span.last.nanoseconds));
+    span.last = {static_cast<int32_t>(static_cast<uint32_t>(span.last.seconds) + static_cast<uint32_t>(whole.seconds)),
+                 whole.nanoseconds};
+    return longest_duration;
+}
+
+// The time since the track's previous frame, in ticks.
 uint32_t advance(mp4_track_span &span, mp4_time timestamp, uint32_t timescale)
 {
     if (!span.started) {
@@ -109,15 +122,9 @@ uint32_t advance(mp4_track_span &span, mp4_time timestamp, uint32_t timescale)
     if (earlier(timestamp, span.last)) return 0;
 
     const uint64_t ticks = to_ticks(distance(timestamp, span.last), timescale);
-    if (ticks <= longest_duration) {
-        span.last = timestamp;
-        return static_cast<uint32_t>(ticks);
-    }
-    const uint64_t covered = (longest_duration * second + timescale / 2) / timescale;
-    const mp4_time whole = from_nanoseconds(covered + static_cast<uint64_t>(span.last.nanoseconds));
-    span.last = {static_cast<int32_t>(static_cast<uint32_t>(span.last.seconds) + static_cast<uint32_t>(whole.seconds)),
-                 whole.nanoseconds};
-    return longest_duration;
+    if (ticks > longest_duration) return advance_by_longest(span, timescale);
+    span.last = timestamp;
+    return static_cast<uint32_t>(ticks);
 }
 
 // Keeps the first error of a record.
@@ -210,7 +217,7 @@ int mp4_movie_add_frame(mp4_movie *movie, const mp4_frame *frame)
 {
     if (movie->error != 0) return refuse(movie->error);
     const auto index = static_cast<uint32_t>(frame->track);
-    if (frame->track < 0 || index >= track_count(movie) || frame->len == 0 ||
+    if (index >= track_count(movie) || frame->len == 0 ||
         static_cast<uint32_t>(frame->timestamp.nanoseconds) >= second)
         return refuse(EINVAL);
     if (uint64_t{movie->bytes} + frame->len > MP4_MAX_RECORD_BYTES) return refuse(EFBIG);
@@ -218,13 +225,9 @@ int mp4_movie_add_frame(mp4_movie *movie, const mp4_frame *frame)
     mp4_track *track = movie->tracks[index];
     const uint32_t duration = advance(*movie->spans[index], frame->timestamp, track->timescale);
 
-    const int32_t seconds = frame->timestamp.seconds;
-    journal(movie->caretaker, sample_memento{memento_header<sample_memento>(MEMENTO_SAMPLE, index),
-                                             0, // not yet in the file
-                                             0, // size not yet known
-                                             {static_cast<uint32_t>(seconds), seconds < 0 ? UINT32_MAX : 0},
-                                             static_cast<uint32_t>(frame->timestamp.nanoseconds),
-                                             frame->key});
+    if (movie->caretaker)
+        journal_sample(movie->caretaker, static_cast<uint8_t>(index), frame->timestamp.seconds,
+                       static_cast<uint32_t>(frame->timestamp.nanoseconds), frame->key);
 
     if (mp4_track_add_sample(track, frame->data, frame->len, duration, frame->key) != 0) {
         latch(movie);

@@ -14,7 +14,7 @@
 #include <mediafiles/track.h>
 
 #include "mediafiles/byte-order.h"
-#include "mediafiles/memento-record.h"
+#include "mediafiles/journal.h"
 #include "mediafiles/mp4/gather.h"
 #include "mediafiles/ownership.h"
 
@@ -46,6 +46,12 @@ void clear(mp4_track *track, uint8_t flag)
     track->flags = static_cast<uint8_t>(track->flags & ~flag);
 }
 
+// The track's number in the journal.
+uint8_t journal_index(const mp4_track *track)
+{
+    return static_cast<uint8_t>(track->index);
+}
+
 template <class... Fields>
 int append(array_stream *table, Fields... fields)
 {
@@ -65,8 +71,9 @@ int append_many(array_stream *table, uint32_t count, Value value)
         uint32_t n = count - done;
         auto *to = static_cast<uint8_t *>(array_stream_write(table, &n));
         if (!to) return -1;
-        for (uint32_t i = 0; i < n; ++i) store_be32(to + size_t{i} * sizeof(uint32_t), value(done + i));
-        done += n;
+        const uint32_t granted = n; // which no store can change
+        for (uint32_t i = 0; i < granted; ++i) store_be32(to + size_t{i} * sizeof(uint32_t), value(done + i));
+        done += granted;
     }
     return 0;
 }
@@ -77,47 +84,62 @@ uint8_t *last_element(array_stream *table)
 }
 
 // ISO/IEC 14496-12, 8.6.1.2
-int add_duration(mp4_track *track, uint32_t duration)
+int begin_run(mp4_track *track, uint32_t duration)
 {
-    if (track->sample_count != 0) {
-        uint8_t *run = last_element(track->stts_table);
-        if (load_be32(run + 4) == duration) {
-            store_be32(run, load_be32(run) + 1);
-            return 0;
-        }
-    }
     return append(track->stts_table, uint32_t{1}, duration);
 }
 
-// ISO/IEC 14496-12, 8.6.2. With the first sample that is no sync sample the
-// table begins, and lists all those before it.
+int add_duration(mp4_track *track, uint32_t duration)
+{
+    uint8_t *run = last_element(track->stts_table);
+    if (load_be32(run + 4) != duration) return begin_run(track, duration);
+    store_be32(run, load_be32(run) + 1);
+    return 0;
+}
+
+// With the first sample that is no sync sample the table begins, and lists all
+// those before it.
+[[gnu::noinline]] int end_all_sync(mp4_track *track)
+{
+    clear(track, MP4_TRACK_ALL_SYNC);
+    return append_many(track->stss_table, track->sample_count, [](uint32_t i) { return i + 1; });
+}
+
+// With the first sample of another size the table gets an entry for each of
+// those before it.
+[[gnu::noinline]] int end_same_size(mp4_track *track)
+{
+    clear(track, MP4_TRACK_SAME_SIZE);
+    const uint32_t common = track->common_size;
+    return append_many(track->stsz_table, track->sample_count - 1, [common](uint32_t) { return common; });
+}
+
+// ISO/IEC 14496-12, 8.6.2
 int add_sync(mp4_track *track, bool key)
 {
-    if (has(track, MP4_TRACK_ALL_SYNC)) {
-        if (key) return 0;
-        clear(track, MP4_TRACK_ALL_SYNC);
-        return append_many(track->stss_table, track->sample_count, [](uint32_t i) { return i + 1; });
-    }
+    if (has(track, MP4_TRACK_ALL_SYNC)) return key ? 0 : end_all_sync(track);
     return key ? append(track->stss_table, track->sample_count + 1) : 0;
 }
 
-// ISO/IEC 14496-12, 8.7.3. With the first sample of another size the table
-// gets an entry for each of those before it.
+// ISO/IEC 14496-12, 8.7.3
 int add_size(mp4_track *track, uint32_t size)
 {
-    if (track->sample_count == 0) {
-        if (append(track->stsz_table, size) != 0) return -1;
-        track->common_size = size;
-        return 0;
-    }
     if (has(track, MP4_TRACK_SAME_SIZE)) {
         if (size == track->common_size) return 0;
-        clear(track, MP4_TRACK_SAME_SIZE);
-        const uint32_t common = track->common_size;
-        if (append_many(track->stsz_table, track->sample_count - 1, [common](uint32_t) { return common; }) != 0)
-            return -1;
+        if (end_same_size(track) != 0) return -1;
     }
     return append(track->stsz_table, size);
+}
+
+// The first sample, with which the tables begin.
+[[gnu::noinline]] int add_first(mp4_track *track, uint32_t duration, bool key, uint32_t size)
+{
+    if (begin_run(track, duration) != 0) return -1;
+    if (!key) clear(track, MP4_TRACK_ALL_SYNC);
+    if (append(track->stsz_table, size) != 0) return -1;
+    track->common_size = size;
+    track->sample_count = 1;
+    return 0;
 }
 
 // ISO/IEC 14496-12, 8.7.4: a run for chunks from `first` on, unless the last
@@ -129,27 +151,30 @@ int close_chunk(mp4_track *track, uint32_t first, uint32_t samples)
     return append(track->stsc_table, first, samples, sample_description_index);
 }
 
+// A chunk that does not follow the open one: that ends, and another begins.
+[[gnu::noinline]] int open_chunk(mp4_track *track, uint32_t position, uint32_t size, uint32_t samples)
+{
+    if (track->chunk_count != 0 && close_chunk(track, track->chunk_count, track->chunk_samples) != 0) return -1;
+    track->chunk_offset = position;
+    track->chunk_size = size;
+    track->chunk_samples = samples;
+    ++track->chunk_count;
+    return append(track->stco_table, position);
+}
+
 int write_chunk(mp4_track *track, const mp4_gather_list *list, uint32_t samples)
 {
     const uint32_t position = track->stream->tell(track->stream);
     if (track->stream->writev(track->stream, list) != 0) return -1;
 
-    const memento header = memento_header<chunk_memento>(MEMENTO_CHUNK, track->index);
-    journal(track->caretaker, chunk_memento{header, position, static_cast<int32_t>(samples)});
+    if (track->caretaker)
+        journal_chunk(track->caretaker, journal_index(track), position, static_cast<int32_t>(samples));
 
-    if (track->chunk_count != 0) {
-        if (track->chunk_offset + track->chunk_size == position) {
-            track->chunk_size += list->length;
-            track->chunk_samples += samples;
-            return 0;
-        }
-        if (close_chunk(track, track->chunk_count, track->chunk_samples) != 0) return -1;
-    }
-    track->chunk_offset = position;
-    track->chunk_size = list->length;
-    track->chunk_samples = samples;
-    ++track->chunk_count;
-    return append(track->stco_table, position);
+    if (track->chunk_count == 0 || track->chunk_offset + track->chunk_size != position)
+        return open_chunk(track, position, list->length, samples);
+    track->chunk_size += list->length;
+    track->chunk_samples += samples;
+    return 0;
 }
 
 // The cached samples and one more, which did not fit, as one chunk.
@@ -229,15 +254,13 @@ int mp4_track_add_sample(mp4_track *track, const void *data, uint32_t len, uint3
 
 int __mp4_track_add_sample(mp4_track *track, const mp4_gather_list *list, uint32_t duration, int key)
 {
-    const memento header = memento_header<sample_size_memento>(MEMENTO_SAMPLE_SIZE, track->index);
-    journal(track->caretaker, sample_size_memento{header, list->length});
-
+    if (track->caretaker) journal_sample_size(track->caretaker, journal_index(track), list->length);
     if (store(track, list) != 0) return -1;
+    if (track->sample_count == 0) return add_first(track, duration, key != 0, list->length);
     if (add_duration(track, duration) != 0) return -1;
     if (add_sync(track, key != 0) != 0) return -1;
     if (add_size(track, list->length) != 0) return -1;
-
-    if (track->sample_count != 0) track->duration += duration;
+    track->duration += duration;
     ++track->sample_count;
     return 0;
 }
@@ -271,7 +294,7 @@ void saveCodecExtraDataToCaretaker(mp4_track *track, uint8_t kind, const void *d
         uint8_t bytes[MEMENTO_MAX_SIZE - sizeof(memento)];
     } record;
     const auto length = static_cast<uint16_t>(len < UINT16_MAX ? len : UINT16_MAX);
-    record.header = {kind, static_cast<uint8_t>(track->index), length};
+    record.header = {kind, journal_index(track), length};
     if (length <= sizeof record.bytes) {
         memset(record.bytes, 0, sizeof record.bytes);
         if (length > 0) memcpy(record.bytes, data, length);

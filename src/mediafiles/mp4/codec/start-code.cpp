@@ -103,6 +103,11 @@ const uint8_t *search(const uint8_t *at, const uint8_t *end)
 start_code find_start_code(const uint8_t *data, uint32_t len)
 {
     if (len < 3) return {0, 0};
+    // A frame begins with one.
+    if (data[0] == 0 && data[1] == 0) {
+        if (data[2] == 1) return {0, 3};
+        if (len > 3 && data[2] == 0 && data[3] == 1) return {0, 4};
+    }
     const uint8_t *const last = data + (len - 2); // the first position that is too late
     for (const uint8_t *at = data; at < last;) {
         while (last - at >= block && !has_pair_of_zeros(at)) at += block;
