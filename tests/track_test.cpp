@@ -4,6 +4,7 @@
 #include <mediafiles/track.h>
 
 #include "support/fake-stream.h"
+#include "support/faults.h"
 #include "support/recording.h"
 
 namespace {
@@ -106,6 +107,30 @@ TEST(track, keeps_its_tables_when_the_stream_fails)
         EXPECT_EQ(dump(drain(journal)), dump(records(c.kept)));
         EXPECT_EQ(mediafile_caretaker_errcode(journal.get()), 0); // what failed had told its size
     }
+}
+
+TEST(track, takes_an_odd_sample_after_an_hour_of_equal_ones)
+{
+    constexpr uint32_t hour = 108'000; // frames, 30 a second
+    const stream_ptr stream(mp4_null_stream_create());
+    const track_ptr track(mp4_track_create(1, MP4_MEDIA_VIDEO, 90000, 0));
+    mp4_track_begin_record(track.get(), stream.get(), nullptr, 0);
+    for (uint32_t i = 0; i < hour; i++) mp4_track_add_sample(track.get(), nullptr, 9, 3000, 1);
+    const std::vector<array_stream *> lists = {track->stsz_table, track->stss_table};
+    const void *const first = array_stream_index(lists[0], 0);
+    {
+        const faults::injection count;
+        EXPECT_EQ(mp4_track_add_sample(track.get(), nullptr, 8, 3000, 0), 0);
+        EXPECT_LT(count.made[faults::memory], long{2 * hour / 4096 + 8}); // a block takes 4096 entries
+    }
+    EXPECT_EQ(array_stream_index(lists[0], 0), first);
+    ASSERT_EQ(array_stream_length(lists[0]), hour + 1);
+    ASSERT_EQ(array_stream_length(lists[1]), hour);
+    const auto entry = [&](size_t list, uint32_t i) { // big-endian
+        return __builtin_bswap32(*static_cast<const uint32_t *>(array_stream_index(lists[list], i)));
+    };
+    for (uint32_t i = 0; i < hour; i++) ASSERT_TRUE(entry(0, i) == 9 && entry(1, i) == i + 1) << i;
+    EXPECT_EQ(entry(0, hour), 8u);
 }
 
 int calls;
