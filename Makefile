@@ -4,7 +4,7 @@
 PREFIX ?= /usr/local
 JOBS ?= $(shell nproc)
 
-.PHONY: all demo test test-arm bench cross-arm install clean
+.PHONY: all demo test test-arm bench bench-docs size cross-arm install clean
 
 all:
 	scripts/install-packages build
@@ -35,11 +35,26 @@ test-arm:
 	cmake --build out/arm-neon -j $(JOBS)
 	ctest --test-dir out/arm-neon --output-on-failure -j $(JOBS)
 
+# A table of what recording and repair cost, and a failure where they cost more
+# than they may. QUICK=1 makes the runs short.
 bench:
 	scripts/install-packages build bench
 	cmake --preset bench
 	cmake --build out/bench -j $(JOBS)
 	scripts/bench out/bench
+
+# What the last bench found, and the size, into docs/performance.md.
+bench-docs: size
+	scripts/bench out/bench docs
+
+# What the shared library takes of a device, likewise.
+size:
+	scripts/install-packages build arm size
+	cmake --preset size
+	cmake --build out/size --target mediafiles -j $(JOBS)
+	cmake --preset size-arm
+	cmake --build out/size-arm --target mediafiles -j $(JOBS)
+	scripts/size x86-64 out/size 32-bit-ARM out/size-arm
 
 cross-arm:
 	scripts/install-packages build arm

@@ -1,0 +1,74 @@
+/* Preloaded, counts what a process does with its heap. For processes with one thread. */
+#include <errno.h>
+#include <malloc.h>
+#include <stddef.h>
+
+#include "heap-count.h"
+
+/* The C library's own, under names that nothing replaces. */
+void *__libc_malloc(size_t);
+void *__libc_calloc(size_t, size_t);
+void *__libc_realloc(void *, size_t);
+void *__libc_memalign(size_t, size_t);
+void __libc_free(void *);
+
+static struct heap_counts counts;
+
+struct heap_counts *heap_counts(void)
+{
+    return &counts;
+}
+
+static void *given(void *block, size_t size)
+{
+    ++counts.calls;
+    if (size > counts.largest) counts.largest = size;
+    if (block) counts.live += (int64_t)malloc_usable_size(block);
+    return block;
+}
+
+static void taken_back(void *block)
+{
+    if (block) counts.live -= (int64_t)malloc_usable_size(block);
+}
+
+void *malloc(size_t size)
+{
+    return given(__libc_malloc(size), size);
+}
+
+void *calloc(size_t n, size_t size)
+{
+    return given(__libc_calloc(n, size), n * size);
+}
+
+void *realloc(void *old, size_t size)
+{
+    taken_back(old);
+    return given(__libc_realloc(old, size), size);
+}
+
+void *memalign(size_t alignment, size_t size)
+{
+    return given(__libc_memalign(alignment, size), size);
+}
+
+void *aligned_alloc(size_t alignment, size_t size)
+{
+    return memalign(alignment, size);
+}
+
+int posix_memalign(void **out, size_t alignment, size_t size)
+{
+    void *block = memalign(alignment, size);
+    if (!block) return ENOMEM;
+    *out = block;
+    return 0;
+}
+
+void free(void *block)
+{
+    if (block) ++counts.calls;
+    taken_back(block);
+    __libc_free(block);
+}

@@ -1,0 +1,16 @@
+/* What libheap-count.so, preloaded, knows of the heap of the process. */
+#ifndef BENCH_HEAP_COUNT_H
+#define BENCH_HEAP_COUNT_H
+
+#include <stdint.h>
+
+struct heap_counts {
+    uint64_t calls;   /* to malloc and its kin, and to free */
+    uint64_t largest; /* request, bytes */
+    int64_t live;     /* bytes handed out, as the allocator rounds them */
+};
+
+/* Exported by libheap-count.so. */
+struct heap_counts *heap_counts(void);
+
+#endif
