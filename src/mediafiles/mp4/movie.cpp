@@ -44,11 +44,10 @@ mp4_time from_nanoseconds(uint64_t time)
     return {static_cast<int32_t>(static_cast<uint32_t>(time / second)), static_cast<int32_t>(time % second)};
 }
 
-// later - sooner
-uint64_t distance(mp4_time later, mp4_time sooner)
+// Nanoseconds from one time to another; below 0 when that is the earlier one.
+int64_t distance(mp4_time from, mp4_time to)
 {
-    return static_cast<uint64_t>(int64_t{later.seconds} - sooner.seconds) * second +
-           static_cast<uint64_t>(int64_t{later.nanoseconds} - sooner.nanoseconds);
+    return (int64_t{to.seconds} - from.seconds) * int64_t{second} + (to.nanoseconds - from.nanoseconds);
 }
 
 // Nanoseconds in ticks, rounded half up.
@@ -119,9 +118,10 @@ uint32_t advance(mp4_track_span &span, mp4_time timestamp, uint32_t timescale)
         span = {1, timestamp, timestamp};
         return 0;
     }
-    if (earlier(timestamp, span.last)) return 0;
+    const int64_t passed = distance(span.last, timestamp);
+    if (passed < 0) return 0;
 
-    const uint64_t ticks = to_ticks(distance(timestamp, span.last), timescale);
+    const uint64_t ticks = to_ticks(static_cast<uint64_t>(passed), timescale);
     if (ticks > longest_duration) return advance_by_longest(span, timescale);
     span.last = timestamp;
     return static_cast<uint32_t>(ticks);
@@ -148,8 +148,8 @@ void make_relative(mp4_movie *movie)
     for (uint32_t i = 0; i < track_count(movie); ++i) {
         mp4_track_span &span = *movie->spans[i];
         if (!span.started) continue;
-        span.first = from_nanoseconds(distance(span.first, start));
-        span.last = from_nanoseconds(distance(span.last, start));
+        span.first = from_nanoseconds(static_cast<uint64_t>(distance(start, span.first)));
+        span.last = from_nanoseconds(static_cast<uint64_t>(distance(start, span.last)));
         movie->tracks[i]->delay = to_ticks(nanoseconds(span.first), movie->tracks[i]->timescale);
     }
 }
@@ -222,13 +222,12 @@ int mp4_movie_add_frame(mp4_movie *movie, const mp4_frame *frame)
         return refuse(EINVAL);
     if (uint64_t{movie->bytes} + frame->len > MP4_MAX_RECORD_BYTES) return refuse(EFBIG);
 
-    mp4_track *track = movie->tracks[index];
-    const uint32_t duration = advance(*movie->spans[index], frame->timestamp, track->timescale);
-
     if (movie->caretaker)
         journal_sample(movie->caretaker, static_cast<uint8_t>(index), frame->timestamp.seconds,
                        static_cast<uint32_t>(frame->timestamp.nanoseconds), frame->key);
 
+    mp4_track *track = movie->tracks[index];
+    const uint32_t duration = advance(*movie->spans[index], frame->timestamp, track->timescale);
     if (mp4_track_add_sample(track, frame->data, frame->len, duration, frame->key) != 0) {
         latch(movie);
         return -1;
