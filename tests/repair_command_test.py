@@ -14,7 +14,6 @@ import subprocess
 import sys
 import tempfile
 import unittest
-from collections import namedtuple
 
 sys.path.insert(0, str(pathlib.Path(__file__).parent / "support"))
 import judge  # noqa: E402
@@ -26,21 +25,10 @@ GIVEN, REST = LINE.parse_known_args()
 SOURCES = {"av": ("h264_base_640x360_25.h264", "aac_lc_48000_2.aac"), "hevc": ("h265_aud_sei_640x360_25.h265",)}
 DONE, FAILED, USAGE, NOTHING = 0, 1, 2, 3
 TRACED = {**os.environ, "ASAN_OPTIONS": "detect_leaks=0"}  # the leak checker is a tracer itself
-Sample = namedtuple("Sample", "record_end track begin size end time key")
 
 
 def run(*command, **options):
     return subprocess.run(command, text=True, capture_output=True, check=False, timeout=60, **options)
-
-
-def samples_of(journal):
-    at = 0
-    while at < len(journal):
-        kind, track, length = struct.unpack_from("<BBH", journal, at)
-        if kind == 2:
-            begin, size, *time, key = struct.unpack_from("<IIqIi", journal, at + 4)
-            yield Sample(at + 28, track, begin, size, begin + size, time, key != 0)
-        at += 4 + (length + 3 & ~3)
 
 
 class Repair(unittest.TestCase):
@@ -52,7 +40,7 @@ class Repair(unittest.TestCase):
                 clip = pathlib.Path(directory, name)
                 run(GIVEN.tool, "record", *(GIVEN.media / s for s in sources), "-o", clip, "--keep-journal")
                 data, journal = clip.read_bytes(), pathlib.Path(f"{clip}.journal").read_bytes()
-                samples = list(samples_of(journal))
+                samples = list(judge.samples_of(journal))
                 cls.whole[name] = data, data[:24] + bytes(4) + data[28:samples[-1].end], journal, samples
 
     def setUp(self):
@@ -165,7 +153,7 @@ class Repair(unittest.TestCase):
         """What a power cut leaves at the end costs the record that it hit, a damaged one more only on request."""
         _, media, journal, samples = self.whole["av"]
         key = max(i for i, s in enumerate(samples) if s.track == 0 and s.key)
-        plain = max(i for i, s in enumerate(samples) if s.track == 0 and not s.key and s.time[1])
+        plain = max(i for i, s in enumerate(samples) if s.track == 0 and not s.key and s.time % 10**9)
         for what, hit, valid, rest, options in (
                 ("bad record", 60, 0, b"\5" * 900, ("--salvage",)), ("zeros behind it", plain, 28, bytes(700), ()),
                 ("half of it zero", 60, 12, bytes(16), ()), ("its flag and zeros", key, 24, bytes(516), ())):

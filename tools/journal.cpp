@@ -5,8 +5,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include <mediafiles/caretaker.h>
-
 namespace tools {
 
 namespace {
@@ -24,15 +22,6 @@ namespace sample_field {
 constexpr size_t offset = 0, size = 4, seconds = 8, nanoseconds = 16, key = 20, length = 24;
 }
 
-struct record {
-    memento header;
-    size_t at;
-    std::span<const uint8_t> payload;
-
-    size_t payload_end() const { return at + sizeof header + payload.size(); }
-    size_t end() const { return at + sizeof header + ((payload.size() + 3) & ~size_t{3}); }
-};
-
 /* Little-endian, as every machine that the library is built for. */
 template <class Value>
 Value field(std::span<const uint8_t> payload, size_t offset)
@@ -42,7 +31,7 @@ Value field(std::span<const uint8_t> payload, size_t offset)
     return value;
 }
 
-std::optional<repair_mark> read_mark(const record &record)
+std::optional<repair_mark> read_mark(const journal_record &record)
 {
     if (record.header.kind != MEMENTO_USER || record.payload.size() != mark_length) return {};
     const std::string text(record.payload.begin(), record.payload.end());
@@ -55,9 +44,18 @@ std::optional<repair_mark> read_mark(const record &record)
     return mark;
 }
 
+/* The record there, with as much of its payload as the data has; its header must be there. */
+journal_record record_in(std::span<const uint8_t> data, size_t at)
+{
+    const auto header = field<memento>(data, at);
+    const size_t begin = at + sizeof header;
+    return {header, at, data.subspan(begin, std::min<size_t>(data.size() - begin, header.length))};
+}
+
 class parser {
 public:
-    parser(std::span<const uint8_t> data, const key_by_media &key) : data_(data), key_by_media_(key)
+    parser(std::span<const uint8_t> data, const key_by_media &key, const record_visitor &visit)
+        : data_(data), key_by_media_(key), visit_(visit)
     {
         const auto last = std::find_if(data.rbegin(), data.rend(), [](uint8_t byte) { return byte != 0; });
         zeros_from_ = static_cast<size_t>(data.rend() - last);
@@ -68,6 +66,7 @@ public:
         size_t at = 0;
         while (const auto next = record_at(at)) {
             if (!take(*next)) break;
+            if (visit_) visit_(*next);
             at = next->end();
             if (next->header.kind == MEMENTO_USER && (out_.mark = read_mark(*next))) continue;
             out_.mark.reset(); // only the last record is one
@@ -79,50 +78,56 @@ public:
 
 private:
     /* None at the end, in the zeros, or for a record that cannot be. */
-    std::optional<record> record_at(size_t at)
+    std::optional<journal_record> record_at(size_t at)
     {
-        if (at >= zeros_from_ || data_.size() - at < sizeof(memento)) return {};
-        record next = {field<memento>(data_, at), at, {}};
-        const size_t there = data_.size() - at - sizeof(memento);
-        next.payload = data_.subspan(at + sizeof(memento), std::min<size_t>(there, next.header.length));
-        if (sizeof(memento) + next.header.length > MEMENTO_MAX_SIZE) return damaged("a record that is too long");
-        if (next.payload.size() < next.header.length || next.end() > data_.size()) return {};
+        if (at == data_.size()) return {};
+        if (at >= zeros_from_) return ended(journal_ending::zeros);
+        if (data_.size() - at < sizeof(memento)) return ended(journal_ending::cut);
+        const journal_record next = record_in(data_, at);
+        if (sizeof(memento) + next.header.length > MEMENTO_MAX_SIZE) {
+            damaged("a record that is too long");
+            return {};
+        }
+        if (next.payload.size() < next.header.length || next.end() > data_.size()) return ended(journal_ending::cut);
         return next;
     }
 
-    std::nullopt_t damaged(const char *what)
+    std::nullopt_t ended(journal_ending how)
     {
-        out_.damage = what;
+        out_.ending = how;
         return std::nullopt;
     }
 
-    bool take(const record &next)
+    void damaged(const char *what)
     {
-        const bool touched = next.payload_end() > zeros_from_;
-        if (touched && next.header.kind != MEMENTO_SAMPLE) return false;
-        if (const char *wrong = next.header.kind == MEMENTO_SAMPLE ? take_sample(next) : take_other(next)) {
-            if (!touched) damaged(wrong);
+        out_.ending = journal_ending::damaged;
+        out_.damage = what;
+    }
+
+    bool take(const journal_record &next)
+    {
+        const bool is_sample = next.header.kind == MEMENTO_SAMPLE;
+        if (next.payload_end() > zeros_from_) {
+            const size_t before = out_.samples.size();
+            if (is_sample && !take_sample(next) && is_whole(next)) return true;
+            out_.samples.resize(before);
+            ended(journal_ending::zeros);
             return false;
         }
-        if (!touched || is_whole(next)) return true;
-        out_.samples.pop_back();
-        return false;
+        const char *wrong = is_sample ? take_sample(next) : take_other(next);
+        if (wrong) damaged(wrong);
+        return !wrong;
     }
 
     /* What is wrong with it, or nullptr. */
-    const char *take_sample(const record &next)
+    const char *take_sample(const journal_record &next)
     {
         if (next.payload.size() != sample_field::length) return "a sample record of a wrong length";
-        const auto nanoseconds = field<uint32_t>(next.payload, sample_field::nanoseconds);
-        const int64_t time = field<int32_t>(next.payload, sample_field::seconds) * second + nanoseconds;
-        const journal_sample sample = {next.end(), next.header.track,
-                                       field<int32_t>(next.payload, sample_field::key) != 0,
-                                       field<uint32_t>(next.payload, sample_field::offset),
-                                       field<uint32_t>(next.payload, sample_field::size), time};
+        const journal_sample sample = read_sample(next);
         const uint64_t expected = out_.samples.empty() ? media_begin : out_.samples.back().end();
         if (sample.track >= out_.tracks.size()) return "a sample of a track that there is not";
         if (sample.size == 0) return "an empty sample";
-        if (nanoseconds >= second) return "a time that cannot be";
+        if (field<uint32_t>(next.payload, sample_field::nanoseconds) >= second) return "a time that cannot be";
         if (sample.offset != expected)
             return sample.offset < expected ? "a sample that overlaps the one before it" : "a gap between samples";
         if (sample.end() > UINT32_MAX || sample.end() - media_begin > MP4_MAX_RECORD_BYTES)
@@ -131,7 +136,7 @@ private:
         return nullptr;
     }
 
-    const char *take_other(const record &next)
+    const char *take_other(const journal_record &next)
     {
         switch (next.header.kind) {
         case MEMENTO_USER:
@@ -145,10 +150,10 @@ private:
         }
     }
 
-    const char *take_track(const record &next)
+    const char *take_track(const journal_record &next)
     {
         if (next.payload.size() != sizeof(mp4_track_desc)) return "a track record of a wrong length";
-        const auto track = field<mp4_track_desc>(next.payload, 0);
+        const mp4_track_desc track = read_track(next);
         const uint32_t type = track.type & ~MP4_TRACK_RAW;
         if (type != MP4_TRACK_H264 && type != MP4_TRACK_H265 && type != MP4_TRACK_AAC) return "a track of unknown type";
         if (out_.tracks.size() == MP4_MAX_TRACKS) return "more than eight tracks";
@@ -156,7 +161,7 @@ private:
         return nullptr;
     }
 
-    const char *take_parameter_set(const record &next)
+    const char *take_parameter_set(const journal_record &next)
     {
         if (next.header.kind == MEMENTO_SEI) return nullptr; // the library's repair does not look at it
         if (next.header.track >= out_.tracks.size()) return "a parameter set of a track that there is not";
@@ -173,7 +178,7 @@ private:
     }
 
     /* Whether the zeros at the end of the sample just taken are its own. */
-    bool is_whole(const record &next) const
+    bool is_whole(const journal_record &next) const
     {
         const journal_sample &sample = out_.samples.back();
         if (sample.key) return true; // the flag's first byte: the last one that is not zero in any sample
@@ -193,14 +198,42 @@ private:
     journal out_;
     std::span<const uint8_t> data_;
     const key_by_media &key_by_media_;
+    const record_visitor &visit_;
     size_t zeros_from_; // offset behind the last byte that is not zero
 };
 
 } // namespace
 
-journal parse_journal(std::span<const uint8_t> data, const key_by_media &key)
+bool begins_journal(std::span<const uint8_t> begin)
 {
-    return parser(data, key).run();
+    size_t at = 0;
+    while (begin.size() - at >= sizeof(memento)) {
+        const journal_record first = record_in(begin, at);
+        if (first.header.kind == MEMENTO_TRACK)
+            return first.header.track < MP4_MAX_TRACKS && first.header.length == sizeof(mp4_track_desc);
+        if (first.header.kind != MEMENTO_USER || sizeof(memento) + first.header.length > MEMENTO_MAX_SIZE) return false;
+        at = std::min(first.end(), begin.size());
+    }
+    return false;
+}
+
+journal parse_journal(std::span<const uint8_t> data, const key_by_media &key, const record_visitor &visit)
+{
+    return parser(data, key, visit).run();
+}
+
+mp4_track_desc read_track(const journal_record &record)
+{
+    return field<mp4_track_desc>(record.payload, 0);
+}
+
+journal_sample read_sample(const journal_record &record)
+{
+    const std::span<const uint8_t> payload = record.payload;
+    const int64_t time = field<int32_t>(payload, sample_field::seconds) * second +
+                         field<uint32_t>(payload, sample_field::nanoseconds);
+    return {record.end(), record.header.track, field<int32_t>(payload, sample_field::key) != 0,
+            field<uint32_t>(payload, sample_field::offset), field<uint32_t>(payload, sample_field::size), time};
 }
 
 std::vector<uint8_t> mark_record(const repair_mark &mark)

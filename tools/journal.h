@@ -1,6 +1,6 @@
 /**
- * A journal file as a repair needs it: which records can be replayed, where
- * they end, and why they end there.
+ * A journal file as a repair needs it and as it is shown: which records can be
+ * replayed, where they end, and why they end there.
  *
  * A record counts while the library's repair would replay it and the samples
  * follow each other without a gap; the journal ends before the first one that
@@ -17,9 +17,22 @@
 #include <string>
 #include <vector>
 
+#include <mediafiles/caretaker.h>
 #include <mediafiles/movie.h>
 
 namespace tools {
+
+constexpr uint64_t largest_journal = 512 << 20; // 19 million samples: more than a recording can hold
+
+/** As it stands in the file. */
+struct journal_record {
+    memento header;
+    size_t at; // offset in the journal
+    std::span<const uint8_t> payload;
+
+    size_t payload_end() const { return at + sizeof header + payload.size(); }
+    size_t end() const { return at + sizeof header + ((payload.size() + 3) & ~size_t{3}); }
+};
 
 struct journal_sample {
     size_t record_end; // offset in the journal, behind the sample's record
@@ -45,18 +58,32 @@ struct repair_mark {
     bool completed;           // the repair came to its end
 };
 
+enum class journal_ending {
+    whole,   // with its last record
+    cut,     // inside a record
+    zeros,   // that a power cut has left
+    damaged, // a record cannot be
+};
+
 struct journal {
     std::vector<mp4_track_desc> tracks;
     std::vector<parameter_set> parameter_sets; // the first of each kind and track, which is what a movie keeps
     std::vector<journal_sample> samples;
     size_t end = 0;     // bytes of its valid records, without a mark
     size_t lost = 0;    // bytes behind them: damaged, zeros, or a record that the file's end cuts
-    std::string damage; // what ends it before its file does; empty for zeros and a cut
+    journal_ending ending = journal_ending::whole;
+    std::string damage; // when it is damaged: by what
     std::optional<repair_mark> mark;
 };
 
 /** The key flag that a sample ought to have by its media; none where that cannot be told. */
 using key_by_media = std::function<std::optional<bool>(const journal_sample &, const mp4_track_desc &)>;
+
+/** Gets each record that counts, in order; those of marks as well. */
+using record_visitor = std::function<void(const journal_record &)>;
+
+/** Whether a file that begins so is a journal: its first record, but for the application's own, is a track's. */
+bool begins_journal(std::span<const uint8_t> begin);
 
 /**
  * A power cut can leave a run of zeros at the end of a file. It is dropped,
@@ -64,7 +91,11 @@ using key_by_media = std::function<std::optional<bool>(const journal_sample &, c
  * fields end with zeros: one without key flag that fits its media and the
  * times before it.
  */
-journal parse_journal(std::span<const uint8_t> data, const key_by_media &);
+journal parse_journal(std::span<const uint8_t> data, const key_by_media &, const record_visitor & = {});
+
+/** The fields of a record of a track or a sample; its payload has the length for it. */
+mp4_track_desc read_track(const journal_record &);
+journal_sample read_sample(const journal_record &);
 
 /** The record that notes a mark; the library's repair passes it over. */
 std::vector<uint8_t> mark_record(const repair_mark &);

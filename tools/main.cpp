@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "command.h"
+#include "inspect-command.h"
 #include "record-command.h"
 #include "repair-command.h"
 
@@ -38,7 +39,8 @@ int main(int argc, char **argv)
     program.set_version_flag("--version", "mediafiles " MEDIAFILES_VERSION);
     program.require_subcommand(1);
     program.footer("'mediafiles COMMAND --help' tells more, with examples.");
-    const tools::command commands[] = {tools::add_record_command(program), tools::add_repair_command(program)};
+    const tools::command commands[] = {tools::add_record_command(program), tools::add_repair_command(program),
+                                       tools::add_inspect_command(program)};
 
     try {
         program.parse(argc, argv);

@@ -35,6 +35,7 @@ struct box {
     uint8_t version;            // of a full box that is parsed, else 0
     uint32_t flags;             // likewise
     std::vector<box> children;  // of the containers and sample entries that are parsed; others are leaves
+    bool cut = false;           // it is not all there, or was never given a size
 };
 
 struct range {

@@ -2,9 +2,8 @@
 
 #include <algorithm>
 
-#include <nlohmann/json.hpp>
-
 #include "print.h"
+#include "track-description.h"
 
 namespace tools {
 
@@ -23,15 +22,6 @@ const char *name(repair_result result)
     return "";
 }
 
-const char *codec_of(const mp4_fix_track &track)
-{
-    switch (track.desc.type & ~MP4_TRACK_RAW) {
-    case MP4_TRACK_H264: return "h264";
-    case MP4_TRACK_H265: return "h265";
-    default: return "aac";
-    }
-}
-
 double seconds(const mp4_time &time) { return time.seconds + time.nanoseconds * 1e-9; }
 
 std::span<const mp4_fix_track> tracks_of(const repair_report &report)
@@ -46,14 +36,8 @@ size_t count(std::span<const repair_report> reports, repair_result result)
 
 ordered_json object(size_t index, const mp4_fix_track &track)
 {
-    ordered_json result = {{"index", index}, {"codec", codec_of(track)}};
-    if ((track.desc.type & ~MP4_TRACK_RAW) == MP4_TRACK_AAC) {
-        result["channels"] = track.desc.audio.channels;
-        result["rate"] = track.desc.audio.sample_rate;
-    } else {
-        result["width"] = track.desc.video.width;
-        result["height"] = track.desc.video.height;
-    }
+    ordered_json result = {{"index", index}};
+    add_description(result, track.desc);
     result["frames"] = track.frameCount;
     result["duration"] = seconds(track.timespan);
     return result;
@@ -97,7 +81,7 @@ std::string to_text(const repair_report &report, bool dry_run)
     if (report.output && *report.output != report.path) text += " as " + *report.output;
     text += print(": %.3f s", seconds(report.info.timespan));
     for (const mp4_fix_track &track : tracks_of(report))
-        text += print(", %s %u frames %.3f s", codec_of(track), track.frameCount, seconds(track.timespan));
+        text += print(", %s %u frames %.3f s", codec_of(track.desc), track.frameCount, seconds(track.timespan));
     text += print("; %ju bytes cut off, %u bytes", uintmax_t{report.cut}, report.info.fileSize);
     if (report.journal_lost != 0) text += print("; %ju bytes of the journal lost", uintmax_t{report.journal_lost});
     if (!report.journal_damage.empty()) text += " (" + report.journal_damage + ")";

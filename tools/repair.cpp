@@ -6,17 +6,13 @@
 #include <span>
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
 #include <unistd.h>
-
-#include <mediafiles/caretaker.h>
-#include <mediafiles/support/io.h>
 
 #include "failure.h"
 #include "journal.h"
 #include "mp4-reader.h"
+#include "open-file.h"
 #include "recording-files.h"
 
 namespace tools {
@@ -25,7 +21,6 @@ namespace {
 
 constexpr const char *cannot_repair = "cannot repair";
 constexpr uint64_t head_size = 32;              // ftyp and the header of mdat
-constexpr uint64_t largest_journal = 512 << 20; // 19 million samples: more than a recording can hold
 constexpr size_t copied_at_once = 1 << 20;
 
 /* A reason to leave the files alone. */
@@ -33,67 +28,10 @@ struct refusal : failure {
     refusal(const std::string &file, const std::string &why) : failure(cannot_repair, file, why) {}
 };
 
-class open_file {
-public:
-    open_file(std::string path, int descriptor) : path_(std::move(path)), descriptor_(descriptor)
-    {
-        if (descriptor_ < 0) throw failure(cannot_repair, path_, errno);
-    }
-    open_file(const std::string &path, int flags, mode_t mode)
-        : open_file(path, open(path.c_str(), flags | O_CLOEXEC | O_NONBLOCK, mode))
-    {
-    }
-    ~open_file() { close(descriptor_); }
-    open_file(const open_file &) = delete;
-    open_file &operator=(const open_file &) = delete;
-
-    operator int() const { return descriptor_; }
-    const std::string &path() const { return path_; }
-
-    uint64_t size() const
-    {
-        struct stat status;
-        if (fstat(descriptor_, &status) != 0) throw failure(cannot_repair, path_, errno);
-        if (!S_ISREG(status.st_mode)) throw refusal(path_, "it is not a regular file");
-        return static_cast<uint64_t>(status.st_size);
-    }
-
-    void lock() const
-    {
-        if (flock(descriptor_, LOCK_EX | LOCK_NB) == 0) return;
-        if (errno != EWOULDBLOCK) throw failure(cannot_repair, path_, errno);
-        throw refusal(path_, "another process is recording or repairing it; repeat when that has ended");
-    }
-
-    /* Whether so many bytes lie there. */
-    bool read(uint64_t offset, std::span<uint8_t> to) const
-    {
-        size_t got = 0;
-        while (got < to.size()) {
-            const ssize_t n = pread(descriptor_, to.data() + got, to.size() - got, static_cast<off_t>(offset + got));
-            if (n < 0 && errno == EINTR) continue;
-            if (n < 0) throw failure("cannot read", path_, errno);
-            if (n == 0) return false;
-            got += static_cast<size_t>(n);
-        }
-        return true;
-    }
-
-    void write(std::span<const uint8_t> data) const
-    {
-        if (writen(descriptor_, data.data(), data.size()) != static_cast<ssize_t>(data.size()))
-            throw failure("cannot write", path_, errno);
-    }
-
-private:
-    std::string path_;
-    int descriptor_;
-};
-
 /* A file that no medium holds, for the library to open. */
 class memory_file : public open_file {
 public:
-    explicit memory_file(std::span<const uint8_t> data) : open_file("memory", memfd_create("journal", MFD_CLOEXEC))
+    explicit memory_file(std::span<const uint8_t> data) : open_file(cannot_repair, memfd_create("journal", MFD_CLOEXEC), "memory")
     {
         write(data);
     }
@@ -208,7 +146,7 @@ class recording {
 public:
     recording(const std::string &path, const repair_options &options, repair_report &report, console &console)
         : options_(options), report_(report), console_(console),
-          media_(path, O_RDONLY, 0)
+          media_(cannot_repair, path, O_RDONLY)
     {
         size_ = media_.size();
         media_.lock();
@@ -262,7 +200,7 @@ private:
         journal_path_ = options_.journal.value_or(journal_of(media_.path()));
         const int descriptor = open(journal_path_.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
         if (descriptor < 0 && errno == ENOENT && !options_.journal) return false;
-        file_.emplace(journal_path_, descriptor);
+        file_.emplace(cannot_repair, descriptor, journal_path_);
         report_.journal = journal_path_;
         report_.journal_kept = true;
         const uint64_t size = file_->size();
@@ -373,7 +311,7 @@ private:
         const std::string temporary = path + ".new";
         repair_mark mark = plan.mark;
         mark.completed = completed;
-        const open_file file(temporary, O_WRONLY | O_CREAT | O_TRUNC, 0666);
+        const open_file file(cannot_repair, temporary, O_WRONLY | O_CREAT | O_TRUNC, 0666);
         file.write(plan.records);
         file.write(mark_record(mark));
         if (fsync(file) != 0) throw failure("cannot write", temporary, errno);
@@ -430,7 +368,7 @@ private:
 
     void copy_media(const std::string &to, uint64_t size)
     {
-        const open_file copy(to, O_WRONLY | O_CREAT | O_TRUNC, 0666);
+        const open_file copy(cannot_repair, to, O_WRONLY | O_CREAT | O_TRUNC, 0666);
         std::vector<uint8_t> buffer(std::min<uint64_t>(size, copied_at_once));
         for (uint64_t at = 0; at < size; at += buffer.size()) {
             const auto part = std::span(buffer).first(std::min<uint64_t>(buffer.size(), size - at));

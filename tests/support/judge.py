@@ -8,11 +8,13 @@ import csv
 import json
 import pathlib
 import re
+import struct
 import subprocess
 from collections import namedtuple
 
 Unit = namedtuple("Unit", "data time_ns key")
 Packet = namedtuple("Packet", "size ticks key")
+Sample = namedtuple("Sample", "record_end track begin size end time key")
 PATIENCE = 60  # seconds
 
 
@@ -63,6 +65,17 @@ def expected_packets(all_units, codec, timescale):
         begin += ((unit.time_ns - last) * timescale + 500_000_000) // 1_000_000_000
         last = unit.time_ns
     return found
+
+
+def samples_of(journal):
+    """The samples that a journal names; it must be whole."""
+    at = 0
+    while at < len(journal):
+        kind, track, length = struct.unpack_from("<BBH", journal, at)
+        if kind == 2:
+            begin, size, seconds, nanoseconds, key = struct.unpack_from("<IIqIi", journal, at + 4)
+            yield Sample(at + 28, track, begin, size, begin + size, seconds * 10**9 + nanoseconds, key != 0)
+        at += 4 + (length + 3 & ~3)
 
 
 def packets(path, stream):
