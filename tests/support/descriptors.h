@@ -4,6 +4,7 @@
 #include <csignal>
 #include <sys/mman.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "hex.h"
@@ -14,10 +15,12 @@ struct descriptor {
     operator int() const { return fd; }
 };
 
-/** All bytes of a file (up to a megabyte), whatever its offset. */
+/** All bytes of a file, whatever its offset. */
 inline bytes file_content(int fd)
 {
-    bytes out(1 << 20);
+    struct stat status = {};
+    fstat(fd, &status);
+    bytes out(static_cast<size_t>(status.st_size));
     out.resize(static_cast<size_t>(pread(fd, out.data(), out.size(), 0)));
     return out;
 }

@@ -27,7 +27,12 @@ static bool fails(call kind)
     return current->hit = true;
 }
 
-static int refusal(call kind) { return kind == advice ? current->orders.error : -1; }
+static int refusal(call kind) { return current->orders.pretend ? 0 : kind == advice ? current->orders.error : -1; }
+static ssize_t told(int fd, ssize_t n)
+{
+    if (current && current->wrote && n > 0) current->wrote(fd, size_t(n));
+    return n;
+}
 static void hold(const void *block, long blocks) { if (current && block) current->held += blocks; }
 static size_t limited(size_t n) { return current && current->orders.cut ? std::min(n, current->orders.cut) : n; }
 static void spoil_errno() { errno = current && current->orders.spoil ? EDOM : errno; }
@@ -88,7 +93,6 @@ void __wrap_free(void *block)
     result __real_##name parameters; \
     result __wrap_##name parameters { return fails(kind) ? refusal(kind) : __real_##name arguments; }
 
-WRAP(output, ssize_t, write, (int fd, const void *data, size_t n), (fd, data, limited(n)))
 WRAP(input, ssize_t, read, (int fd, void *data, size_t n), (fd, data, limited(n)))
 WRAP(syncing, int, fsync, (int fd), (fd))
 WRAP(opening, int, open, (const char *path, int flags, mode_t mode), (path, flags, mode))
@@ -102,9 +106,15 @@ WRAP(seeking, int64_t, lseek64, (int fd, int64_t to, int whence), (fd, to, whenc
 WRAP(advice, int, posix_fadvise, (int fd, long from, long n, int what), (fd, from, n, what))
 WRAP(advice, int, posix_fadvise64, (int fd, int64_t from, int64_t n, int what), (fd, from, n, what))
 
+ssize_t __real_write(int, const void *, size_t);
+ssize_t __wrap_write(int fd, const void *data, size_t n)
+{
+    return fails(output) ? -1 : told(fd, __real_write(fd, data, limited(n)));
+}
+
 ssize_t __wrap_writev(int fd, const iovec *list, int count)
 {
-    if (!current || !current->orders.cut) return fails(output) ? -1 : __real_writev(fd, list, count);
+    if (!current || !current->orders.cut) return fails(output) ? -1 : told(fd, __real_writev(fd, list, count));
     while (count > 1 && list->iov_len == 0) list++, count--;
     return __wrap_write(fd, list->iov_base, list->iov_len); // part of one entry: short like any other
 }

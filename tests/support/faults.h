@@ -8,6 +8,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -24,6 +25,7 @@ struct plan {
     int error = 0;        // errno of the failure
     size_t cut = 0;       // bytes that one read or write moves at most; 0: no limit
     bool spoil = false;   // free and the logger leave errno at EDOM
+    bool pretend = false; // the call that is not made claims success
 };
 
 /** Counts, and fails calls as planned, while it lives; one at a time. */
@@ -32,6 +34,7 @@ struct injection {
     ~injection();
 
     plan orders;
+    std::function<void(int, size_t)> wrote; // told of a descriptor and how many bytes it has just taken
     bool hit = false;          // the planned failure took place
     long made[kinds] = {};     // calls, failed ones included
     long held = 0;             // blocks allocated and not yet freed
