@@ -3,8 +3,9 @@
 
 PREFIX ?= /usr/local
 JOBS ?= $(shell nproc)
+SECONDS_EACH ?= 20
 
-.PHONY: all demo test test-arm bench bench-docs size cross-arm install clean
+.PHONY: all demo test test-arm fuzz soak bench bench-docs size cross-arm install clean
 
 all:
 	scripts/install-packages build
@@ -34,6 +35,19 @@ test-arm:
 	cmake --preset arm-neon
 	cmake --build out/arm-neon -j $(JOBS)
 	ctest --test-dir out/arm-neon --output-on-failure -j $(JOBS)
+
+fuzz:
+	scripts/install-packages build fuzz
+	cmake --preset fuzz
+	cmake --build out/fuzz -j $(JOBS) -t fuzz-targets
+	scripts/fuzz out/fuzz $(SECONDS_EACH)
+
+# What takes too long for every day.
+soak:
+	scripts/install-packages build tools test
+	cmake --preset sanitizers
+	cmake --build out/sanitizers -j $(JOBS)
+	out/sanitizers/fuzz/hostile-journals 1000000
 
 # A table of what recording and repair cost, and a failure where they cost more
 # than they may. QUICK=1 makes the runs short.
