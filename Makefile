@@ -5,7 +5,7 @@ PREFIX ?= /usr/local
 JOBS ?= $(shell nproc)
 SECONDS_EACH ?= 20
 
-.PHONY: all demo test test-arm fuzz soak bench bench-docs size cross-arm install clean
+.PHONY: all demo test test-arm test-cross test-clang fuzz soak lint abi bench bench-docs size cross-arm deb install clean
 
 all:
 	scripts/install-packages build
@@ -19,7 +19,7 @@ demo:
 	scripts/demo out/release
 
 # The tests of the optimised build, those of the sanitizers' build, and the
-# library's for 32-bit ARM under emulation.
+# library's for 32-bit ARM under emulation, which writes the same bytes.
 test:
 	scripts/install-packages build tools test arm
 	cmake --preset test
@@ -29,6 +29,7 @@ test:
 	ctest --test-dir out/test --output-on-failure -j $(JOBS)
 	ctest --test-dir out/sanitizers --output-on-failure -j $(JOBS)
 	$(MAKE) test-arm
+	tests/exchange_test.sh testdata out/test out/arm-neon
 
 test-arm:
 	scripts/install-packages build arm
@@ -48,6 +49,42 @@ soak:
 	cmake --preset sanitizers
 	cmake --build out/sanitizers -j $(JOBS)
 	out/sanitizers/fuzz/hostile-journals 1000000
+
+# Library and tests for 32-bit and 64-bit ARM, under emulation, and for 32-bit
+# x86; all write the same bytes as this machine, and repair each other's.
+CROSS = arm-neon aarch64 i386
+test-cross:
+	scripts/install-packages build tools test arm aarch64 i386
+	cmake --preset test
+	cmake --build out/test -j $(JOBS) --target example-record example-repair check-mp4
+	for target in $(CROSS); do \
+	    cmake --preset $$target && cmake --build out/$$target -j $(JOBS) && \
+	    ctest --test-dir out/$$target --output-on-failure -j $(JOBS) || exit 1; \
+	done
+	tests/exchange_test.sh testdata out/test $(addprefix out/,$(CROSS))
+
+# The tests under the sanitizers of clang; those of gcc are part of test.
+test-clang:
+	scripts/install-packages build tools test
+	cmake --preset clang-sanitizers
+	cmake --build out/clang-sanitizers -j $(JOBS)
+	ctest --test-dir out/clang-sanitizers --output-on-failure -j $(JOBS)
+
+# What can be said without running anything; LINT_BASE is the commit whose
+# lines need not be formatted.
+LINT_BASE ?= HEAD~1
+lint:
+	scripts/install-packages build tools test lint
+	cmake --preset test
+	cmake --build out/test -j $(JOBS) --target mediafiles
+	scripts/lint out/test $(LINT_BASE)
+
+# After a change of the interface that is meant.
+abi:
+	scripts/install-packages build tools test
+	cmake --preset test
+	cmake --build out/test -j $(JOBS) --target mediafiles
+	scripts/abi renew out/test/src/libmediafiles.so
 
 # A table of what recording and repair cost, and a failure where they cost more
 # than they may. QUICK=1 makes the runs short.
@@ -74,6 +111,18 @@ cross-arm:
 	scripts/install-packages build arm
 	cmake --preset arm
 	cmake --build out/arm -j $(JOBS)
+
+# Packages of library and command, and of the library for Debian's armhf.
+deb:
+	scripts/install-packages build tools arm deb
+	rm -rf out/packages
+	for target in deb deb-armhf; do \
+	    cmake --preset $$target && cmake --build out/$$target -j $(JOBS) && \
+	    cpack --config out/$$target/CPackConfig.cmake -B out/packages || exit 1; \
+	done
+	lintian --allow-root --fail-on error out/packages/*.deb
+	apt-get install --simulate -qq ./out/packages/*_amd64.deb
+	tests/consumers_test.sh "$(CURDIR)" out/packages/*_amd64.deb
 
 install:
 	scripts/install-packages build

@@ -3,16 +3,16 @@
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/mediafiles)
 
 install(TARGETS mediafiles mediafiles-static EXPORT mediafiles-targets
-    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
-    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
-install(DIRECTORY include/mediafiles DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN *.h)
-install(EXPORT mediafiles-targets NAMESPACE mediafiles:: DESTINATION ${package_dir})
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT dev)
+install(DIRECTORY include/mediafiles COMPONENT dev DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN *.h)
+install(EXPORT mediafiles-targets NAMESPACE mediafiles:: COMPONENT dev DESTINATION ${package_dir})
 
 configure_package_config_file(cmake/mediafiles-config.cmake.in ${PROJECT_BINARY_DIR}/mediafiles-config.cmake
     INSTALL_DESTINATION ${package_dir})
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/mediafiles-config-version.cmake COMPATIBILITY SameMinorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/mediafiles-config.cmake ${PROJECT_BINARY_DIR}/mediafiles-config-version.cmake
-    DESTINATION ${package_dir})
+    COMPONENT dev DESTINATION ${package_dir})
 
 configure_file(cmake/mediafiles.pc.in ${PROJECT_BINARY_DIR}/mediafiles.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/mediafiles.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+install(FILES ${PROJECT_BINARY_DIR}/mediafiles.pc COMPONENT dev DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

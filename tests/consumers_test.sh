@@ -1,17 +1,31 @@
 #!/bin/sh
-# What is installed can be built against, by pkg-config and by CMake, and the
-# programs record a file.
-#     consumers_test.sh BUILD SOURCE
+# What is installed, or unpacked from the packages, can be built against, by
+# pkg-config and by CMake; the programs record a file, the command where it is
+# there the same one.
+#     consumers_test.sh SOURCE BUILD
+#     consumers_test.sh SOURCE BUILD/CPackConfig.cmake
+#     consumers_test.sh SOURCE PACKAGE.deb...
 set -eu
-build=$1 source=$2
+source=$1
+shift
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 prefix=$work/usr
-cmake --install "$build" --prefix "$prefix" >"$work/log" || { cat "$work/log"; exit 1; }
+case $1 in
+*.cmake)
+    cpack --config "$1" -B "$work/packages" >"$work/log" 2>&1 || { cat "$work/log"; exit 1; }
+    set -- "$work"/packages/*.deb
+    ;;
+esac
+if [ -d "$1" ]; then
+    cmake --install "$1" --prefix "$prefix" >"$work/log" || { cat "$work/log"; exit 1; }
+else
+    for package in "$@"; do dpkg -x "$package" "$work"; done
+fi
 
 libdir=$(dirname "$(find "$prefix" -name libmediafiles.so)")
 sed "s|^prefix=.*|prefix=$prefix|" "$libdir/pkgconfig/mediafiles.pc" >"$work/mediafiles.pc"
-# shellcheck disable=SC2046
+# shellcheck disable=SC2046,SC2086
 cc -std=c11 "$source/examples/record.c" -o "$work/by-pkg-config" \
     $(PKG_CONFIG_PATH=$work pkg-config --cflags --libs mediafiles) -Wl,-rpath,"$libdir" ${CONSUMER_FLAGS:-}
 
@@ -25,19 +39,26 @@ foreach(library mediafiles mediafiles-static)
     target_link_libraries(by-\${library} PRIVATE mediafiles::\${library})
 endforeach()
 END
-cmake -S "$work/project" -B "$work/out" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_C_FLAGS="${CONSUMER_FLAGS:-}" >"$work/log" &&
-    cmake --build "$work/out" >"$work/log" || { cat "$work/log"; exit 1; }
+cmake -S "$work/project" -B "$work/out" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_C_FLAGS="${CONSUMER_FLAGS:-}" >"$work/log" ||
+    { cat "$work/log"; exit 1; }
+cmake --build "$work/out" >"$work/log" || { cat "$work/log"; exit 1; }
 
 stream=$source/testdata/h264_base_640x360_25
+export LD_LIBRARY_PATH="$libdir"
+if [ -x "$prefix/bin/mediafiles" ]; then
+    "$prefix/bin/mediafiles" record "$stream.h264" -o "$work/command.mp4" --fps 25
+fi
 for program in "$work/by-pkg-config" "$work/out/by-mediafiles" "$work/out/by-mediafiles-static"; do
     "$program" "$work/clip.mp4" "$stream.h264" "$stream.units.tsv" 640 360
+    [ ! -e "$work/command.mp4" ] || cmp "$work/command.mp4" "$work/clip.mp4"
     if readelf -d "$program" | grep -q libstdc++; then
-        echo "$program needs libstdc++"
+        echo "$program needs libstdc++" >&2
         exit 1
     fi
     test -s "$work/clip.mp4"
     cksum <"$work/clip.mp4"
     rm "$work/clip.mp4"
-done | grep -v sps | sort -u >"$work/sums"
+done >"$work/said"
+grep -v sps "$work/said" | sort -u >"$work/sums"
 cat "$work/sums"
 test "$(wc -l <"$work/sums")" = 1

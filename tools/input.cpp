@@ -4,6 +4,7 @@
 #include <chrono>
 #include <new>
 #include <thread>
+#include <utility>
 
 #include "failure.h"
 
@@ -237,7 +238,7 @@ void input::leave_out(size_t stream, std::string why)
 {
     const AVStream *source = streams_[stream].source();
     format_->streams[source->index]->discard = AVDISCARD_ALL;
-    others_.push_back({source->index, kind_and_codec(source), why});
+    others_.push_back({source->index, kind_and_codec(source), std::move(why)});
     streams_.erase(streams_.begin() + static_cast<std::ptrdiff_t>(stream));
 }
 

@@ -1,0 +1,74 @@
+# Debian packages by CPack, one a component: the shared library, what a program
+# is built with, and the command. Configure with the prefix /usr.
+#     cpack --config BUILD/CPackConfig.cmake
+set(library_package libmediafiles${PROJECT_VERSION_MAJOR})
+set(CPACK_COMPONENTS_ALL runtime dev)
+if(TARGET mediafiles-command)
+    list(APPEND CPACK_COMPONENTS_ALL tools)
+endif()
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${library_package})
+set(CPACK_DEBIAN_DEV_PACKAGE_NAME libmediafiles-dev)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME mediafiles-tools)
+
+# What Debian wants beside the files: the licence in its form, the changelog and the manual page compressed.
+set(work ${PROJECT_BINARY_DIR}/packaging)
+file(MAKE_DIRECTORY ${work})
+file(READ ${PROJECT_SOURCE_DIR}/LICENSE text)
+string(REGEX MATCH "Copyright[^\n]*" copyright "${text}")
+string(REPLACE "Copyright (c)" "Copyright:" copyright "${copyright}")
+string(REGEX MATCH "Permission.*[^\n]" license "${text}")
+string(REPLACE "\n" "\n " license " ${license}")
+string(REPLACE "\n \n" "\n .\n" license "${license}")
+configure_file(${PROJECT_SOURCE_DIR}/packaging/copyright.in ${work}/copyright @ONLY)
+file(WRITE ${work}/shlibs "libmediafiles ${PROJECT_VERSION_MAJOR} ${library_package} (>= ${PROJECT_VERSION})\n")
+file(COPY ${PROJECT_SOURCE_DIR}/packaging/triggers DESTINATION ${work})
+foreach(page packaging/changelog docs/mediafiles.1)
+    get_filename_component(name ${page} NAME)
+    execute_process(COMMAND gzip -9nc ${PROJECT_SOURCE_DIR}/${page} OUTPUT_FILE ${work}/${name}.gz
+        COMMAND_ERROR_IS_FATAL ANY)
+    set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${page})
+endforeach()
+foreach(component ${CPACK_COMPONENTS_ALL})
+    string(TOUPPER ${component} upper)
+    install(FILES ${work}/copyright ${work}/changelog.gz COMPONENT ${component} EXCLUDE_FROM_ALL
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${CPACK_DEBIAN_${upper}_PACKAGE_NAME})
+endforeach()
+install(DIRECTORY examples docs COMPONENT dev EXCLUDE_FROM_ALL DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libmediafiles-dev
+    FILES_MATCHING PATTERN *.c PATTERN *.md)
+install(FILES ${work}/mediafiles.1.gz COMPONENT tools EXCLUDE_FROM_ALL DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_COMPONENTS_GROUPING IGNORE)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
+    OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_PACKAGE_NAME libmediafiles)
+set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+file(STRINGS ${PROJECT_SOURCE_DIR}/packaging/changelog signature REGEX "^ -- ")
+string(REGEX REPLACE "^ -- (.*>).*" "\\1" CPACK_DEBIAN_PACKAGE_MAINTAINER "${signature}")
+
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "recorder of MP4 files that survive a power cut")
+set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "libmediafiles writes encoded video and audio into MP4 files as it arrives\n\
+and keeps a journal beside them, from which a recording that was cut off is\ncompleted without reading the media.")
+set(CPACK_COMPONENT_DEV_DESCRIPTION "${CPACK_COMPONENT_RUNTIME_DESCRIPTION}\n.\n\
+This package has the headers, the static library and examples.")
+set(CPACK_COMPONENT_TOOLS_DESCRIPTION "${CPACK_COMPONENT_RUNTIME_DESCRIPTION}\n.\n\
+This package has the command, which records what libavformat opens and\nrepairs files and whole cards.")
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION video)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA "${work}/shlibs;${work}/triggers")
+set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "${library_package} (= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${library_package} (>= ${PROJECT_VERSION})")
+if(CMAKE_CROSSCOMPILING)
+    # dpkg-shlibdeps knows the libraries of the host alone.
+    string(REGEX REPLACE "^arm$" "armhf" CPACK_DEBIAN_PACKAGE_ARCHITECTURE "${CMAKE_SYSTEM_PROCESSOR}")
+    set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "libc6 (>= 2.33)")
+else()
+    set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+    set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/src)
+endif()
+include(CPack)

@@ -1,0 +1,73 @@
+#!/bin/sh
+# The same streams give the same bytes whatever the processor: every build
+# records them, whole and killed on the way by the limit of a file's size, and
+# repairs what the build before it left. All files are those of the first build,
+# which must be the host's.
+#     [UNDER=COMMAND] exchange_test.sh STREAMS BUILD...
+set -eu
+streams=$1
+shift
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+# shellcheck disable=SC3045
+ulimit -c 0
+
+# Runs a program under the emulator that its processor needs, or under what is asked for.
+# shellcheck disable=SC2086
+run() {
+    case $(readelf -h "$1" | sed -n 's/ *Machine: *//p') in
+    ARM) set -- qemu-arm -L /usr/arm-linux-gnueabihf "$@" ;;
+    AArch64) set -- qemu-aarch64 -L /usr/aarch64-linux-gnu "$@" ;;
+    *) set -- ${UNDER:-} "$@" ;;
+    esac
+    timeout 60 "$@"
+}
+
+# record BUILD OUT.mp4 VIDEO WIDTH HEIGHT AUDIO CHANNELS RATE
+record() {
+    run "$1/examples/example-record" "$2" "$streams/$3" "$streams/${3%.*}.units.tsv" "$4" "$5" \
+        "$streams/$6" "$streams/${6%.*}.units.tsv" "$7" "$8" >/dev/null 2>&1
+}
+
+# record_all BUILD DIRECTORY: each whole, and ended with its process, so many blocks of 512 bytes into the file
+record_all() {
+    mkdir "$2"
+    for blocks in 150 333 unlimited; do
+        while read -r name arguments; do
+            # shellcheck disable=SC2086
+            (ulimit -f $blocks && record "$1" "$2/$name-$blocks.mp4" $arguments) 2>/dev/null && cut=no || cut=yes
+            case $cut-$blocks in
+            yes-[0-9]* | no-unlimited) ;;
+            *) echo "$1: $name, at most $blocks blocks: cut off: $cut" && exit 1 ;;
+            esac
+        done <<END
+h264 h264_base_640x360_25.h264 640 360 aac_lc_48000_2.aac 2 48000
+h265 h265_cra_2slices_640x360_30.h265 640 360 aac_voaac_44100_2.aac 2 44100
+END
+    done
+}
+
+first=$1
+n=0
+for build in "$@"; do
+    n=$((n + 1))
+    record_all "$build" "$work/$n"
+    diff -rq "$work/1" "$work/$n"
+done
+left=$n
+n=0
+for build in "$@"; do
+    n=$((n + 1))
+    cp -r "$work/$left" "$work/repaired-$n" # what the build before it left; for the first, the last one's
+    left=$n
+    for journal in "$work/repaired-$n"/*.journal; do
+        run "$build/examples/example-repair" "${journal%.journal}" >>"$work/said-$n"
+    done
+    cmp "$work/said-1" "$work/said-$n"
+    diff -rq "$work/repaired-1" "$work/repaired-$n"
+done
+for file in "$work"/repaired-1/*.mp4; do
+    "$first/tests/check-mp4" "$file"
+done
+files=$(find "$work/1" "$work/repaired-1" -type f | wc -l)
+echo "$n builds, $files files each, $(cat "$work"/1/* "$work"/repaired-1/* | wc -c) bytes: the same"
