@@ -5,7 +5,8 @@ PREFIX ?= /usr/local
 JOBS ?= $(shell nproc)
 SECONDS_EACH ?= 20
 
-.PHONY: all demo test test-arm test-cross test-clang fuzz soak lint abi bench bench-docs size cross-arm deb install clean
+.PHONY: all demo test test-arm test-cross test-clang fuzz soak coverage lint abi bench bench-docs size cross-arm deb \
+    install clean
 
 all:
 	scripts/install-packages build
@@ -30,6 +31,7 @@ test:
 	ctest --test-dir out/sanitizers --output-on-failure -j $(JOBS)
 	$(MAKE) test-arm
 	tests/exchange_test.sh testdata out/test out/arm-neon
+	@grep -h '^fault sweep' out/test/Testing/Temporary/LastTest.log
 
 test-arm:
 	scripts/install-packages build arm
@@ -49,6 +51,14 @@ soak:
 	cmake --preset sanitizers
 	cmake --build out/sanitizers -j $(JOBS)
 	out/sanitizers/fuzz/hostile-journals 1000000
+# Which branches of the library its tests take; fails when they are too few.
+coverage:
+	scripts/install-packages build test coverage
+	cmake --preset coverage
+	cmake --build out/coverage -j $(JOBS)
+	find out/coverage -name '*.gcda' -delete
+	ctest --test-dir out/coverage --output-on-failure -j $(JOBS) -L library
+	scripts/coverage out/coverage
 
 # Library and tests for 32-bit and 64-bit ARM, under emulation, and for 32-bit
 # x86; all write the same bytes as this machine, and repair each other's.

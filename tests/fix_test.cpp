@@ -1,20 +1,15 @@
-/** Repair: what journals and files of every state give, recordings that were cut off, repairs under every fault. */
+/** Repair: what journals and files of every state give, and recordings that were cut off. */
 #include <cstring>
-#include <filesystem>
-#include <set>
-#include <tuple>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
 
-#include <mediafiles/builder.h>
 #include <mediafiles/fix.h>
 #include <mediafiles/support/log.h>
 
 #include "support/descriptors.h"
 #include "support/faults.h"
-#include "support/recording.h"
-#include "tools/mp4-reader.h"
+#include "support/three-codecs.h"
 
 namespace {
 
@@ -51,30 +46,17 @@ bytes journal_of(const std::string &text)
     return all;
 }
 
-void fill(const descriptor &file, const bytes &content)
-{
-    ASSERT_EQ(ftruncate(file, 0), 0);
-    ASSERT_EQ(pwrite(file, content.data(), content.size(), 0), ssize_t(content.size()));
-}
-std::string path_of(int fd) { return "/proc/self/fd/" + std::to_string(fd); }
-
 struct outcome {
     int result, error;
     mp4_fix_info info;
     std::string printed, log, users; // lines; records by length
-    bool hit;                        // a planned fault took place
 };
 std::string users;
 
 /** Runs one of both repairs; nothing may leak, whatever comes of it. */
-outcome repair(int version, const char *path, const std::string &journal, bool ask = true,
-               const faults::plan &plan = {})
+outcome repair(int version, const char *path, const std::string &journal, bool ask = true)
 {
-    const auto descriptors = [] {
-        using iterator = std::filesystem::directory_iterator;
-        return std::distance(iterator("/proc/self/fd"), iterator());
-    };
-    const auto open_before = descriptors();
+    const auto open_before = open_descriptors();
     const mp4_fix_callback user = [](const memento *record) { users += "u" + std::to_string(record->length) + " "; };
     outcome out;
     memset(&out.info, 0x5A, sizeof out.info);
@@ -82,22 +64,20 @@ outcome repair(int version, const char *path, const std::string &journal, bool a
     users.clear(), faults::log_lines.clear();
     testing::internal::CaptureStdout();
     {
-        const faults::injection injection(plan);
+        const faults::injection injection;
         errno = 0;
         const auto fix = version == 1 ? mp4_fix : mp4_fix2;
         out.result = fix(path, journal.c_str(), ask ? user : nullptr, ask ? &out.info : nullptr);
         out.error = out.result ? errno : 0;
-        out.hit = injection.hit;
         EXPECT_EQ(injection.held, 0);
         fflush(stdout);
     }
     out.printed = testing::internal::GetCapturedStdout();
     for (const std::string &line : faults::log_lines) out.log += line;
     out.users = users;
-    EXPECT_EQ(descriptors(), open_before);
+    EXPECT_EQ(open_descriptors(), open_before);
     EXPECT_TRUE(out.result == 0 || out.result == -1);
-    const bool synced = plan.kind != faults::syncing || !out.hit; // the summary is given before the last step
-    EXPECT_TRUE((ask && out.result == 0) || !synced || memcmp(&out.info, &before, sizeof before) == 0);
+    EXPECT_TRUE((ask && out.result == 0) || memcmp(&out.info, &before, sizeof before) == 0);
     return out;
 }
 
@@ -173,6 +153,7 @@ const struct row {
     // what goes to the callback, to a track and nowhere
     {1, 99, "0/5 H s0 p0 e0 0/0 h v1 s1 p1 9/40 m0:32,10,1 0/508", 0, "mdat 18 | 101x1@0.0 32+10 | 102x0@0.0",
         H265(2) CUT(42, 0), "", "u5 u0 u508 "},
+    {1, 99, "H 7/0/0 8/5/0 m0:32,10,1", 0, "mdat 18 | 101x1@0.0 32+10", CUT(42, 0)},
     // no file: nothing is beyond it
     {1, none, "H m0:32,9,1 m0:4294967294,5,3", 0, " | 101x2@2.0", ""},
     {1, none, "H m0:32,3758096383,1", 0, " | 101x1@0.0", ""},
@@ -311,31 +292,19 @@ struct recording {
     bytes file, journal;
 };
 
-/** So many frames of H.264, AAC and H.265 as the builder writes them. */
+/** So many frames of each codec as the builder writes them. */
 recording record(int frames)
 {
-    static const mp4_track_desc tracks[] = {{MP4_TRACK_H264, {{640, 480, 0}}}, {MP4_TRACK_AAC, {{2, 8, 1000}}},
-                                            {MP4_TRACK_H265, {{640, 360, 0}}}};
-    static const bytes start[3][2] = {{hex("00000001 41"), hex("00000001 6742c01e 00000001 68eeff3c 000001 65")}, {},
-        {hex("00000001 0201"), hex("00000001 40010c01ffff01600000030090000003000003003f928090 00000001 42010101600000"
-         "030090000003000003003fa0050201696592a4932bc04040000003004000000642 000001 4401c172b46240 000001 4e0105010080"
-         "000001 2601")}};
     testing::internal::CaptureStdout();
     const journal_ptr journal(mediafile_caretaker_create());
     const descriptor out;
-    mp4_builder *const b = mp4_builder_create();
-    for (const mp4_track_desc &track : tracks) EXPECT_GE(b->add_track(b, &track), 0);
+    const builder_ptr builder(mp4_builder_create());
+    mp4_builder *const b = builder.get();
+    for (const mp4_track_desc &track : three_tracks) EXPECT_GE(b->add_track(b, &track), 0);
     EXPECT_EQ(b->open(b, out, 512, journal.get()), 0);
     for (int i = 0; i < frames; i++)
-        for (const int track : {0, 1, 2}) {
-            bytes data = start[track][i % 5 == 0];
-            data.insert(data.end(), size_t(track == 1 ? 150 + i % 4 * 50 : 20 + i % 3), uint8_t(0x80 | i));
-            const mp4_time time = {i / 25, i % 25 * 40000000 + i % 3 * 2000000 + track * 5000000};
-            const mp4_frame frame = {track, data.data(), uint32_t(data.size()), time, i % 5 == 0};
-            EXPECT_EQ(b->add_frame(b, &frame), 0);
-        }
+        for (const int track : {0, 1, 2}) EXPECT_EQ(add_frame(b, track, i), 0);
     EXPECT_EQ(b->close(b), 0);
-    b->destroy(b);
     testing::internal::GetCapturedStdout();
     return {file_content(out), drain(journal)};
 }
@@ -355,13 +324,6 @@ TEST(fix, gives_back_what_was_recorded)
         const recording whole = record(frames);
         const mp4::file good = mp4::read(whole.file);
         EXPECT_TRUE(frames == 0 || good.sound());
-        using place = std::tuple<uint64_t, size_t, uint32_t, uint64_t, bool>; // offset, track, size, time, key
-        const auto places = [](const mp4::file &file) {
-            std::set<place> all;
-            for (size_t i = 0; i < file.tracks.size(); i++)
-                for (const mp4::sample &s : file.tracks[i].samples) all.emplace(s.offset, i, s.size, s.time, s.sync);
-            return std::vector<place>(all.begin(), all.end());
-        };
         const std::vector<place> all = places(good);
         EXPECT_EQ(all.size(), size_t(3 * frames));
         const size_t moov = static_cast<size_t>(good.boxes[2].offset);
@@ -414,95 +376,6 @@ TEST(fix, gives_back_what_was_recorded)
                 EXPECT_TRUE(file_content(file) == without);
             }
         }
-    }
-}
-
-TEST(fix, survives_every_fault)
-{
-    using enum faults::call;
-    set_levels(1, 1, 1);
-    const recording whole = record(200);
-    const size_t moov = static_cast<size_t>(mp4::read(whole.file).boxes[2].offset);
-    const bytes before = cut_off(whole, moov);
-    const descriptor file, journal;
-    fill(journal, whole.journal);
-    const std::string path = path_of(file);
-    const struct {
-        const char *what; faults::plan plan; long calls; bool unseen = false;
-    } cases[] = {
-        {"an allocation", {.kind = memory, .error = ENOMEM, .spoil = true}, 30},
-        {"allocations", {.kind = memory, .forever = true, .error = ENOMEM, .spoil = true}, 30},
-        {"a write", {.kind = output, .error = ENOSPC, .spoil = true}, 3},
-        {"part of a write", {.kind = output, .error = ENOSPC, .cut = 500, .spoil = true}, 5},
-        {"a read", {.kind = input, .forever = true, .error = EIO, .spoil = true}, 2},
-        {"part of a read", {.kind = input, .forever = true, .error = EIO, .cut = 1000, .spoil = true}, 5},
-        {"a seek", {.kind = seeking, .error = EIO, .spoil = true}, 3},
-        {"an open", {.kind = opening, .error = EMFILE, .spoil = true}, 2},
-        {"a size", {.kind = sizing, .error = EOVERFLOW, .spoil = true}, 1},
-        {"a cut", {.kind = cutting, .error = EFBIG, .spoil = true}, 1},
-        {"an interrupted cut", {.kind = cutting, .error = EINTR}, 1, true},
-        {"a sync", {.kind = syncing, .error = EIO, .spoil = true}, 1},
-    };
-    std::string full = "H A "; // so many chunks of changing size that a table grows when the last one is closed
-    for (int i = 0, at = 32; i < 65; i++)
-        for (const char *track : {"0", i % 2 ? "1" : "0", "1"})
-            full += "m" + (track + (":" + std::to_string(at))) + ",1," + std::to_string(at) + " ", at++;
-    for (const int version : {1, 2}) {
-        fill(file, before);
-        const outcome good = repair(version, path.c_str(), path_of(journal));
-        const bytes expected = file_content(file);
-        EXPECT_TRUE(good.result == 0 && (version == 2 || expected == whole.file));
-        std::set<std::string> seen; // lines that were logged, but for the error
-        for (const auto &c : cases) {
-            long nth = 0, unreported = 0;
-            for (bool hit = true; hit; nth++) {
-                SCOPED_TRACE(testing::Message() << "mp4_fix" << version << ": " << c.what << ", call " << nth);
-                faults::plan plan = c.plan;
-                plan.nth = nth;
-                fill(file, before);
-                const outcome out = repair(version, path.c_str(), path_of(journal), true, plan);
-                hit = out.hit;
-                for (const std::string &line : faults::log_lines) {
-                    // where the line itself takes errno, the logger has spoilt it
-                    const bool spoilt = line[0] != '5' || line.find("errcode [") != std::string::npos;
-                    EXPECT_TRUE(spoilt || line.ends_with(std::string(": ") + strerror(plan.error) + "\n")) << line;
-                    seen.insert(line.substr(0, line.rfind(": ")));
-                }
-                // a parameter set without memory is left out and not reported
-                if (out.result == 0 && hit && plan.kind == memory && ++unreported <= 5) continue;
-                const bool silent = !hit || c.unseen, cut = out.printed.find("ftruncate") != std::string::npos;
-                EXPECT_EQ(out.result, silent ? 0 : -1);
-                const bool named = version == 1 || plan.kind == opening || plan.kind == sizing || plan.kind == syncing;
-                EXPECT_EQ(out.error, silent ? 0 : named || out.error != -1 ? plan.error : -1);
-                const bool done = silent || plan.kind == syncing, tail = cut && !done && plan.kind != cutting;
-                EXPECT_TRUE(!done || memcmp(&out.info, &good.info, sizeof good.info) == 0);
-                EXPECT_TRUE(tail || file_content(file) == (done ? expected : before));
-                if (version == 2 && (tail || done)) continue; // another repair leaves one more out
-                EXPECT_EQ(repair(version, path.c_str(), path_of(journal)).result, 0);
-                EXPECT_TRUE(file_content(file) == expected);
-            }
-            EXPECT_GT(nth, c.calls);
-        }
-        const descriptor other;
-        fill(other, journal_of(full));
-        faults::plan plan = {.kind = memory, .nth = 0, .error = ENOMEM};
-        for (bool hit = true; hit; plan.nth++) {
-            const outcome out = repair(version, nullptr, path_of(other), true, plan);
-            hit = out.hit;
-            EXPECT_EQ(out.result, hit ? -1 : 0) << plan.nth;
-            for (const std::string &line : faults::log_lines) seen.insert(line.substr(0, line.rfind(": ")));
-        }
-        fill(other, journal_of("H m0:32,1,1")); // a single picture
-        plan = {.kind = syncing, .nth = 0, .error = EIO};
-        EXPECT_EQ(repair(version, path.c_str(), path_of(other), true, plan).error, EIO);
-        std::string all;
-        for (const std::string &line : seen) all += line + "\n";
-        EXPECT_EQ(all, version == 2 ? "4 caretaker->error=5(Input/output error)\n\n8 [fix2] ctx->len=-1\n\n"
-                  "8 [fix2] ctx->len=" + std::to_string(moov) + "\n\n" : "4 caretaker->error=5(Input/output error)\n\n"
-                  "5 exit fialed\n [src/mediafiles/mp4/fix:fix:295]\n5 fix [src/mediafiles/mp4/fix:mp4_fix:69]\n"
-                  "5 mediafile_caretaker_errcode [src/mediafiles/mp4/fix:fix:265]\n"
-                  "5 mediafile_caretaker_load [src/mediafiles/mp4/fix:mp4_fix:61]\n"
-                  "5 mp4_movie_errcode [src/mediafiles/mp4/fix:fix:273]\n");
     }
 }
 

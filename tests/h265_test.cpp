@@ -52,6 +52,7 @@ TEST(H265Parser, DecodesTheLeadingFields)
         {vps, "40010801ffff", 0, -1, {0, 0, 0, 0}, three},
         {vps, "40010c01fffe", 0, -1, {0, 1, 0, 0}, ffff},
         {vps, "40010c01ff", ENOSPC, -1, {0, 1, 0, 0}, ""},
+        {vps, "40010c", ENOSPC, -1, {0, 0, 0, 0}, ""},
         {vps, "4001", ENOSPC, -1, {0, 0, 0, 0}, ""},
         {vps, "40", ENOSPC, -1, {9, 9, 9, 9}, ""},
         {sps, "420101016000", 0, 0, {1, 0, 0, 0, 0, 0, 0, 1}, ""},

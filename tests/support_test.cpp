@@ -55,6 +55,7 @@ protected:
 
 TEST_P(ArrayStream, KeepsEveryElementInItsPlace)
 {
+    EXPECT_TRUE(!array_stream_create(UINT32_MAX, UINT32_MAX) && errno == ENOMEM);
     constexpr uint32_t count = 3'000'000;
     std::vector<void *> addresses(count);
     for (const bool again : {false, true}) { // the second filling takes the storage that clear kept

@@ -150,8 +150,9 @@ TEST(track, calls_its_hooks_and_feeds_its_journal)
     EXPECT_EQ(tables(track), "2 0||0||1000 500|0");
     EXPECT_EQ(mediafile_caretaker_errcode(journal.get()), ENOENT); // a journal's failure is its own
     mediafile_caretaker_reset(journal.get());
+    saveCodecExtraDataToCaretaker(track.get(), MEMENTO_SEI, nullptr, 0);
     saveCodecExtraDataToCaretaker(track.get(), MEMENTO_SEI, bytes(505, 0xA5).data(), 505);
-    EXPECT_EQ(dump(drain(journal)), dump(records("9/505")));
+    EXPECT_EQ(dump(drain(journal)), dump(records("9/0 9/505")));
     saveCodecExtraDataToCaretaker(track.get(), MEMENTO_SEI, bytes(509).data(), 509);
     EXPECT_EQ(mediafile_caretaker_errcode(journal.get()), EFBIG);
     EXPECT_EQ(mp4_track_finish_record(track.get(), 1), 0);

@@ -430,7 +430,7 @@ void mediafile_caretaker_reset2(mediafile_caretaker *caretaker)
     caretaker->eof = false;
     caretaker->read_pos = 0;
     // A second pass over nothing would look like an empty journal.
-    if (is_reader(caretaker) && lseek(caretaker->fd, 0, SEEK_SET) == -1) fail(caretaker, errno);
+    if (is_reader(caretaker) && lseek(caretaker->fd, 0, SEEK_SET) == -1 && errno != EOVERFLOW) fail(caretaker, errno);
 }
 
 const memento *mediafile_caretaker_pop(mediafile_caretaker *caretaker)

@@ -6,9 +6,11 @@
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
+#include <iterator>
 #include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
+#include <utility>
 
 #include <mediafiles/support/log.h>
 
@@ -17,14 +19,50 @@ namespace faults {
 std::vector<std::string> log_lines;
 static injection *current;
 
+static bool shorten; // the call that goes on moves half of its bytes
+
+static bool fail(int error, bool harmless)
+{
+    if (!harmless) {
+        if (current->cause == 0) current->cause = error;
+        std::copy(std::begin(current->made), std::end(current->made), current->made_then);
+    }
+    errno = error;
+    return true;
+}
+
 static bool fails(call kind)
 {
     if (!current) return false;
     const plan &orders = current->orders;
     const long n = current->made[kind]++;
-    if (kind != orders.kind || orders.nth < 0 || n < orders.nth || (n > orders.nth && !orders.forever)) return false;
-    if (kind != advice) errno = orders.error;
-    return current->hit = true;
+    const bool full = kind == output && orders.room == 0;
+    const bool planned = kind == orders.kind && orders.nth >= 0;
+    const bool due = planned && (n == orders.nth || (n > orders.nth && orders.forever));
+    current->hit |= due || (full && orders.nth < 0);
+    if (!due || (orders.error == 0 && !orders.pretend)) {
+        if (full) return fail(ENOSPC, false);
+        shorten = due || (planned && orders.torn && n == orders.nth - 1);
+        return false;
+    }
+    const int before = errno;
+    fail(orders.error, orders.harmless);
+    if (kind == advice) errno = before;
+    return true;
+}
+
+/** Bytes of n that a call may move. */
+static size_t limited(call kind, size_t n)
+{
+    if (!current) return n;
+    plan &orders = current->orders;
+    if (orders.cut) n = std::min(n, orders.cut);
+    if (std::exchange(shorten, false)) n = (n + 1) / 2;
+    if (kind == output && orders.room >= 0) {
+        n = std::min(n, static_cast<size_t>(orders.room));
+        orders.room -= static_cast<long>(n);
+    }
+    return n;
 }
 
 static int refusal(call kind) { return current->orders.pretend ? 0 : kind == advice ? current->orders.error : -1; }
@@ -34,11 +72,12 @@ static ssize_t told(int fd, ssize_t n)
     return n;
 }
 static void hold(const void *block, long blocks) { if (current && block) current->held += blocks; }
-static size_t limited(size_t n) { return current && current->orders.cut ? std::min(n, current->orders.cut) : n; }
 static void spoil_errno() { errno = current && current->orders.spoil ? EDOM : errno; }
 
 injection::injection(const plan &plan) : orders(plan) { current = this; }
 injection::~injection() { current = nullptr; }
+pause::pause() : interrupted(std::exchange(current, nullptr)) {}
+pause::~pause() { current = interrupted; }
 
 } // namespace faults
 
@@ -93,7 +132,7 @@ void __wrap_free(void *block)
     result __real_##name parameters; \
     result __wrap_##name parameters { return fails(kind) ? refusal(kind) : __real_##name arguments; }
 
-WRAP(input, ssize_t, read, (int fd, void *data, size_t n), (fd, data, limited(n)))
+WRAP(input, ssize_t, read, (int fd, void *data, size_t n), (fd, data, limited(input, n)))
 WRAP(syncing, int, fsync, (int fd), (fd))
 WRAP(opening, int, open, (const char *path, int flags, mode_t mode), (path, flags, mode))
 WRAP(opening, int, open64, (const char *path, int flags, mode_t mode), (path, flags, mode))
@@ -101,22 +140,46 @@ WRAP(sizing, int, fstat, (int fd, struct stat *out), (fd, out))
 WRAP(sizing, int, fstat64, (int fd, struct stat64 *out), (fd, out))
 WRAP(cutting, int, ftruncate, (int fd, long length), (fd, length))
 WRAP(cutting, int, ftruncate64, (int fd, int64_t length), (fd, length))
-WRAP(seeking, long, lseek, (int fd, long to, int whence), (fd, to, whence)) // off_t under its plain name
-WRAP(seeking, int64_t, lseek64, (int fd, int64_t to, int whence), (fd, to, whence))
 WRAP(advice, int, posix_fadvise, (int fd, long from, long n, int what), (fd, from, n, what))
 WRAP(advice, int, posix_fadvise64, (int fd, int64_t from, int64_t n, int what), (fd, from, n, what))
 
 ssize_t __real_write(int, const void *, size_t);
 ssize_t __wrap_write(int fd, const void *data, size_t n)
 {
-    return fails(output) ? -1 : told(fd, __real_write(fd, data, limited(n)));
+    return fails(output) ? -1 : told(fd, __real_write(fd, data, limited(output, n)));
 }
+
+// EOVERFLOW speaks of the result alone: the offset has moved.
+#define WRAP_SEEK(offset, name) \
+    offset __real_##name(int, offset, int); \
+    offset __wrap_##name(int fd, offset to, int whence) \
+    { \
+        const bool refused = fails(seeking); \
+        if (refused && errno != EOVERFLOW) return refusal(seeking); \
+        const offset position = __real_##name(fd, to, whence); \
+        return refused ? errno = EOVERFLOW, -1 : position; \
+    }
+
+WRAP_SEEK(long, lseek) // off_t under its plain name
+WRAP_SEEK(int64_t, lseek64)
 
 ssize_t __wrap_writev(int fd, const iovec *list, int count)
 {
-    if (!current || !current->orders.cut) return fails(output) ? -1 : told(fd, __real_writev(fd, list, count));
-    while (count > 1 && list->iov_len == 0) list++, count--;
-    return __wrap_write(fd, list->iov_base, list->iov_len); // part of one entry: short like any other
+    if (fails(output)) return -1;
+    std::vector<iovec> part(list, list + count);
+    size_t all = 0;
+    for (const iovec &entry : part) all += entry.iov_len;
+    size_t left = limited(output, all);
+    for (iovec &entry : part) left -= entry.iov_len = std::min(left, entry.iov_len);
+    return told(fd, __real_writev(fd, part.data(), count));
+}
+
+int __real_close(int);
+int __wrap_close(int fd)
+{
+    const int result = __real_close(fd);
+    spoil_errno();
+    return result;
 }
 
 } // extern "C"

@@ -13,7 +13,7 @@
 
 /**
  * Records, KIND TRACK : NUMBERS each. "p0:5" is a pending sample of second 5, "s0:9" its size, "c0:32,1" a chunk of one
- * at offset 32, "w0:32,9" a placed sample, "m0:32,9,5" what is stored of them. "7/508" is kind 7 with 508 bytes.
+ * at offset 32, "w0:32,9" a placed sample, "m0:32,9,5" what is stored of them. "7/508" is kind 7 with 508 bytes; a track may follow.
  */
 inline bytes records(const std::string &text)
 {
@@ -23,7 +23,7 @@ inline bytes records(const std::string &text)
         unsigned track = 255, length = 0, kind = 0;
         long long a = 0, b = 0, c = 0;
         std::vector<long long> numbers;
-        if (sscanf(word.c_str(), "%u/%u", &kind, &length) != 2) {
+        if (sscanf(word.c_str(), "%u/%u/%u", &kind, &length, &track) < 2) {
             sscanf(word.c_str() + 1, "%u:%lli,%lli,%lli", &track, &a, &b, &c);
             kind = static_cast<unsigned>(std::string("??mscwp").find(word[0]));
             if (word[0] == 'p') kind = MEMENTO_SAMPLE, c = a, a = 77, b = 0; // a pending sample's offset says nothing
