@@ -21,11 +21,10 @@ std::string filler(size_t length)
 const std::string other_kinds = "6/1 " + filler(8188) + "7/508 " + filler(8000) + "8/2 9/3 1/16 0/0 0/505";
 
 journal_ptr load(const std::string &path) { return journal_ptr(mediafile_caretaker_load(path.c_str())); }
-std::string path(int fd) { return "/proc/self/fd/" + std::to_string(fd); }
 journal_ptr load(const bytes &content, const descriptor &file = {})
 {
     EXPECT_EQ(pwrite(file, content.data(), content.size(), 0), static_cast<ssize_t>(content.size()));
-    return load(path(file));
+    return load(path_of(file));
 }
 
 /** Every record up to the end or to the failure, whose errno is left. */
@@ -172,7 +171,7 @@ TEST(reader, reports_what_reading_reports)
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);
     EXPECT_EQ(write(ends[1], all.data(), all.size()), static_cast<ssize_t>(all.size()));
-    const journal_ptr directory = load(std::string("/")), fifo = load(path(ends[0]));
+    const journal_ptr directory = load(std::string("/")), fifo = load(path_of(ends[0]));
     close(ends[0]), close(ends[1]);
     EXPECT_EQ(popped(directory), bytes());
     EXPECT_EQ(state(directory), std::pair(EISDIR, 0));

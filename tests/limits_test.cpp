@@ -50,7 +50,6 @@ constexpr uint64_t limit = 0xDFFFFFFF, media = 32; // frame bytes of a recording
 constexpr uint32_t packet = 0x5000;                // more than the audio track caches
 
 uint64_t size_of(int fd) { return static_cast<uint64_t>(lseek(fd, 0, SEEK_END)); }
-std::string path_of(int fd) { return "/proc/self/fd/" + std::to_string(fd); }
 
 struct placed {
     uint32_t track;

@@ -224,13 +224,12 @@ struct proof {
             return ftruncate(fd, 0) == 0 && pwrite(fd, content.data(), content.size(), 0) == ssize_t(content.size());
         };
         expect(fill(file, c.media) && fill(journal, c.journal), "files", strerror(errno));
-        const auto path = [](int fd) { return "/proc/self/fd/" + std::to_string(fd); };
         const auto free_descriptor = [] { const int fd = dup(STDERR_FILENO); return close(fd), fd; };
         const int free_before = free_descriptor();
         mp4_fix_info info = {};
         faults::injection injection({.kind = faults::cutting, .nth = built_in == fault::cut ? 0 : -1, .pretend = true});
         const auto fix = version == 1 ? mp4_fix : mp4_fix2;
-        const int result = fix(path(file).c_str(), path(journal).c_str(), nullptr, &info);
+        const int result = fix(path_of(file).c_str(), path_of(journal).c_str(), nullptr, &info);
         const int error = result ? errno : 0;
         expect(injection.held == 0 && free_descriptor() == free_before, "leak", "memory or a descriptor");
 
