@@ -4,6 +4,8 @@
 PREFIX ?= /usr/local
 JOBS ?= $(shell nproc)
 SECONDS_EACH ?= 20
+KILLS ?= 300
+SEED ?=
 
 .PHONY: all demo test test-arm test-cross test-clang fuzz soak coverage lint abi bench bench-docs size cross-arm deb \
     install clean
@@ -45,9 +47,13 @@ fuzz:
 	cmake --build out/fuzz -j $(JOBS) -t fuzz-targets
 	scripts/fuzz out/fuzz $(SECONDS_EACH)
 
-# What takes too long for every day.
+# What takes too long for every day. KILLS recorders are killed at random
+# moments; SEED repeats them.
 soak:
 	scripts/install-packages build tools test
+	cmake --preset test
+	cmake --build out/test -j $(JOBS)
+	python3 tests/kill_test.py --tool out/test/tools/mediafiles --media testdata --count $(KILLS) $(SEED:%=--seed %)
 	cmake --preset sanitizers
 	cmake --build out/sanitizers -j $(JOBS)
 	out/sanitizers/fuzz/hostile-journals 1000000

@@ -115,8 +115,22 @@ private:
             return false;
         }
         const char *wrong = is_sample ? take_sample(next) : take_other(next);
+        if (!wrong && is_sample && is_overwritten(next)) {
+            out_.samples.pop_back();
+            wrong = "a last sample with a key flag like no other";
+        }
         if (wrong) damaged(wrong);
         return !wrong;
+    }
+
+    /* Whether the flag, which ends a sample's record, is what stood on the medium before, as what follows is. */
+    bool is_overwritten(const journal_record &next)
+    {
+        if (field<uint32_t>(next.payload, sample_field::key) <= 1 || odd_keys_++ != 0) return false;
+        const size_t at = next.end();
+        if (at >= zeros_from_ || data_.size() - at < sizeof(memento)) return true;
+        const auto after = field<memento>(data_, at);
+        return after.kind > MEMENTO_SEI || sizeof(memento) + after.length > MEMENTO_MAX_SIZE;
     }
 
     /* What is wrong with it, or nullptr. */
@@ -168,6 +182,10 @@ private:
         const uint32_t type = out_.tracks[next.header.track].type & ~MP4_TRACK_RAW;
         if (type == MP4_TRACK_AAC || (type == MP4_TRACK_H264 && next.header.kind == MEMENTO_VPS))
             return "a parameter set that its track cannot have";
+        const int header = next.payload.empty() ? -1 : next.payload[0];
+        const bool is_that = type == MP4_TRACK_H264 ? (header & 0x1F) == next.header.kind // as the codec numbers them
+                                                    : (header >> 1 & 0x3F) == next.header.kind + 26;
+        if (header < 0 || !is_that) return "a parameter set that is none";
         const auto is_same = [&](const parameter_set &set) {
             return set.kind == next.header.kind && set.track == next.header.track;
         };
@@ -199,7 +217,8 @@ private:
     std::span<const uint8_t> data_;
     const key_by_media &key_by_media_;
     const record_visitor &visit_;
-    size_t zeros_from_; // offset behind the last byte that is not zero
+    size_t zeros_from_;   // offset behind the last byte that is not zero
+    size_t odd_keys_ = 0; // samples whose key flag is neither 0 nor 1
 };
 
 } // namespace

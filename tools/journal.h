@@ -89,7 +89,9 @@ bool begins_journal(std::span<const uint8_t> begin);
  * A power cut can leave a run of zeros at the end of a file. It is dropped,
  * and with it the record in which it begins, unless that is a sample whose own
  * fields end with zeros: one without key flag that fits its media and the
- * times before it.
+ * times before it. A last sample whose key flag is neither 0 nor 1, when no
+ * sample before it has one like that, counts as damaged: it ends in what stood
+ * on the medium before.
  */
 journal parse_journal(std::span<const uint8_t> data, const key_by_media &, const record_visitor & = {});
 

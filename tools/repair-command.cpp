@@ -50,7 +50,7 @@ void describe(CLI::App &line, repair_line &given)
     line.add_flag("--drop-last-frame", options.drop_last_frame,
                   "Leave out the last video frame, which may be incomplete, and what was recorded after it");
     line.add_flag("--salvage", options.salvage, "Where the journal is damaged, use what stands before that");
-    line.add_flag("--force", options.force, "Repair even when more than half of the media will be cut off");
+    line.add_flag("--force", options.force, "Repair even when more than half of the media will be cut off or added");
     line.add_flag("--dry-run", options.dry_run, "Change nothing; say what would come out");
     line.add_flag("--keep-journal", options.keep_journal, "Keep the journal of a repaired file");
     line.add_flag("--json", given.json, "Print the results as a JSON object on standard output");

@@ -286,9 +286,14 @@ private:
         plan plan = {};
         plan.end = samples.back().end();
         plan.cut = limit > plan.end ? limit - plan.end : 0;
-        if (plan.cut > (limit - head_size) / 2 && !options_.force && (drop || !begun))
-            throw refusal(media_.path(), std::to_string(plan.cut) + " of its " + std::to_string(limit - head_size) +
+        const bool ask = !options_.force && (drop || !begun);
+        const uint64_t present = limit - head_size, missing = plan.end > limit ? plan.end - limit : 0;
+        if (ask && plan.cut > present / 2)
+            throw refusal(media_.path(), std::to_string(plan.cut) + " of its " + std::to_string(present) +
                                              " bytes of media would be cut off; --force does it");
+        if (ask && missing > present)
+            throw refusal(media_.path(), "it would grow from " + std::to_string(present) + " bytes of media by " +
+                                             std::to_string(missing) + " that its last frame lacks; --force does it");
         plan.records.assign(data_.begin(), data_.begin() + static_cast<ptrdiff_t>(samples.back().record_end));
         plan.mark = {static_cast<uint32_t>(limit), drop || (begun && mark->dropped_frame), false};
         replay(plan);

@@ -1,0 +1,83 @@
+"""Recorders in real time, killed at random moments: what is repaired decodes to the beginning of the streams.
+
+    kill_test.py --tool MEDIAFILES --media STREAMS --count N [--seed S]
+"""
+
+import argparse
+import functools
+import json
+import os
+import pathlib
+import random
+import subprocess
+import sys
+import tempfile
+import time
+
+sys.path.insert(0, str(pathlib.Path(__file__).parent / "support"))
+import judge  # noqa: E402
+
+LINE = argparse.ArgumentParser()
+LINE.add_argument("--tool", type=pathlib.Path, required=True)
+LINE.add_argument("--media", type=pathlib.Path, required=True)
+LINE.add_argument("--count", type=int, required=True)
+LINE.add_argument("--seed", type=int, default=int.from_bytes(os.urandom(4), "little"))
+GIVEN = LINE.parse_args()
+SOURCES = (("h264_base_640x360_25.h264", "aac_lc_48000_2.aac"), ("h265_aud_sei_640x360_25.h265",),
+           ("aac_voaac_44100_2.aac", "h264_high_aud_4slices_640x360_30.h264"))
+LONGEST = 4.2  # seconds: a little more than the streams last
+TOGETHER = 12
+
+checksums = functools.cache(judge.frame_checksums)
+
+
+class Victim:
+    def __init__(self, rng, clip):
+        self.sources, self.clip, self.moment = rng.choice(SOURCES), clip, rng.uniform(0, LONGEST)
+        self.options = ["--sync", rng.choice(("0", "0.1", "0.5", "1")), "--buffer", rng.choice(("0", "4096", "65536"))]
+        self.process = subprocess.Popen(
+            [GIVEN.tool, "record", *(GIVEN.media / s for s in self.sources), "-o", clip, "--realtime", *self.options],
+            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+
+    def judge(self):
+        """Frames kept and bytes cut; the file holds what the journal names, and all of that."""
+        journal, cut = pathlib.Path(f"{self.clip}.journal"), 0
+        if self.process.wait(60) == 0:
+            frames = [len(judge.units(GIVEN.media / s)) for s in self.sources]
+            assert not journal.exists(), "a finished recording leaves no journal"
+        else:
+            named = list(judge.samples_of(journal.read_bytes()))
+            frames = [sum(s.track == t for s in named) for t in range(len(self.sources))]
+            done = subprocess.run([GIVEN.tool, "repair", self.clip, "--json", "--force"], capture_output=True,
+                                  timeout=60, check=False)
+            report = json.loads(done.stdout)["files"][0]
+            assert report["result"] == ("repaired" if named else "refused"), report
+            assert [t["frames"] for t in report.get("tracks", [])] == (frames if named else []), (report, frames)
+            cut = report.get("cut_bytes", 0)
+        for track, (source, count) in enumerate(zip(self.sources, frames)):
+            kept = judge.frame_checksums(self.clip, track) if count else []
+            assert kept == checksums(GIVEN.media / source)[:count], f"{source}: frames differ"
+        return sum(frames), cut
+
+
+print(f"kill_test: {GIVEN.count} kills, --seed {GIVEN.seed}", flush=True)
+RNG, results = random.Random(GIVEN.seed), []
+for first in range(0, GIVEN.count, TOGETHER):
+    with tempfile.TemporaryDirectory() as directory:
+        victims = [Victim(RNG, pathlib.Path(directory, f"{n}.mp4"))
+                   for n in range(first, min(first + TOGETHER, GIVEN.count))]
+        limit = time.monotonic() + 60
+        while not all(v.clip.exists() for v in victims) and time.monotonic() < limit:
+            time.sleep(0.01)
+        start = time.monotonic()
+        for victim in sorted(victims, key=lambda v: v.moment):
+            time.sleep(max(0, start + victim.moment - time.monotonic()))
+            victim.process.kill()
+        for victim in victims:
+            try:
+                results.append(victim.judge())
+            except AssertionError as problem:
+                sys.exit(f"--seed {GIVEN.seed}, {victim.clip.name}: {victim.sources} {victim.options} after "
+                         f"{victim.moment:.3f} s: {problem}")
+kept, cut = map(sum, zip(*results))
+print(f"{GIVEN.count} kills: {kept} frames kept, all as they were recorded; {cut} bytes behind the last sync cut off")

@@ -1,0 +1,251 @@
+"""What a power cut leaves, repaired by the command and by the device's example; and that repair, cut off in its turn.
+
+    power_cut_command_test.py --tool MEDIAFILES --recover EXAMPLE --cases POWER_CUT_TEST --streams TESTDATA
+                              --shim CUT-OFF.so --check CHECK-MP4 [--every N] [--page CRASH-SAFETY.md]
+
+The cases are those of the library's proof: media, journal, and the samples that they may not cost. The page shows what
+is printed here.
+"""
+
+import argparse
+import json
+import os
+import pathlib
+import random
+import re
+import shutil
+import struct
+import subprocess
+import sys
+import tempfile
+import unittest
+import zlib
+from collections import Counter, defaultdict, namedtuple
+
+sys.path.insert(0, str(pathlib.Path(__file__).parent / "support"))
+import judge  # noqa: E402
+
+LINE = argparse.ArgumentParser()
+for option in ("tool", "recover", "cases", "streams", "shim", "check"):
+    LINE.add_argument("--" + option, type=pathlib.Path, required=True)
+LINE.add_argument("--every", type=int, default=40)
+LINE.add_argument("--page", type=pathlib.Path)
+GIVEN, REST = LINE.parse_known_args()
+Want = namedtuple("Want", "track begin size key checksum")
+Case = namedtuple("Case", "media journal samples kept")  # kept: how many of the samples no repair may lose
+MEMORY = pathlib.Path("/dev/shm")  # where there is one: a sync costs nothing there
+NAMES = "clip.mp4", "clip.mp4.journal"
+PLAYED = re.compile("(avc|hevc|aac|hevc-aac-large|avc-aac-large)-[a-z]+-[0-9]")  # they begin where their streams do
+ALL_OF_IT = "--salvage", "--force"
+EXAMPLE = "by the example"  # instead of the command and its options
+
+
+def samples_of(paths):
+    """(track, offset, size, key) of each sample of files, in the order of the file, and the faults of the files."""
+    done = subprocess.run([GIVEN.check, *paths], capture_output=True, text=True, timeout=100, check=False)
+    found, faults = {str(path): [] for path in paths}, defaultdict(list)
+    for path, line in (line.split("\t") for line in done.stdout.splitlines()):
+        found[path].append(tuple(map(int, line.split())))
+    for line in done.stderr.splitlines():
+        faults[line.split(": ")[0]].append(line)
+    return {path: (sorted(samples, key=lambda s: s[1]), faults[path]) for path, samples in found.items()}
+
+
+def cases_of_the_proof():
+    with tempfile.TemporaryDirectory() as directory:
+        subprocess.run([GIVEN.cases, GIVEN.streams, f"--dump={GIVEN.every}", directory], check=True, timeout=100,
+                       stdout=subprocess.DEVNULL)
+        for want in sorted(pathlib.Path(directory).glob("*.want")):
+            rows = [[int(n) for n in line.split()] for line in want.read_text().splitlines()]
+            media = want.with_suffix(".mp4")
+            yield want.stem, Case(media.read_bytes(), pathlib.Path(f"{media}.journal").read_bytes(),
+                                  [Want(r[0], r[1], r[2], r[4] != 0, r[5]) for r in rows], sum(r[6] for r in rows))
+
+
+class PowerCut(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.cases = dict(cases_of_the_proof())
+
+    def setUp(self):
+        self.directory = pathlib.Path(tempfile.mkdtemp(dir=MEMORY if os.access(MEMORY, os.W_OK) else None)).resolve()
+        self.addCleanup(shutil.rmtree, self.directory)
+        self.card, self.snapshots = self.directory / "card", self.directory / "snapshots"
+
+    def put(self, cases):
+        for path in (self.card, self.snapshots):
+            shutil.rmtree(path, ignore_errors=True)
+            path.mkdir()
+        for name, (media, journal, *_) in cases.items():
+            (self.card / name).mkdir()
+            (self.card / name / NAMES[0]).write_bytes(media)
+            (self.card / name / NAMES[1]).write_bytes(journal)
+
+    def files(self, root=None):
+        return {d.name: {p.name: p.read_bytes() for p in d.iterdir()} for d in (root or self.card).iterdir()}
+
+    def repair(self, *options, root=None, shim=False, prefix=()):
+        """The command's report by the name of the case; the example, which has no options, says less."""
+        env = dict(os.environ)
+        if shim:
+            env.update(LD_PRELOAD=str(GIVEN.shim), CASES=str(self.card), SNAPSHOTS=str(self.snapshots),
+                       ASAN_OPTIONS="verify_asan_link_order=0")
+        command = (*prefix, GIVEN.tool, "repair", root or self.card, "--json", *options)
+        if EXAMPLE in options:
+            command = (GIVEN.recover, *sorted(self.card.iterdir()))
+        done = subprocess.run(command, env=env, capture_output=True, text=True, timeout=300, check=False)
+        self.assertIn(done.returncode, (0, 1, 3), done.stderr)
+        reports = json.loads(done.stdout)["files"] if EXAMPLE not in options else ()
+        return {pathlib.Path(report["path"]).parent.name: report for report in reports}
+
+    def tell(self, line):
+        print(line)
+        if GIVEN.page:
+            self.assertIn(f"    {line}\n", GIVEN.page.read_text())
+
+    def judge(self, case, path, found, faults, kept, doubt):
+        """Every sample is one that was recorded, in its place, but the last in doubt. Gives whether all are whole."""
+        data, wants, sure = path.read_bytes(), case.samples, len(found) - doubt
+        self.assertEqual(found[:sure], [want[:4] for want in wants[:sure]], path)
+        self.assertGreaterEqual(len(found), kept, path)
+        torn = [w for w in wants[:sure] if zlib.crc32(data[w.begin:w.begin + w.size]) != w.checksum]
+        for want in torn:  # the end of the media has cut it: zeros follow
+            self.assertIs(want, wants[len(found) - 1], path)
+            there = case.media[want.begin:].ljust(want.size, b"\0")
+            self.assertEqual(data[want.begin:want.begin + want.size], there, path)
+        self.assertTrue(torn or doubt or not faults, faults)
+        return not torn
+
+    def test_every_promise_is_kept(self):
+        for recover in (False, True):
+            self.put(self.cases)
+            reports, after = self.repair(*[EXAMPLE] * recover), self.files()
+            for name, report in reports.items():
+                if report["result"] == "refused":  # which has cost nothing
+                    self.assertEqual(after[name], dict(zip(NAMES, self.cases[name])), name)
+            reports, done, whole = {} if recover else self.repair(*ALL_OF_IT), [], []
+            for name, case in self.cases.items():
+                if not (self.card / name / NAMES[1]).exists() or reports.get(name, {}).get("result") == "finished":
+                    done.append(self.card / name / NAMES[0])
+                elif not recover:
+                    self.assertEqual(case.kept, 0, reports[name])
+            for path, (found, faults) in samples_of(done).items():
+                path, name = pathlib.Path(path), pathlib.Path(path).parent.name
+                # The example may drop a record before zeros, and believe one that is half overwritten.
+                doubt = int(recover and re.search("journal-(zero|junk)|-j.*-(zero|junk)", name) is not None)
+                if self.judge(self.cases[name], path, found, faults, self.cases[name].kept - recover, doubt):
+                    whole.append((path, found))
+            played = [(path, found) for path, found in whole if PLAYED.match(path.parent.name)][::29]
+            for path, found in played:
+                for track in {sample[0] for sample in found}:
+                    mine = [sample[2:] for sample in found if sample[0] == track]
+                    self.assertEqual([(p.size, p.key) for p in judge.packets(path, track)], mine, path)
+                    if len(mine) > 1:  # the first lasts no time: alone it is not shown
+                        self.assertEqual(len(judge.frame_checksums(path, track)), len(mine), path)
+            self.tell(f"{'example' if recover else 'repair'}: {len(self.cases)} power cuts, {len(done)} repaired, "
+                      f"{len(played)} played")
+            self.assertGreater(len(done), len(self.cases) * 0.6)
+
+    def test_repair_cut_off(self):
+        """At each of its changes, and within each write, it is cut off; and then power fails with unsynced changes."""
+        rng, cases = random.Random(5), dict(list(self.cases.items())[::23])
+        for options in (ALL_OF_IT, (*ALL_OF_IT, "--drop-last-frame"), (*ALL_OF_IT, "--keep-journal"), (EXAMPLE,)):
+            self.put(cases)
+            self.repair(*options)
+            whole = self.files()
+            self.put(cases)
+            self.repair(*options, shim=True)
+            self.assertEqual(self.files(), whole)
+            cuts = {name: [files[n] for n in NAMES] for name, files in self.files(self.snapshots).items()
+                    if NAMES[1] in files}
+            for name, final in whole.items():
+                steps = [cuts[f"{name}@{n}"][1] for n in range(1, 30) if f"{name}@{n}" in cuts]
+                ready = next((journal for journal in steps if journal != cases[name].journal), None)
+                for n in range(6 if ready else 0):  # the new journal is durable, of the media's changes only some are
+                    old, new = cases[name].media, final[NAMES[0]]
+                    end = 24 + struct.unpack_from(">I", new, 24)[0]
+                    tail = b"".join(rng.choice((new[i:i + 512], bytes(512))) for i in range(end, len(new), 512))
+                    body = rng.choice((old[28:], new[28:end] + tail[:rng.randrange(len(new) - end + 1)]))
+                    cuts[f"{name}@mix{n}"] = rng.choice((old, new, old[:24] + bytes(4)))[:28] + body, ready
+            self.put(cuts)
+            self.repair(*options)
+            for name, files in self.files().items():
+                self.assertEqual(files, whole[name.split("@")[0]], (options, name))
+            self.tell(f"repair {' '.join(options)}: {len(whole)} repairs cut off at {len(cuts)} moments")
+
+    def test_medium_fails(self):
+        """Full or broken from any change on: the command says so, and the next repair gives what this would have."""
+        cut = (c for c in self.cases.values() if c.samples and len(c.media) < c.samples[-1].begin)
+        case = max(cut, key=lambda c: c.kept)
+        self.put({"whole": case})
+        self.repair()
+        whole = self.files()["whole"]
+        self.put({f"card~{how}={n}": case for how in ("full", "bad") for n in range(1, 18)})
+        reports = self.repair(shim=True)
+        failed = [name for name, report in reports.items() if report["result"] == "failed"]
+        self.assertEqual(len(failed), 16 + 12, failed)  # what is left of five writes that one failure cuts is repeated
+        for name in failed:
+            self.assertIn("No space left" if "full" in name else "Input/output error", reports[name]["error"])
+        self.repair()
+        for name, files in self.files().items():
+            self.assertEqual(files, whole, name)
+        for n in range(1, 8):  # of a copy nothing is left
+            self.put({"from": case})
+            copy = self.card / f"copy~full={n}"
+            copy.mkdir()
+            report = self.repair("--output", copy, root=self.card / "from", shim=True)["from"]
+            self.assertIn("No space left", report["error"])
+            self.assertEqual(self.files(), {"from": dict(zip(NAMES, case)), copy.name: {}})
+
+    def test_not_to_be_written(self):
+        case = max(self.cases.values(), key=lambda c: c.kept)
+        drop = ("setpriv", "--bounding-set", "-dac_override,-dac_read_search") if os.getuid() == 0 else ()
+        for path, mode, text in (("clip.mp4", 0o444, "cannot write: "), (".", 0o555, "journal.new: ")):
+            self.put({"a": case})
+            (self.card / "a" / path).chmod(mode)
+            report = self.repair("--force", prefix=drop)["a"]
+            (self.card / "a" / path).chmod(0o755)
+            self.assertRegex(report["error"], f"{text}.*Permission denied")
+            self.assertEqual(self.files()["a"], dict(zip(NAMES, case)))
+        os.truncate(self.card / "a/clip.mp4", 5 << 30)  # no recording is that large: its positions have 32 bits
+        for options in ((), (EXAMPLE,)):
+            report = self.repair(*options).get("a", {"error": "too large"})
+            self.assertIn("too large", report["error"])
+            self.assertEqual((self.card / "a/clip.mp4").stat().st_size, 5 << 30)
+            self.assertEqual((self.card / "a/clip.mp4.journal").read_bytes(), case.journal)
+
+    def test_hostile_journals(self):
+        """Whatever a journal says: a refused file is untouched, a repaired one has sound tables and its media."""
+        rng, cases, results = random.Random(6), {}, Counter()
+        extremes = [struct.pack("<I", n) for n in (0, 1, 31, 0x7FFFFFFF, 0x80000000, 0xDFFFFFFF, 0xFFFFFFFF)]
+        for n in range(400):
+            case = rng.choice([c for c in self.cases.values() if len(c.journal) > 99])
+            journal = bytearray(case.journal)
+            for _ in range(rng.randrange(1, 4)):
+                at, to = (rng.randrange(len(journal)) // 4 * 4 for _ in range(2))
+                journal[at:rng.choice((at, at + 1, at + 4, to))] = rng.choice((
+                    rng.choice(extremes), rng.randbytes(rng.randrange(40)), journal[to:to + 28],
+                    bytes([rng.randrange(10)])))
+            cases[str(n)] = case._replace(journal=bytes(rng.choice((journal, journal, rng.randbytes(300)))))
+        for options in ((), ("--salvage",), ("--salvage", "--drop-last-frame")):
+            self.put(cases)
+            reports, tables = self.repair(*options), samples_of([self.card / name / NAMES[0] for name in cases])
+            for name, report in reports.items():
+                results[report["result"]] += 1
+                files = {path.name: path.read_bytes() for path in (self.card / name).iterdir()}
+                if report["result"] != "repaired":
+                    self.assertEqual(files, dict(zip(NAMES, cases[name])), report)
+                    continue
+                data, media, at = files[NAMES[0]], cases[name].media, 32
+                for _, begin, size, _ in tables[str(self.card / name / NAMES[0])][0]:
+                    self.assertEqual(begin, at, name)
+                    at += size
+                self.assertEqual(24 + struct.unpack_from(">I", data, 24)[0], at, name)
+                self.assertEqual(data[32:at], media[32:at].ljust(at - 32, b"\0"), name)
+        counts = ", ".join(f"{n} {what}" for what, n in sorted(results.items()))
+        self.tell(f"{results.total()} hostile journals: {counts}")
+        self.assertTrue(results["refused"] > 500 and results["repaired"] > 50 and not results["failed"], results)
+
+
+if __name__ == "__main__":
+    unittest.main(argv=sys.argv[:1] + REST)
