@@ -33,7 +33,7 @@ test:
 	ctest --test-dir out/sanitizers --output-on-failure -j $(JOBS)
 	$(MAKE) test-arm
 	tests/exchange_test.sh testdata out/test out/arm-neon
-	@grep -h '^fault sweep' out/test/Testing/Temporary/LastTest.log
+	@scripts/counts check out/test
 
 test-arm:
 	scripts/install-packages build arm

@@ -274,7 +274,6 @@ inline uint32_t whole_record(mediafile_caretaker *caretaker)
 
 bool accept_sample(mediafile_caretaker *caretaker, const sample_memento &sample)
 {
-    if (sample.header.length != payload_length<sample_memento>) return false;
     if (sample.offset < caretaker->next_offset || sample.len == 0) return false;
     caretaker->next_offset = sample.offset + sample.len;
     return true;
@@ -285,7 +284,8 @@ inline bool accept(mediafile_caretaker *caretaker, const memento *record)
 {
     switch (record->kind) {
     [[likely]] case MEMENTO_SAMPLE:
-        return accept_sample(caretaker, whole_memento<sample_memento>(record));
+        return record->length == payload_length<sample_memento> &&
+               accept_sample(caretaker, whole_memento<sample_memento>(record));
     case MEMENTO_TRACK:
         return record->length == 4 * sizeof(uint32_t); // a description
     case MEMENTO_USER:

@@ -87,24 +87,25 @@ bool add_block(array_stream *array)
     return true;
 }
 
-// Finds where the cursor points to.
+// Finds where the cursor points to. No element lies behind the last that an
+// index can name.
 void find_cursor(array_stream *array)
 {
+    const uint32_t left = most_elements - array->cursor;
+    const uint32_t room = contiguous(array, array->cursor);
     array->next = element(array, array->cursor);
-    array->room = contiguous(array, array->cursor);
+    array->room = room < left ? room : left;
 }
 
 // Makes room at the cursor.
 [[gnu::noinline]] bool make_room(array_stream *array)
 {
-    const uint32_t left = most_elements - array->cursor;
-    if (left == 0) {
+    if (array->cursor == most_elements) {
         errno = ENOMEM;
         return false;
     }
     if (array->cursor == capacity(array) && !add_block(array)) return false;
     find_cursor(array);
-    if (array->room > left) array->room = left;
     return true;
 }
 

@@ -135,7 +135,7 @@ int add_size(mp4_track *track, uint32_t size)
 [[gnu::noinline]] int add_first(mp4_track *track, uint32_t duration, bool key, uint32_t size)
 {
     if (begin_run(track, duration) != 0) return -1;
-    if (!key) clear(track, MP4_TRACK_ALL_SYNC);
+    if (add_sync(track, key) != 0) return -1;
     if (append(track->stsz_table, size) != 0) return -1;
     track->common_size = size;
     track->sample_count = 1;
