@@ -86,14 +86,12 @@ test-clang:
 	cmake --build out/clang-sanitizers -j $(JOBS)
 	ctest --test-dir out/clang-sanitizers --output-on-failure -j $(JOBS)
 
-# What can be said without running anything; LINT_BASE is the commit whose
-# lines need not be formatted.
-LINT_BASE ?= HEAD~1
+# What can be said without running anything.
 lint:
 	scripts/install-packages build tools test lint
 	cmake --preset test
 	cmake --build out/test -j $(JOBS) --target mediafiles
-	scripts/lint out/test $(LINT_BASE)
+	scripts/lint out/test
 
 # After a change of the interface that is meant.
 abi:

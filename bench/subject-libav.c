@@ -83,8 +83,8 @@ static void add(const struct work_unit *unit)
     packet->flags = unit->key ? AV_PKT_FLAG_KEY : 0;
     packet->pts = packet->dts = (int64_t)((unit->time_ns * timescale + 500000000) / 1000000000);
     packet->duration = unit->track == 0 ? video_timescale / video_rate : audio_frame;
-    if (unit->track == 1 && (av_bsf_send_packet(strip_adts, packet) < 0 ||
-                             av_bsf_receive_packet(strip_adts, packet) < 0))
+    if (unit->track == 1 &&
+        (av_bsf_send_packet(strip_adts, packet) < 0 || av_bsf_receive_packet(strip_adts, packet) < 0))
         fail("aac_adtstoasc");
     if (av_write_frame(context, packet) < 0) fail("av_write_frame");
     av_packet_unref(packet);

@@ -118,8 +118,10 @@ static int record(struct recording *r, struct source *sources, int count)
 int main(int argc, char **argv)
 {
     if (argc != 6 && argc != 10) {
-        fprintf(stderr, "usage: %s OUT.mp4 video.h26X video.units.tsv WIDTH HEIGHT"
-                        " [audio.aac audio.units.tsv CHANNELS RATE]\n", argv[0]);
+        fprintf(stderr,
+                "usage: %s OUT.mp4 video.h26X video.units.tsv WIDTH HEIGHT"
+                " [audio.aac audio.units.tsv CHANNELS RATE]\n",
+                argv[0]);
         return 2;
     }
     char journal_path[4096];

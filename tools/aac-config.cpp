@@ -7,7 +7,7 @@ namespace tools {
 
 namespace {
 
-constexpr uint32_t low_complexity = 2;  // audioObjectType AAC LC
+constexpr uint32_t low_complexity = 2;   // audioObjectType AAC LC
 constexpr uint32_t band_replication = 5; // audioObjectType SBR, the extension that makes HE-AAC
 
 /* By samplingFrequencyIndex, from 2 on. */
@@ -63,7 +63,8 @@ access_unit inspect_aac(std::span<const uint8_t> frame, const aac_config &config
     const uint32_t index = frame[2] >> 2 & 0xF;
     const uint32_t channels = (frame[2] & 1u) << 2 | frame[3] >> 6;
     const bool several = (frame[6] & 0x3) != 0; // raw data blocks, of which a sample has one
-    if (several || profile + 1 != low_complexity || index != frequency_index(config.rate) || channels != config.channels)
+    if (several || profile + 1 != low_complexity || index != frequency_index(config.rate) ||
+        channels != config.channels)
         return {.result = verdict::other_format};
     unit.stored_size -= header;
     return unit;

@@ -89,19 +89,32 @@ access_unit inspect(std::span<const uint8_t> frame)
 const char *name(verdict result)
 {
     switch (result) {
-    case verdict::usable: return "usable";
-    case verdict::empty: return "it is empty";
-    case verdict::no_start_code: return "it has no start code";
-    case verdict::truncated_header: return "a NAL unit header is cut off";
-    case verdict::too_many_units: return "it has more than 32 NAL units";
-    case verdict::unreadable: return "its framing is broken";
-    case verdict::other_format: return "its ADTS header does not fit the track";
+    case verdict::usable:
+        return "usable";
+    case verdict::empty:
+        return "it is empty";
+    case verdict::no_start_code:
+        return "it has no start code";
+    case verdict::truncated_header:
+        return "a NAL unit header is cut off";
+    case verdict::too_many_units:
+        return "it has more than 32 NAL units";
+    case verdict::unreadable:
+        return "its framing is broken";
+    case verdict::other_format:
+        return "its ADTS header does not fit the track";
     }
     return "";
 }
 
-access_unit inspect_h264(std::span<const uint8_t> frame) { return inspect<h264_rules>(frame); }
-access_unit inspect_h265(std::span<const uint8_t> frame) { return inspect<h265_rules>(frame); }
+access_unit inspect_h264(std::span<const uint8_t> frame)
+{
+    return inspect<h264_rules>(frame);
+}
+access_unit inspect_h265(std::span<const uint8_t> frame)
+{
+    return inspect<h265_rules>(frame);
+}
 
 size_t without_long_sei(std::span<uint8_t> frame)
 {

@@ -12,9 +12,15 @@ namespace tools {
 
 namespace {
 
-constexpr rational to_rational(AVRational value) { return {value.num, value.den}; }
+constexpr rational to_rational(AVRational value)
+{
+    return {value.num, value.den};
+}
 
-bool is_positive(AVRational value) { return value.num > 0 && value.den > 0; }
+bool is_positive(AVRational value)
+{
+    return value.num > 0 && value.den > 0;
+}
 
 /* The rate that the source states or that probing found; 25 is what libavformat takes for raw video, too. */
 rational frame_rate_of(const AVStream *stream, const input_options &options)
@@ -40,14 +46,20 @@ uint32_t channels_of(const AVCodecParameters *parameters)
     return static_cast<uint32_t>(parameters->ch_layout.nb_channels);
 }
 
-uint32_t rate_of(const AVCodecParameters *parameters) { return static_cast<uint32_t>(parameters->sample_rate); }
+uint32_t rate_of(const AVCodecParameters *parameters)
+{
+    return static_cast<uint32_t>(parameters->sample_rate);
+}
 
 codec codec_of(const AVCodecParameters *parameters)
 {
     switch (parameters->codec_id) {
-    case AV_CODEC_ID_H264: return codec::h264;
-    case AV_CODEC_ID_HEVC: return codec::h265;
-    default: return codec::aac;
+    case AV_CODEC_ID_H264:
+        return codec::h264;
+    case AV_CODEC_ID_HEVC:
+        return codec::h265;
+    default:
+        return codec::aac;
     }
 }
 
@@ -150,8 +162,10 @@ frame source_stream::convert(packet_ptr packet)
     ++packets_;
     frame result;
     std::optional<int64_t> timestamp;
-    if (packet->pts != AV_NOPTS_VALUE) timestamp = packet->pts;
-    else if (packet->dts != AV_NOPTS_VALUE) timestamp = packet->dts;
+    if (packet->pts != AV_NOPTS_VALUE)
+        timestamp = packet->pts;
+    else if (packet->dts != AV_NOPTS_VALUE)
+        timestamp = packet->dts;
     result.time = clock_.next(timestamp);
     result.damaged = (packet->flags & AV_PKT_FLAG_CORRUPT) != 0;
 
@@ -167,15 +181,21 @@ frame source_stream::convert(packet_ptr packet)
     return result;
 }
 
-int source_stream::missing() const { return avformat_index_get_entries_count(source_) - packets_; }
+int source_stream::missing() const
+{
+    return avformat_index_get_entries_count(source_) - packets_;
+}
 
 access_unit source_stream::inspect(const AVPacket *packet) const
 {
     const std::span<const uint8_t> data(packet->data, static_cast<size_t>(packet->size));
     switch (kind_) {
-    case codec::h264: return inspect_h264(data);
-    case codec::h265: return inspect_h265(data);
-    case codec::aac: return inspect_aac(data, aac_);
+    case codec::h264:
+        return inspect_h264(data);
+    case codec::h265:
+        return inspect_h265(data);
+    case codec::aac:
+        return inspect_aac(data, aac_);
     }
     return {};
 }
@@ -198,8 +218,10 @@ input::input(const input_options &options, const std::atomic<bool> &cancelled) :
     /* A name that is a file is that file, whatever its name looks like. */
     std::string url = name();
     struct stat status;
-    if (url == "-") url = "pipe:0";
-    else if (stat(url.c_str(), &status) == 0) url = "file:" + url;
+    if (url == "-")
+        url = "pipe:0";
+    else if (stat(url.c_str(), &status) == 0)
+        url = "file:" + url;
     int result = avformat_open_input(&context, url.c_str(), options_.format, nullptr);
     if (result >= 0) format_.reset(context);
     const auto end_if_cancelled = [&] {

@@ -27,10 +27,10 @@
 namespace tools {
 
 struct input_options {
-    std::string name;                         // as the user gave it; "-" is standard input
-    const AVInputFormat *format = nullptr;    // or found out
-    std::optional<rational> frame_rate;       // of video without timestamps; else the source's own, or 25
-    bool journaled = true;                    // take out what would end the journal
+    std::string name;                      // as the user gave it; "-" is standard input
+    const AVInputFormat *format = nullptr; // or found out
+    std::optional<rational> frame_rate;    // of video without timestamps; else the source's own, or 25
+    bool journaled = true;                 // take out what would end the journal
 };
 
 struct frame {

@@ -47,9 +47,8 @@ bool begins_mp4(std::span<const uint8_t> begin)
 {
     constexpr std::array<const char *, 14> types = {"ftyp", "styp", "moov", "mdat", "moof", "free", "skip",
                                                     "meta", "sidx", "ssix", "pdin", "uuid", "wide", "pnot"};
-    return begin.size() >= 8 && std::ranges::any_of(types, [&](const char *type) {
-               return std::equal(type, type + 4, begin.begin() + 4);
-           });
+    return begin.size() >= 8 &&
+           std::ranges::any_of(types, [&](const char *type) { return std::equal(type, type + 4, begin.begin() + 4); });
 }
 
 bool inspect(const inspect_line &given, std::FILE *to)

@@ -21,24 +21,36 @@ constexpr size_t sample_record_size = 28;
 const char *name(uint8_t kind)
 {
     switch (kind) {
-    case MEMENTO_USER: return "user";
-    case MEMENTO_TRACK: return "track";
-    case MEMENTO_SAMPLE: return "sample";
-    case MEMENTO_VPS: return "vps";
-    case MEMENTO_SPS: return "sps";
-    case MEMENTO_PPS: return "pps";
-    case MEMENTO_SEI: return "sei";
-    default: return "";
+    case MEMENTO_USER:
+        return "user";
+    case MEMENTO_TRACK:
+        return "track";
+    case MEMENTO_SAMPLE:
+        return "sample";
+    case MEMENTO_VPS:
+        return "vps";
+    case MEMENTO_SPS:
+        return "sps";
+    case MEMENTO_PPS:
+        return "pps";
+    case MEMENTO_SEI:
+        return "sei";
+    default:
+        return "";
     }
 }
 
 const char *name(journal_ending ending)
 {
     switch (ending) {
-    case journal_ending::whole: return "whole";
-    case journal_ending::cut: return "cut";
-    case journal_ending::zeros: return "zeros";
-    case journal_ending::damaged: return "damaged";
+    case journal_ending::whole:
+        return "whole";
+    case journal_ending::cut:
+        return "cut";
+    case journal_ending::zeros:
+        return "zeros";
+    case journal_ending::damaged:
+        return "damaged";
     }
     return "";
 }
@@ -84,8 +96,7 @@ ordered_json to_json(const journal_sample &sample)
 
 ordered_json to_json(const journal_record &record)
 {
-    ordered_json result = {
-        {"at", record.at}, {"kind", name(record.header.kind)}, {"track", record.header.track}};
+    ordered_json result = {{"at", record.at}, {"kind", name(record.header.kind)}, {"track", record.header.track}};
     switch (record.header.kind) {
     case MEMENTO_SAMPLE:
         result.update(to_json(read_sample(record)));
@@ -113,8 +124,10 @@ struct track_summary {
         if (!first) first = &sample;
         last = &sample;
         if (!sample.key) return;
-        if (last_key) longest_key_interval = std::max(longest_key_interval, sample.time - last_key->time);
-        else first_key = &sample;
+        if (last_key)
+            longest_key_interval = std::max(longest_key_interval, sample.time - last_key->time);
+        else
+            first_key = &sample;
         last_key = &sample;
         ++key_frames;
     }
@@ -235,7 +248,8 @@ std::vector<uint8_t> read_all(const open_file &file)
 /* Whether zeros at the end are a sample's own is judged without the media. */
 journal parse(std::span<const uint8_t> data, const record_visitor &visit)
 {
-    return parse_journal(data, [](auto &, auto &) { return std::nullopt; }, visit);
+    return parse_journal(
+        data, [](auto &, auto &) { return std::nullopt; }, visit);
 }
 
 } // namespace
@@ -252,8 +266,7 @@ bool inspect_journal(const open_file &file, bool json, std::FILE *to)
         return journal.ending != journal_ending::damaged;
     }
     /* One object in three pieces: what stands before the records, the records, and what is known behind them. */
-    const ordered_json begin = {
-        {"path", file.path()}, {"kind", "journal"}, {"error", nullptr}, {"bytes", data.size()}};
+    const ordered_json begin = {{"path", file.path()}, {"kind", "journal"}, {"error", nullptr}, {"bytes", data.size()}};
     const std::string opened = begin.dump(2, ' ', false, ordered_json::error_handler_t::replace); // as path needs it
     std::fprintf(to, "%s,\n  \"records\": [", opened.substr(0, opened.size() - 2).c_str());
     const char *separator = "\n    ";

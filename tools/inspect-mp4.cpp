@@ -29,10 +29,14 @@ enum class file_state {
 const char *name(file_state state)
 {
     switch (state) {
-    case file_state::finished: return "finished";
-    case file_state::fragmented: return "fragmented";
-    case file_state::cut: return "cut";
-    case file_state::interrupted: return "interrupted";
+    case file_state::finished:
+        return "finished";
+    case file_state::fragmented:
+        return "fragmented";
+    case file_state::cut:
+        return "cut";
+    case file_state::interrupted:
+        return "interrupted";
     }
     return "";
 }
@@ -42,8 +46,10 @@ std::string harmless(const std::string &text)
 {
     std::string result;
     for (const char c : text)
-        if (c == '\xA9') result += "\u00A9"; // begins the types of QuickTime's annotations
-        else result += c >= ' ' && c <= '~' ? c : '.';
+        if (c == '\xA9')
+            result += "\u00A9"; // begins the types of QuickTime's annotations
+        else
+            result += c >= ' ' && c <= '~' ? c : '.';
     return result;
 }
 
@@ -82,11 +88,15 @@ uint32_t channels_of(const mp4::track &track)
 track_view view(const mp4::track &track, uint32_t movie_timescale)
 {
     const bool delayed = !track.edits.empty() && track.edits[0].media_time == -1;
-    track_view result = {.id = track.id, .codec = codec_of(track), .entry = harmless(track.entry),
-                         .handler = harmless(track.handler), .timescale = track.timescale,
+    track_view result = {.id = track.id,
+                         .codec = codec_of(track),
+                         .entry = harmless(track.entry),
+                         .handler = harmless(track.handler),
+                         .timescale = track.timescale,
                          .duration = seconds(track.media_duration, track.timescale),
                          .delay = delayed ? seconds(track.edits[0].duration, movie_timescale) : 0,
-                         .samples = track.samples.size(), .chunks = track.chunk_offsets.size()};
+                         .samples = track.samples.size(),
+                         .chunks = track.chunk_offsets.size()};
     if (track.handler == "vide") {
         result.width = track.entry_width != 0 ? track.entry_width : track.width >> 16;
         result.height = track.entry_height != 0 ? track.entry_height : track.height >> 16;
@@ -159,18 +169,25 @@ std::string advice_for(const movie_view &movie, const open_file &file, const std
     const std::string what = "It was interrupted: the movie header (moov), without which it does not play, is " +
                              std::string("missing or incomplete. ");
     if (movie.journal)
-        return what + "Its journal stands beside it: 'mediafiles repair " + path + "' makes it play, and with "
+        return what + "Its journal stands beside it: 'mediafiles repair " + path +
+               "' makes it play, and with "
                "--dry-run says what will be kept.";
-    return what + (beside ? journal + " stands beside it, but is no journal. "
-                          : "There is no journal " + journal + " beside it. ") +
-           "Only a journal tells where the frames lie: 'mediafiles repair " + path + " --journal FILE' takes one "
+    return what +
+           (beside ? journal + " stands beside it, but is no journal. "
+                   : "There is no journal " + journal + " beside it. ") +
+           "Only a journal tells where the frames lie: 'mediafiles repair " + path +
+           " --journal FILE' takes one "
            "from elsewhere.";
 }
 
 movie_view view(const open_file &file, const mp4::file &content)
 {
-    movie_view movie = {.path = file.path(), .state = state_of(content), .journal = {}, .advice = {},
-                        .duration = seconds(content.duration, content.timescale), .tracks = {}};
+    movie_view movie = {.path = file.path(),
+                        .state = state_of(content),
+                        .journal = {},
+                        .advice = {},
+                        .duration = seconds(content.duration, content.timescale),
+                        .tracks = {}};
     bool beside;
     movie.journal = journal_beside(file.path(), beside);
     movie.advice = advice_for(movie, file, content.major_brand, beside);
@@ -220,15 +237,17 @@ ordered_json to_json(const std::vector<mp4::box> &boxes)
 {
     ordered_json result = ordered_json::array();
     for (const mp4::box &box : boxes)
-        result.push_back({{"type", harmless(box.type)}, {"offset", box.offset}, {"size", box.size},
+        result.push_back({{"type", harmless(box.type)},
+                          {"offset", box.offset},
+                          {"size", box.size},
                           {"children", to_json(box.children)}});
     return result;
 }
 
 ordered_json to_json(const track_view &track)
 {
-    ordered_json result = {{"id", track.id}, {"codec", track.codec}, {"entry", track.entry},
-                           {"handler", track.handler}};
+    ordered_json result = {
+        {"id", track.id}, {"codec", track.codec}, {"entry", track.entry}, {"handler", track.handler}};
     if (track.handler == "vide") {
         result["width"] = track.width;
         result["height"] = track.height;
@@ -252,8 +271,7 @@ ordered_json problems(const mp4::file &file, bool faults)
 {
     ordered_json result = ordered_json::array();
     for (const mp4::problem &problem : file.problems)
-        if (problem.fault == faults)
-            result.push_back({{"offset", problem.offset}, {"text", harmless(problem.text)}});
+        if (problem.fault == faults) result.push_back({{"offset", problem.offset}, {"text", harmless(problem.text)}});
     return result;
 }
 
@@ -287,7 +305,8 @@ bool inspect_mp4(const open_file &file, bool json, std::FILE *to)
 {
     const mp4::file content = mp4::read(file.path());
     const movie_view movie = view(file, content);
-    if (!json) print_text(movie, content, to);
+    if (!json)
+        print_text(movie, content, to);
     else /* File names need not be valid UTF-8. */
         std::fprintf(to, "%s\n",
                      to_json(movie, content).dump(2, ' ', false, ordered_json::error_handler_t::replace).c_str());

@@ -157,7 +157,10 @@ private:
             return nullptr;
         case MEMENTO_TRACK:
             return take_track(next);
-        case MEMENTO_VPS: case MEMENTO_SPS: case MEMENTO_PPS: case MEMENTO_SEI:
+        case MEMENTO_VPS:
+        case MEMENTO_SPS:
+        case MEMENTO_PPS:
+        case MEMENTO_SEI:
             return take_parameter_set(next);
         default:
             return "a record of a kind that has no place in a journal";
@@ -199,7 +202,7 @@ private:
     bool is_whole(const journal_record &next) const
     {
         const journal_sample &sample = out_.samples.back();
-        if (sample.key) return true; // the flag's first byte: the last one that is not zero in any sample
+        if (sample.key) return true;          // the flag's first byte: the last one that is not zero in any sample
         const journal_sample *before[2] = {}; // of the track
         size_t found = 0;
         for (size_t i = out_.samples.size() - 1; i > 0 && found < 2; --i)
@@ -249,10 +252,14 @@ mp4_track_desc read_track(const journal_record &record)
 journal_sample read_sample(const journal_record &record)
 {
     const std::span<const uint8_t> payload = record.payload;
-    const int64_t time = field<int32_t>(payload, sample_field::seconds) * second +
-                         field<uint32_t>(payload, sample_field::nanoseconds);
-    return {record.end(), record.header.track, field<int32_t>(payload, sample_field::key) != 0,
-            field<uint32_t>(payload, sample_field::offset), field<uint32_t>(payload, sample_field::size), time};
+    const int64_t time =
+        field<int32_t>(payload, sample_field::seconds) * second + field<uint32_t>(payload, sample_field::nanoseconds);
+    return {record.end(),
+            record.header.track,
+            field<int32_t>(payload, sample_field::key) != 0,
+            field<uint32_t>(payload, sample_field::offset),
+            field<uint32_t>(payload, sample_field::size),
+            time};
 }
 
 std::vector<uint8_t> mark_record(const repair_mark &mark)

@@ -53,9 +53,9 @@ struct parameter_set {
 
 /** What an earlier repair noted at the end of the journal that it made. */
 struct repair_mark {
-    uint32_t media_size;      // bytes of the media file before that repair
-    bool dropped_frame;       // the last frame has been left out
-    bool completed;           // the repair came to its end
+    uint32_t media_size; // bytes of the media file before that repair
+    bool dropped_frame;  // the last frame has been left out
+    bool completed;      // the repair came to its end
 };
 
 enum class journal_ending {
@@ -69,8 +69,8 @@ struct journal {
     std::vector<mp4_track_desc> tracks;
     std::vector<parameter_set> parameter_sets; // the first of each kind and track, which is what a movie keeps
     std::vector<journal_sample> samples;
-    size_t end = 0;     // bytes of its valid records, without a mark
-    size_t lost = 0;    // bytes behind them: damaged, zeros, or a record that the file's end cuts
+    size_t end = 0;  // bytes of its valid records, without a mark
+    size_t lost = 0; // bytes behind them: damaged, zeros, or a record that the file's end cuts
     journal_ending ending = journal_ending::whole;
     std::string damage; // when it is damaged: by what
     std::optional<repair_mark> mark;

@@ -130,7 +130,8 @@ private:
             (video && t.media_header != "vmhd") || (audio && t.media_header != "smhd"))
             fault(t.offset, "handler ", t.handler, ", ", t.media_header, " and ", t.entry, " do not go together");
         if (t.volume != (audio ? 0x0100 : 0)) remark(where(t, "tkhd"), "tkhd: volume is ", t.volume);
-        if (!t.avc && !t.hevc && !t.es) remark(where(t, "stsd"), "stsd: the sample entry ", t.entry, " is not read");
+        if (!t.avc && !t.hevc && !t.es)
+            remark(where(t, "stsd"), "stsd: the sample entry ", t.entry, " is not read");
         else if (t.width != uint32_t{t.entry_width} << 16 || t.height != uint32_t{t.entry_height} << 16)
             remark(where(t, "tkhd"), "tkhd: width and height are not those of the sample entry");
         if ((t.avc || t.hevc) && (!t.entry_width || !t.entry_height))

@@ -237,7 +237,8 @@ private:
         while (count-- && !c.ran_out) {
             const uint64_t at = c.at;
             const bytes &unit = sets.emplace_back(c.take(c.u16()));
-            if (unit.empty()) remark(at, b.type, ": a parameter set (NAL unit type ", +type, ") is empty");
+            if (unit.empty())
+                remark(at, b.type, ": a parameter set (NAL unit type ", +type, ") is empty");
             else if (const int found = b.type == "hvcC" ? unit[0] >> 1 & 63 : unit[0] & 31; found != type)
                 fault(at, b.type, ": a parameter set (NAL unit type ", +type, ") is of type ", found);
         }
@@ -303,7 +304,7 @@ private:
             if (!es && (tag == 0x02 || tag == 0x10)) { // initial object descriptor
                 if (body.u16() & 0x20) continue;       // a URL instead of all else
                 body.part(5);                          // profiles and levels
-            } else if (!es && tag == 0x0E) { // ES_ID_Inc
+            } else if (!es && tag == 0x0E) {           // ES_ID_Inc
                 out.iods_tracks.push_back(body.u32());
             } else if (es && tag == 0x03) { // ES_Descriptor
                 es->es_id = body.u16();
@@ -311,7 +312,7 @@ private:
                 if (flags & 0x80) body.part(2);         // dependsOn_ES_ID
                 if (flags & 0x40) body.part(body.u8()); // URL
                 if (flags & 0x20) body.part(2);         // OCR_ES_Id
-            } else if (es && tag == 0x04) { // DecoderConfigDescriptor
+            } else if (es && tag == 0x04) {             // DecoderConfigDescriptor
                 es->object_type = body.u8();
                 es->stream_type = body.u8() >> 2;
                 es->buffer_size = static_cast<uint32_t>(body.be(3));
@@ -331,8 +332,14 @@ private:
 
     /* Sample tables */
 
-    void stts(cursor &c, box &b) { table(c, b, 8, current->stts, [&] { return stts_run{c.u32(), c.u32()}; }); }
-    void stss(cursor &c, box &b) { table(c, b, 4, current->stss.emplace(), [&] { return c.u32(); }); }
+    void stts(cursor &c, box &b)
+    {
+        table(c, b, 8, current->stts, [&] { return stts_run{c.u32(), c.u32()}; });
+    }
+    void stss(cursor &c, box &b)
+    {
+        table(c, b, 4, current->stss.emplace(), [&] { return c.u32(); });
+    }
     void stsc(cursor &c, box &b)
     {
         table(c, b, 12, current->stsc, [&] { return stsc_run{c.u32(), c.u32(), c.u32()}; });
@@ -419,8 +426,10 @@ void reader::children(cursor &c, box &parent)
             break;
         }
         if (b.size == 0) { /* to the end of the file: allowed there, but an unfinished recording has it as well */
-            if (parent.type.empty() && !out.tracks.empty()) remark(b.offset, b.type, ": the size is 0, it has no end");
-            else fault(b.offset, b.type, ": the size is 0, it was never finished");
+            if (parent.type.empty() && !out.tracks.empty())
+                remark(b.offset, b.type, ": the size is 0, it has no end");
+            else
+                fault(b.offset, b.type, ": the size is 0, it was never finished");
             b.cut = out.tracks.empty();
             b.size = room;
         } else if (b.size == 1) {
@@ -453,8 +462,10 @@ void reader::children(cursor &c, box &parent)
                 if (b.version > r.newest) continue;
             }
             (this->*r.parse)(body, b);
-            if (body.ran_out) fault(b.offset, b.type, " ends before its last field");
-            else if (body.left()) fault(body.at, b.type, ": ", body.left(), " bytes after its last field");
+            if (body.ran_out)
+                fault(b.offset, b.type, " ends before its last field");
+            else if (body.left())
+                fault(body.at, b.type, ": ", body.left(), " bytes after its last field");
         }
         parent.children.push_back(std::move(b));
     }

@@ -28,14 +28,14 @@ struct problem {
 
 /** A box as it lies in the file; one that leaves its parent is cut to what is left of the parent. */
 struct box {
-    std::string type;           // four characters
-    uint64_t offset;            // of its first byte in the file
-    uint64_t size;              // bytes, header included
-    uint32_t header;            // bytes: 8, or 16 with a 64-bit size
-    uint8_t version;            // of a full box that is parsed, else 0
-    uint32_t flags;             // likewise
-    std::vector<box> children;  // of the containers and sample entries that are parsed; others are leaves
-    bool cut = false;           // it is not all there, or was never given a size
+    std::string type;          // four characters
+    uint64_t offset;           // of its first byte in the file
+    uint64_t size;             // bytes, header included
+    uint32_t header;           // bytes: 8, or 16 with a 64-bit size
+    uint8_t version;           // of a full box that is parsed, else 0
+    uint32_t flags;            // likewise
+    std::vector<box> children; // of the containers and sample entries that are parsed; others are leaves
+    bool cut = false;          // it is not all there, or was never given a size
 };
 
 struct range {

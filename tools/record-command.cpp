@@ -60,17 +60,26 @@ void describe(CLI::App &line, record_line &given)
     auto *keep = line.add_flag("--keep-journal", given.keep_journal, "Keep the journal of a finished recording");
     none->excludes(journal)->excludes(keep);
     line.add_option("--buffer", given.buffer, "Size of the write cache, 0 for none (default: 65536)")
-        ->check(CLI::Range(uint64_t{0}, uint64_t{1} << 31))->type_name("BYTES");
+        ->check(CLI::Range(uint64_t{0}, uint64_t{1} << 31))
+        ->type_name("BYTES");
     line.add_option("--sync", given.sync_interval, "Bring media and journal to the medium every so often (default: 1)")
-        ->check(CLI::Range(0.0, longest_time))->type_name("SECONDS");
+        ->check(CLI::Range(0.0, longest_time))
+        ->type_name("SECONDS");
     line.add_option("--duration", given.duration, "Stop after so much media")
-        ->check(CLI::Range(1e-9, longest_time))->type_name("SECONDS");
+        ->check(CLI::Range(1e-9, longest_time))
+        ->type_name("SECONDS");
     line.add_flag("--realtime", given.realtime, "Record no faster than the frames' times run");
     /* These two are for every input, or given as often as there are inputs. */
     line.add_option("--format", given.formats, "Input format; once for all inputs, or once for each in turn")
-        ->expected(1)->take_all()->allow_extra_args(false)->type_name("NAME");
+        ->expected(1)
+        ->take_all()
+        ->allow_extra_args(false)
+        ->type_name("NAME");
     line.add_option("--fps", given.frame_rates, "Frame rate of video without timestamps (29.97, 30000/1001); likewise")
-        ->expected(1)->take_all()->allow_extra_args(false)->type_name("N");
+        ->expected(1)
+        ->take_all()
+        ->allow_extra_args(false)
+        ->type_name("N");
     line.add_flag("--overwrite", given.overwrite, "Replace an existing output and journal");
     line.add_flag("--quiet", given.quiet, "Say nothing but what went wrong");
     line.add_flag("--json", given.json, "Print the summary as a JSON object on standard output");

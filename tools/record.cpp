@@ -123,7 +123,10 @@ private:
     throw failure("cannot write", file, error);
 }
 
-std::string stream_name(const std::string &source, int index) { return source + ": stream " + std::to_string(index); }
+std::string stream_name(const std::string &source, int index)
+{
+    return source + ": stream " + std::to_string(index);
+}
 
 void recording::fail(const std::string &text)
 {
@@ -185,13 +188,18 @@ bool recording::add_track(input &source, size_t input_index, size_t stream)
 {
     const source_stream &from = source.streams()[stream];
     if (builder_->add_track(builder_.get(), &from.description()) < 0) {
-        if (errno == ENOBUFS) source.leave_out(stream, "there are eight tracks already");
-        else if (errno == ENOSYS) source.leave_out(stream, "the library does not record this codec");
-        else throw std::bad_alloc();
+        if (errno == ENOBUFS)
+            source.leave_out(stream, "there are eight tracks already");
+        else if (errno == ENOSYS)
+            source.leave_out(stream, "the library does not record this codec");
+        else
+            throw std::bad_alloc();
         return false;
     }
     tracks_.push_back({.input = input_index, .stream = stream});
-    summary_.tracks.push_back({.source = source.name(), .stream = from.source()->index, .kind = from.kind(),
+    summary_.tracks.push_back({.source = source.name(),
+                               .stream = from.source()->index,
+                               .kind = from.kind(),
                                .description = from.description()});
     const auto rate = from.timed_by();
     if (rate && !options_.inputs[input_index].frame_rate)
@@ -326,7 +334,8 @@ void recording::follow_time(size_t track, int64_t time)
     auto &latest = tracks_[track].latest;
     if (latest && time < *latest)
         tell_first(++summary_.tracks[track].backwards, track, "time runs backwards", "the frame lasts no time");
-    else latest = time;
+    else
+        latest = time;
     latest_time_ = std::max(latest_time_, time);
 }
 
@@ -447,7 +456,7 @@ void recording::show_progress()
     const double rate = seconds > 0 ? megabytes * 8 / seconds : 0;
     char text[100];
     std::snprintf(text, sizeof text, "%02u:%02u:%04.1f  %ju frames  %.1f MB  %.2f Mbit/s", whole / 3600,
-                  whole / 60 % 60, seconds - whole / 60 * 60, uintmax_t{frames}, megabytes, rate);
+                  whole / 60 % 60, seconds - (whole - whole % 60), uintmax_t{frames}, megabytes, rate);
     console_.progress(text);
 }
 

@@ -22,10 +22,10 @@ struct record_options {
     std::string output;
     std::optional<std::string> journal; // none: no journal
     bool keep_journal = false;
-    uint32_t buffer = 65536;                       // of the file's write cache, bytes
+    uint32_t buffer = 65536; // of the file's write cache, bytes
     std::chrono::nanoseconds sync_interval{second};
-    std::optional<int64_t> duration;               // nanoseconds of media
-    bool realtime = false;                         // as fast as the frames' times run
+    std::optional<int64_t> duration; // nanoseconds of media
+    bool realtime = false;           // as fast as the frames' times run
     bool overwrite = false;
 };
 

@@ -21,7 +21,10 @@ constexpr const char *cannot_record = "cannot record";
 constexpr const char *journal_may_be_needed =
     "it exists and may be needed to repair an interrupted recording; --overwrite replaces it";
 
-bool is_same(const struct stat &a, const struct stat &b) { return a.st_dev == b.st_dev && a.st_ino == b.st_ino; }
+bool is_same(const struct stat &a, const struct stat &b)
+{
+    return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
 
 } // namespace
 
@@ -48,7 +51,8 @@ locked_file::locked_file(std::string path, bool overwrite, const char *why_not) 
     if (descriptor_ < 0) throw failure(cannot_record, path_, errno);
 
     std::string problem;
-    if (!S_ISREG(status().st_mode)) problem = "it is not a regular file";
+    if (!S_ISREG(status().st_mode))
+        problem = "it is not a regular file";
     else if (flock(descriptor_, LOCK_EX | LOCK_NB) != 0)
         problem = errno == EWOULDBLOCK ? "another process is recording it" : std::strerror(errno);
     if (problem.empty()) return;
@@ -80,8 +84,7 @@ recording_files::recording_files(const std::string &media, const std::optional<s
                                  std::span<const struct stat> inputs)
     : media_(media, overwrite, "it exists; --overwrite replaces it")
 {
-    if (journal)
-        journal_.emplace(*journal, overwrite, journal_may_be_needed);
+    if (journal) journal_.emplace(*journal, overwrite, journal_may_be_needed);
 
     if (journal && is_same(media_.status(), journal_->status()))
         throw failure(cannot_record, *journal, "it is the output, too");

@@ -30,8 +30,8 @@ public:
     }
 
 private:
-    static constexpr uint64_t head = 32;               // ftyp and the header of mdat
-    static constexpr uint64_t fixed_tail = 0x200000;   // moov without its tables: above eight tracks' parameter sets
+    static constexpr uint64_t head = 32;             // ftyp and the header of mdat
+    static constexpr uint64_t fixed_tail = 0x200000; // moov without its tables: above eight tracks' parameter sets
     static constexpr uint64_t tail_per_sample = 8 + 4 + 4 + 4 + 12; // in stts, stss, stsz, stco and stsc, at most
 
     uint64_t frames_ = 0;

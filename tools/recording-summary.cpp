@@ -13,9 +13,12 @@ using nlohmann::ordered_json;
 const char *name(codec kind)
 {
     switch (kind) {
-    case codec::h264: return "h264";
-    case codec::h265: return "h265";
-    case codec::aac: return "aac";
+    case codec::h264:
+        return "h264";
+    case codec::h265:
+        return "h265";
+    case codec::aac:
+        return "aac";
     }
     return "";
 }
@@ -23,11 +26,16 @@ const char *name(codec kind)
 const char *name(stop_reason reason)
 {
     switch (reason) {
-    case stop_reason::end: return "end";
-    case stop_reason::signal: return "signal";
-    case stop_reason::duration: return "duration";
-    case stop_reason::limit: return "limit";
-    case stop_reason::error: return "error";
+    case stop_reason::end:
+        return "end";
+    case stop_reason::signal:
+        return "signal";
+    case stop_reason::duration:
+        return "duration";
+    case stop_reason::limit:
+        return "limit";
+    case stop_reason::error:
+        return "error";
     }
     return "";
 }
@@ -78,9 +86,8 @@ ordered_json object(size_t index, const track_summary &track)
 
 std::string to_text(const recording_summary &summary)
 {
-    std::string text = summary.output +
-                       print(": %.3f s, %ju bytes, stopped by: %s\n", summary.duration, uintmax_t{summary.bytes},
-                             name(summary.stopped_by));
+    std::string text = summary.output + print(": %.3f s, %ju bytes, stopped by: %s\n", summary.duration,
+                                              uintmax_t{summary.bytes}, name(summary.stopped_by));
     for (size_t i = 0; i < summary.tracks.size(); ++i) text += line(i, summary.tracks[i]);
     if (summary.journal_error) text += "  journal incomplete: " + *summary.journal_error + "\n";
     if (summary.journal_kept) text += "  journal kept: " + *summary.journal + "\n";

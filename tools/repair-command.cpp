@@ -132,8 +132,10 @@ int run(const repair_line &given, int result_descriptor)
             console.progress("file " + std::to_string(reports.size() + 1) + " of " + std::to_string(files.size()) +
                              ": " + file.path);
         const repair_report &report = reports.emplace_back(repair(file.path, options, console));
-        if (!report.problem.empty()) console.problem(report.problem);
-        else console.note(to_text(report, options.dry_run));
+        if (!report.problem.empty())
+            console.problem(report.problem);
+        else
+            console.note(to_text(report, options.dry_run));
         failures = failures || !report.problem.empty();
     }
     console.note(total_of(reports, options.dry_run));

@@ -14,15 +14,22 @@ using nlohmann::ordered_json;
 const char *name(repair_result result)
 {
     switch (result) {
-    case repair_result::repaired: return "repaired";
-    case repair_result::finished: return "finished";
-    case repair_result::refused: return "refused";
-    case repair_result::failed: return "failed";
+    case repair_result::repaired:
+        return "repaired";
+    case repair_result::finished:
+        return "finished";
+    case repair_result::refused:
+        return "refused";
+    case repair_result::failed:
+        return "failed";
     }
     return "";
 }
 
-double seconds(const mp4_time &time) { return time.seconds + time.nanoseconds * 1e-9; }
+double seconds(const mp4_time &time)
+{
+    return time.seconds + time.nanoseconds * 1e-9;
+}
 
 std::span<const mp4_fix_track> tracks_of(const repair_report &report)
 {
@@ -56,9 +63,8 @@ ordered_json unless_empty(const std::string &text)
 ordered_json object(const repair_report &report)
 {
     ordered_json result = {
-        {"path", report.path}, {"journal", or_null(report.journal)}, {"journal_kept", report.journal_kept},
-        {"result", name(report.result)}, {"output", or_null(report.output)},
-        {"error", unless_empty(report.problem)}};
+        {"path", report.path},           {"journal", or_null(report.journal)}, {"journal_kept", report.journal_kept},
+        {"result", name(report.result)}, {"output", or_null(report.output)},   {"error", unless_empty(report.problem)}};
     if (report.result != repair_result::repaired) return result;
     ordered_json tracks = ordered_json::array();
     for (const mp4_fix_track &track : tracks_of(report)) tracks.push_back(object(tracks.size(), track));

@@ -20,7 +20,7 @@ namespace tools {
 namespace {
 
 constexpr const char *cannot_repair = "cannot repair";
-constexpr uint64_t head_size = 32;              // ftyp and the header of mdat
+constexpr uint64_t head_size = 32; // ftyp and the header of mdat
 constexpr size_t copied_at_once = 1 << 20;
 
 /* A reason to leave the files alone. */
@@ -31,7 +31,8 @@ struct refusal : failure {
 /* A file that no medium holds, for the library to open. */
 class memory_file : public open_file {
 public:
-    explicit memory_file(std::span<const uint8_t> data) : open_file(cannot_repair, memfd_create("journal", MFD_CLOEXEC), "memory")
+    explicit memory_file(std::span<const uint8_t> data)
+        : open_file(cannot_repair, memfd_create("journal", MFD_CLOEXEC), "memory")
     {
         write(data);
     }
@@ -43,7 +44,10 @@ uint32_t be32(const uint8_t *from)
     return uint32_t{from[0]} << 24 | uint32_t{from[1]} << 16 | uint32_t{from[2]} << 8 | from[3];
 }
 
-bool is_type(const uint8_t *box, const char *type) { return std::equal(type, type + 4, box + 4); }
+bool is_type(const uint8_t *box, const char *type)
+{
+    return std::equal(type, type + 4, box + 4);
+}
 
 /* Whether whole boxes reach from the beginning to the end, moov among them. */
 bool has_moov(const open_file &file, uint64_t size)
@@ -61,7 +65,10 @@ bool has_moov(const open_file &file, uint64_t size)
     return found;
 }
 
-bool is_video(const mp4_track_desc &track) { return (track.type & ~MP4_TRACK_RAW) != MP4_TRACK_AAC; }
+bool is_video(const mp4_track_desc &track)
+{
+    return (track.type & ~MP4_TRACK_RAW) != MP4_TRACK_AAC;
+}
 
 bool is_key_unit(uint8_t header, const mp4_track_desc &track)
 {
@@ -98,7 +105,8 @@ std::optional<bool> key_in(const open_file &media, uint64_t size, const journal_
     if (!is_video(track) || sample.end() > size) return {};
     bool key = false;
     return walk_units(media, sample, size, [&](uint8_t header) { key = key || is_key_unit(header, track); })
-               ? std::optional(key) : std::nullopt;
+               ? std::optional(key)
+               : std::nullopt;
 }
 
 /* Whether every byte of media belongs to a sample. */
@@ -145,8 +153,7 @@ struct plan {
 class recording {
 public:
     recording(const std::string &path, const repair_options &options, repair_report &report, console &console)
-        : options_(options), report_(report), console_(console),
-          media_(cannot_repair, path, O_RDONLY)
+        : options_(options), report_(report), console_(console), media_(cannot_repair, path, O_RDONLY)
     {
         size_ = media_.size();
         media_.lock();
@@ -187,9 +194,8 @@ private:
 
     bool names_video() const
     {
-        return std::ranges::any_of(journal_.samples, [&](const journal_sample &sample) {
-            return is_video(journal_.tracks[sample.track]);
-        });
+        return std::ranges::any_of(
+            journal_.samples, [&](const journal_sample &sample) { return is_video(journal_.tracks[sample.track]); });
     }
 
     [[noreturn]] void refuse_journal(const std::string &why) const { throw refusal(journal_path_, why); }
@@ -246,7 +252,7 @@ private:
                                                  "another");
             if (console_.wants_progress())
                 console_.progress("checking " + media_.path() + ": " +
-                                  std::to_string(sample.offset * 100 / samples.back().end()) + " %");
+                                  std::to_string(uint64_t{sample.offset} * 100 / samples.back().end()) + " %");
         }
     }
 
@@ -332,8 +338,10 @@ private:
 
     void carry_out(const plan &plan)
     {
-        if (options_.output) repair_copy(plan);
-        else repair_in_place(plan);
+        if (options_.output)
+            repair_copy(plan);
+        else
+            repair_in_place(plan);
         report_.result = repair_result::repaired;
     }
 

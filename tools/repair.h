@@ -42,10 +42,10 @@ struct repair_report {
     std::optional<std::string> journal = {}; // none: there is none
     std::optional<std::string> output = {};  // where the repaired file is; none unless repaired
     repair_result result = repair_result::refused;
-    std::string problem = {};      // when refused or failed: "WHAT: FILE: WHY"
-    mp4_fix_info info = {};        // of a repaired file
-    uint64_t cut = 0;              // bytes of media that were left out
-    uint64_t journal_lost = 0;     // bytes of the journal that could not be used
+    std::string problem = {};        // when refused or failed: "WHAT: FILE: WHY"
+    mp4_fix_info info = {};          // of a repaired file
+    uint64_t cut = 0;                // bytes of media that were left out
+    uint64_t journal_lost = 0;       // bytes of the journal that could not be used
     std::string journal_damage = {}; // what was wrong with them; empty for what a power cut leaves
     bool journal_kept = false;
 };

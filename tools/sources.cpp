@@ -77,7 +77,10 @@ sources::sources(std::vector<std::unique_ptr<input>> inputs, std::atomic<bool> &
     }
 }
 
-sources::~sources() { stop(); }
+sources::~sources()
+{
+    stop();
+}
 
 void sources::stop()
 {

@@ -62,10 +62,10 @@ public:
 private:
     struct lane {
         std::unique_ptr<input> source;
-        int64_t start = 0;              // nanoseconds, subtracted from its times
+        int64_t start = 0; // nanoseconds, subtracted from its times
         std::deque<frame> queue;
         size_t queued_bytes = 0;
-        steady::time_point last_frame;  // when one was queued or taken last
+        steady::time_point last_frame; // when one was queued or taken last
         bool ended = false;
         std::optional<std::string> error;
         std::thread reader;

@@ -22,7 +22,10 @@ struct rational {
     int64_t den;
 };
 
-constexpr int64_t floor_div(int64_t value, int64_t divisor) { return value / divisor - (value % divisor < 0 ? 1 : 0); }
+constexpr int64_t floor_div(int64_t value, int64_t divisor)
+{
+    return value / divisor - (value % divisor < 0 ? 1 : 0);
+}
 
 /** count times unit seconds, in nanoseconds; nothing when the seconds do not fit in 32 bits. */
 constexpr std::optional<int64_t> to_nanoseconds(int64_t count, rational unit)

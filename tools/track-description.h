@@ -11,14 +11,20 @@
 
 namespace tools {
 
-inline bool is_audio(const mp4_track_desc &track) { return (track.type & ~MP4_TRACK_RAW) == MP4_TRACK_AAC; }
+inline bool is_audio(const mp4_track_desc &track)
+{
+    return (track.type & ~MP4_TRACK_RAW) == MP4_TRACK_AAC;
+}
 
 inline const char *codec_of(const mp4_track_desc &track)
 {
     switch (track.type & ~MP4_TRACK_RAW) {
-    case MP4_TRACK_H264: return "h264";
-    case MP4_TRACK_H265: return "h265";
-    default: return "aac";
+    case MP4_TRACK_H264:
+        return "h264";
+    case MP4_TRACK_H265:
+        return "h265";
+    default:
+        return "aac";
     }
 }
 

@@ -25,8 +25,8 @@ struct mp4_fix_track {
 };
 
 struct mp4_fix_info {
-    mp4_time timespan;       /* the latest time that any track reached */
-    uint32_t fileSize;       /* bytes, of the repaired file */
+    mp4_time timespan; /* the latest time that any track reached */
+    uint32_t fileSize; /* bytes, of the repaired file */
     uint32_t trackCount;
     mp4_fix_track tracks[8]; /* those beyond trackCount are zero */
 };

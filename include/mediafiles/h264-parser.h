@@ -69,8 +69,7 @@ MEDIAFILES_API int h264_bs_read_se(h264_bs *bs, int32_t *out);
  *                  begins at offset + code_len
  * @return 1 when found, else 0
  */
-MEDIAFILES_API int h264_parser_find_start_code(const uint8_t *data, uint32_t len, uint32_t *offset,
-                                               uint32_t *code_len);
+MEDIAFILES_API int h264_parser_find_start_code(const uint8_t *data, uint32_t len, uint32_t *offset, uint32_t *code_len);
 
 /** Decodes a NAL unit header (7.3.1). data points behind the start code. ENOSPC. */
 MEDIAFILES_API int h264_parser_decode_nal_header(const uint8_t *data, uint32_t len, h264_nal_header *header);

@@ -35,8 +35,7 @@ MEDIAFILES_API int h265_bs_read_ue(h265_bs *bs, uint32_t *out);
 MEDIAFILES_API int h265_bs_read_se(h265_bs *bs, int32_t *out);
 
 /** h264_parser_find_start_code. */
-MEDIAFILES_API int h265_parser_find_start_code(const uint8_t *data, uint32_t len, uint32_t *offset,
-                                               uint32_t *code_len);
+MEDIAFILES_API int h265_parser_find_start_code(const uint8_t *data, uint32_t len, uint32_t *offset, uint32_t *code_len);
 
 /** Decodes a NAL unit header (7.3.1.2), two bytes. data points behind the start code. ENOSPC. */
 MEDIAFILES_API int h265_parser_decode_nal_header(const uint8_t *data, uint32_t len, h265_nal_header *header);

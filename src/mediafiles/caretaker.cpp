@@ -49,12 +49,12 @@ struct pending_queue {
 using namespace mediafiles;
 
 struct mediafile_caretaker {
-    int32_t fd;         // the journal file of a reader, owned; -1 for a writer
-    uint8_t *buffer;    // records stored and not yet handed out (writer), or read ahead (reader)
-    uint32_t capacity;  // bytes
-    uint32_t length;    // bytes in use
-    bool eof;           // a read returned less than was asked
-    int32_t error;      // errno of the first failure, or 0
+    int32_t fd;        // the journal file of a reader, owned; -1 for a writer
+    uint8_t *buffer;   // records stored and not yet handed out (writer), or read ahead (reader)
+    uint32_t capacity; // bytes
+    uint32_t length;   // bytes in use
+    bool eof;          // a read returned less than was asked
+    int32_t error;     // errno of the first failure, or 0
     pending_sample *free_nodes;
     pending_queue slots[slot_count];
     uint32_t next_offset; // the least offset that the next sample may have
@@ -282,10 +282,10 @@ bool accept_sample(mediafile_caretaker *caretaker, const sample_memento &sample)
 // Whether a journal file holds such a record.
 inline bool accept(mediafile_caretaker *caretaker, const memento *record)
 {
-    switch (record->kind) {
-    [[likely]] case MEMENTO_SAMPLE:
+    if (record->kind == MEMENTO_SAMPLE) [[likely]]
         return record->length == payload_length<sample_memento> &&
                accept_sample(caretaker, whole_memento<sample_memento>(record));
+    switch (record->kind) {
     case MEMENTO_TRACK:
         return record->length == 4 * sizeof(uint32_t); // a description
     case MEMENTO_USER:

@@ -23,8 +23,8 @@ struct array_stream {
     uint32_t pages;        // pages of block addresses
     uint32_t page_slots;   // room for pages
     uint8_t ***page;
-    uint8_t *next;         // the element at the cursor, while there is room
-    uint32_t room;         // elements from the cursor to the end of its block; 0 until that is wanted
+    uint8_t *next; // the element at the cursor, while there is room
+    uint32_t room; // elements from the cursor to the end of its block; 0 until that is wanted
 };
 
 namespace {

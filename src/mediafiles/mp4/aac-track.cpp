@@ -21,7 +21,7 @@ struct {
     uint16_t rate; // Hz
     uint8_t index;
 } constexpr sampling_frequencies[] = {
-    {64000, 2}, {48000, 3}, {44100, 4},  {32000, 5},  {24000, 6}, {22050, 7},
+    {64000, 2}, {48000, 3}, {44100, 4},  {32000, 5}, {24000, 6}, {22050, 7},
     {16000, 8}, {12000, 9}, {11025, 10}, {8000, 11}, {7350, 12},
 };
 
@@ -61,9 +61,9 @@ int add_sample(mp4_track *track, const void *data, uint32_t len, uint32_t durati
 constexpr box_body<28> mp4a_body(mp4_track_audio audio)
 {
     box_body<28> body;
-    body.zeros(6)  // reserved
-        .u16(1)    // data_reference_index
-        .zeros(8)  // reserved
+    body.zeros(6) // reserved
+        .u16(1)   // data_reference_index
+        .zeros(8) // reserved
         .u16(audio.channels)
         .u16(audio.sample_bits)
         .u16(0)                 // pre_defined

@@ -65,10 +65,8 @@ constexpr child_box mdia[] = {
 };
 
 constexpr child_box minf[] = {
-    {"vmhd", mp4_atom_vmhd_write, is_video},
-    {"smhd", mp4_atom_smhd_write, is_audio},
-    {"nmhd", mp4_atom_nmhd_write, is_other},
-    {"dinf", mp4_atom_dinf_write},
+    {"vmhd", mp4_atom_vmhd_write, is_video}, {"smhd", mp4_atom_smhd_write, is_audio},
+    {"nmhd", mp4_atom_nmhd_write, is_other}, {"dinf", mp4_atom_dinf_write},
     {"stbl", mp4_atom_stbl_write},
 };
 

@@ -39,12 +39,12 @@ namespace {
 // One repair. The trailing-frame check is mp4_fix2's alone.
 struct mp4_fix_ctx {
     mp4_fix_callback callback;
-    int32_t fd;          // the MP4 file, or -1 when there is none
-    uint32_t len;        // its size when it was opened; samples from here on never reached it
-    int32_t videoCount;  // video samples that begin inside the file
-    uint32_t dropSize;   // bytes from the last video sample on
-    bool lastFound;      // the replay has met its time
-    int32_t lastSec;     // its time
+    int32_t fd;         // the MP4 file, or -1 when there is none
+    uint32_t len;       // its size when it was opened; samples from here on never reached it
+    int32_t videoCount; // video samples that begin inside the file
+    uint32_t dropSize;  // bytes from the last video sample on
+    bool lastFound;     // the replay has met its time
+    int32_t lastSec;    // its time
     uint32_t lastNsec;
     mp4_stream *outStream;  // the file, without cache, or a null stream
     mp4_stream *metaStream; // where head and moov are composed
@@ -182,8 +182,8 @@ int replay_sample(mp4_fix_ctx *ctx, const sample_memento &sample)
     if (ctx->lastFound) return 0;
 
     const uint8_t track = sample.header.track;
-    const mp4_frame frame = {track, nullptr, sample.len,
-                             {low_seconds(sample), static_cast<int32_t>(sample.nanoseconds)}, sample.key};
+    const mp4_frame frame = {
+        track, nullptr, sample.len, {low_seconds(sample), static_cast<int32_t>(sample.nanoseconds)}, sample.key};
     if (mp4_movie_add_frame(ctx->movie, &frame) != 0) return -1;
     ++ctx->info.tracks[track].frameCount;
     return 0;

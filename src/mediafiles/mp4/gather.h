@@ -15,8 +15,7 @@ namespace mediafiles {
 // The gather list of a single buffer.
 class one_buffer {
 public:
-    one_buffer(const void *data, uint32_t length)
-        : entry{const_cast<void *>(data), length}, whole{&entry, 1, 0, length}
+    one_buffer(const void *data, uint32_t length) : entry{const_cast<void *>(data), length}, whole{&entry, 1, 0, length}
     {
     }
     one_buffer(const one_buffer &) = delete;

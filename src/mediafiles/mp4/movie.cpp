@@ -217,8 +217,7 @@ int mp4_movie_add_frame(mp4_movie *movie, const mp4_frame *frame)
 {
     if (movie->error != 0) return refuse(movie->error);
     const auto index = static_cast<uint32_t>(frame->track);
-    if (index >= track_count(movie) || frame->len == 0 ||
-        static_cast<uint32_t>(frame->timestamp.nanoseconds) >= second)
+    if (index >= track_count(movie) || frame->len == 0 || static_cast<uint32_t>(frame->timestamp.nanoseconds) >= second)
         return refuse(EINVAL);
     if (uint64_t{movie->bytes} + frame->len > MP4_MAX_RECORD_BYTES) return refuse(EFBIG);
 

@@ -27,11 +27,8 @@ struct {
     uint32_t element_size; // bytes
     uint32_t reserve;      // elements
 } constexpr tables[] = {
-    {&mp4_track::stts_table, 8, 512},
-    {&mp4_track::stss_table, 4, 64},
-    {&mp4_track::stco_table, 4, 128},
-    {&mp4_track::stsc_table, 12, 64},
-    {&mp4_track::stsz_table, 4, 1024},
+    {&mp4_track::stts_table, 8, 512}, {&mp4_track::stss_table, 4, 64},   {&mp4_track::stco_table, 4, 128},
+    {&mp4_track::stsc_table, 12, 64}, {&mp4_track::stsz_table, 4, 1024},
 };
 
 constexpr uint32_t sample_description_index = 1;

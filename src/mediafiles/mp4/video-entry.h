@@ -9,9 +9,9 @@ namespace mediafiles {
 constexpr box_body<78> video_entry_body(uint16_t width, uint16_t height)
 {
     box_body<78> body;
-    body.zeros(6)   // reserved
-        .u16(1)     // data_reference_index
-        .zeros(16)  // pre_defined, reserved
+    body.zeros(6)  // reserved
+        .u16(1)    // data_reference_index
+        .zeros(16) // pre_defined, reserved
         .u16(width)
         .u16(height)
         .u32(0x00480000) // horizresolution, 72 dpi
