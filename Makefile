@@ -72,7 +72,7 @@ CROSS = arm-neon aarch64 i386
 test-cross:
 	scripts/install-packages build tools test arm aarch64 i386
 	cmake --preset test
-	cmake --build out/test -j $(JOBS) --target example-record example-repair check-mp4
+	cmake --build out/test -j $(JOBS) --target example-record example-recover check-mp4
 	for target in $(CROSS); do \
 	    cmake --preset $$target && cmake --build out/$$target -j $(JOBS) && \
 	    ctest --test-dir out/$$target --output-on-failure -j $(JOBS) || exit 1; \

@@ -9,6 +9,7 @@
  * H.264, or H.265 where its name ends in .h265.
  */
 #define _GNU_SOURCE
+#define _FILE_OFFSET_BITS 64 /* recordings pass 2 GB */
 #include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>

@@ -10,6 +10,7 @@
  * `mediafiles repair`, which can do more (damaged journals, copies).
  */
 #define _GNU_SOURCE
+#define _FILE_OFFSET_BITS 64 /* recordings pass 2 GB */
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>

@@ -2,9 +2,6 @@
 
 #include <algorithm>
 #include <cstdarg>
-#include <sys/mman.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <mediafiles/builder.h>
 #include <mediafiles/caretaker.h>
@@ -33,41 +30,6 @@ int LLVMFuzzerInitialize(int *, char ***)
 
 namespace fuzz {
 
-memory_file::memory_file() : fd(memfd_create("fuzz", MFD_CLOEXEC)) {}
-memory_file::memory_file(std::span<const uint8_t> content) : memory_file()
-{
-    REQUIRE(write(fd, content.data(), content.size()) == static_cast<ssize_t>(content.size()));
-}
-memory_file::~memory_file() { close(fd); }
-
-uint64_t memory_file::size() const
-{
-    struct stat status;
-    REQUIRE(fstat(fd, &status) == 0);
-    return static_cast<uint64_t>(status.st_size);
-}
-
-bytes memory_file::read(uint64_t offset, size_t count) const
-{
-    bytes out(count);
-    out.resize(static_cast<size_t>(pread(fd, out.data(), count, static_cast<off_t>(offset))));
-    return out;
-}
-
-int free_descriptor()
-{
-    const int fd = dup(STDERR_FILENO);
-    close(fd);
-    return fd;
-}
-
-bytes drain(mediafile_caretaker *journal)
-{
-    uint32_t count = 0;
-    const auto *stored = static_cast<const uint8_t *>(mediafile_caretaker_read(journal, &count));
-    return bytes(stored, stored + count);
-}
-
 bool sound_but_for(const mp4::file &file, std::initializer_list<std::string_view> excused)
 {
     bool sound = true;
@@ -82,12 +44,12 @@ bool sound_but_for(const mp4::file &file, std::initializer_list<std::string_view
 
 recording record(const mp4_track_desc &track, std::span<const uint8_t> frame, int times)
 {
-    const memory_file file;
+    const descriptor file;
     const exact data(bytes(frame.begin(), frame.end()));
-    mediafile_caretaker *journal = mediafile_caretaker_create();
+    const journal_ptr journal(mediafile_caretaker_create());
     mp4_builder *builder = mp4_builder_create();
     REQUIRE(builder->add_track(builder, &track) == 0);
-    REQUIRE(builder->open(builder, file.descriptor(), 0, journal) == 0);
+    REQUIRE(builder->open(builder, file, 0, journal.get()) == 0);
     for (int i = 0; i < times; i++) {
         const mp4_frame next = {0, data.data.get(), data.size, {i, 0}, 1};
         REQUIRE(builder->add_frame(builder, &next) == 0);
@@ -96,8 +58,7 @@ recording record(const mp4_track_desc &track, std::span<const uint8_t> frame, in
     builder->destroy(builder);
     recording out;
     out.journal = drain(journal);
-    mediafile_caretaker_destroy(journal);
-    const bytes content = file.content();
+    const bytes content = file_content(file);
     out.read = mp4::read(content);
     REQUIRE(out.read.mdat.size() == 1 && out.read.boxes.size() == 3 && out.read.tracks.size() == 1);
     const auto [begin, end] = out.read.mdat[0];

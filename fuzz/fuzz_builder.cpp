@@ -24,7 +24,6 @@ public:
     {
         end_file(true);
         builder->destroy(builder);
-        mediafile_caretaker_destroy(journal);
     }
 
     void run()
@@ -45,7 +44,7 @@ private:
         bool ready = false;                       // the parameter sets went before
         std::vector<bytes> stored = {};           // samples
         std::vector<bool> keys = {};              // of them
-        std::vector<placed_sample> accepted = {}; // frames, dropped ones included: only time and key
+        std::vector<model::sample> accepted = {}; // frames, dropped ones included, without their places
     };
 
     size_t take()
@@ -89,7 +88,8 @@ private:
         const int result = builder->add_frame(builder, &given);
         if (index == tracks.size()) return REQUIRE(result == -1 && errno == EINVAL);
         REQUIRE(result == 0);
-        tracks[index].accepted.push_back({0, 0, time.seconds, static_cast<uint32_t>(time.nanoseconds), key});
+        const auto nanoseconds = static_cast<uint32_t>(time.nanoseconds);
+        tracks[index].accepted.push_back({static_cast<uint8_t>(index), 0, 0, time.seconds, nanoseconds, key});
         if (!sample.empty()) tracks[index].stored.push_back(sample), tracks[index].keys.push_back(key);
     }
 
@@ -137,10 +137,9 @@ private:
     {
         REQUIRE(builder->flush(builder) == 0);
         keep(drain(journal));
-        const uint64_t size = file->size();
-        for (const journal_record &record : read_journal(journaled).records)
-            if (record.kind == MEMENTO_SAMPLE)
-                REQUIRE(uint64_t{little(&record.payload[0])} + little(&record.payload[4]) <= size);
+        const uint64_t size = file_size(*file);
+        for (const model::record &record : model::read(journaled).records)
+            if (record.kind == MEMENTO_SAMPLE) REQUIRE(uint64_t{record.named().offset} + record.named().size <= size);
     }
 
     void begin_file()
@@ -148,9 +147,9 @@ private:
         for (track &each : tracks) each = {each.description};
         journaled.clear();
         jumped = false;
-        file = std::make_unique<memory_file>();
+        file = std::make_unique<descriptor>();
         const uint32_t caches[] = {0, 64, 512, 4096};
-        REQUIRE(builder->open(builder, file->descriptor(), caches[take() % 4], journal) == 0);
+        REQUIRE(builder->open(builder, *file, caches[take() % 4], journal.get()) == 0);
     }
 
     void end_file(bool close)
@@ -165,14 +164,14 @@ private:
             builder = mp4_builder_create();
             for (const track &each : tracks) REQUIRE(builder->add_track(builder, &each.description) >= 0);
         }
-        REQUIRE(mediafile_caretaker_errcode(journal) == 0);
-        const auto size = static_cast<size_t>(file->size());
+        REQUIRE(mediafile_caretaker_errcode(journal.get()) == 0);
+        const auto size = static_cast<size_t>(file_size(*file));
         check_repairs(journaled.size() - cut_journal % (journaled.size() + 1), size - cut_media % (size + 1));
     }
 
     void check_file()
     {
-        const mp4::file read = mp4::read(file->content());
+        const mp4::file read = mp4::read(file_content(*file));
         bool dropped = false; // such a frame at the end still moves the track's time on
         REQUIRE(read.tracks.size() == tracks.size());
         for (size_t i = 0; i < tracks.size(); i++) {
@@ -181,21 +180,21 @@ private:
             REQUIRE(samples.size() == tracks[i].stored.size());
             for (size_t n = 0; n < samples.size(); n++) {
                 REQUIRE(samples[n].sync == tracks[i].keys[n]);
-                REQUIRE(tracks[i].stored[n] == file->read(samples[n].offset, samples[n].size));
+                REQUIRE(tracks[i].stored[n] == file_content(*file, samples[n].offset, samples[n].size));
             }
         }
         REQUIRE(sound_but_for(read, {dropped ? "the track plays to" : "!"}));
 
         /* A dropped frame leaves its time and key to the next one that is stored. */
         std::vector<size_t> named(tracks.size());
-        const journal_content all = read_journal(journaled);
-        for (const auto &[kind, index, payload] : all.records) {
-            if (kind != MEMENTO_SAMPLE) continue;
-            const size_t n = named.at(index)++;
-            placed_sample expected = tracks[index].accepted.at(n);
-            expected.offset = static_cast<uint32_t>(read.tracks[index].samples.at(n).offset);
-            expected.len = read.tracks[index].samples[n].size;
-            REQUIRE(sample_of({kind, index, payload}) == expected);
+        const model::journal all = model::read(journaled);
+        for (const model::record &record : all.records) {
+            if (record.kind != MEMENTO_SAMPLE) continue;
+            const size_t n = named.at(record.track)++;
+            const mp4::sample &sample = read.tracks[record.track].samples.at(n);
+            model::sample expected = tracks[record.track].accepted.at(n);
+            expected.offset = static_cast<uint32_t>(sample.offset), expected.size = sample.size;
+            REQUIRE(record.named() == expected);
         }
         REQUIRE(all.error == 0);
         for (size_t i = 0; i < tracks.size(); i++) REQUIRE(named[i] == tracks[i].stored.size());
@@ -204,9 +203,9 @@ private:
     /** As if power had failed when so many bytes of both files were on the medium. */
     void check_repairs(size_t journal_size, size_t media_size)
     {
-        const bytes media = file->read(0, media_size);
+        const bytes media = file_content(*file, 0, media_size);
         const std::span<const uint8_t> prefix(journaled.data(), journal_size);
-        const journal_content content = read_journal(prefix);
+        const model::journal content = model::read(prefix);
         REQUIRE(content.error == 0);
         for (const int version : {1, 2}) {
             const mp4::file read = check_repair(version, content, prefix, media);
@@ -217,8 +216,8 @@ private:
 
     std::span<const uint8_t> input;
     mp4_builder *builder = mp4_builder_create();
-    mediafile_caretaker *const journal = mediafile_caretaker_create();
-    std::unique_ptr<memory_file> file;
+    const journal_ptr journal{mediafile_caretaker_create()};
+    std::unique_ptr<descriptor> file;
     std::vector<track> tracks;
     bytes journaled;
     bool jumped = false;

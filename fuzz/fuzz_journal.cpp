@@ -12,12 +12,13 @@
 
 using namespace fuzz;
 
-static void check_reader(const journal_content &content, std::span<const uint8_t> journal)
+static void check_reader(const model::journal &content, std::span<const uint8_t> journal)
 {
-    const memory_file file(journal);
-    mediafile_caretaker *reader = mediafile_caretaker_load(file.path().c_str());
+    const descriptor file;
+    fill(file, journal);
+    mediafile_caretaker *reader = mediafile_caretaker_load(path_of(file).c_str());
     for (int pass = 0; pass < 2; pass++) {
-        for (const journal_record &record : content.records) {
+        for (const model::record &record : content.records) {
             const memento *next = mediafile_caretaker_pop(reader);
             REQUIRE(next && next->kind == record.kind && next->track == record.track);
             const auto *payload = reinterpret_cast<const uint8_t *>(next + 1);
@@ -34,7 +35,7 @@ static void check_reader(const journal_content &content, std::span<const uint8_t
 /** A writer that is given these bytes as mementos stores what a reader takes; once it fails, it stays so. */
 static void check_writer(std::span<const uint8_t> mementos)
 {
-    mediafile_caretaker *writer = mediafile_caretaker_create();
+    const journal_ptr writer(mediafile_caretaker_create());
     bytes stored;
     for (int error = 0; mementos.size() >= 4;) {
         const size_t length = mementos[2] + mementos[3] * 256u, size = 4 + (length + 3) / 4 * 4;
@@ -42,8 +43,8 @@ static void check_writer(std::span<const uint8_t> mementos)
         const size_t kind = mementos[0];
         if (size > mementos.size() || (kind > 0 && kind < 6 && length != payloads[kind])) break; // the caller's fault
         const exact record(bytes(mementos.begin(), mementos.begin() + static_cast<ptrdiff_t>(size)));
-        const int result = mediafile_caretaker_add(writer, reinterpret_cast<const memento *>(record.data.get()));
-        REQUIRE(result == 0 || (result == -1 && errno == mediafile_caretaker_errcode(writer)));
+        const int result = mediafile_caretaker_add(writer.get(), reinterpret_cast<const memento *>(record.data.get()));
+        REQUIRE(result == 0 || (result == -1 && errno == mediafile_caretaker_errcode(writer.get())));
         REQUIRE(error ? errno == error : true);
         if (result != 0) error = errno;
         mementos = mementos.subspan(size);
@@ -51,8 +52,7 @@ static void check_writer(std::span<const uint8_t> mementos)
         const bytes drained = drain(writer);
         stored.insert(stored.end(), drained.begin(), drained.end());
     }
-    mediafile_caretaker_destroy(writer);
-    REQUIRE(read_journal(stored).error == 0);
+    REQUIRE(model::read(stored).error == 0);
 }
 
 int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
@@ -61,7 +61,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     bytes media(data[0] + data[1] * 256u);
     for (size_t i = 0; i < media.size(); i++) media[i] = static_cast<uint8_t>(i * 7 + 1);
     const std::span<const uint8_t> journal(data + 2, size - 2);
-    const journal_content content = read_journal(journal);
+    const model::journal content = model::read(journal);
     check_reader(content, journal);
     check_writer(journal);
     for (const int version : {1, 2})

@@ -87,7 +87,7 @@ constexpr long spread = 1;
 template <class Scenario>
 void sweep(const std::string &what, Scenario scenario, long full = 0, faults::call only = faults::kinds)
 {
-    const auto descriptors = open_descriptors();
+    const int descriptor_before = free_descriptor();
     for (const fault &f : all_faults)
         for (const bool forever : {false, true}) {
             const bool endless = forever && f.error == EINTR, other = only != faults::kinds && only != f.kind;
@@ -104,7 +104,7 @@ void sweep(const std::string &what, Scenario scenario, long full = 0, faults::ca
                     hit = injection.hit;
                     if (injection.held) wrong += " leak: " + text(injection.held);
                 }
-                if (open_descriptors() != descriptors) wrong += " descriptor left";
+                if (free_descriptor() != descriptor_before) wrong += " descriptor left";
                 tally::injected[f.kind] += hit;
                 ASSERT_EQ(wrong, "") << what << ": " << (full ? "room" : "call") << " of kind " << f.kind << ", "
                                      << nth << (forever ? " and on" : "") << ", errno " << f.error;

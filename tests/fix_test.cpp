@@ -56,7 +56,7 @@ std::string users;
 /** Runs one of both repairs; nothing may leak, whatever comes of it. */
 outcome repair(int version, const char *path, const std::string &journal, bool ask = true)
 {
-    const auto open_before = open_descriptors();
+    const int free_before = free_descriptor();
     const mp4_fix_callback user = [](const memento *record) { users += "u" + std::to_string(record->length) + " "; };
     outcome out;
     memset(&out.info, 0x5A, sizeof out.info);
@@ -75,7 +75,7 @@ outcome repair(int version, const char *path, const std::string &journal, bool a
     out.printed = testing::internal::GetCapturedStdout();
     for (const std::string &line : faults::log_lines) out.log += line;
     out.users = users;
-    EXPECT_EQ(open_descriptors(), open_before);
+    EXPECT_EQ(free_descriptor(), free_before);
     EXPECT_TRUE(out.result == 0 || out.result == -1);
     EXPECT_TRUE((ask && out.result == 0) || memcmp(&out.info, &before, sizeof before) == 0);
     return out;

@@ -185,7 +185,7 @@ TEST(H264Track, KeepsJournalsAndDescribesTheFirstParameterSets)
     for (const auto &c : cases) {
         SCOPED_TRACE(c.avcC);
         if (c.begin) mp4_track_finish_record(video.track, 1);
-        if (c.begin) mp4_track_begin_record(video.track, &video.out, video.journal, 5);
+        if (c.begin) mp4_track_begin_record(video.track, &video.out, video.journal.get(), 5);
         EXPECT_EQ(0, video.add(c.frame));
         EXPECT_EQ("", video.out.log);
         EXPECT_EQ(dump(c.journaled), video.journaled());

@@ -1,7 +1,7 @@
 /**
  * The proof that a recording survives a power cut: whatever a cut leaves of the media file and of the journal is
- * repaired both ways and held against what was recorded, and against what a model foretells that reads the journal by
- * itself. A case is a distinct pair of media and journal bytes; support/power-cut.h has them and their IDs.
+ * repaired both ways and held against what was recorded, and against what support/repair-model.h foretells. A case is a
+ * distinct pair of media and journal bytes; support/power-cut.h has them and their IDs.
  *
  *     power_cut_test STREAMS                 every case; STREAMS is the directory testdata/
  *     power_cut_test STREAMS --every=N       every Nth
@@ -54,92 +54,12 @@ const plan plans[] = {
 };
 constexpr size_t least_cases = 70'000;
 
-/* ---- the model: what a journal says and what repair makes of it, from their descriptions alone ---- */
-
-struct record { uint8_t kind, track; uint32_t length; const uint8_t *payload; };
-struct parsed { std::vector<record> all; bool bad = false; }; // bad: the record behind them is damaged
-
-uint32_t word(const uint8_t *at) { return uint32_t(at[0] | at[1] << 8 | at[2] << 16) | uint32_t{at[3]} << 24; }
-
-sample named(const record &r)
-{
-    const uint8_t *p = r.payload;
-    return {r.track, word(p), word(p + 4), int32_t(word(p + 8)), word(p + 16), int32_t(word(p + 20))};
-}
-
-parsed parse(const bytes &journal)
-{
-    parsed out = {};
-    uint32_t free = 0; // the least offset of the next sample
-    for (size_t at = 0, size; journal.size() - at >= 4; at += size) {
-        const record r = {journal[at], journal[at + 1], word(&journal[at]) >> 16, &journal[at] + 4};
-        size = 4 + ((r.length + 3) & ~3u);
-        if (size <= 512 && size > journal.size() - at) break;
-        out.bad = size > 512 || r.kind > 9 || (r.kind >= 3 && r.kind <= 5) || (r.kind == 1 && r.length != 16) ||
-                  (r.kind == 2 && (r.length != 24 || named(r).offset < free || named(r).size == 0));
-        if (out.bad) break;
-        if (r.kind == 2) free = named(r).offset + named(r).size;
-        out.all.push_back(r);
-    }
-    return out;
-}
-
-struct prognosis {
-    int result = 0, error = 0;
-    bool repaired = false;  // else only the head of the file is written
-    std::vector<sample> kept;
-    std::vector<uint32_t> timescales;
-    uint32_t end = 32;      // of the media
-    size_t stop = SIZE_MAX; // the sample at which mp4_fix2 stops
-};
-
-prognosis foretell(const bytes &journal, size_t length, int version)
-{
-    const parsed in = parse(journal);
-    prognosis out;
-    const auto fails = [&](int error) { return out.result = -1, out.error = version == 1 ? error : -1, out; };
-    const auto inside = [&](const record &r) { return r.kind == 2 && named(r).offset < length; };
-    uint32_t videos = 0, total = 0;
-    sample last = {};
-    for (const record &r : in.all)
-        if (inside(r) && r.track == 0 && named(r).offset >= 32) videos++, last = named(r);
-    if (version == 2 && videos == 0) return fails(-1);
-    if (version == 2 && videos == 1) return out;
-
-    std::vector<uint32_t> types;
-    for (const record &r : in.all) {
-        const uint32_t type = r.kind == 1 ? word(r.payload) & ~0x8000u : r.track < types.size() ? types[r.track] : 0;
-        if (r.kind == 1) {
-            if (types.size() == 8) return fails(ENOBUFS);
-            if (type != 0x101 && type != 0x102 && type != 0x201) return fails(ENOSYS);
-            types.push_back(type);
-            out.timescales.push_back(type == 0x201 ? word(r.payload + 12) : 90000);
-        } else if (r.kind >= 6 && r.kind <= 8) {
-            if (type == 0) return fails(EINVAL);
-            if (type == 0x201 || (type == 0x101 && r.kind == 6)) return fails(ENOSYS);
-        } else if (r.kind == 2) {
-            const sample s = named(r);
-            if (s.offset < out.end) return fails(EBADMSG);
-            if (!inside(r)) continue;
-            if (version == 2 && s.seconds == last.seconds && s.nanoseconds == last.nanoseconds)
-                out.stop = std::min(out.stop, out.kept.size());
-            if (out.stop != SIZE_MAX) continue;
-            if (type == 0 || s.nanoseconds > 999'999'999) return fails(EINVAL);
-            if (uint64_t{total} + s.size > 0xDFFFFFFF) return fails(EFBIG);
-            total += s.size, out.end += s.size;
-            out.kept.push_back(s);
-        }
-    }
-    if (in.bad) return fails(EBADMSG);
-    return out.repaired = true, out;
-}
-
 /* ---- samples as a file shows them ---- */
 
 using place = std::tuple<uint64_t, size_t, uint64_t, uint64_t, bool, uint64_t>;
 // offset, track, size, ticks from the track's first sample, key, the track's delay in milliseconds
 
-std::vector<place> places(std::span<const sample> samples, const std::vector<uint32_t> &timescales)
+std::vector<place> places(std::span<const sample> samples, const std::vector<mp4_track_desc> &tracks_of)
 {
     struct { uint64_t first, last, ticks; } tracks[8] = {};
     uint64_t start = UINT64_MAX;
@@ -148,7 +68,7 @@ std::vector<place> places(std::span<const sample> samples, const std::vector<uin
         auto &t = tracks[s.track];
         if (t.first == 0) t = {s.time(), s.time(), 0};
         start = std::min(start, s.time());
-        t.ticks += ((s.time() - t.last) * timescales[s.track] + second / 2) / second;
+        t.ticks += ((s.time() - t.last) * model::timescale(tracks_of[s.track]) + second / 2) / second;
         t.last = s.time();
         out.emplace_back(s.offset, s.track, s.size, t.ticks, s.key != 0, 0);
     }
@@ -172,9 +92,9 @@ std::vector<place> places(const mp4::file &file)
 size_t intact(const recording &r, const power_cut &c)
 {
     size_t n = 0;
-    for (const record &each : parse(c.journal).all) {
-        if (each.kind != 2) continue;
-        if (n == r.samples.size() || named(each) != r.samples[n]) break;
+    for (const model::record &each : model::read(c.journal).records) {
+        if (each.kind != MEMENTO_SAMPLE) continue;
+        if (n == r.samples.size() || each.named() != r.samples[n]) break;
         const auto [track, offset, size, seconds, nanoseconds, key] = r.samples[n];
         if (offset + size > c.media.size() || memcmp(&c.media[offset], &r.open[offset], size) != 0) break;
         n++;
@@ -220,11 +140,7 @@ struct proof {
             if (!good && failures[check]++ < 5 && built_in == fault::none)
                 fprintf(stderr, "%s: mp4_fix%s, %s: %s\n", c.id.c_str(), version == 1 ? "" : "2", check, text.c_str());
         };
-        const auto fill = [](int fd, const bytes &content) {
-            return ftruncate(fd, 0) == 0 && pwrite(fd, content.data(), content.size(), 0) == ssize_t(content.size());
-        };
-        expect(fill(file, c.media) && fill(journal, c.journal), "files", strerror(errno));
-        const auto free_descriptor = [] { const int fd = dup(STDERR_FILENO); return close(fd), fd; };
+        fill(file, c.media), fill(journal, c.journal);
         const int free_before = free_descriptor();
         mp4_fix_info info = {};
         faults::injection injection({.kind = faults::cutting, .nth = built_in == fault::cut ? 0 : -1, .pretend = true});
@@ -233,13 +149,15 @@ struct proof {
         const int error = result ? errno : 0;
         expect(injection.held == 0 && free_descriptor() == free_before, "leak", "memory or a descriptor");
 
-        const prognosis due = foretell(c.journal, c.media.size(), version);
-        expect(result == due.result && error == due.error, "result", std::to_string(result) + ", errno " +
-               std::to_string(error) + " instead of " + std::to_string(due.result) + ", " + std::to_string(due.error));
-        if (c.spoilt || result != due.result) return;
+        const model::journal told = model::read(c.journal);
+        const model::outcome due = model::repair(told, c.media.size(), version);
+        const int due_result = due.error ? -1 : 0;
+        expect(result == due_result && error == due.error, "result", std::to_string(result) + ", errno " +
+               std::to_string(error) + " instead of " + std::to_string(due_result) + ", " + std::to_string(due.error));
+        if (c.spoilt || result != due_result) return;
 
         const bytes after = file_content(file);
-        if (!due.repaired) {
+        if (!due.finished) {
             bytes before = c.media;
             overlay(before, 0, hex("00000018 'ftypmp42' 00*4 'mp42isom' 00000000 'mdat'"));
             expect(after == before, "refused", "more than the head has changed");
@@ -247,23 +165,24 @@ struct proof {
         }
         repaired++;
         const mp4::file got = mp4::read(after);
-        const bool cut = due.end > 32 && due.end > c.media.size(); // the last sample is; zeros stand for the rest
+        const bool cut = due.end > model::head && due.end > c.media.size(); // the last sample: then zeros
         for (const mp4::problem &p : got.problems)
             expect(!p.fault || (cut && p.offset >= due.kept.back().offset && p.offset < due.end), "structure", p.text);
         expect(got.boxes.size() == 3 && got.boxes[2].offset == due.end && info.fileSize == after.size() &&
-                   got.tracks.size() == due.timescales.size(), "structure", "not head, media and moov in their places");
+                   got.tracks.size() == due.tracks.size(), "structure", "not head, media and moov in their places");
 
         const std::vector<place> shown = places(got);
-        expect(shown == places(due.kept, due.timescales), "prefix", "not the samples that the journal names");
+        expect(shown == places(due.kept, due.tracks), "prefix", "not the samples that the journal names");
         const auto recorded = std::span(r.samples).first(std::min(shown.size(), r.samples.size()));
         bytes media = r.open; // with zeros for what the cut took
         media.resize(std::min(media.size(), c.media.size())), media.resize(due.end);
         const bool same = after.size() > due.end && std::equal(media.begin() + 32, media.end(), after.begin() + 32);
-        expect(shown == places(recorded, r.timescales) && same, "recorded", "not what was recorded");
+        expect(shown == places(recorded, r.tracks) && same, "recorded", "not what was recorded");
 
         size_t owed = intact(r, c);
         if (c.possible) // then the journal names nothing that is not there in full
-            owed = std::max({owed, c.promised, size_t(std::ranges::count(parse(c.journal).all, 2, &record::kind))});
+            owed = std::max({owed, c.promised,
+                             size_t(std::ranges::count(told.records, MEMENTO_SAMPLE, &model::record::kind))});
         expect(shown.size() >= std::min(owed, due.stop) && !(cut && c.possible), "durable", "kept " +
                std::to_string(shown.size()) + " samples of " + std::to_string(owed));
     }

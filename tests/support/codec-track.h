@@ -8,6 +8,7 @@
 #include <mediafiles/track.h>
 
 #include "fake-stream.h"
+#include "recording.h"
 
 /** A copy in a block of exactly its size, so that a sanitizer sees a read beyond it. */
 struct exact {
@@ -23,18 +24,13 @@ struct exact {
 /** A track in a record on a stream. */
 struct recorder {
     mp4_track *const track;
-    mediafile_caretaker *const journal = mediafile_caretaker_create();
+    const journal_ptr journal{mediafile_caretaker_create()};
     fake_stream out;
 
-    explicit recorder(mp4_track *made) : track(made) { mp4_track_begin_record(track, &out, journal, 5); }
-    ~recorder() { mp4_track_destroy(track), mediafile_caretaker_destroy(journal); }
+    explicit recorder(mp4_track *made) : track(made) { mp4_track_begin_record(track, &out, journal.get(), 5); }
+    ~recorder() { mp4_track_destroy(track); }
     /** What the journal has stored since the last call. */
-    std::string journaled()
-    {
-        uint32_t count = 0;
-        const auto *stored = static_cast<const uint8_t *>(mediafile_caretaker_read(journal, &count));
-        return dump(bytes(stored, stored + count));
-    }
+    std::string journaled() { return dump(drain(journal)); }
     int add(const std::string &frame, int key = 1)
     {
         const exact data(hex(frame));

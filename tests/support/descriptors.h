@@ -3,7 +3,7 @@
 
 #include <algorithm>
 #include <csignal>
-#include <filesystem>
+#include <span>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -17,27 +17,34 @@ struct descriptor {
     operator int() const { return fd; }
 };
 
-/** All bytes of a file, whatever its offset. */
-inline bytes file_content(int fd)
+inline uint64_t file_size(int fd)
 {
     struct stat status = {};
     fstat(fd, &status);
-    bytes out(static_cast<size_t>(status.st_size));
-    out.resize(static_cast<size_t>(pread(fd, out.data(), out.size(), 0)));
+    return static_cast<uint64_t>(status.st_size);
+}
+
+/** Bytes of a file, whatever its offset: all, or those of a place as far as they are there. */
+inline bytes file_content(int fd, uint64_t at = 0, size_t most = SIZE_MAX)
+{
+    const uint64_t size = file_size(fd);
+    bytes out(static_cast<size_t>(std::min<uint64_t>(most, size - std::min(at, size))));
+    out.resize(static_cast<size_t>(pread(fd, out.data(), out.size(), static_cast<off_t>(at))));
     return out;
 }
 
-inline void fill(int fd, const bytes &content)
+inline void fill(int fd, std::span<const uint8_t> content)
 {
     if (ftruncate(fd, 0) != 0 || pwrite(fd, content.data(), content.size(), 0) != ssize_t(content.size())) abort();
 }
 inline std::string path_of(int fd) { return "/proc/self/fd/" + std::to_string(fd); }
 
-/** Descriptors that the process has. */
-inline auto open_descriptors()
+/** The lowest descriptor that is free: the same again when none was left open meanwhile. */
+inline int free_descriptor()
 {
-    using iterator = std::filesystem::directory_iterator;
-    return std::distance(iterator("/proc/self/fd"), iterator());
+    const int fd = dup(STDERR_FILENO);
+    close(fd);
+    return fd;
 }
 
 /** No file grows past so many bytes: a write stops there, and the next one fails with EFBIG. */

@@ -23,19 +23,10 @@
 #include "descriptors.h"
 #include "faults.h"
 #include "recording.h"
+#include "repair-model.h"
 #include "tools/mp4-reader.h"
 
-constexpr uint64_t second = 1'000'000'000; // in nanoseconds
-
-struct sample {
-    uint8_t track;
-    uint32_t offset, size; // in the file
-    int32_t seconds;
-    uint32_t nanoseconds;
-    int32_t key;           // as it was given
-    bool operator==(const sample &) const = default;
-    uint64_t time() const { return uint64_t(seconds) * second + nanoseconds; }
-};
+using model::sample, model::second;
 
 /** What stood in both files after a write, an append or a sync, and what of it was durable. */
 struct state {
@@ -61,7 +52,7 @@ struct plan {
 
 struct recording {
     std::string name;
-    std::vector<uint32_t> timescales; // of the tracks
+    std::vector<mp4_track_desc> tracks;
     std::vector<sample> samples;      // in the order of the file
     std::vector<state> states;
     bytes open; // the media file before it was closed
@@ -124,8 +115,7 @@ inline std::vector<recording> recordings_of(const plan &p, const std::string &st
     for (uint32_t number = 0; number < uint32_t(p.files); number++) {
         recording r;
         r.name = p.name + (p.files > 1 ? "." + std::to_string(number + 1) : "");
-        for (const auto &[stream, limit, desc] : p.tracks)
-            r.timescales.push_back(desc.type == MP4_TRACK_AAC ? desc.audio.sample_rate : 90000);
+        for (const track_plan &t : p.tracks) r.tracks.push_back(t.desc);
         r.states.push_back({});
         const auto next_state = [&r]() -> state & { return r.states.push_back(r.states.back()), r.states.back(); };
         const descriptor file;
