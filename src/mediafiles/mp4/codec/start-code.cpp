@@ -114,8 +114,8 @@ start_code find_start_code(const uint8_t *data, uint32_t len)
         const uint8_t *const end = last - at > block ? at + block : last;
         at = search(at, end);
         if (at >= end) continue;
-        const auto p = static_cast<uint32_t>(at - data);
-        return p > 0 && at[-1] == 0 ? start_code{p - 1, 4} : start_code{p, 3};
+        const auto p = static_cast<uint32_t>(at - data); // above 0, where a code was looked for first
+        return at[-1] == 0 ? start_code{p - 1, 4} : start_code{p, 3};
     }
     return {len - 2, 0};
 }
