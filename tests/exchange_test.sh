@@ -78,8 +78,6 @@ for build in "$@"; do
     cmp "$work/said-1" "$work/said-$n"
     diff -rq "$work/repaired-1" "$work/repaired-$n"
 done
-for file in "$work"/repaired-1/*.mp4; do
-    "$first/tests/check-mp4" "$file"
-done
+"$first/tests/check-mp4" "$work"/repaired-1/*.mp4 >/dev/null
 files=$(find "$work/1" "$work/repaired-1" -type f | wc -l)
 echo "$n builds, $files files each, $(cat "$work"/1/* "$work"/repaired-1/* | wc -c) bytes: the same"
