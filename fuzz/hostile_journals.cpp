@@ -39,7 +39,7 @@ struct model {
         record(MEMENTO_SPS, 0, {0x1EC04267}), record(MEMENTO_PPS, 0, {0x803CCE68});
         record(MEMENTO_VPS, 2, {0x010C0140}), record(MEMENTO_SEI, 2, {0x0501014E}), record(MEMENTO_USER, 9, {7});
         uint32_t offset = 32;
-        for (const uint32_t track : {0, 1, 2, 0, 1, 0}) {
+        for (const uint32_t track : {0u, 1u, 2u, 0u, 1u, 0u}) {
             record(MEMENTO_SAMPLE, track, {offset, 20 + track, offset / 30, 0, offset * 1000, track & 1});
             offset += 20 + track;
         }
