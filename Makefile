@@ -57,6 +57,7 @@ soak:
 	cmake --preset sanitizers
 	cmake --build out/sanitizers -j $(JOBS)
 	out/sanitizers/fuzz/hostile-journals 1000000
+
 # Which branches of the library its tests take; fails when they are too few.
 coverage:
 	scripts/install-packages build test coverage
@@ -81,7 +82,7 @@ test-cross:
 
 # The tests under the sanitizers of clang; those of gcc are part of test.
 test-clang:
-	scripts/install-packages build tools test
+	scripts/install-packages build tools test fuzz
 	cmake --preset clang-sanitizers
 	cmake --build out/clang-sanitizers -j $(JOBS)
 	ctest --test-dir out/clang-sanitizers --output-on-failure -j $(JOBS)
