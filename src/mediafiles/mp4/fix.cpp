@@ -28,7 +28,7 @@
 #include <mediafiles/stream.h>
 
 #include "mediafiles/log.h"
-#include "mediafiles/memento-record.h"
+#include "mediafiles/journal/memento-record.h"
 #include "mediafiles/mp4/layout.h"
 #include "mediafiles/ownership.h"
 #include "mediafiles/refuse.h"

@@ -12,8 +12,8 @@
 #include <mediafiles/movie.h>
 #include <mediafiles/track.h>
 
-#include "mediafiles/journal.h"
-#include "mediafiles/memento-record.h"
+#include "mediafiles/journal/memento-record.h"
+#include "mediafiles/journal/samples.h"
 #include "mediafiles/ownership.h"
 #include "mediafiles/refuse.h"
 

@@ -14,7 +14,7 @@
 #include <mediafiles/track.h>
 
 #include "mediafiles/byte-order.h"
-#include "mediafiles/journal.h"
+#include "mediafiles/journal/samples.h"
 #include "mediafiles/mp4/gather.h"
 #include "mediafiles/ownership.h"
 
