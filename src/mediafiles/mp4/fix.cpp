@@ -1,18 +1,20 @@
 // Repair of a recording that was cut off.
 //
 //     mp4_fix                          mp4_fix2
-//     initFixContext                   initFixContext
-//     load the journal                 load the journal
-//     writeHeaderToMP4Head             writeHeaderToMP4Head
-//                                      count: find the last video sample
+//     open_repair                      open_repair
+//     write_head                       write_head
+//                                      count_video: find the last video sample
 //     replay the journal               replay the journal up to that sample
 //     finish the movie                 finish the movie
-//     writeMetadataToMP4Tail           writeMetadataToMP4Tail
-//     fill the summary, fsync          fill the summary, fsync
+//     write_end                        write_end
+//     fill_info, conclude              fill_info, conclude
 //
 // The journal's samples go, without data, into a movie whose output only
 // counts: so its tables come to hold the places that the samples have in the
 // file. The file itself is written at its head and at its end.
+//
+// Names in this file are in snake_case. Names that are printed are part of the
+// interface: they are text, and no name in this file has to match them.
 
 #include <cerrno>
 #include <cstdio>
@@ -27,8 +29,8 @@
 #include <mediafiles/fix.h>
 #include <mediafiles/stream.h>
 
-#include "mediafiles/log.h"
 #include "mediafiles/journal/memento-record.h"
+#include "mediafiles/log.h"
 #include "mediafiles/mp4/layout.h"
 #include "mediafiles/ownership.h"
 #include "mediafiles/refuse.h"
@@ -36,25 +38,8 @@
 namespace mediafiles {
 namespace {
 
-// One repair. The trailing-frame check is mp4_fix2's alone.
-struct mp4_fix_ctx {
-    mp4_fix_callback callback;
-    int32_t fd;         // the MP4 file, or -1 when there is none
-    uint32_t len;       // its size when it was opened; samples from here on never reached it
-    int32_t videoCount; // video samples that begin inside the file
-    uint32_t dropSize;  // bytes from the last video sample on
-    bool lastFound;     // the replay has met its time
-    int32_t lastSec;    // its time
-    uint32_t lastNsec;
-    mp4_stream *outStream;  // the file, without cache, or a null stream
-    mp4_stream *metaStream; // where head and moov are composed
-    mp4_stream *nullStream; // receives the replayed media; its position is the replay's
-    mp4_movie *movie;
-    mp4_atom mdat;
-    mp4_fix_info info;
-};
-
-// Log lines are part of the interface, their line numbers included.
+// Log lines are part of the interface, their function names and line numbers
+// included.
 constexpr const char *log_path = "src/mediafiles/mp4/fix";
 
 struct log_line {
@@ -69,6 +54,11 @@ constexpr log_line journal_failed = {"mediafile_caretaker_errcode [%s:%s:%d]: %s
 constexpr log_line movie_failed = {"mp4_movie_errcode [%s:%s:%d]: %s\n", "fix", 273};
 constexpr log_line tail_failed = {"exit fialed\n [%s:%s:%d]: %s\n", "fix", 295};
 
+// The function names in the lines on standard output and of the trace.
+constexpr const char *printed_check = "checkFrame";
+constexpr const char *printed_tail = "writeMetadataToMP4Tail";
+constexpr const char *printed_fix2 = "fix2";
+
 constexpr int log_trace = 8;
 constexpr int no_cause = -1; // errno of mp4_fix2 when a repair fails
 
@@ -82,7 +72,7 @@ void log_failure_line(const log_line &what, int error)
 struct failure {
     int code = 0;                   // errno; 0 for none
     const log_line *line = nullptr; // of the step, when it has one
-    int logged = 0;                 // the error that the line tells
+    int logged = 0;                 // the error that the line names
 };
 
 failure failed(const log_line *line = nullptr)
@@ -90,51 +80,96 @@ failure failed(const log_line *line = nullptr)
     return {errno, line, errno};
 }
 
-void releaseFixContext(mp4_fix_ctx *ctx)
+// The end of a repair that reports a code: none is success.
+int result_of(int code)
 {
-    if (ctx->movie) mp4_movie_destroy(ctx->movie);
-    for (mp4_stream *stream : {ctx->nullStream, ctx->metaStream, ctx->outStream})
-        if (stream) stream->destroy(stream);
-    if (ctx->fd >= 0) close(ctx->fd);
+    if (code == 0) return 0;
+    errno = code;
+    return -1;
 }
 
-using context_ptr = owned<mp4_fix_ctx, releaseFixContext>;
-using journal_ptr = owned<mediafile_caretaker, mediafile_caretaker_destroy>;
+struct owned_descriptor {
+    int fd = -1;
 
-int openFile(mp4_fix_ctx *ctx, const char *path)
-{
-    ctx->fd = open(path, O_RDWR);
-    if (ctx->fd < 0) return -1;
-    struct stat status;
-    if (fstat(ctx->fd, &status) != 0) return -1;
-    ctx->len = static_cast<uint32_t>(status.st_size);
-    ctx->outStream = mp4_file_stream_create(ctx->fd, 0);
-    return ctx->outStream ? 0 : -1;
-}
-
-// Leaves a context that releaseFixContext can release, also on failure.
-int initFixContext(mp4_fix_ctx *ctx, const char *path)
-{
-    *ctx = {};
-    ctx->fd = -1;
-    if (path) {
-        if (openFile(ctx, path) != 0) return -1;
-    } else {
-        ctx->len = UINT32_MAX;
-        if (!(ctx->outStream = mp4_null_stream_create())) return -1;
+    owned_descriptor() = default;
+    owned_descriptor(const owned_descriptor &) = delete;
+    owned_descriptor &operator=(const owned_descriptor &) = delete;
+    ~owned_descriptor()
+    {
+        if (fd < 0) return;
+        errno_saver keep;
+        close(fd);
     }
-    if (!(ctx->metaStream = mp4_memory_stream_create())) return -1;
-    if (!(ctx->nullStream = mp4_null_stream_create())) return -1;
-    return (ctx->movie = mp4_movie_create()) ? 0 : -1;
+};
+
+// One repair. The last members are released first.
+struct fix_context {
+    mp4_fix_callback callback = nullptr;
+    mp4_atom mdat = {};
+    mp4_fix_info info = {};
+    uint32_t len = UINT32_MAX; // the file's size when it was opened; samples from here on never reached it
+
+    // The check for the last video sample, of mp4_fix2 alone.
+    int32_t video_count = 0; // video samples that begin inside the file
+    uint32_t drop_size = 0;  // bytes from the last video sample on
+    bool last_found = false; // the replay has met its time
+    int32_t last_sec = 0;    // its time
+    uint32_t last_nsec = 0;
+
+    owned_descriptor file;                // the MP4 file; -1 when there is none
+    owned_object<mp4_stream> out_stream;  // the file, without cache, or a null stream
+    owned_object<mp4_stream> meta_stream; // where head and moov are composed
+    owned_object<mp4_stream> null_stream; // receives the replayed media; its position is the replay's
+    owned<mp4_movie, mp4_movie_destroy> movie;
+    owned<mediafile_caretaker, mediafile_caretaker_destroy> journal;
+};
+
+int open_file(fix_context *ctx, const char *path)
+{
+    ctx->file.fd = open(path, O_RDWR);
+    if (ctx->file.fd < 0) return -1;
+    struct stat status;
+    if (fstat(ctx->file.fd, &status) != 0) return -1;
+    ctx->len = static_cast<uint32_t>(status.st_size);
+    ctx->out_stream.reset(mp4_file_stream_create(ctx->file.fd, 0));
+    return ctx->out_stream ? 0 : -1;
 }
 
-int writeHeaderToMP4Head(mp4_fix_ctx *ctx)
+int open_outputs(fix_context *ctx, const char *path)
 {
-    mp4_stream *meta = ctx->metaStream;
-    if (compose_head(meta, ctx->movie, &ctx->mdat) != 0) return -1;
+    if (path) {
+        if (open_file(ctx, path) != 0) return -1;
+    } else {
+        ctx->out_stream.reset(mp4_null_stream_create());
+        if (!ctx->out_stream) return -1;
+    }
+    ctx->meta_stream.reset(mp4_memory_stream_create());
+    if (!ctx->meta_stream) return -1;
+    ctx->null_stream.reset(mp4_null_stream_create());
+    if (!ctx->null_stream) return -1;
+    ctx->movie.reset(mp4_movie_create());
+    return ctx->movie ? 0 : -1;
+}
+
+// Opens the file, then the journal. Without a journal the repair ends here, and
+// this is its result; `line` is logged when the journal is the cause.
+int open_repair(fix_context *ctx, const char *mp4_path, const char *journal_path, const log_line *line)
+{
+    if (open_outputs(ctx, mp4_path) != 0) return -1;
+    ctx->journal.reset(mediafile_caretaker_load(journal_path));
+    if (ctx->journal) return 0;
+    const int error = errno;
+    if (line) log_failure_line(*line, error);
+    return result_of(error);
+}
+
+int write_head(fix_context *ctx)
+{
+    mp4_stream *meta = ctx->meta_stream.get();
+    if (compose_head(meta, ctx->movie.get(), &ctx->mdat) != 0) return -1;
     // The replay begins where the first byte of media lies.
-    if (ctx->nullStream->seek(ctx->nullStream, meta->tell(meta)) != 0) return -1;
-    return meta->copy_to(meta, ctx->outStream) != 0 ? -1 : 0;
+    if (ctx->null_stream->seek(ctx->null_stream.get(), meta->tell(meta)) != 0) return -1;
+    return meta->copy_to(meta, ctx->out_stream.get()) != 0 ? -1 : 0;
 }
 
 const uint8_t *payload(const memento *record)
@@ -142,13 +177,13 @@ const uint8_t *payload(const memento *record)
     return reinterpret_cast<const uint8_t *>(record) + sizeof(memento);
 }
 
-int addTrackFromMemento(mp4_fix_ctx *ctx, const memento *record)
+int add_track(fix_context *ctx, const memento *record)
 {
     mp4_track_desc desc;
     memcpy(&desc, payload(record), sizeof desc);
     const mp4_track_desc given = desc;
     desc.type |= MP4_TRACK_RAW;
-    const int index = mp4_movie_add_track(ctx->movie, &desc);
+    const int index = mp4_movie_add_track(ctx->movie.get(), &desc);
     if (index < 0) return -1;
     ctx->info.tracks[index].desc = given;
     return 0;
@@ -160,157 +195,147 @@ int32_t low_seconds(const sample_memento &sample)
 }
 
 // Notes whether the sample has the time of the last video sample.
-void checkFrame(mp4_fix_ctx *ctx, const sample_memento &sample)
+void check_frame(fix_context *ctx, const sample_memento &sample)
 {
-    if (low_seconds(sample) != ctx->lastSec || sample.nanoseconds != ctx->lastNsec) return;
-    ctx->lastFound = true;
-    printf("[%s] find last video frame! hStream=%d, len=%d, key=%d. ctx->dropSize=%d. (%ld:%ld)\n", __func__,
-           sample.header.track, static_cast<int>(sample.len), sample.key, static_cast<int>(ctx->dropSize),
-           static_cast<long>(ctx->lastSec), static_cast<long>(ctx->lastNsec));
+    if (low_seconds(sample) != ctx->last_sec || sample.nanoseconds != ctx->last_nsec) return;
+    ctx->last_found = true;
+    printf("[%s] find last video frame! hStream=%d, len=%d, key=%d. ctx->dropSize=%d. (%ld:%ld)\n", printed_check,
+           sample.header.track, static_cast<int>(sample.len), sample.key, static_cast<int>(ctx->drop_size),
+           static_cast<long>(ctx->last_sec), static_cast<long>(ctx->last_nsec));
 }
 
-uint32_t replay_position(mp4_fix_ctx *ctx)
+uint32_t replay_position(fix_context *ctx)
 {
-    return ctx->nullStream->tell(ctx->nullStream);
+    return ctx->null_stream->tell(ctx->null_stream.get());
 }
 
-int replay_sample(mp4_fix_ctx *ctx, const sample_memento &sample)
+int replay_sample(fix_context *ctx, const sample_memento &sample)
 {
     if (sample.offset < replay_position(ctx)) return refuse(EBADMSG);
     if (sample.offset >= ctx->len) return 0; // it never reached the file
-    if (ctx->videoCount > 0) checkFrame(ctx, sample);
-    if (ctx->lastFound) return 0;
+    if (ctx->video_count > 0) check_frame(ctx, sample);
+    if (ctx->last_found) return 0;
 
     const uint8_t track = sample.header.track;
     const mp4_frame frame = {
         track, nullptr, sample.len, {low_seconds(sample), static_cast<int32_t>(sample.nanoseconds)}, sample.key};
-    if (mp4_movie_add_frame(ctx->movie, &frame) != 0) return -1;
+    if (mp4_movie_add_frame(ctx->movie.get(), &frame) != 0) return -1;
     ++ctx->info.tracks[track].frameCount;
     return 0;
 }
 
-int replay_record(mp4_fix_ctx *ctx, const memento *record)
+int replay_record(fix_context *ctx, const memento *record)
 {
     switch (record->kind) {
     case MEMENTO_USER:
         if (ctx->callback) ctx->callback(record);
         return 0;
     case MEMENTO_TRACK:
-        return addTrackFromMemento(ctx, record);
+        return add_track(ctx, record);
     case MEMENTO_SAMPLE:
         return replay_sample(ctx, whole_memento<sample_memento>(record));
     case MEMENTO_VPS:
-        return mp4_movie_set_track_vps(ctx->movie, record->track, payload(record), record->length);
+        return mp4_movie_set_track_vps(ctx->movie.get(), record->track, payload(record), record->length);
     case MEMENTO_SPS:
-        return mp4_movie_set_track_sps(ctx->movie, record->track, payload(record), record->length);
+        return mp4_movie_set_track_sps(ctx->movie.get(), record->track, payload(record), record->length);
     case MEMENTO_PPS:
-        return mp4_movie_set_track_pps(ctx->movie, record->track, payload(record), record->length);
+        return mp4_movie_set_track_pps(ctx->movie.get(), record->track, payload(record), record->length);
     default:
         return 0;
     }
 }
 
-// With outStream's file cut to the end of the replayed media, its tail is
-// written as a recording's is.
-int writeMetadataToMP4Tail(mp4_fix_ctx *ctx)
+// Cuts the file to the end of the replayed media, then writes its tail as a
+// recording's is written.
+int write_end(fix_context *ctx)
 {
     const uint32_t end = replay_position(ctx);
-    if (ctx->fd >= 0) {
-        printf("[%s] ftruncate(), len=%d, ctx->dropSize=%d\n", __func__, static_cast<int>(end),
-               static_cast<int>(ctx->dropSize));
-        while (ftruncate(ctx->fd, static_cast<off_t>(uint64_t{end})) != 0)
+    if (ctx->file.fd >= 0) {
+        printf("[%s] ftruncate(), len=%d, ctx->dropSize=%d\n", printed_tail, static_cast<int>(end),
+               static_cast<int>(ctx->drop_size));
+        while (ftruncate(ctx->file.fd, static_cast<off_t>(uint64_t{end})) != 0)
             if (errno != EINTR) return -1;
     }
-    if (ctx->outStream->seek(ctx->outStream, end) != 0) return -1;
-    return write_tail(ctx->outStream, ctx->metaStream, ctx->movie, &ctx->mdat);
+    if (ctx->out_stream->seek(ctx->out_stream.get(), end) != 0) return -1;
+    return write_tail(ctx->out_stream.get(), ctx->meta_stream.get(), ctx->movie.get(), &ctx->mdat);
 }
 
 // From the journal's first record to the end of the file.
-failure replay_and_finish(mp4_fix_ctx *ctx, mediafile_caretaker *journal)
+failure replay_and_finish(fix_context *ctx)
 {
-    while (const memento *record = mediafile_caretaker_pop(journal))
+    while (const memento *record = mediafile_caretaker_pop(ctx->journal.get()))
         if (replay_record(ctx, record) != 0) return failed();
 
-    if (const int code = mediafile_caretaker_errcode(journal); code != 0) return {code, &journal_failed, errno};
-    mp4_movie_finish_record(ctx->movie);
+    if (const int code = mediafile_caretaker_errcode(ctx->journal.get()); code != 0)
+        return {code, &journal_failed, errno};
+    mp4_movie_finish_record(ctx->movie.get());
     if (const int code = ctx->movie->error; code != 0) return {code, &movie_failed, errno};
-    if (writeMetadataToMP4Tail(ctx) != 0) return failed(&tail_failed);
+    if (write_end(ctx) != 0) return failed(&tail_failed);
     return {};
 }
 
-failure fix(mp4_fix_ctx *ctx, mediafile_caretaker *journal)
+failure fix(fix_context *ctx)
 {
-    if (writeHeaderToMP4Head(ctx) != 0) return failed();
-    mp4_movie_begin_record(ctx->movie, ctx->nullStream, nullptr);
-    return replay_and_finish(ctx, journal);
+    if (write_head(ctx) != 0) return failed();
+    mp4_movie_begin_record(ctx->movie.get(), ctx->null_stream.get(), nullptr);
+    return replay_and_finish(ctx);
 }
 
-void fill_info(mp4_fix_ctx *ctx)
+void fill_info(fix_context *ctx)
 {
     mp4_fix_info &info = ctx->info;
-    mp4_movie_timespan(ctx->movie, &info.timespan);
-    info.fileSize = ctx->outStream->tell(ctx->outStream);
+    mp4_movie_timespan(ctx->movie.get(), &info.timespan);
+    info.fileSize = ctx->out_stream->tell(ctx->out_stream.get());
     info.trackCount = ctx->movie->next_track_id - 1;
     for (uint32_t i = 0; i < info.trackCount; ++i)
-        mp4_movie_track_timespan(ctx->movie, ctx->movie->tracks[i], &info.tracks[i].timespan);
+        mp4_movie_track_timespan(ctx->movie.get(), ctx->movie->tracks[i], &info.tracks[i].timespan);
 }
 
 // Hands out the summary and makes the file durable.
-int conclude(mp4_fix_ctx *ctx, mp4_fix_info *info)
+int conclude(fix_context *ctx, mp4_fix_info *info)
 {
     if (info) *info = ctx->info;
-    return ctx->fd >= 0 && fsync(ctx->fd) != 0 ? -1 : 0;
+    return ctx->file.fd >= 0 && fsync(ctx->file.fd) != 0 ? -1 : 0;
 }
 
 // Finds the last video sample that begins inside the file, and counts what
 // goes with it. A damaged record ends the count; the replay meets it again.
-void count_video(mp4_fix_ctx *ctx, mediafile_caretaker *journal)
+void count_video(fix_context *ctx)
 {
-    ctx->videoCount = 0;
-    ctx->dropSize = 0;
-    ctx->lastFound = false;
-    while (const memento *record = mediafile_caretaker_pop(journal)) {
+    while (const memento *record = mediafile_caretaker_pop(ctx->journal.get())) {
         if (record->kind != MEMENTO_SAMPLE) continue;
         const auto &sample = whole_memento<sample_memento>(record);
         if (sample.offset < replay_position(ctx) || sample.offset >= ctx->len) continue;
         if (record->track != 0) {
-            ctx->dropSize += sample.len;
+            ctx->drop_size += sample.len;
             continue;
         }
-        ++ctx->videoCount;
-        ctx->lastSec = low_seconds(sample);
-        ctx->lastNsec = sample.nanoseconds;
-        ctx->dropSize = sample.len;
+        ++ctx->video_count;
+        ctx->last_sec = low_seconds(sample);
+        ctx->last_nsec = sample.nanoseconds;
+        ctx->drop_size = sample.len;
     }
 }
 
-enum class outcome { repaired, left_alone, refused };
+enum class decision { repaired, left_alone, refused };
 
-outcome fix2(mp4_fix_ctx *ctx, mediafile_caretaker *journal)
+decision fix2(fix_context *ctx)
 {
-    if (writeHeaderToMP4Head(ctx) != 0) return outcome::refused;
-    mp4_movie_begin_record(ctx->movie, ctx->nullStream, nullptr);
-    if (log_enabled(log_trace)) __printLog(log_trace, "[%s] ctx->len=%d\n", __func__, static_cast<int>(ctx->len));
+    if (write_head(ctx) != 0) return decision::refused;
+    mp4_movie_begin_record(ctx->movie.get(), ctx->null_stream.get(), nullptr);
+    if (log_enabled(log_trace)) __printLog(log_trace, "[%s] ctx->len=%d\n", printed_fix2, static_cast<int>(ctx->len));
 
-    count_video(ctx, journal);
-    if (ctx->videoCount <= 0) {
-        printf("[%s] ctx->videoCount=%d, drop file!\n", __func__, ctx->videoCount);
-        return outcome::refused;
+    count_video(ctx);
+    if (ctx->video_count <= 0) {
+        printf("[%s] ctx->videoCount=%d, drop file!\n", printed_fix2, ctx->video_count);
+        return decision::refused;
     }
-    if (ctx->videoCount == 1) {
-        printf("[%s] ctx->videoCount=%d, don't fixed file!\n", __func__, ctx->videoCount);
-        return outcome::left_alone;
+    if (ctx->video_count == 1) {
+        printf("[%s] ctx->videoCount=%d, don't fixed file!\n", printed_fix2, ctx->video_count);
+        return decision::left_alone;
     }
-    mediafile_caretaker_reset2(journal);
-    return replay_and_finish(ctx, journal).code == 0 ? outcome::repaired : outcome::refused;
-}
-
-// The end of a repair that reports a code: none is success.
-int result_of(int code)
-{
-    if (code == 0) return 0;
-    errno = code;
-    return -1;
+    mediafile_caretaker_reset2(ctx->journal.get());
+    return replay_and_finish(ctx).code == 0 ? decision::repaired : decision::refused;
 }
 
 } // namespace
@@ -320,19 +345,12 @@ using namespace mediafiles;
 
 int mp4_fix(const char *mp4_path, const char *journal_path, mp4_fix_callback callback, mp4_fix_info *info)
 {
-    mp4_fix_ctx ctx;
-    const int initialised = initFixContext(&ctx, mp4_path);
-    const context_ptr release(&ctx);
-    if (initialised != 0) return -1;
+    fix_context ctx;
     ctx.callback = callback;
+    const int opened = open_repair(&ctx, mp4_path, journal_path, &journal_not_loaded);
+    if (!ctx.journal) return opened;
 
-    const journal_ptr journal(mediafile_caretaker_load(journal_path));
-    if (!journal) {
-        const int error = errno;
-        log_failure_line(journal_not_loaded, error);
-        return result_of(error);
-    }
-    if (const failure cause = fix(&ctx, journal.get()); cause.code != 0) {
+    if (const failure cause = fix(&ctx); cause.code != 0) {
         if (cause.line) log_failure_line(*cause.line, cause.logged);
         log_failure_line(not_fixed, cause.code);
         return result_of(cause.code);
@@ -343,16 +361,13 @@ int mp4_fix(const char *mp4_path, const char *journal_path, mp4_fix_callback cal
 
 int mp4_fix2(const char *mp4_path, const char *journal_path, mp4_fix_callback callback, mp4_fix_info *info)
 {
-    mp4_fix_ctx ctx;
-    const int initialised = initFixContext(&ctx, mp4_path);
-    const context_ptr release(&ctx);
-    if (initialised != 0) return -1;
+    fix_context ctx;
     ctx.callback = callback;
+    const int opened = open_repair(&ctx, mp4_path, journal_path, nullptr);
+    if (!ctx.journal) return opened;
 
-    const journal_ptr journal(mediafile_caretaker_load(journal_path));
-    if (!journal) return result_of(errno);
-    const outcome result = fix2(&ctx, journal.get());
-    if (result == outcome::refused) return result_of(no_cause);
-    if (result == outcome::repaired) fill_info(&ctx);
+    const decision result = fix2(&ctx);
+    if (result == decision::refused) return result_of(no_cause);
+    if (result == decision::repaired) fill_info(&ctx);
     return conclude(&ctx, info);
 }

@@ -14,8 +14,9 @@
 namespace mediafiles {
 namespace {
 
-// This appears in a line of output, which is part of the interface.
-constexpr const char *source_path = "src/mediafiles/mp4/h265-track";
+// These appear in a line of output, which is part of the interface.
+constexpr const char *printed_path = "src/mediafiles/mp4/h265-track";
+constexpr const char *printed_create = "mp4_h265_track_create";
 
 // NAL unit types, ITU-T H.265, table 7-1
 constexpr uint8_t trail_r = 1;
@@ -72,7 +73,7 @@ mp4_track *mp4_h265_track_create(uint32_t id, int width, int height, uint32_t ra
 {
     auto record = h265_track::create_record();
     if (!record) return nullptr;
-    printf("[%s:%s] id=%d, width=%d, height=%d.\n", source_path, __func__, static_cast<int>(id), width, height);
+    printf("[%s:%s] id=%d, width=%d, height=%d.\n", printed_path, printed_create, static_cast<int>(id), width, height);
     return h265_track::create_track(std::move(record), id, width, height, raw);
 }
 
