@@ -98,7 +98,7 @@ void find_cursor(array_stream *array)
 }
 
 // Makes room at the cursor.
-[[gnu::noinline]] bool make_room(array_stream *array)
+bool make_room(array_stream *array)
 {
     if (array->cursor == most_elements) {
         errno = ENOMEM;

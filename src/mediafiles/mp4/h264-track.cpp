@@ -1,6 +1,8 @@
 // The H.264 track: the splitter with the traits of H.264, the two parameter
 // sets that it keeps, and the sample entry that is written from them.
 
+#include <utility>
+
 #include <mediafiles/atom.h>
 #include <mediafiles/caretaker.h>
 #include <mediafiles/h264-parser.h>
@@ -28,8 +30,8 @@ struct h264_codec {
     static bool runs_to_end(uint8_t type) { return type == 1 || type == 5; }
 
     static constexpr kept_unit<record> kept[] = {
-        {7, MEMENTO_SPS, &record::sps, &mp4_track::set_sps},
-        {8, MEMENTO_PPS, &record::pps, &mp4_track::set_pps},
+        keep_in<record, &record::sps>(7, MEMENTO_SPS, &mp4_track::set_sps),
+        keep_in<record, &record::pps>(8, MEMENTO_PPS, &mp4_track::set_pps),
     };
 
     static constexpr child_box entry = {"avc1", mp4_atom_avc1_write};

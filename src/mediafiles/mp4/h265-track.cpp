@@ -2,6 +2,7 @@
 // that it keeps, and the sample entry that is written from them.
 
 #include <cstdio>
+#include <utility>
 
 #include <mediafiles/atom.h>
 #include <mediafiles/caretaker.h>
@@ -43,10 +44,10 @@ struct h265_codec {
     static bool runs_to_end(uint8_t type) { return type == trail_r || type == idr_w_radl; }
 
     static constexpr kept_unit<record> kept[] = {
-        {vps_nut, MEMENTO_VPS, &record::vps, &mp4_track::set_vps},
-        {sps_nut, MEMENTO_SPS, &record::sps, &mp4_track::set_sps},
-        {pps_nut, MEMENTO_PPS, &record::pps, &mp4_track::set_pps},
-        {prefix_sei_nut, MEMENTO_SEI, &record::sei, &mp4_track::set_sei},
+        keep_in<record, &record::vps>(vps_nut, MEMENTO_VPS, &mp4_track::set_vps),
+        keep_in<record, &record::sps>(sps_nut, MEMENTO_SPS, &mp4_track::set_sps),
+        keep_in<record, &record::pps>(pps_nut, MEMENTO_PPS, &mp4_track::set_pps),
+        keep_in<record, &record::sei>(prefix_sei_nut, MEMENTO_SEI, &mp4_track::set_sei),
     };
 
     static constexpr child_box entry = {"hev1", mp4_atom_hev1_write};

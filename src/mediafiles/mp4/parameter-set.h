@@ -34,14 +34,27 @@ struct parameter_set {
     }
 };
 
-// A NAL unit type that is kept: as which memento, where, and the hook that
-// sets it when samples arrive as they are stored.
+// A NAL unit type that is kept: as which memento, and in which set of the
+// codec's record. A track whose samples arrive as they are stored gets
+// `set_copy` as its hook `setter`.
 template <class Record>
 struct kept_unit {
+    using set_function = void(mp4_track *, const void *, uint32_t);
+
     uint8_t type;
     uint8_t kind;
+    set_function *mp4_track::*setter;
     parameter_set Record::*set;
-    void (*mp4_track::*setter)(mp4_track *, const void *, uint32_t);
+    set_function *set_copy;
 };
+
+template <class Record, parameter_set Record::*Set>
+constexpr kept_unit<Record> keep_in(uint8_t type, uint8_t kind,
+                                    typename kept_unit<Record>::set_function *mp4_track::*setter)
+{
+    return {type, kind, setter, Set, [](mp4_track *track, const void *data, uint32_t len) {
+                (static_cast<Record *>(track->codec_data)->*Set).keep(data, len);
+            }};
+}
 
 } // namespace mediafiles

@@ -7,8 +7,6 @@
 //     configuration    the box in it, with its body writer
 #pragma once
 
-#include <utility>
-
 #include <mediafiles/track.h>
 
 #include "mediafiles/mp4/annexb.h"
@@ -39,10 +37,11 @@ struct video_track {
         track->on_begin_record = begin_record;
         track->on_destroy = destroy_record;
         track->write_sample_entry = write_sample_entry;
-        if (raw)
-            fill_setters(track, std::make_index_sequence<std::size(Codec::kept)>());
-        else
+        if (raw) {
+            for (const auto &unit : Codec::kept) track->*unit.setter = unit.set_copy;
+        } else {
             track->add_sample = add_access_unit<Codec>;
+        }
         return track;
     }
 
@@ -74,18 +73,6 @@ private:
     static int write_sample_entry(mp4_track *track, mp4_atom *parent, mp4_stream *stream)
     {
         return write_box(stream, Codec::entry.type, Codec::entry.body, parent->movie, track);
-    }
-
-    template <size_t Unit>
-    static void set(mp4_track *track, const void *data, uint32_t len)
-    {
-        (record_of(track).*Codec::kept[Unit].set).keep(data, len);
-    }
-
-    template <size_t... Unit>
-    static void fill_setters(mp4_track *track, std::index_sequence<Unit...>)
-    {
-        ((track->*Codec::kept[Unit].setter = set<Unit>), ...);
     }
 };
 

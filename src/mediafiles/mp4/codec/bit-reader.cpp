@@ -7,7 +7,6 @@
 
 #include <mediafiles/h265-parser.h>
 
-#include "mediafiles/mp4/codec/second-name.h"
 #include "mediafiles/refuse.h"
 
 namespace mediafiles {
@@ -110,6 +109,17 @@ int h264_bs_read_se(h264_bs *bs, int32_t *out)
     return read_se(bs, out);
 }
 
-int h265_bs_read_bits(h265_bs *, int, uint32_t *) SECOND_NAME_OF(h264_bs_read_bits);
-int h265_bs_read_ue(h265_bs *, uint32_t *) SECOND_NAME_OF(h264_bs_read_ue);
-int h265_bs_read_se(h265_bs *, int32_t *) SECOND_NAME_OF(h264_bs_read_se);
+int h265_bs_read_bits(h265_bs *bs, int n, uint32_t *out)
+{
+    return read_bits(bs, n, out);
+}
+
+int h265_bs_read_ue(h265_bs *bs, uint32_t *out)
+{
+    return read_ue(bs, out);
+}
+
+int h265_bs_read_se(h265_bs *bs, int32_t *out)
+{
+    return read_se(bs, out);
+}

@@ -1,4 +1,5 @@
-// What is of H.265 alone: its NAL unit header and the video parameter set.
+// The fields of H.265 units. Slice header and sequence parameter set are read
+// by the code of H.264.
 
 #include <cerrno>
 #include <cstdio>
@@ -6,7 +7,7 @@
 #include <mediafiles/h265-parser.h>
 
 #include "mediafiles/mp4/codec/bit-reader.h"
-#include "mediafiles/mp4/codec/leading-fields.h"
+#include "mediafiles/mp4/codec/h264-parser.h"
 #include "mediafiles/mp4/codec/nal-header.h"
 #include "mediafiles/ownership.h"
 #include "mediafiles/refuse.h"
@@ -14,8 +15,8 @@
 namespace mediafiles {
 namespace {
 
-// Reads bits that have only one value. Where they have another, a line tells,
-// and errno stays as it is.
+// Reads bits that have only one value. Another value is reported on standard
+// output, and errno stays as it is.
 bool read_reserved(bit_reader *reader, int n, uint32_t value, const char *complaint)
 {
     uint32_t bits;
@@ -34,6 +35,11 @@ using namespace mediafiles;
 int h265_parser_decode_nal_header(const uint8_t *data, uint32_t len, h265_nal_header *header)
 {
     return decode_nal_header(data, len, header);
+}
+
+int h265_parser_decode_slice_header(const uint8_t *nal, uint32_t len, h265_slice_header *header)
+{
+    return read_slice_header(nal, len, header);
 }
 
 int h265_parser_decode_vps(const uint8_t *nal, uint32_t len, h265_vps *vps)

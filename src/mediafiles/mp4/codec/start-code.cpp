@@ -11,8 +11,6 @@
 
 #include <mediafiles/h265-parser.h>
 
-#include "mediafiles/mp4/codec/second-name.h"
-
 #if defined(__SSE2__) && !defined(MEDIAFILES_PORTABLE_SEARCH)
 #define SEARCH_SSE2
 #include <emmintrin.h>
@@ -130,5 +128,7 @@ int h264_parser_find_start_code(const uint8_t *data, uint32_t len, uint32_t *off
     return code.found();
 }
 
-int h265_parser_find_start_code(const uint8_t *, uint32_t, uint32_t *, uint32_t *)
-    SECOND_NAME_OF(h264_parser_find_start_code);
+int h265_parser_find_start_code(const uint8_t *data, uint32_t len, uint32_t *offset, uint32_t *code_len)
+{
+    return h264_parser_find_start_code(data, len, offset, code_len);
+}
