@@ -8,6 +8,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <mediafiles/version.h>
+
 #include "command.h"
 #include "inspect-command.h"
 #include "record-command.h"
