@@ -29,7 +29,7 @@ struct mp4_atom {
 /**
  * Writes a whole box: a size placeholder, the type, the body, then the size
  * in place. Sizes are 32-bit (ISO/IEC 14496-12, 4.2). The stream's position
- * ends behind the box; after a failure it is wherever the failing step left it.
+ * ends after the box; after a failure it is where the failing step left it.
  */
 MEDIAFILES_API int mp4_atom_write(mp4_atom *atom, mp4_stream *stream);
 

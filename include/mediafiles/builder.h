@@ -2,14 +2,14 @@
  * The builder: records frames into complete MP4 files.
  *
  *     mp4_builder *builder = mp4_builder_create();
- *     builder->add_track(builder, &description);   once a stream
- *     builder->open(builder, fd, 65536, journal);  once a file
- *     builder->add_frame(builder, &frame);         once a frame
+ *     builder->add_track(builder, &description);   once for each stream
+ *     builder->open(builder, fd, 65536, journal);  once for each file
+ *     builder->add_frame(builder, &frame);         once for each frame
  *     builder->close(builder);
  *     builder->destroy(builder);
  *
  * A file is ftyp at offset 0, the mdat header at 24, the media from 32, and
- * moov behind it. A builder is used by one thread at a time.
+ * moov after it. A builder is used by one thread at a time.
  */
 #ifndef MEDIAFILES_BUILDER_H
 #define MEDIAFILES_BUILDER_H

@@ -51,13 +51,13 @@ MEDIAFILES_API mediafile_caretaker *mediafile_caretaker_load(const char *path);
 MEDIAFILES_API void mediafile_caretaker_destroy(mediafile_caretaker *caretaker);
 
 /**
- * Appends a memento to a writer. The first failure is kept: every later call
- * fails with it until the journal is reset.
+ * Appends a memento to a writer. The error of the first failure stays set: every
+ * later call fails with it until the journal is reset.
  *
  * @param record  header, payload and padding: 4 + ((length + 3) & ~3) bytes,
  *                borrowed for the call
  * @return 0; -1 with errno
- *           EACCES   the journal is a reader (not kept)
+ *           EACCES   the journal is a reader; the error does not stay
  *           EFBIG    the record is larger than MEMENTO_MAX_SIZE
  *           EBADRQC  unknown kind
  *           ENOBUFS  a sample of a track above 7
@@ -70,8 +70,8 @@ MEDIAFILES_API int mediafile_caretaker_add(mediafile_caretaker *caretaker, const
 
 /**
  * Hands out the journal bytes stored since the previous call: whole records,
- * little-endian, ready to be appended to the journal file as they are. A kept
- * error does not stop it.
+ * little-endian, ready to be appended to the journal file as they are. It
+ * works after an error, too.
  *
  * @param count  receives the number of bytes, 0 when nothing is new
  * @return bytes owned by the caretaker, valid until the next
@@ -84,25 +84,25 @@ MEDIAFILES_API const void *mediafile_caretaker_read(mediafile_caretaker *caretak
 /** Empties a writer and clears its error, for the next recording. Does nothing to a reader. */
 MEDIAFILES_API void mediafile_caretaker_reset(mediafile_caretaker *caretaker);
 
-/** Empties a writer likewise; takes a reader back to the first record of its file (an error of seeking is kept). */
+/** Empties a writer likewise; sets a reader back to the first record of its file (an error of seeking stays set). */
 MEDIAFILES_API void mediafile_caretaker_reset2(mediafile_caretaker *caretaker);
 
 /**
  * The next record of a reader.
  *
- * @return owned by the caretaker, valid until the next call. NULL at the end,
- *         a record cut by the end of the file included, with no error kept;
- *         or NULL with errno
- *           EACCES   the journal is a writer (not kept)
- *           EBADMSG  a record that cannot be (kept)
- *           other    from reading (kept)
+ * @return owned by the caretaker, valid until the next call. NULL without an
+ *         error at the end of the file, also when the end cuts a record; or
+ *         NULL with errno
+ *           EACCES   the journal is a writer; the error does not stay
+ *           EBADMSG  an invalid record; the error stays set
+ *           other    from reading; the error stays set
  */
 MEDIAFILES_API const memento *mediafile_caretaker_pop(mediafile_caretaker *caretaker);
 
 /** 1 when a reader has handed out everything that its file holds, else 0. */
 MEDIAFILES_API int mediafile_caretaker_eof(mediafile_caretaker *caretaker);
 
-/** The error that is kept, or 0. Each call while there is one also logs it, at level 4. */
+/** The error that stays set, or 0. While there is one, each call also logs it, at level 4. */
 MEDIAFILES_API int mediafile_caretaker_errcode(mediafile_caretaker *caretaker);
 
 MEDIAFILES_END_DECLS

@@ -2,8 +2,8 @@
  * Repair: a recording that was cut off gets its movie header back, from its
  * journal. The media is neither read nor moved.
  *
- * Nobody may be writing the file or the journal meanwhile. Both functions
- * print what they cut to standard output.
+ * Nothing may write to the file or the journal meanwhile. Both functions print
+ * what they cut to standard output.
  */
 #ifndef MEDIAFILES_FIX_H
 #define MEDIAFILES_FIX_H
@@ -21,19 +21,19 @@ typedef void (*mp4_fix_callback)(const memento *);
 struct mp4_fix_track {
     mp4_track_desc desc; /* as the journal holds it */
     mp4_time timespan;   /* the time that its frames reached */
-    uint32_t frameCount; /* frames brought back */
+    uint32_t frameCount; /* frames restored */
 };
 
 struct mp4_fix_info {
     mp4_time timespan; /* the latest time that any track reached */
     uint32_t fileSize; /* bytes, of the repaired file */
     uint32_t trackCount;
-    mp4_fix_track tracks[8]; /* those beyond trackCount are zero */
+    mp4_fix_track tracks[8]; /* those from trackCount on are zero */
 };
 
 /**
- * Brings back every sample of the journal that begins inside the file: cuts
- * the file behind the last of them, patches the size of mdat and appends
+ * Restores every sample of the journal that begins inside the file: cuts the
+ * file after the last of them, patches the size of mdat and appends
  * moov. A last sample that reaches beyond the end of the file is kept, and its
  * missing bytes are zeros.
  *

@@ -4,8 +4,8 @@
  * and sequence parameter set.
  *
  * All functions work on the caller's records alone. Those that return 0 or -1
- * set errno to ENOSPC when the data ends too early and to EILSEQ for a value
- * that cannot be; fields read before a failure keep their values.
+ * set errno to ENOSPC when the data ends too early and to EILSEQ for an invalid
+ * value; fields read before a failure keep their values.
  */
 #ifndef MEDIAFILES_H264_PARSER_H
 #define MEDIAFILES_H264_PARSER_H
@@ -71,7 +71,7 @@ MEDIAFILES_API int h264_bs_read_se(h264_bs *bs, int32_t *out);
  */
 MEDIAFILES_API int h264_parser_find_start_code(const uint8_t *data, uint32_t len, uint32_t *offset, uint32_t *code_len);
 
-/** Decodes a NAL unit header (7.3.1). data points behind the start code. ENOSPC. */
+/** Decodes a NAL unit header (7.3.1). data begins after the start code. ENOSPC. */
 MEDIAFILES_API int h264_parser_decode_nal_header(const uint8_t *data, uint32_t len, h264_nal_header *header);
 
 /** Decodes the first fields of a slice header (7.3.3). nal: with header byte. ENOSPC; EILSEQ: slice_type above 9. */

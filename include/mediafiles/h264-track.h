@@ -23,7 +23,7 @@ MEDIAFILES_BEGIN_DECLS
  * what follows stays inside its unit. A frame without a start code, ending
  * with one, or with more than H264_MAX_NALS units is dropped without an error.
  *
- * @param width   pixels, low 16 bits; the SPS is not consulted
+ * @param width   pixels, low 16 bits; the SPS is not read for it
  * @param height  likewise
  * @param raw     non-zero: samples are stored as given, parameter sets come
  *                through the setters

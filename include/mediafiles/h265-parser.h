@@ -37,23 +37,23 @@ MEDIAFILES_API int h265_bs_read_se(h265_bs *bs, int32_t *out);
 /** h264_parser_find_start_code. */
 MEDIAFILES_API int h265_parser_find_start_code(const uint8_t *data, uint32_t len, uint32_t *offset, uint32_t *code_len);
 
-/** Decodes a NAL unit header (7.3.1.2), two bytes. data points behind the start code. ENOSPC. */
+/** Decodes a NAL unit header (7.3.1.2), two bytes. data begins after the start code. ENOSPC. */
 MEDIAFILES_API int h265_parser_decode_nal_header(const uint8_t *data, uint32_t len, h265_nal_header *header);
 
-/** Reads two ue(v) behind the first byte of the NAL unit, as h264_parser_decode_slice_header. */
+/** Reads two ue(v) after the first byte of the NAL unit, as h264_parser_decode_slice_header. */
 MEDIAFILES_API int h265_parser_decode_slice_header(const uint8_t *nal, uint32_t len, h265_slice_header *header);
 
 /**
  * Decodes the first fields of a video parameter set (7.3.2.1); nal is the
- * whole NAL unit. Reserved bits that are not as they must be give -1 with
- * errno unchanged and a line on standard output. ENOSPC.
+ * whole NAL unit. Reserved bits with a wrong value give -1 with errno unchanged
+ * and a line on standard output. ENOSPC.
  */
 MEDIAFILES_API int h265_parser_decode_vps(const uint8_t *nal, uint32_t len, h265_vps *vps);
 
 /**
- * Reads eight fields from behind the first byte of the NAL unit, as
- * h264_parser_decode_sps does. profile_idc thus gets the second byte of the
- * NAL unit header, and the rest comes from the two bytes behind it. ENOSPC.
+ * Reads eight fields after the first byte of the NAL unit, as
+ * h264_parser_decode_sps does. So profile_idc gets the second byte of the NAL
+ * unit header, and the other fields come from the two bytes after it. ENOSPC.
  */
 MEDIAFILES_API int h265_parser_decode_sps(const uint8_t *nal, uint32_t len, h265_sps *sps);
 

@@ -15,18 +15,18 @@ MEDIAFILES_BEGIN_DECLS
 #define H265_MAX_NALS 32
 
 /**
- * Makes an H.265 track with a timescale of 90000, and says so in a line on
- * standard output.
+ * Makes an H.265 track with a timescale of 90000, and prints a line on standard
+ * output.
  *
  * Without raw, a frame is one Annex-B access unit: every start code becomes a
  * 4-byte length, and the first VPS, SPS, PPS and prefix SEI of a recording are
  * kept and journaled. A slice of type TRAIL_R (1) or IDR_W_RADL (19) runs to
  * the end of the frame; every other NAL unit ends at the next start code. A
- * frame without a start code (told on standard output), ending within a NAL
+ * frame without a start code (reported on standard output), ending within a NAL
  * unit header, or with more than H265_MAX_NALS units is dropped without an
  * error.
  *
- * @param width   pixels, low 16 bits; the SPS is not consulted
+ * @param width   pixels, low 16 bits; the SPS is not read for it
  * @param height  likewise
  * @param raw     non-zero: samples are stored as given, parameter sets come
  *                through the setters

@@ -5,7 +5,7 @@
 #ifndef MEDIAFILES_VERSION_H
 #define MEDIAFILES_VERSION_H
 
-#include <mediafiles/types.h> /* ISO C wants a declaration in every translation unit */
+#include <mediafiles/types.h> /* ISO C requires a declaration in a translation unit */
 
 #define MEDIAFILES_VERSION_MAJOR 0
 #define MEDIAFILES_VERSION_MINOR 1

@@ -8,9 +8,9 @@
 
 namespace mediafiles {
 
-static_assert(std::endian::native == std::endian::little, "the journal's records are stored as they lie in memory");
+static_assert(std::endian::native == std::endian::little, "the journal's records are stored as they are in memory");
 
-// A number as it stands in a big-endian file.
+// A number in the byte order of a big-endian file, and back.
 inline uint32_t big_endian(uint32_t value)
 {
     return __builtin_bswap32(value);

@@ -1,4 +1,5 @@
-// Diagnostics: a line is composed only when its level is on.
+// Diagnostics. Callers check the level first, so that a line that is off costs
+// nothing more.
 #pragma once
 
 #include <mediafiles/support/log.h>

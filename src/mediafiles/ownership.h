@@ -1,6 +1,6 @@
-// Who releases what. A function holds what it builds in an owner whose
-// deleter calls the object's own destroy and keeps errno: an early return
-// releases everything and still reports the first cause.
+// Owners. A function holds what it builds in an owner whose deleter calls the
+// object's own destroy and keeps errno. An early return then releases
+// everything and still reports the first cause.
 #pragma once
 
 #include <cerrno>
@@ -23,8 +23,8 @@ public:
     errno_saver &operator=(const errno_saver &) = delete;
 
 private:
-    // Compilers believe that free() keeps errno, which older C libraries do
-    // not, and would move the reading or drop the assignment.
+    // Compilers assume that free() keeps errno, and would move the read or drop
+    // the assignment. In older C libraries free() can change errno.
     static void keep_in_place() { asm volatile("" ::: "memory"); }
 
     const int saved;
@@ -39,7 +39,7 @@ struct release_with {
     }
 };
 
-// Objects that carry their destroy among their operations.
+// For objects with their own operation `destroy`.
 struct release_itself {
     void operator()(auto *object) const
     {

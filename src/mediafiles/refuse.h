@@ -1,11 +1,11 @@
-// How a function fails by its own decision.
+// Failing with an errno of the function's own choice.
 #pragma once
 
 #include <cerrno>
 
 namespace mediafiles {
 
-// Kept out of the way of what succeeds.
+// Separate, so that the common path saves no registers.
 [[gnu::cold, gnu::noinline]] inline void set_errno(int error)
 {
     errno = error;

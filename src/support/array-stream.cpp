@@ -1,10 +1,10 @@
 // A growable array in blocks that never move.
 //
-// The first block holds the reserved elements and lies behind the record. The
-// later ones have the same power-of-two number of elements each, so that an
-// element is found by a shift and a mask. Their addresses are kept in pages,
-// so that growing never copies an element and never asks the allocator for
-// more than one block, however long the array is.
+// The first block holds the reserved elements and follows the record in
+// memory. Each later block has the same power-of-two number of elements, so
+// that an element is found by a shift and a mask. The addresses of the blocks
+// are kept in pages. So growing never copies an element, and never asks the
+// allocator for more than one block, however long the array is.
 
 #include <cerrno>
 #include <cstddef>
@@ -24,7 +24,7 @@ struct array_stream {
     uint32_t page_slots;   // room for pages
     uint8_t ***page;
     uint8_t *next; // the element at the cursor, while there is room
-    uint32_t room; // elements from the cursor to the end of its block; 0 until that is wanted
+    uint32_t room; // elements from the cursor to the end of its block; 0: find_cursor must set both
 };
 
 namespace {
@@ -87,8 +87,7 @@ bool add_block(array_stream *array)
     return true;
 }
 
-// Finds where the cursor points to. No element lies behind the last that an
-// index can name.
+// Sets next and room from the cursor. Indexes have 32 bits.
 void find_cursor(array_stream *array)
 {
     const uint32_t left = most_elements - array->cursor;
@@ -171,7 +170,7 @@ void *advance(array_stream *array, uint32_t *count)
 [[gnu::weak]] uint32_t array_stream_seek(array_stream *array, uint32_t offset, int whence)
 {
     const uint32_t target = whence == 0 ? offset : array->cursor + offset;
-    array->cursor = target < array->length ? target : array->length; // nothing can be stored beyond
+    array->cursor = target < array->length ? target : array->length; // not beyond the end
     array->room = 0;
     return array->cursor;
 }

@@ -1,6 +1,6 @@
-// Full-length transfers. A short result says how much went through before a
-// failure; -1 is left for a failure before the first byte, so that a caller
-// always knows what reached the descriptor.
+// Full-length transfers. A short result is the number of bytes before a
+// failure, and -1 means that the first byte failed, so that a caller always
+// knows what reached the descriptor.
 
 #include <cerrno>
 #include <climits>
@@ -19,7 +19,7 @@ ssize_t cut_short(size_t done)
     return done ? static_cast<ssize_t>(done) : -1;
 }
 
-// A write that takes nothing of something would be repeated for ever.
+// A write that takes no byte would be repeated for ever.
 ssize_t progress(ssize_t n)
 {
     if (n != 0) return n;

@@ -1,5 +1,5 @@
-// The logger's switches. They stand apart from the logger so that either can
-// be replaced without the other.
+// The logger's switches, in a file of their own: a program can replace them or
+// the logger without the other.
 
 #include <mediafiles/support/log.h>
 

@@ -33,7 +33,7 @@ MEDIAFILES_API void array_stream_clear(array_stream *array);
  * passes the end. The caller fills the space before the next call.
  *
  * @param count  in: elements wanted; out: elements granted, at least 1 when
- *               any are wanted, fewer when only so many lie contiguously
+ *               any are wanted, fewer when only so many are contiguous
  * @return the space; NULL with errno ENOMEM
  */
 MEDIAFILES_API void *array_stream_write(array_stream *array, uint32_t *count);

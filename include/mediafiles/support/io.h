@@ -19,7 +19,7 @@ MEDIAFILES_BEGIN_DECLS
  * Writes n bytes.
  *
  * @return n; fewer when a failure came after some had gone out; -1 when
- *         nothing did. errno tells the failure
+ *         nothing did. errno is the failure's
  */
 MEDIAFILES_API ssize_t writen(int fd, const void *buf, size_t n);
 

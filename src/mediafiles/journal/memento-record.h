@@ -1,5 +1,5 @@
-// The mementos that the library itself makes, as plain records: every field
-// is a 32-bit word, since the 64-bit seconds do not stand on a multiple of 8.
+// The mementos that the library itself makes, as plain records. Every field is
+// a 32-bit word, because the 64-bit seconds are not at a multiple of 8.
 #pragma once
 
 #include <cstdint>
@@ -56,15 +56,15 @@ constexpr uint32_t record_size(uint16_t length)
     return static_cast<uint32_t>(sizeof(memento)) + ((uint32_t{length} + 3) & ~3u);
 }
 
-// A record that a journal's reader has handed out, where it lies: it is as
-// long as its kind is, and stands on a multiple of 4.
+// A record in the buffer of a journal's reader. The reader has checked that it
+// is as long as its kind requires, and it is aligned to 4 bytes.
 template <class Record>
 const Record &whole_memento(const memento *from)
 {
     return *reinterpret_cast<const Record *>(from);
 }
 
-// A record's fields; those that a shorter record does not have are 0.
+// A copy of a record's fields; those that a shorter record does not have are 0.
 template <class Record>
 Record load_memento(const memento *from)
 {

@@ -1,5 +1,5 @@
-// The AAC track. It keeps no state of its own: what it writes comes from the
-// track's media parameters.
+// The AAC track. It has no state of its own: it writes from the track's media
+// parameters.
 
 #include <mediafiles/aac-track.h>
 #include <mediafiles/atom.h>
@@ -15,8 +15,8 @@
 namespace mediafiles {
 namespace {
 
-// ISO/IEC 14496-3, 1.6.3.4. The two highest rates have no entry: a sample
-// entry cannot express them.
+// ISO/IEC 14496-3, 1.6.3.4. The two highest rates have no entry: they do not
+// fit into the 16 bits of a sample entry.
 struct {
     uint16_t rate; // Hz
     uint8_t index;
@@ -38,8 +38,8 @@ uint32_t audio_specific_config(const mp4_track *track)
     return 0x1000 + sampling_frequency_index(track->audio.sample_rate) * 128 + track->audio.channels * 8u;
 }
 
-// Length of the ADTS header (ISO/IEC 14496-3, 1.A.3.2) that makes up one frame
-// with the `len` bytes; 0 for anything else, which is kept whole.
+// Length of the ADTS header (ISO/IEC 14496-3, 1.A.3.2) when the `len` bytes are
+// one whole ADTS frame; 0 for anything else, which is stored unchanged.
 uint32_t adts_header_length(const uint8_t *data, uint32_t len)
 {
     if (len < 8) return 0;

@@ -3,10 +3,10 @@
 //
 // A codec is its traits:
 //     max_units                      NAL units taken from one frame
-//     no_start_code()                tells of a frame without one
+//     no_start_code()                reports a frame without one
 //     nal_header                     the record of its NAL unit header
-//     runs_to_end(type)              such a unit is not searched for its end
-//     record, kept                   the parameter sets, and which unit goes where
+//     runs_to_end(type)              such a unit ends with the frame
+//     record, kept                   the parameter sets, and the unit types kept in them
 #pragma once
 
 #include <cstdint>
@@ -21,7 +21,7 @@
 
 namespace mediafiles {
 
-// The NAL units of one sample, each behind its 4-byte length.
+// The NAL units of one sample, each after its 4-byte length.
 template <uint32_t Max>
 class nal_units {
 public:
@@ -45,7 +45,7 @@ private:
     uint32_t bytes = 0;
 };
 
-// Stores the first parameter set of its kind, and journals it once it is held.
+// Keeps the first parameter set of its kind, and journals it when it was kept.
 template <class Codec>
 void keep_parameter_set(mp4_track *track, uint8_t type, const uint8_t *unit, uint32_t length)
 {

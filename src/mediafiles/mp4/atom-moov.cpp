@@ -1,4 +1,4 @@
-// moov and its children of the movie level.
+// moov and its children at the movie level.
 
 #include <mediafiles/atom.h>
 #include <mediafiles/movie.h>
@@ -41,7 +41,7 @@ static_assert(mvhd_body(0x80000000, 1).size() == 112);
 constexpr uint32_t initial_object_tag = 0x10; // MP4_IOD_Tag, ISO/IEC 14496-14, 3.1
 constexpr uint32_t es_id_inc_tag = 0x0E;
 
-// The tracks that stand in the slots, in order.
+// The number of tracks in the slots, from the first on.
 std::span<mp4_track *const> tracks_of(const mp4_movie *movie)
 {
     uint32_t n = 0;

@@ -1,5 +1,5 @@
 // The sample table boxes. The track keeps its tables in file byte order, so a
-// box is a version word, an entry count and the table's runs as they lie.
+// box is a version word, an entry count and the runs of the table, unchanged.
 
 #include <cstring>
 
@@ -72,7 +72,7 @@ int mp4_atom_stsz_write(mp4_atom *atom, mp4_stream *stream)
     const mp4_track *track = atom->track;
     if (track->sample_count == 0) return write_body(stream, box_body<12>(0, 0).zeros(8));
 
-    // A single entry stands for every sample: the constant-size form.
+    // A single entry gives the size of every sample: the constant-size form.
     if (array_stream_length(track->stsz_table) == 1) {
         const uint32_t size = load_be32(array_stream_index(track->stsz_table, 0));
         return write_body(stream, box_body<12>(0, 0).u32(size).u32(track->sample_count));

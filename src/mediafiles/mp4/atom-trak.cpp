@@ -1,7 +1,7 @@
-// The trak subtree, but for the sample tables and the codec's sample entry.
+// The trak subtree, except the sample tables and the codec's sample entry.
 //
-// Two clocks: tkhd and elst count milliseconds, the movie's timescale; mdhd
-// counts ticks of the track's own.
+// There are two timescales: tkhd and elst count milliseconds, the movie's
+// timescale; mdhd counts ticks of the track's timescale.
 
 #include <cerrno>
 
@@ -121,7 +121,7 @@ constexpr box_body<96> tkhd_body(uint32_t id, uint64_t duration, bool audible, u
 static_assert(tkhd_body(1, 0x7FFFFFFF, false, 0, 0).size() == 84);
 static_assert(tkhd_body(1, 0x80000000, false, 0, 0).size() == 96);
 
-// The track waits for `delay`, then plays for `span`.
+// An empty edit of `delay`, then the media for `span`.
 constexpr box_body<48> elst_body(uint64_t delay, uint64_t span)
 {
     box_body<48> body(version_for(delay > span ? delay : span), 0);

@@ -1,6 +1,6 @@
-// The framing of a box, and the boxes of the file level. The size goes in
-// front of a body that is not yet written, so it is patched in place; that is
-// why no writer needs to know a size beforehand.
+// The framing of a box, and the boxes at the file level. A box is written with
+// an empty size field, which is filled in after the body; so no body writer
+// has to compute its size.
 
 #include <mediafiles/atom.h>
 #include <mediafiles/stream.h>

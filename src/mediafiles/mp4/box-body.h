@@ -1,7 +1,7 @@
 // The body of a box, composed big-endian in a local buffer and written once.
 //
-// Version 0 and version 1 of a box are one piece of code: time() writes 4
-// bytes in the one and 8 in the other.
+// The same code writes version 0 and version 1 of a box: time() writes 4 bytes
+// in version 0 and 8 in version 1.
 #pragma once
 
 #include <cerrno>
@@ -15,7 +15,7 @@
 
 namespace mediafiles {
 
-// Four characters from a literal; another length does not build.
+// Four characters from a literal. A literal of another length does not compile.
 struct fourcc {
     char chars[4];
     consteval fourcc(const char (&text)[5]) : chars{text[0], text[1], text[2], text[3]} {}
@@ -87,7 +87,7 @@ private:
 // A body whose size is known only when it is written.
 class heap_body : public field_writer<heap_body> {
 public:
-    // Check valid() before use: it is false, with errno ENOMEM, when there is no memory.
+    // Check valid() before use: out of memory it is false, with errno ENOMEM.
     explicit heap_body(uint64_t capacity)
     {
         if (capacity > UINT32_MAX)

@@ -1,5 +1,5 @@
-// The box tree as data: a parent lists its children in a table, read like the
-// tree it writes, and one routine writes them.
+// The box tree as data: a parent lists its children in a table, in the order of
+// the file, and one routine writes them.
 #pragma once
 
 #include <span>
@@ -15,7 +15,7 @@ using body_writer = int (*)(mp4_atom *, mp4_stream *);
 struct child_box {
     fourcc type;
     body_writer body;
-    bool (*present)(const mp4_track &) = nullptr; // always, when there is no condition
+    bool (*present)(const mp4_track &) = nullptr; // NULL: always
 };
 
 inline mp4_atom make_atom(fourcc type, body_writer body, mp4_movie *movie, mp4_track *track)

@@ -1,6 +1,5 @@
-// The builder: a movie, the file it is recorded into, and the order of steps
-// that makes the one out of the other. file_stream is its state: a file is
-// open while it is set, and the movie's record runs exactly that long.
+// The builder: a movie and the file that it is recorded into. file_stream is
+// the state: while it is set, a file is open and the movie's record runs.
 
 #include <cerrno>
 #include <unistd.h>
@@ -40,7 +39,7 @@ int open(mp4_builder *builder, int fd, uint32_t buffer_size, mediafile_caretaker
 
 int close(mp4_builder *builder)
 {
-    // The file is closed whatever happens from here on.
+    // From here the file is closed in any case.
     owned_object<mp4_stream> file(builder->file_stream);
     if (!file) return 0;
 

@@ -1,5 +1,5 @@
-// Descriptors under construction: owned by whoever builds the tree, filled
-// from a body of fields.
+// Descriptors under construction: owned by the function that builds the tree,
+// filled from a body of fields.
 #pragma once
 
 #include <cstring>

@@ -1,6 +1,6 @@
-// MPEG-4 Systems descriptors. Like a box, a descriptor has its size in front,
-// so the size is patched once the subtree is written; it always takes the
-// four-byte form, which leaves room for every size that can occur.
+// MPEG-4 Systems descriptors. Like a box, a descriptor begins with its size,
+// which is filled in after the subtree is written. It always has the four-byte
+// form, which has room for every size that can occur.
 
 #include <cstddef>
 

@@ -1,9 +1,9 @@
 // The buffered file stream.
 //
-// The rule that holds it together: the cached bytes belong at file offsets
-// position - used up to position, and the descriptor's own offset is
-// position - used. Every failure leaves both true, so that a later flush
-// continues exactly where the file ends.
+// The invariant: the cached bytes belong at the file offsets from
+// position - used to position, and the descriptor's own offset is
+// position - used. It holds after every failure as well, so that a later flush
+// continues where the file ends.
 
 #include <bit>
 #include <cerrno>
@@ -21,7 +21,7 @@
 namespace mediafiles {
 namespace {
 
-// The cache and a sample.
+// Enough for the cache and a sample.
 constexpr uint32_t usual_entries = 1 + sample_entries;
 constexpr uint32_t largest_cache = 1u << 31;
 
@@ -38,7 +38,7 @@ file_stream &self(mp4_stream *stream)
     return *static_cast<file_stream *>(stream);
 }
 
-// Takes n bytes that have reached the descriptor off the front of the cache.
+// Removes the first n bytes of the cache, which have reached the descriptor.
 void drop_front(file_stream &file, uint32_t n)
 {
     file.used -= n;
@@ -56,11 +56,10 @@ int write_out_cache(file_stream &file)
     return written == asked ? 0 : -1;
 }
 
-// What a cached write leaves behind for the cache: the rest of the list from
-// an entry on.
+// The part of a list that a write leaves for the cache, from an entry on.
 struct list_rest {
     const iovec *entry;
-    uint32_t taken; // bytes of the entry that went out
+    uint32_t taken; // bytes of the entry that were written
 };
 
 // Adds the first `length` bytes of the list to the gather array.
@@ -153,8 +152,8 @@ int flush(mp4_stream *stream)
         posix_fadvise(file.fd, 0, 0, POSIX_FADV_DONTNEED);
         return -1;
     }
-    // The advice reports its error as its result and leaves errno alone: it
-    // fails the flush only where errno already tells of something.
+    // posix_fadvise returns its error and does not set errno. It fails the
+    // flush only when errno was set before.
     return posix_fadvise(file.fd, 0, 0, POSIX_FADV_DONTNEED) != 0 && errno != 0 ? -1 : 0;
 }
 
@@ -172,8 +171,8 @@ int seek(mp4_stream *stream, uint32_t position)
 {
     file_stream &file = self(stream);
     if (write_out_cache(file) != 0) return -1;
-    // A 32-bit position is never too large for the file offset: EOVERFLOW
-    // speaks of the result alone, and the descriptor has moved.
+    // A 32-bit position always fits into the file offset: EOVERFLOW concerns
+    // only the result, and the descriptor has moved.
     if (lseek(file.fd, static_cast<off_t>(uint64_t{position}), SEEK_SET) == -1 && errno != EOVERFLOW) return -1;
     file.position = position;
     return 0;

@@ -9,9 +9,9 @@
 //     write_end                        write_end
 //     fill_info, conclude              fill_info, conclude
 //
-// The journal's samples go, without data, into a movie whose output only
-// counts: so its tables come to hold the places that the samples have in the
-// file. The file itself is written at its head and at its end.
+// The journal's samples are added, without data, to a movie whose output only
+// counts bytes. Its tables then hold the offsets that the samples have in the
+// file. The file itself is written at its head and at its end only.
 //
 // Names in this file are in snake_case. Names that are printed are part of the
 // interface: they are text, and no name in this file has to match them.
@@ -80,7 +80,7 @@ failure failed(const log_line *line = nullptr)
     return {errno, line, errno};
 }
 
-// The end of a repair that reports a code: none is success.
+// The result of a repair that ended with a code: 0 is success.
 int result_of(int code)
 {
     if (code == 0) return 0;
@@ -107,12 +107,12 @@ struct fix_context {
     mp4_fix_callback callback = nullptr;
     mp4_atom mdat = {};
     mp4_fix_info info = {};
-    uint32_t len = UINT32_MAX; // the file's size when it was opened; samples from here on never reached it
+    uint32_t len = UINT32_MAX; // the file's size when it was opened; samples from this offset on never reached it
 
     // The check for the last video sample, of mp4_fix2 alone.
     int32_t video_count = 0; // video samples that begin inside the file
     uint32_t drop_size = 0;  // bytes from the last video sample on
-    bool last_found = false; // the replay has met its time
+    bool last_found = false; // the replay has reached its time
     int32_t last_sec = 0;    // its time
     uint32_t last_nsec = 0;
 
@@ -167,7 +167,7 @@ int write_head(fix_context *ctx)
 {
     mp4_stream *meta = ctx->meta_stream.get();
     if (compose_head(meta, ctx->movie.get(), &ctx->mdat) != 0) return -1;
-    // The replay begins where the first byte of media lies.
+    // The replay begins at the first byte of media.
     if (ctx->null_stream->seek(ctx->null_stream.get(), meta->tell(meta)) != 0) return -1;
     return meta->copy_to(meta, ctx->out_stream.get()) != 0 ? -1 : 0;
 }
@@ -298,8 +298,9 @@ int conclude(fix_context *ctx, mp4_fix_info *info)
     return ctx->file.fd >= 0 && fsync(ctx->file.fd) != 0 ? -1 : 0;
 }
 
-// Finds the last video sample that begins inside the file, and counts what
-// goes with it. A damaged record ends the count; the replay meets it again.
+// Finds the last video sample that begins inside the file, and counts the bytes
+// that are cut with it. A damaged record ends the count; the replay reads it
+// again, and fails.
 void count_video(fix_context *ctx)
 {
     while (const memento *record = mediafile_caretaker_pop(ctx->journal.get())) {

@@ -28,10 +28,10 @@ private:
     const mp4_gather_list whole;
 };
 
-// Entries of a sample: 32 NAL units, each behind its length.
+// Entries of a sample: 32 NAL units, each after its length.
 constexpr uint32_t sample_entries = 64;
 
-// A fixed area on the stack serves every ordinary list, the heap longer ones.
+// An ordinary list fits into an area on the stack; a longer one is on the heap.
 template <uint32_t Fixed>
 class gather_array {
 public:

@@ -1,5 +1,5 @@
-// The H.264 track: the splitter with the traits of H.264, the two parameter
-// sets that it keeps, and the sample entry that is written from them.
+// The H.264 track: the traits of H.264 for the splitter, the two parameter sets
+// that are kept, and the sample entry that is written from them.
 
 #include <utility>
 
@@ -56,7 +56,7 @@ int mp4_atom_avc1_write(mp4_atom *atom, mp4_stream *stream)
     return h264_track::write_entry_body(atom, stream);
 }
 
-// ISO/IEC 14496-15, 5.3.3.1: one SPS and one PPS, also where none was seen.
+// ISO/IEC 14496-15, 5.3.3.1: one SPS and one PPS, empty when none was seen.
 int mp4_atom_avcC_write(mp4_atom *atom, mp4_stream *stream)
 {
     const h264_codec_data &record = h264_track::record_of(atom->track);

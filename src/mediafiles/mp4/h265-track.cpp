@@ -1,5 +1,5 @@
-// The H.265 track: the splitter with the traits of H.265, the parameter sets
-// that it keeps, and the sample entry that is written from them.
+// The H.265 track: the traits of H.265 for the splitter, the parameter sets
+// that are kept, and the sample entry that is written from them.
 
 #include <cstdio>
 #include <utility>
@@ -56,7 +56,7 @@ struct h265_codec {
 
 using h265_track = video_track<h265_codec>;
 
-// One array of hvcC with one NAL unit, also where none was seen.
+// One array of hvcC with one NAL unit, empty when none was seen.
 void add_array(heap_body &body, uint8_t type, const parameter_set &set)
 {
     body.u8(type) // array_completeness 0

@@ -1,5 +1,5 @@
-// The mdat header is written by hand, not framed as a box: its size is known
-// only when the media behind it has ended.
+// The mdat header is written field by field, not framed as a box: its size is
+// known only when the media has ended.
 
 #include "mediafiles/mp4/layout.h"
 

@@ -1,7 +1,7 @@
 // The movie: the tracks of a recording and their time.
 //
-// All arithmetic is integer: seconds and nanoseconds of 32 bits, products and
-// divisions of 64 bits without sign, which wrap as such.
+// All arithmetic is in integers: seconds and nanoseconds have 32 bits, products
+// and quotients are unsigned with 64 bits and wrap.
 
 #include <cerrno>
 
@@ -44,7 +44,7 @@ mp4_time from_nanoseconds(uint64_t time)
     return {static_cast<int32_t>(static_cast<uint32_t>(time / second)), static_cast<int32_t>(time % second)};
 }
 
-// Nanoseconds from one time to another; below 0 when that is the earlier one.
+// Nanoseconds from one time to another; negative when the second is earlier.
 int64_t distance(mp4_time from, mp4_time to)
 {
     return (int64_t{to.seconds} - from.seconds) * int64_t{second} + (to.nanoseconds - from.nanoseconds);
@@ -100,8 +100,8 @@ void begin_track(mp4_movie *movie, uint32_t slot)
     mediafile_caretaker_add(movie->caretaker, &record.header);
 }
 
-// A gap beyond the longest duration leaves `last` behind: later frames make up
-// the rest.
+// After a gap beyond the longest duration, `last` moves by that duration only.
+// The frames that follow get the rest.
 [[gnu::cold, gnu::noinline]] uint32_t advance_by_longest(mp4_track_span &span, uint32_t timescale)
 {
     const uint64_t covered = (longest_duration * second + timescale / 2) / timescale;

@@ -1,5 +1,5 @@
-// The null stream: nothing is read and nothing is written, the position moves
-// as a file's would.
+// The null stream: it reads nothing and writes nothing, but its position moves
+// as that of a file.
 
 #include <cerrno>
 

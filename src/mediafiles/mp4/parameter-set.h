@@ -1,4 +1,4 @@
-// The kept copies of parameter sets: the first of a recording stays.
+// The kept copies of parameter sets: the first one of a recording.
 #pragma once
 
 #include <cstdint>
@@ -16,7 +16,7 @@ struct parameter_set {
 
     std::span<const uint8_t> bytes() const { return {data, len}; }
 
-    // true when this call stored the copy; without memory none is kept.
+    // true when this call stored the copy. Out of memory, nothing is kept.
     bool keep(const void *unit, uint32_t length)
     {
         if (data) return false;

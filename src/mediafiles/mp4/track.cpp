@@ -1,9 +1,8 @@
 // A track: samples go to the stream, their description into five tables.
 //
-// The tables hold their entries in file byte order from the moment they are
-// added. Three of them are kept short as they grow: stts and stsc are runs,
-// stss stays empty while every sample is a sync sample, and stsz holds one
-// entry while every sample has the same size.
+// The entries of the tables are in file byte order from the start. Four tables
+// are kept short: stts and stsc hold runs, stss is empty while every sample is
+// a sync sample, and stsz holds one entry while all samples have the same size.
 
 #include <cstring>
 
@@ -68,7 +67,7 @@ int append_many(array_stream *table, uint32_t count, Value value)
         uint32_t n = count - done;
         auto *to = static_cast<uint8_t *>(array_stream_write(table, &n));
         if (!to) return -1;
-        const uint32_t granted = n; // which no store can change
+        const uint32_t granted = n; // a local copy, which the stores cannot alias
         for (uint32_t i = 0; i < granted; ++i) store_be32(to + size_t{i} * sizeof(uint32_t), value(done + i));
         done += granted;
     }
@@ -94,16 +93,16 @@ int add_duration(mp4_track *track, uint32_t duration)
     return 0;
 }
 
-// With the first sample that is no sync sample the table begins, and lists all
-// those before it.
+// The first non-sync sample starts the table, which then lists all earlier
+// ones.
 [[gnu::noinline]] int end_all_sync(mp4_track *track)
 {
     clear(track, MP4_TRACK_ALL_SYNC);
     return append_many(track->stss_table, track->sample_count, [](uint32_t i) { return i + 1; });
 }
 
-// With the first sample of another size the table gets an entry for each of
-// those before it.
+// The first sample of another size gives the table an entry for each earlier
+// sample; the first one has its entry already.
 [[gnu::noinline]] int end_same_size(mp4_track *track)
 {
     clear(track, MP4_TRACK_SAME_SIZE);
@@ -128,7 +127,7 @@ int add_size(mp4_track *track, uint32_t size)
     return append(track->stsz_table, size);
 }
 
-// The first sample, with which the tables begin.
+// The first sample starts the tables.
 [[gnu::noinline]] int add_first(mp4_track *track, uint32_t duration, bool key, uint32_t size)
 {
     if (begin_run(track, duration) != 0) return -1;
@@ -139,8 +138,8 @@ int add_size(mp4_track *track, uint32_t size)
     return 0;
 }
 
-// ISO/IEC 14496-12, 8.7.4: a run for chunks from `first` on, unless the last
-// run goes on.
+// ISO/IEC 14496-12, 8.7.4: starts a run with chunk `first`, unless it has as
+// many samples as the chunks of the last run.
 int close_chunk(mp4_track *track, uint32_t first, uint32_t samples)
 {
     if (array_stream_length(track->stsc_table) != 0 && load_be32(last_element(track->stsc_table) + 4) == samples)
@@ -148,7 +147,7 @@ int close_chunk(mp4_track *track, uint32_t first, uint32_t samples)
     return append(track->stsc_table, first, samples, sample_description_index);
 }
 
-// A chunk that does not follow the open one: that ends, and another begins.
+// Closes the open chunk, which the samples do not continue, and opens one.
 [[gnu::noinline]] int open_chunk(mp4_track *track, uint32_t position, uint32_t size, uint32_t samples)
 {
     if (track->chunk_count != 0 && close_chunk(track, track->chunk_count, track->chunk_samples) != 0) return -1;
@@ -174,7 +173,7 @@ int write_chunk(mp4_track *track, const mp4_gather_list *list, uint32_t samples)
     return 0;
 }
 
-// The cached samples and one more, which did not fit, as one chunk.
+// Writes the cached samples and one more, which did not fit, as one chunk.
 int write_with_cache(mp4_track *track, const mp4_gather_list *list)
 {
     gather_array<1 + sample_entries> gather;
@@ -285,7 +284,7 @@ int mp4_track_finish_record(mp4_track *track, int flush)
 void saveCodecExtraDataToCaretaker(mp4_track *track, uint8_t kind, const void *data, uint32_t len)
 {
     if (!track->caretaker) return;
-    // The journal refuses a record that is too large by its header alone.
+    // For a record that is too large the journal reads the header alone.
     struct {
         memento header;
         uint8_t bytes[MEMENTO_MAX_SIZE - sizeof(memento)];

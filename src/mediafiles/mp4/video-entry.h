@@ -1,5 +1,5 @@
-// What every video sample entry begins with (ISO/IEC 14496-12, 12.1.3). The
-// box with the decoder configuration follows.
+// The fields at the start of every video sample entry (ISO/IEC 14496-12,
+// 12.1.3). The box with the decoder configuration follows.
 #pragma once
 
 #include "mediafiles/mp4/box-body.h"

@@ -1,8 +1,8 @@
-// What the video tracks have in common: a codec record made of parameter
-// sets, which are forgotten when a recording begins and released with the
-// track, and the hooks around them.
+// The common part of the video tracks: a codec record made of parameter sets,
+// and the hooks that use it. The sets are released when a recording begins and
+// with the track.
 //
-// Beyond the splitter's traits a codec has:
+// In addition to the splitter's traits a codec has:
 //     entry            its sample entry box, with its body writer
 //     configuration    the box in it, with its body writer
 #pragma once

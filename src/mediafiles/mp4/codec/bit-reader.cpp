@@ -1,5 +1,5 @@
-// A byte is fetched when a bit of it is wanted, and not before: that is when
-// the end of the data shows, and where an emulation prevention byte drops out.
+// A byte is fetched when its first bit is read, and not before. The end of the
+// data is reported then, and an emulation prevention byte is dropped then.
 
 #include "mediafiles/mp4/codec/bit-reader.h"
 
@@ -20,8 +20,8 @@ bool fetch(bit_reader *reader)
     }
     uint32_t seen = reader->last_bytes << 8;
     if (*reader->next == 0x03 && (reader->last_bytes & 0xFFFF) == 0) {
-        // An emulation prevention byte. What stood before it can form no
-        // further pair of zeros with what follows.
+        // An emulation prevention byte. The bytes before it form no pair of
+        // zeros with those after it.
         ++reader->next;
         reader->last_bytes = 0xFFFF;
         if (--reader->left == 0) {

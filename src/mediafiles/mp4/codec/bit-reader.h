@@ -23,7 +23,7 @@ int read_bits(bit_reader *reader, int n, uint32_t *out);
 int read_ue(bit_reader *reader, uint32_t *out);
 int read_se(bit_reader *reader, int32_t *out);
 
-// Reads n bits into a field of any width as soon as they are there.
+// Reads n bits into a field of any width.
 template <class Field>
 bool read_field(bit_reader *reader, int n, Field *field)
 {

@@ -1,7 +1,8 @@
-// The NAL unit headers of both video codecs. They lie within the first two
-// bytes, where no emulation prevention byte can stand.
+// The NAL unit headers of both video codecs. They are in the first two bytes,
+// which hold no emulation prevention byte.
 //
-// Fields that the data still has are filled in. 0, or -1 with ENOSPC.
+// When the data is too short, the fields that it has are filled in. 0, or -1
+// with ENOSPC.
 #pragma once
 
 #include <cerrno>

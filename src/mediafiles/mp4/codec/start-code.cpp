@@ -1,9 +1,9 @@
-// Slices of most types of H.265 are searched to their end: this is the hottest
+// In H.265, slices of most types are searched to their end: this is the hottest
 // loop of such a recording.
 //
-// A start code begins with two zero bytes, which coded data hardly ever has in
-// a row. The vector code only passes over blocks without such a pair; where
-// there is one, and at the end, the portable code decides.
+// A start code begins with two zero bytes, which are rare in coded data. The
+// vector code skips blocks without such a pair. Where there is one, and at the
+// end, the portable code decides.
 
 #include "mediafiles/mp4/codec/start-code.h"
 
@@ -29,7 +29,7 @@ constexpr ptrdiff_t block = 64;
 
 #else
 
-// Without vectors all is one block, for the portable code.
+// Without vectors all the data is one block, for the portable code.
 constexpr ptrdiff_t block = PTRDIFF_MAX;
 
 #endif
@@ -79,12 +79,12 @@ constexpr bool has_pair_of_zeros(const uint8_t *)
 
 #endif
 
-// The first position from `at` on, before `end`, where 00 00 01 begins; `end`
-// or a little behind it when there is none.
+// The first position from `at` on, before `end`, where 00 00 01 begins. When
+// there is none, `end` or up to two bytes after it.
 const uint8_t *search(const uint8_t *at, const uint8_t *end)
 {
-    // A byte above 1 is no part of a code, so that the third byte of a position
-    // often rules out the next two as well.
+    // A byte above 1 is not part of a code: as the third byte of a position it
+    // also rules out the next two positions.
     while (at < end) {
         if (at[2] > 1)
             at += 3;
@@ -101,7 +101,7 @@ const uint8_t *search(const uint8_t *at, const uint8_t *end)
 start_code find_start_code(const uint8_t *data, uint32_t len)
 {
     if (len < 3) return {0, 0};
-    // A frame begins with one.
+    // A frame usually begins with one.
     if (data[0] == 0 && data[1] == 0) {
         if (data[2] == 1) return {0, 3};
         if (len > 3 && data[2] == 0 && data[3] == 1) return {0, 4};
@@ -112,7 +112,7 @@ start_code find_start_code(const uint8_t *data, uint32_t len)
         const uint8_t *const end = last - at > block ? at + block : last;
         at = search(at, end);
         if (at >= end) continue;
-        const auto p = static_cast<uint32_t>(at - data); // above 0, where a code was looked for first
+        const auto p = static_cast<uint32_t>(at - data); // not 0: position 0 was checked above
         return at[-1] == 0 ? start_code{p - 1, 4} : start_code{p, 3};
     }
     return {len - 2, 0};
