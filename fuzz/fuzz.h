@@ -14,7 +14,7 @@
 #include "tests/support/codec-track.h" // exact
 #include "tests/support/descriptors.h"
 #include "tests/support/recording.h"
-#include "tools/mp4-reader.h"
+#include "tools/reader/reader.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
 /** Silences standard output; the logger formats the lines of all levels and drops them. */

@@ -15,7 +15,7 @@
 
 #include "support/descriptors.h"
 #include "support/recording.h"
-#include "tools/mp4-reader.h"
+#include "tools/reader/reader.h"
 
 extern "C" {
 

@@ -3,7 +3,7 @@
  * track that starts 20 ms late, an H.265 track of one sample. It has to take
  * that file without a word, name each damage to it and survive every cut of it.
  */
-#include "tools/mp4-reader.h"
+#include "tools/reader/reader.h"
 
 #include <fstream>
 #include <gtest/gtest.h>

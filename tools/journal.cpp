@@ -1,4 +1,4 @@
-#include "journal.h"
+#include "tools/journal.h"
 
 #include <algorithm>
 #include <cstdio>

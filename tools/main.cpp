@@ -10,10 +10,10 @@
 
 #include <mediafiles/version.h>
 
-#include "command.h"
-#include "inspect-command.h"
-#include "record-command.h"
-#include "repair-command.h"
+#include "tools/command.h"
+#include "tools/inspect/inspect-command.h"
+#include "tools/record/record-command.h"
+#include "tools/repair/repair-command.h"
 
 namespace {
 

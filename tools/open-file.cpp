@@ -1,4 +1,4 @@
-#include "open-file.h"
+#include "tools/open-file.h"
 
 #include <cerrno>
 
@@ -9,7 +9,7 @@
 
 #include <mediafiles/support/io.h>
 
-#include "failure.h"
+#include "tools/failure.h"
 
 namespace tools {
 

@@ -7,7 +7,7 @@
 #include <mediafiles/movie.h>
 #include <nlohmann/json.hpp>
 
-#include "print.h"
+#include "tools/print.h"
 
 namespace tools {
 

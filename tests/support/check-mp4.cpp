@@ -1,7 +1,7 @@
 /** What the strict reader makes of files, faults on standard error and samples on standard output: check-mp4 FILE... */
 #include <cstdio>
 
-#include "tools/mp4-reader.h"
+#include "tools/reader/reader.h"
 
 int main(int argc, char **argv)
 {

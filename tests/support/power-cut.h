@@ -24,7 +24,7 @@
 #include "faults.h"
 #include "recording.h"
 #include "repair-model.h"
-#include "tools/mp4-reader.h"
+#include "tools/reader/reader.h"
 
 using model::sample, model::second;
 

@@ -11,7 +11,7 @@
 #include <mediafiles/movie.h>
 
 #include "recording.h"
-#include "tools/mp4-reader.h"
+#include "tools/reader/reader.h"
 
 using builder_ptr = std::unique_ptr<mp4_builder, destroy_by<[](mp4_builder *builder) { builder->destroy(builder); }>>;
 

@@ -1,0 +1,23 @@
+/**
+ * What a file holds, for a person and for a program. Nothing is changed.
+ *
+ * Each prints its result, text or one JSON object, and says whether the file
+ * has no fault. They throw failure when it cannot be read.
+ */
+#ifndef TOOLS_INSPECT_INSPECT_H
+#define TOOLS_INSPECT_INSPECT_H
+
+#include <cstdio>
+
+#include "tools/open-file.h"
+
+namespace tools {
+
+bool inspect_mp4(const open_file &, bool json, std::FILE *to);
+
+/** Prints the records one by one as it reads them: a journal may hold millions. */
+bool inspect_journal(const open_file &, bool json, std::FILE *to);
+
+} // namespace tools
+
+#endif

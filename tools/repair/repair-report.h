@@ -1,0 +1,23 @@
+/** What came of a repair, for a person and for a program. */
+#ifndef TOOLS_REPAIR_REPAIR_REPORT_H
+#define TOOLS_REPAIR_REPAIR_REPORT_H
+
+#include <span>
+#include <string>
+
+#include "tools/repair/repair.h"
+
+namespace tools {
+
+/** One line; empty for a file that could not be repaired, whose problem says all. */
+std::string to_text(const repair_report &, bool dry_run);
+
+/** One line over all. */
+std::string total_of(std::span<const repair_report>, bool dry_run);
+
+/** One JSON object, with a line end. */
+std::string to_json(std::span<const repair_report>, bool dry_run);
+
+} // namespace tools
+
+#endif
