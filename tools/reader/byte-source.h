@@ -10,7 +10,7 @@
 #include <string>
 #include <unistd.h>
 
-#include "tools/reader/reader.h"
+#include "tools/reader/mp4-file.h"
 
 namespace mp4 {
 
@@ -66,7 +66,7 @@ private:
 /** Takes fields from a part of the file. At its end it gives zeros and remembers that it ran out. */
 class cursor {
 public:
-    cursor(byte_source &source, uint64_t begin, uint64_t behind) : at(begin), end(behind), in(source) {}
+    cursor(byte_source &source, uint64_t first, uint64_t after) : at(first), end(after), in(source) {}
 
     uint64_t left() const { return end - at; }
     cursor part(uint64_t length)

@@ -13,7 +13,9 @@
 #include "tools/reader/findings.h"
 
 namespace mp4 {
+namespace {
 
+/** The first box of that type, however deep, or nullptr. */
 const box *find(const std::vector<box> &boxes, const std::string &type)
 {
     for (const box &b : boxes) {
@@ -22,7 +24,6 @@ const box *find(const std::vector<box> &boxes, const std::string &type)
     }
     return nullptr;
 }
-namespace {
 
 class checker : findings {
 public:
@@ -78,7 +79,7 @@ private:
             timed += run.count;
             if (!run.count) empty_runs.add(stts_at, "stts: a run of no samples");
         }
-        tell(true, empty_runs);
+        report(true, empty_runs);
         if (timed != count) fault(stts_at, "stts times ", timed, " samples, stsz has ", count);
 
         const box *stsd = inside(t, "stsd");
@@ -119,7 +120,7 @@ private:
                 t.samples[number - 1].sync = true;
             previous = number;
         }
-        tell(true, order);
+        report(true, order);
     }
 
     /** Handler, headers and sample entry have to speak of the same kind of track. */
@@ -247,7 +248,7 @@ private:
         for (const chunk &c : chunks) {
             const track &t = out.tracks[c.track];
             const uint64_t number = uint64_t{t.samples[c.first].chunk} + 1;
-            const auto mdat = std::ranges::upper_bound(out.mdat, c.begin, {}, &range::begin); // the one behind
+            const auto mdat = std::ranges::upper_bound(out.mdat, c.begin, {}, &range::begin); // the one after it
             if (mdat == out.mdat.begin() || c.begin > mdat[-1].end || c.length > mdat[-1].end - c.begin) {
                 found[c.track].outside.add(c.begin, "chunk ", number, ", of ", c.length, " bytes, is outside mdat");
             } else if (c.begin < used_end) {
@@ -262,14 +263,14 @@ private:
         }
         for (size_t i = 0; i < found.size(); i++) {
             subject = &out.tracks[i];
-            for (const tally *t : {&found[i].outside, &found[i].overlap, &found[i].lengths}) tell(true, *t);
-            tell(false, found[i].empty);
+            for (const tally *t : {&found[i].outside, &found[i].overlap, &found[i].lengths}) report(true, *t);
+            report(false, found[i].empty);
         }
         subject = nullptr;
         if (unused && !fragmented) remark(out.mdat.front().begin, unused, " bytes of mdat belong to no sample");
     }
 
-    /** The NAL units of an H.264 or H.265 sample fill it, each behind its length (ISO/IEC 14496-15, 4.3.3). */
+    /** The NAL units of an H.264 or H.265 sample fill it, each after its length (ISO/IEC 14496-15, 4.3.3). */
     void check_units(const track &t, size_t index, tally &lengths, tally &empty)
     {
         const size_t width = t.avc ? t.avc->length_size : t.hevc ? t.hevc->length_size : 0;

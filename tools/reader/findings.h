@@ -6,7 +6,7 @@
 #include <sstream>
 #include <string>
 
-#include "tools/reader/reader.h"
+#include "tools/reader/mp4-file.h"
 
 namespace mp4 {
 
@@ -19,7 +19,7 @@ std::string join(const auto &...parts)
     return text.str();
 }
 
-/** One kind of problem among the samples of a track: the first is told, the others are counted. */
+/** One kind of problem among the samples of a track: the first is reported, the others are counted. */
 struct tally {
     uint64_t count = 0, offset = 0;
     std::string first;
@@ -47,7 +47,7 @@ protected:
     }
     void fault(uint64_t offset, const auto &...parts) { report(true, offset, parts...); }
     void remark(uint64_t offset, const auto &...parts) { report(false, offset, parts...); }
-    void tell(bool is_fault, const tally &t)
+    void report(bool is_fault, const tally &t)
     {
         if (t.count) report(is_fault, t.offset, t.first, t.count > 1 ? join(" (and ", t.count - 1, " more)") : "");
     }

@@ -1,7 +1,7 @@
 /**
  * The reader goes over a file twice. First, here, the boxes: `rules` says which
  * box may stand where, how often, and which parser takes it; a parser stores
- * what it finds and checks what its box alone can tell. Then, in check.cpp, the
+ * what it finds and checks what concerns its box alone. Then, in check.cpp, the
  * whole.
  *
  * Nothing that a file claims is believed before it is checked. A cursor never
@@ -260,9 +260,9 @@ private:
         config.length_size = length_size(c, b, 0xFC);
         config.sps = parameter_sets(c, b, below_ones(c, b, 0xE0), 7);
         config.pps = parameter_sets(c, b, c.u8(), 8);
-        const uint8_t told[] = {config.profile, config.compatibility, config.level};
+        const uint8_t stated[] = {config.profile, config.compatibility, config.level};
         for (const bytes &sps : config.sps)
-            if (sps.size() >= 4 && !std::equal(told, told + 3, sps.begin() + 1))
+            if (sps.size() >= 4 && !std::equal(stated, stated + 3, sps.begin() + 1))
                 fault(b.offset, "avcC: profile or level is not that of the sequence parameter set");
         constexpr uint8_t extended[] = {100, 110, 122, 144}; // profiles with more fields here
         if (std::ranges::find(extended, config.profile) == std::end(extended) || c.ran_out) return;
@@ -488,11 +488,6 @@ file read_from(byte_source &&in)
 }
 
 } // namespace
-
-bool file::sound() const
-{
-    return std::ranges::none_of(problems, &problem::fault);
-}
 
 file read(std::span<const uint8_t> data)
 {
