@@ -1,4 +1,4 @@
-/** A subcommand of the program: its part of the command line, and what it does. */
+/** The subcommands of the program: each has its part of the command line and a function that runs it. */
 #ifndef TOOLS_COMMAND_H
 #define TOOLS_COMMAND_H
 
@@ -16,11 +16,16 @@ struct command {
 
     /**
      * @param result_descriptor  the caller's standard output; descriptor 1
-     *                           itself goes to standard error, for the library prints there
+     *                           itself goes to standard error, because the library prints to it
      * @return an exit code
      */
     std::function<int(int result_descriptor)> run;
 };
+
+/** Each is defined in the folder of its name, and adds its part to the program's command line. */
+command add_record_command(CLI::App &program);
+command add_repair_command(CLI::App &program);
+command add_inspect_command(CLI::App &program);
 
 } // namespace tools
 

@@ -5,6 +5,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <mediafiles/support/io.h>
+
 namespace tools {
 
 console::console(std::string command, bool quiet)
@@ -21,6 +23,13 @@ void console::problem(const std::string &text)
 {
     clear_progress();
     std::fprintf(stderr, "mediafiles: %s: %s\n", command_.c_str(), text.c_str());
+}
+
+bool console::result(int descriptor, const std::string &text)
+{
+    if (writen(descriptor, text.data(), text.size()) == static_cast<ssize_t>(text.size())) return true;
+    problem(result_lost);
+    return false;
 }
 
 void console::note(const std::string &text)

@@ -1,6 +1,7 @@
 /**
- * What a command says on standard error: one line each, and on a terminal a
- * progress line that gives way to them.
+ * What a command prints: its result on standard output; on standard error one
+ * line for each message, and on a terminal a progress line that is cleared for
+ * them.
  */
 #ifndef TOOLS_CONSOLE_H
 #define TOOLS_CONSOLE_H
@@ -10,22 +11,27 @@
 
 namespace tools {
 
+inline constexpr const char *result_lost = "cannot write: standard output: the result is lost";
+
 class console {
 public:
     /**
-     * @param command  its name, which begins every problem's line
-     * @param quiet    says nothing but problems; the library's lines on
-     *                 standard output go nowhere
+     * @param command  its name, which starts every problem's line
+     * @param quiet    prints problems only, and discards the library's lines
+     *                 on standard output
      */
     console(std::string command, bool quiet);
     ~console() { clear_progress(); }
     console(const console &) = delete;
     console &operator=(const console &) = delete;
 
-    /** Something went wrong: "WHAT: FILE: WHY". Also said when quiet. */
+    /** An error, "WHAT: FILE: WHY". Printed when quiet, too. */
     void problem(const std::string &text);
 
-    /** Good to know, possibly of several lines. */
+    /** The command's result. False, and a problem, when it cannot be written whole. */
+    bool result(int descriptor, const std::string &text);
+
+    /** Information, possibly of several lines. */
     void note(const std::string &text);
 
     /** Whether a progress line should be shown now: on a terminal, a few times a second. */

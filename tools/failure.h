@@ -1,4 +1,4 @@
-/** What ends a command: said in one line as "WHAT: FILE: WHY". */
+/** An error that ends a command, reported in one line as "WHAT: FILE: WHY". */
 #ifndef TOOLS_FAILURE_H
 #define TOOLS_FAILURE_H
 

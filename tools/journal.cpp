@@ -5,13 +5,14 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "tools/seconds.h"
+
 namespace tools {
 
 namespace {
 
-constexpr uint32_t media_begin = 32; // behind ftyp and the header of mdat
-constexpr int64_t second = 1'000'000'000;
-constexpr int64_t steady = 1'000'000; // by how much a track's steps may differ and still be even
+constexpr uint32_t media_begin = 32;          // after ftyp and the header of mdat
+constexpr int64_t step_tolerance = 1'000'000; // by how much a track's steps may differ and still be even
 
 /* Text, so that a dump of the journal explains itself. It fills its record and does not end with a zero. */
 constexpr const char *mark_format = "mediafiles repair: of %010u bytes %c%c...";
@@ -77,7 +78,7 @@ public:
     }
 
 private:
-    /* None at the end, in the zeros, or for a record that cannot be. */
+    /* None at the end, in the zeros, or for an invalid record. */
     std::optional<journal_record> record_at(size_t at)
     {
         if (at == data_.size()) return {};
@@ -139,9 +140,9 @@ private:
         if (next.payload.size() != sample_field::length) return "a sample record of a wrong length";
         const journal_sample sample = read_sample(next);
         const uint64_t expected = out_.samples.empty() ? media_begin : out_.samples.back().end();
-        if (sample.track >= out_.tracks.size()) return "a sample of a track that there is not";
+        if (sample.track >= out_.tracks.size()) return "a sample of an unknown track";
         if (sample.size == 0) return "an empty sample";
-        if (field<uint32_t>(next.payload, sample_field::nanoseconds) >= second) return "a time that cannot be";
+        if (field<uint32_t>(next.payload, sample_field::nanoseconds) >= second) return "an invalid time";
         if (sample.offset != expected)
             return sample.offset < expected ? "a sample that overlaps the one before it" : "a gap between samples";
         if (sample.end() > UINT32_MAX || sample.end() - media_begin > MP4_MAX_RECORD_BYTES)
@@ -163,7 +164,7 @@ private:
         case MEMENTO_SEI:
             return take_parameter_set(next);
         default:
-            return "a record of a kind that has no place in a journal";
+            return "a record of an unknown kind";
         }
     }
 
@@ -181,14 +182,14 @@ private:
     const char *take_parameter_set(const journal_record &next)
     {
         if (next.header.kind == MEMENTO_SEI) return nullptr; // the library's repair does not look at it
-        if (next.header.track >= out_.tracks.size()) return "a parameter set of a track that there is not";
+        if (next.header.track >= out_.tracks.size()) return "a parameter set of an unknown track";
         const uint32_t type = out_.tracks[next.header.track].type & ~MP4_TRACK_RAW;
         if (type == MP4_TRACK_AAC || (type == MP4_TRACK_H264 && next.header.kind == MEMENTO_VPS))
-            return "a parameter set that its track cannot have";
+            return "a parameter set of another codec";
         const int header = next.payload.empty() ? -1 : next.payload[0];
         const bool is_that = type == MP4_TRACK_H264 ? (header & 0x1F) == next.header.kind // as the codec numbers them
                                                     : (header >> 1 & 0x3F) == next.header.kind + 26;
-        if (header < 0 || !is_that) return "a parameter set that is none";
+        if (header < 0 || !is_that) return "an invalid parameter set";
         const auto is_same = [&](const parameter_set &set) {
             return set.kind == next.header.kind && set.track == next.header.track;
         };
@@ -213,18 +214,23 @@ private:
         if (zeros_from_ - next.at - sizeof(memento) >= sample_field::key) return true;
         if (!before[1]) return false;
         const int64_t step = sample.time - before[0]->time, usual = before[0]->time - before[1]->time;
-        return step > 0 && std::abs(step - usual) <= steady;
+        return step > 0 && std::abs(step - usual) <= step_tolerance;
     }
 
     journal out_;
     std::span<const uint8_t> data_;
     const key_by_media &key_by_media_;
     const record_visitor &visit_;
-    size_t zeros_from_;   // offset behind the last byte that is not zero
+    size_t zeros_from_;   // offset after the last byte that is not zero
     size_t odd_keys_ = 0; // samples whose key flag is neither 0 nor 1
 };
 
 } // namespace
+
+std::string journal_of(const std::string &media)
+{
+    return media + ".journal";
+}
 
 bool begins_journal(std::span<const uint8_t> begin)
 {

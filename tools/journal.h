@@ -24,6 +24,9 @@ namespace tools {
 
 constexpr uint64_t largest_journal = 512 << 20; // 19 million samples: more than a recording can hold
 
+/** The name of the journal that belongs to a media file. */
+std::string journal_of(const std::string &media);
+
 /** As it stands in the file. */
 struct journal_record {
     memento header;
@@ -35,7 +38,7 @@ struct journal_record {
 };
 
 struct journal_sample {
-    size_t record_end; // offset in the journal, behind the sample's record
+    size_t record_end; // offset in the journal, after the sample's record
     uint8_t track;
     bool key;
     uint32_t offset; // in the media file
@@ -62,7 +65,7 @@ enum class journal_ending {
     whole,   // with its last record
     cut,     // inside a record
     zeros,   // that a power cut has left
-    damaged, // a record cannot be
+    damaged, // at an invalid record
 };
 
 struct journal {
@@ -70,13 +73,13 @@ struct journal {
     std::vector<parameter_set> parameter_sets; // the first of each kind and track, which is what a movie keeps
     std::vector<journal_sample> samples;
     size_t end = 0;  // bytes of its valid records, without a mark
-    size_t lost = 0; // bytes behind them: damaged, zeros, or a record that the file's end cuts
+    size_t lost = 0; // bytes after them: damaged, zeros, or a record that the file's end cuts
     journal_ending ending = journal_ending::whole;
     std::string damage; // when it is damaged: by what
     std::optional<repair_mark> mark;
 };
 
-/** The key flag that a sample ought to have by its media; none where that cannot be told. */
+/** The key flag that a sample should have by its media; none where the media does not show it. */
 using key_by_media = std::function<std::optional<bool>(const journal_sample &, const mp4_track_desc &)>;
 
 /** Gets each record that counts, in order; those of marks as well. */

@@ -1,6 +1,6 @@
 /**
  * The program mediafiles. Each subcommand describes its part of the command
- * line and then runs with standard output kept clear for its result: the
+ * line and then runs with standard output reserved for its result: the
  * library prints to descriptor 1, which goes to standard error from here on.
  */
 #include <cstdio>
@@ -11,13 +11,10 @@
 #include <mediafiles/version.h>
 
 #include "tools/command.h"
-#include "tools/inspect/inspect-command.h"
-#include "tools/record/record-command.h"
-#include "tools/repair/repair-command.h"
 
 namespace {
 
-/* A descriptor below 3 that the caller has closed must not become a media file, into which lines are printed. */
+/* When the caller has closed a descriptor below 3, it must not become a media file: lines are printed to it. */
 void fill_standard_descriptors()
 {
     int descriptor;
@@ -40,7 +37,7 @@ int main(int argc, char **argv)
     CLI::App program("Records encoded audio and video into MP4 files that survive a power cut", "mediafiles");
     program.set_version_flag("--version", "mediafiles " MEDIAFILES_VERSION);
     program.require_subcommand(1);
-    program.footer("'mediafiles COMMAND --help' tells more, with examples.");
+    program.footer("'mediafiles COMMAND --help' explains a command, with examples.");
     const tools::command commands[] = {tools::add_record_command(program), tools::add_repair_command(program),
                                        tools::add_inspect_command(program)};
 

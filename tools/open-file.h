@@ -1,4 +1,4 @@
-/** A file that a command works on, whatever a path may lead to: it never blocks, and only a regular file will do. */
+/** A file that a command works on. Opening one never blocks, and only a regular file is accepted. */
 #ifndef TOOLS_OPEN_FILE_H
 #define TOOLS_OPEN_FILE_H
 
@@ -10,7 +10,7 @@
 
 namespace tools {
 
-/** What goes wrong is thrown as a failure. */
+/** Errors are thrown as failure. */
 class open_file {
 public:
     /**
@@ -27,11 +27,11 @@ public:
     const std::string &path() const { return path_; }
 
     uint64_t size() const;
-    /** Exclusively, until it is closed. */
+    /** Takes an exclusive lock, until the file is closed. */
     void lock() const;
     /** Whether another process has an exclusive lock. */
     bool is_locked() const;
-    /** Whether so many bytes lie there. */
+    /** False when the file ends before that many bytes. */
     bool read(uint64_t offset, std::span<uint8_t> to) const;
     void write(std::span<const uint8_t> data) const;
 
@@ -40,6 +40,9 @@ private:
     std::string path_;
     int descriptor_;
 };
+
+/** A name that was made or removed survives a power cut once its directory is synced. Throws failure. */
+void sync_directory_of(const std::string &path);
 
 } // namespace tools
 

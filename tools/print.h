@@ -8,7 +8,7 @@
 
 namespace tools {
 
-/** As sprintf; a line's numbers, no file names: longer text is cut. */
+/** Like sprintf, for numbers and short words: longer text is cut, so file names are appended apart. */
 [[gnu::format(printf, 1, 2)]] inline std::string print(const char *format, ...)
 {
     char text[160];

@@ -1,24 +1,20 @@
-/** What a track is, by its description: the codec's name and the members of its JSON object. */
+/** What a track is, by its description: in words and as members of a JSON object. */
 #ifndef TOOLS_TRACK_DESCRIPTION_H
 #define TOOLS_TRACK_DESCRIPTION_H
 
 #include <string>
 
 #include <mediafiles/movie.h>
-#include <nlohmann/json.hpp>
 
+#include "tools/json.h"
 #include "tools/print.h"
 
 namespace tools {
 
-inline bool is_audio(const mp4_track_desc &track)
+/** @param type  MP4_TRACK_, raw or not */
+inline const char *codec_name(uint32_t type)
 {
-    return (track.type & ~MP4_TRACK_RAW) == MP4_TRACK_AAC;
-}
-
-inline const char *codec_of(const mp4_track_desc &track)
-{
-    switch (track.type & ~MP4_TRACK_RAW) {
+    switch (type & ~MP4_TRACK_RAW) {
     case MP4_TRACK_H264:
         return "h264";
     case MP4_TRACK_H265:
@@ -28,16 +24,22 @@ inline const char *codec_of(const mp4_track_desc &track)
     }
 }
 
-/** "h264 640x360" */
-inline std::string describe(const mp4_track_desc &track)
+inline bool is_audio(const mp4_track_desc &track)
 {
-    if (is_audio(track)) return print("aac %u Hz, %u channels", track.audio.sample_rate, track.audio.channels);
-    return print("%s %ux%u", codec_of(track), track.video.width, track.video.height);
+    return (track.type & ~MP4_TRACK_RAW) == MP4_TRACK_AAC;
 }
 
-inline void add_description(nlohmann::ordered_json &object, const mp4_track_desc &track)
+/** "h264 640x360", "aac 48000 Hz, 2 channels" */
+inline std::string describe(const mp4_track_desc &track)
 {
-    object["codec"] = codec_of(track);
+    const char *codec = codec_name(track.type);
+    if (is_audio(track)) return print("%s %u Hz, %u channels", codec, track.audio.sample_rate, track.audio.channels);
+    return print("%s %ux%u", codec, track.video.width, track.video.height);
+}
+
+inline void add_description(ordered_json &object, const mp4_track_desc &track)
+{
+    object["codec"] = codec_name(track.type);
     if (is_audio(track)) {
         object["channels"] = track.audio.channels;
         object["rate"] = track.audio.sample_rate;

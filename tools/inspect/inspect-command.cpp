@@ -1,17 +1,15 @@
-#include "tools/inspect/inspect-command.h"
-
 #include <algorithm>
 #include <array>
 #include <new>
 
 #include <fcntl.h>
 
-#include <nlohmann/json.hpp>
-
+#include "tools/command.h"
 #include "tools/console.h"
 #include "tools/failure.h"
 #include "tools/inspect/inspect.h"
 #include "tools/journal.h"
+#include "tools/json.h"
 
 namespace tools {
 
@@ -19,7 +17,7 @@ namespace {
 
 constexpr const char *cannot_read = "cannot read";
 
-/* The options as they stand on the command line. */
+/* The options as given on the command line. */
 struct inspect_line {
     std::string path;
     bool json = false;
@@ -67,10 +65,8 @@ bool inspect(const inspect_line &given, std::FILE *to)
 
 void print_error(const inspect_line &given, const char *error, std::FILE *to)
 {
-    using nlohmann::ordered_json;
     const ordered_json result = {{"path", given.path}, {"kind", nullptr}, {"error", error}};
-    /* File names need not be valid UTF-8. */
-    std::fputs((result.dump(2, ' ', false, ordered_json::error_handler_t::replace) + "\n").c_str(), to);
+    std::fprintf(to, "%s\n", json_text(result).c_str());
 }
 
 int run(const inspect_line &given, int result_descriptor)
@@ -89,7 +85,7 @@ int run(const inspect_line &given, int result_descriptor)
         console.problem(failure(cannot_read, given.path, "there is not enough memory for it").what());
     }
     if (to && (std::ferror(to) != 0 || std::fclose(to) != 0)) {
-        console.problem("cannot write: standard output: the result is lost");
+        console.problem(result_lost);
         return failed;
     }
     return shown && (sound || !given.check) ? done : failed;

@@ -3,18 +3,16 @@
 #include <algorithm>
 #include <cmath>
 
-#include <nlohmann/json.hpp>
-
 #include "tools/failure.h"
 #include "tools/journal.h"
+#include "tools/json.h"
 #include "tools/print.h"
+#include "tools/seconds.h"
 #include "tools/track-description.h"
 
 namespace tools {
 
 namespace {
-
-using nlohmann::ordered_json;
 
 constexpr size_t sample_record_size = 28;
 
@@ -66,7 +64,6 @@ std::optional<std::string> text_in(const journal_record &record)
 /* Seconds with all digits. */
 std::string exact(int64_t nanoseconds)
 {
-    constexpr int64_t second = 1'000'000'000;
     const int64_t whole = std::abs(nanoseconds / second), rest = std::abs(nanoseconds % second);
     return print("%s%jd.%09jd", nanoseconds < 0 ? "-" : "", intmax_t{whole}, intmax_t{rest});
 }
@@ -139,12 +136,11 @@ struct track_summary {
         return (last_key->time - first_key->time) / static_cast<int64_t>(key_frames - 1);
     }
 
-    /* Until the last frame, which lasts nobody knows how long. */
+    /* Without the last frame, whose duration is unknown. */
     std::optional<int64_t> bytes_per_second() const
     {
         if (frames < 2 || last->time <= first->time) return {};
-        const double seconds = static_cast<double>(last->time - first->time) * 1e-9;
-        return std::llround(static_cast<double>(bytes - last->size) / seconds);
+        return std::llround(static_cast<double>(bytes - last->size) / seconds(last->time - first->time));
     }
 };
 
@@ -160,8 +156,7 @@ std::string to_text(size_t index, const mp4_track_desc &description, const track
     std::string text = print("track %zu: ", index) + describe(description) +
                        print(": %ju frames, %ju key", uintmax_t{track.frames}, uintmax_t{track.key_frames});
     if (const auto interval = track.key_interval(); interval && !is_audio(description))
-        text += print(" (every %.3f s, at most %.3f s)", static_cast<double>(*interval) * 1e-9,
-                      static_cast<double>(track.longest_key_interval) * 1e-9);
+        text += print(" (every %.3f s, at most %.3f s)", seconds(*interval), seconds(track.longest_key_interval));
     text += print(", %ju bytes", uintmax_t{track.bytes});
     if (const auto rate = track.bytes_per_second()) text += print(", %jd bytes a second", intmax_t{*rate});
     if (track.last)
@@ -182,7 +177,7 @@ std::string ending_of(const journal &journal, size_t size)
         return "zeros, as power cuts leave them, end it at byte " + where +
                "; the record in which they begin does not count";
     case journal_ending::damaged:
-        return "damaged at byte " + where + ": " + journal.damage + "; what stands there and behind it is lost";
+        return "damaged at byte " + where + ": " + journal.damage + "; the rest is lost";
     }
     return "";
 }
@@ -194,11 +189,6 @@ void print_text_end(const journal &journal, size_t size, std::FILE *to)
     for (size_t i = 0; i < tracks.size(); ++i)
         std::fprintf(to, "%s\n", to_text(i, journal.tracks[i], tracks[i]).c_str());
     std::fprintf(to, "%zu frames; %s\n", journal.samples.size(), ending_of(journal, size).c_str());
-}
-
-ordered_json or_null(std::optional<int64_t> number)
-{
-    return number ? ordered_json(*number) : ordered_json(nullptr);
 }
 
 ordered_json to_json(size_t index, const mp4_track_desc &description, const track_summary &track)
@@ -265,16 +255,16 @@ bool inspect_journal(const open_file &file, bool json, std::FILE *to)
         print_text_end(journal, data.size(), to);
         return journal.ending != journal_ending::damaged;
     }
-    /* One object in three pieces: what stands before the records, the records, and what is known behind them. */
+    /* One object in three pieces: what comes before the records, the records, and what is known after them. */
     const ordered_json begin = {{"path", file.path()}, {"kind", "journal"}, {"error", nullptr}, {"bytes", data.size()}};
-    const std::string opened = begin.dump(2, ' ', false, ordered_json::error_handler_t::replace); // as path needs it
+    const std::string opened = json_text(begin);
     std::fprintf(to, "%s,\n  \"records\": [", opened.substr(0, opened.size() - 2).c_str());
     const char *separator = "\n    ";
     const journal journal = parse(data, [&](const journal_record &record) {
-        std::fprintf(to, "%s%s", separator, to_json(record).dump().c_str());
+        std::fprintf(to, "%s%s", separator, json_text(to_json(record), one_line).c_str());
         separator = ",\n    ";
     });
-    std::fprintf(to, "\n  ],\n%s\n", json_end(journal, data.size()).dump(2).substr(2).c_str());
+    std::fprintf(to, "\n  ],\n%s\n", json_text(json_end(journal, data.size())).substr(2).c_str());
     return journal.ending != journal_ending::damaged;
 }
 

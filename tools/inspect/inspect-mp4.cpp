@@ -4,25 +4,22 @@
 
 #include <fcntl.h>
 
-#include <nlohmann/json.hpp>
-
 #include "tools/failure.h"
 #include "tools/journal.h"
+#include "tools/json.h"
 #include "tools/print.h"
 #include "tools/reader/reader.h"
-#include "tools/repair/repair.h"
+#include "tools/track-description.h"
 
 namespace tools {
 
 namespace {
 
-using nlohmann::ordered_json;
-
-/* Where a file stands on its way from the first frame to a whole movie. */
+/* How far a file got from the first frame to a whole movie. */
 enum class file_state {
     finished,
     fragmented,  // as far as moov goes: the fragments are not read
-    cut,         // moov is whole, what stands behind it is not
+    cut,         // moov is whole, a box after it is not
     interrupted, // there is no whole moov
 };
 
@@ -41,7 +38,7 @@ const char *name(file_state state)
     return "";
 }
 
-/* What a file claims to be text may be anything; a terminal must not obey it. */
+/* Text in a file may be anything: control characters must not reach the terminal. */
 std::string harmless(const std::string &text)
 {
     std::string result;
@@ -71,10 +68,10 @@ struct track_view {
 
 std::string codec_of(const mp4::track &track)
 {
-    if (track.avc) return "h264";
-    if (track.hevc) return "h265";
+    if (track.avc) return codec_name(MP4_TRACK_H264);
+    if (track.hevc) return codec_name(MP4_TRACK_H265);
     const int type = track.es ? track.es->object_type : 0; // registered at mp4ra.org
-    return type == 0x40 ? "aac" : type == 0x69 || type == 0x6B ? "mp3" : harmless(track.entry);
+    return type == 0x40 ? codec_name(MP4_TRACK_AAC) : type == 0x69 || type == 0x6B ? "mp3" : harmless(track.entry);
 }
 
 /* Of AAC as its own configuration says: the sample entry often states 2 for everything. */
@@ -119,8 +116,8 @@ track_view view(const mp4::track &track, uint32_t movie_timescale)
 struct movie_view {
     std::string path;
     file_state state = file_state::finished;
-    std::optional<std::string> journal; // that stands beside the file
-    std::string advice;                 // what else there is to know, and what can be done
+    std::optional<std::string> journal; // beside the file
+    std::string advice;                 // a hint for the user
     double duration;                    // seconds
     std::vector<track_view> tracks;
 };
@@ -159,7 +156,7 @@ std::string advice_for(const movie_view &movie, const open_file &file, const std
         if (brand != "qt  ") return "";
         return "It is a QuickTime file: its boxes differ in details, which count as faults of an MP4.";
     case file_state::fragmented:
-        return "It is a movie in fragments, which are not read: what is said of tracks concerns moov alone.";
+        return "It is a movie in fragments, which are not read: the tracks are shown as moov alone has them.";
     case file_state::cut:
         return "Its end is missing: copy it again from where it came.";
     case file_state::interrupted:
@@ -175,7 +172,7 @@ std::string advice_for(const movie_view &movie, const open_file &file, const std
     return what +
            (beside ? journal + " stands beside it, but is no journal. "
                    : "There is no journal " + journal + " beside it. ") +
-           "Only a journal tells where the frames lie: 'mediafiles repair " + path +
+           "Only a journal lists where the frames are: 'mediafiles repair " + path +
            " --journal FILE' takes one "
            "from elsewhere.";
 }
@@ -286,8 +283,8 @@ ordered_json to_json(const movie_view &movie, const mp4::file &file)
         {"error", nullptr},
         {"bytes", file.size},
         {"state", name(movie.state)},
-        {"journal", movie.journal ? ordered_json(*movie.journal) : ordered_json(nullptr)},
-        {"advice", movie.advice.empty() ? ordered_json(nullptr) : ordered_json(movie.advice)},
+        {"journal", or_null(movie.journal)},
+        {"advice", or_null(movie.advice)},
         {"major_brand", harmless(file.major_brand)},
         {"compatible_brands", brands},
         {"duration_s", movie.duration},
@@ -307,9 +304,8 @@ bool inspect_mp4(const open_file &file, bool json, std::FILE *to)
     const movie_view movie = view(file, content);
     if (!json)
         print_text(movie, content, to);
-    else /* File names need not be valid UTF-8. */
-        std::fprintf(to, "%s\n",
-                     to_json(movie, content).dump(2, ' ', false, ordered_json::error_handler_t::replace).c_str());
+    else
+        std::fprintf(to, "%s\n", json_text(to_json(movie, content)).c_str());
     return content.sound();
 }
 

@@ -1,8 +1,7 @@
 /**
- * What a file holds, for a person and for a program. Nothing is changed.
+ * Prints what a file holds, as text or as one JSON object. Nothing is changed.
  *
- * Each prints its result, text or one JSON object, and says whether the file
- * has no fault. They throw failure when it cannot be read.
+ * @return whether the file has no fault. Throws failure when it cannot be read.
  */
 #ifndef TOOLS_INSPECT_INSPECT_H
 #define TOOLS_INSPECT_INSPECT_H

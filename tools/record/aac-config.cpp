@@ -13,7 +13,7 @@ constexpr uint32_t band_replication = 5; // audioObjectType SBR, the extension t
 /* By samplingFrequencyIndex, from 2 on. */
 constexpr std::array<uint32_t, 11> rates = {64000, 48000, 44100, 32000, 24000, 22050, 16000, 12000, 11025, 8000, 7350};
 
-/* A backward compatible extension behind the first two bytes: syncExtensionType 0x2B7, SBR, sbrPresentFlag. */
+/* A backward compatible extension after the first two bytes: syncExtensionType 0x2B7, SBR, sbrPresentFlag. */
 bool announces_band_replication(std::span<const uint8_t> config)
 {
     if (config.size() < 5) return false;

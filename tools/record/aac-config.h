@@ -1,6 +1,6 @@
 /**
- * What an AAC stream says of itself, against what an AAC-LC track can
- * announce: an AudioSpecificConfig (ISO/IEC 14496-3, 1.6.2.1) of two bytes
+ * Compares the configuration of an AAC stream with what an AAC-LC track can
+ * state: an AudioSpecificConfig (ISO/IEC 14496-3, 1.6.2.1) of two bytes
  * with object type 2, a listed rate and one of the channel configurations 1
  * to 6. Anything else would be recorded and then play wrongly.
  */
@@ -22,7 +22,7 @@ struct aac_config {
     bool adts;         // frames carry ADTS headers
 };
 
-/** samplingFrequencyIndex of a rate, when an AAC-LC track can express it: 88200 and 96000 are out. */
+/** samplingFrequencyIndex of a rate, when an AAC-LC track can express it: not 88200 and 96000. */
 std::optional<uint32_t> frequency_index(uint32_t rate);
 
 /** Why a stream with this AudioSpecificConfig cannot be recorded; empty when it can, and for no config (ADTS). */

@@ -2,9 +2,9 @@
  * What the library makes of one access unit, known before it is handed over.
  *
  * The library stores nothing of a frame that it cannot use, yet counts it as
- * accepted, and from there on the journal's times of that track are off by
- * one frame. So the same rules are applied here first, on the public start
- * code search: a frame that would be dropped is never handed over.
+ * accepted, and from then on the journal's times of that track are off by one
+ * frame. So the same rules are applied here first, with the public start code
+ * search: a frame that would be dropped is never handed over.
  */
 #ifndef TOOLS_RECORD_ACCESS_UNIT_H
 #define TOOLS_RECORD_ACCESS_UNIT_H
@@ -21,7 +21,7 @@ enum class verdict {
     usable,
     empty,            // no byte
     no_start_code,    // not in Annex-B form
-    truncated_header, // a start code with less than a NAL unit header behind it
+    truncated_header, // a start code followed by less than a NAL unit header
     too_many_units,   // more NAL units than the library takes
     unreadable,       // the source's framing is broken
     other_format,     // an ADTS frame of another profile, rate or channel count than the track's
@@ -30,13 +30,13 @@ enum class verdict {
 /** How many verdicts there are: the size of a table with one entry for each. */
 inline constexpr unsigned verdict_count = static_cast<unsigned>(verdict::other_format) + 1;
 
-/** In the words of a message. */
+/** As a message has it. */
 const char *name(verdict);
 
 struct access_unit {
     verdict result = verdict::usable;
     bool key = false;         // random access point: IDR (H.264), IRAP (H.265), every audio frame
-    bool resets = false;      // picture order counts begin anew
+    bool resets = false;      // picture order counts restart
     bool long_sei = false;    // holds an SEI unit that would end the journal
     uint32_t stored_size = 0; // bytes of the sample: a 4-byte length in place of each start code
 };

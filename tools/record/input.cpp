@@ -169,7 +169,7 @@ frame source_stream::convert(packet_ptr packet)
     result.time = clock_.next(timestamp);
     result.damaged = (packet->flags & AV_PKT_FLAG_CORRUPT) != 0;
 
-    /* An empty packet would tell the filter that the stream ends. */
+    /* The filter would take an empty packet for the end of the stream. */
     const bool converted = packet->size == 0 || (av_bsf_send_packet(filter_.get(), packet.get()) == 0 &&
                                                  av_bsf_receive_packet(filter_.get(), packet.get()) == 0);
     if (order_) drop_trailing_zeros(packet.get());
@@ -229,7 +229,7 @@ input::input(const input_options &options, const std::atomic<bool> &cancelled) :
     };
     end_if_cancelled();
     if (result < 0) throw failure("cannot open", name(), libav_error(result));
-    /* Frames are not counted to guess a rate: without timestamps that would hold a live source up for seconds. */
+    /* Frames are not counted to guess a rate: without timestamps that would delay a live source for seconds. */
     context->fps_probe_size = 0;
     result = avformat_find_stream_info(context, nullptr);
     end_if_cancelled();
@@ -288,7 +288,7 @@ std::optional<frame> input::read()
         packet_ptr packet(av_packet_alloc());
         if (!packet) throw std::bad_alloc();
         int result = av_read_frame(format_.get(), packet.get());
-        /* Demuxers say "end" where the transport below them has failed. */
+        /* Demuxers report the end where the transport below them has failed. */
         if (result == AVERROR_EOF && format_->pb && format_->pb->error < 0) result = format_->pb->error;
         const AVIOInterruptCB &cancelled = format_->interrupt_callback;
         if (result == AVERROR_EXIT || cancelled.callback(cancelled.opaque) != 0) return std::nullopt;

@@ -2,7 +2,7 @@
  * One source of encoded audio and video: a file, standard input, or whatever
  * else libavformat opens. It hands out frames as the library takes them (video
  * as Annex-B access units, AAC with or without ADTS headers), in the order of
- * the source, each with its time. It reads on as frames are asked for and
+ * the source, each with its time. It reads only when a frame is asked for, and
  * never seeks.
  */
 #ifndef TOOLS_RECORD_INPUT_H
@@ -36,10 +36,10 @@ struct input_options {
 struct frame {
     packet_ptr packet;
     size_t stream = 0;      // index into the input's streams
-    access_unit unit;       // what the library makes of it
+    access_unit unit;       // how the library will store it
     int64_t time = 0;       // nanoseconds on the source's clock
     bool reordered = false; // shown before a frame that came earlier
-    bool damaged = false;   // the source said so; stored as it is
+    bool damaged = false;   // by the source's own mark; stored unchanged
     bool trimmed = false;   // it has lost a long SEI unit
 };
 
@@ -56,7 +56,7 @@ public:
     /** Frames a second by which video without timestamps is timed; nothing for a stream with timestamps. */
     std::optional<rational> timed_by() const;
 
-    /** Takes over a packet and gives back the frame, which is unreadable when the filter refuses it. */
+    /** Takes over a packet and gives back the frame, which is unreadable when the filter rejects it. */
     frame convert(packet_ptr packet);
 
     /** Packets that the source lists beyond those that came, as a file with a part missing does. */
@@ -78,7 +78,7 @@ private:
     std::optional<picture_order> order_;
 };
 
-/** A stream that is not recorded, in words. */
+/** A stream that is not recorded. */
 struct left_out {
     int index;
     std::string what; // kind and codec

@@ -3,9 +3,9 @@
  * are coded in (B-frames). A recording keeps one time for each frame and no
  * composition offsets, so such a stream would play wrongly.
  *
- * Two witnesses are heard: presentation times that run backwards while
- * decoding times run on, and the picture order count of the slice headers,
- * which also speaks where timestamps are missing or were made up.
+ * Two things show it: presentation times that run backwards while decoding
+ * times run on, and the picture order count of the slice headers, which also
+ * works where timestamps are missing or were made up.
  */
 #ifndef TOOLS_RECORD_PICTURE_ORDER_H
 #define TOOLS_RECORD_PICTURE_ORDER_H
@@ -24,7 +24,7 @@ public:
     /**
      * Looks at the next access unit.
      *
-     * @param resets  picture order counts begin anew with it
+     * @param resets  picture order counts restart with it
      * @return whether it is shown before one that came earlier
      */
     bool goes_back(const AVPacket *unit, bool resets);

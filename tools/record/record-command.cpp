@@ -1,16 +1,14 @@
-#include "tools/record/record-command.h"
-
 #include <algorithm>
 #include <cmath>
 #include <csignal>
-
-#include <mediafiles/support/io.h>
 
 extern "C" {
 #include <libavutil/log.h>
 #include <libavutil/parseutils.h>
 }
 
+#include "tools/command.h"
+#include "tools/journal.h"
 #include "tools/record/record.h"
 
 namespace tools {
@@ -23,7 +21,7 @@ static_assert(std::atomic<bool>::is_always_lock_free);
 
 constexpr double longest_time = 1e9; // seconds
 
-/* The options as they stand on the command line. */
+/* The options as given on the command line. */
 struct record_line {
     std::vector<std::string> inputs;
     std::string output;
@@ -62,13 +60,13 @@ void describe(CLI::App &line, record_line &given)
     line.add_option("--buffer", given.buffer, "Size of the write cache, 0 for none (default: 65536)")
         ->check(CLI::Range(uint64_t{0}, uint64_t{1} << 31))
         ->type_name("BYTES");
-    line.add_option("--sync", given.sync_interval, "Bring media and journal to the medium every so often (default: 1)")
+    line.add_option("--sync", given.sync_interval, "Sync media and journal at this interval (default: 1)")
         ->check(CLI::Range(0.0, longest_time))
         ->type_name("SECONDS");
-    line.add_option("--duration", given.duration, "Stop after so much media")
+    line.add_option("--duration", given.duration, "Stop after this much media")
         ->check(CLI::Range(1e-9, longest_time))
         ->type_name("SECONDS");
-    line.add_flag("--realtime", given.realtime, "Record no faster than the frames' times run");
+    line.add_flag("--realtime", given.realtime, "Record no faster than the frames' times");
     /* These two are for every input, or given as often as there are inputs. */
     line.add_option("--format", given.formats, "Input format; once for all inputs, or once for each in turn")
         ->expected(1)
@@ -81,7 +79,7 @@ void describe(CLI::App &line, record_line &given)
         ->allow_extra_args(false)
         ->type_name("N");
     line.add_flag("--overwrite", given.overwrite, "Replace an existing output and journal");
-    line.add_flag("--quiet", given.quiet, "Say nothing but what went wrong");
+    line.add_flag("--quiet", given.quiet, "Print errors only");
     line.add_flag("--json", given.json, "Print the summary as a JSON object on standard output");
 }
 
@@ -121,7 +119,7 @@ record_options checked(const record_line &given)
     record_options options;
     for (size_t i = 0; i < given.inputs.size(); ++i) options.inputs.push_back(input_of(given, i));
     options.output = given.output;
-    if (!given.no_journal) options.journal = given.journal.empty() ? given.output + ".journal" : given.journal;
+    if (!given.no_journal) options.journal = given.journal.empty() ? journal_of(given.output) : given.journal;
     options.keep_journal = given.keep_journal;
     options.buffer = static_cast<uint32_t>(given.buffer);
     options.sync_interval = std::chrono::nanoseconds(std::llround(given.sync_interval * 1e9));
@@ -149,15 +147,8 @@ int run(const record_line &given, int result_descriptor)
 
     console console("record", given.quiet);
     const recording_summary summary = record(options, console, stop_requested);
-    if (!given.json) {
-        if (summary.bytes != 0) console.note(to_text(summary));
-    } else {
-        const std::string text = to_json(summary);
-        if (writen(result_descriptor, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
-            console.problem("cannot write: standard output: the summary is lost");
-            return failed;
-        }
-    }
+    if (!given.json && summary.bytes != 0) console.note(to_text(summary));
+    if (given.json && !console.result(result_descriptor, to_json(summary))) return failed;
     return summary.error ? failed : done;
 }
 

@@ -1,8 +1,8 @@
 /**
- * The order in which a recording reaches the medium is what makes it
- * repairable after a power cut: first the media, then the journal that names
- * it. recording::sync is that order; nothing else appends to the journal while
- * all is well.
+ * A recording can be repaired after a power cut because of the order in which
+ * it reaches the medium: first the media, then the journal that names it.
+ * recording::sync keeps that order; without an error nothing else appends to
+ * the journal.
  */
 #include "tools/record/record.h"
 
@@ -20,6 +20,7 @@
 #include "tools/record/recording-files.h"
 #include "tools/record/recording-size.h"
 #include "tools/record/sources.h"
+#include "tools/seconds.h"
 
 namespace tools {
 
@@ -35,20 +36,20 @@ using journal_ptr = std::unique_ptr<mediafile_caretaker, release_by_value<mediaf
 using input_list = std::vector<std::unique_ptr<input>>;
 
 /*
- * A frame this far behind the end of the duration shows that no other track has anything left before it: files lay
- * their tracks apart by fragments of many seconds.
+ * A frame this far after the end of the duration shows that no other track has a frame left before it: files
+ * interleave their tracks in fragments of many seconds.
  */
 constexpr int64_t duration_slack = 30 * second;
 
-/* A jump in the times that --realtime does not sit out. */
+/* --realtime does not wait for a longer jump in the times. */
 constexpr auto longest_pause = 10s;
 
 struct track_state {
     size_t input;
     size_t stream;
-    std::optional<int64_t> latest = {};             // ns: the time that its frames have reached
-    std::array<bool, verdict_count> told_dropped{}; // by verdict
-    uint64_t trimmed = 0;                           // frames that lost a long SEI unit
+    std::optional<int64_t> latest = {};                 // ns: the time that its frames have reached
+    std::array<bool, verdict_count> reported_dropped{}; // by verdict
+    uint64_t trimmed = 0;                               // frames that lost a long SEI unit
     bool reached_duration = false;
 };
 
@@ -62,14 +63,14 @@ public:
     /** Throws what keeps the file from being finished. */
     void run();
 
-    /** Says what went wrong; the first such text goes into the summary. */
+    /** Reports an error; the first one also goes into the summary. */
     void fail(const std::string &text);
 
 private:
     input_list open_inputs();
     void add_tracks(input_list &inputs);
     bool add_track(input &source, size_t input_index, size_t stream);
-    std::string place(size_t track) const;
+    std::string stream_of(size_t track) const;
     std::string reordering(size_t track) const;
     size_t track_of(size_t input, size_t stream) const;
 
@@ -79,7 +80,7 @@ private:
     bool add(const source_frame &next);
     bool is_usable(size_t track, const frame &content);
     void follow_time(size_t track, int64_t time);
-    void tell_first(uint64_t count, size_t track, const char *what, const char *why);
+    void report_first(uint64_t count, size_t track, const char *what, const char *why);
     bool is_within_duration(track_state &track, int64_t time);
     bool is_duration_over(int64_t time) const;
 
@@ -97,7 +98,7 @@ private:
     std::atomic<bool> &stop_;
     recording_summary &summary_;
 
-    /* Released from the last to the first: what uses comes after what is used. */
+    /* Released from the last to the first: each uses those before it. */
     std::optional<recording_files> files_;
     journal_ptr journal_;
     builder_ptr builder_;
@@ -183,7 +184,7 @@ void recording::add_tracks(input_list &inputs)
     if (tracks_.empty()) throw failure("nothing to record", inputs.front()->name(), "no stream that can be recorded");
 }
 
-/* False when there is no track for the stream: then it is none of the source's streams any more. */
+/* False when there is no track for the stream, which is then left out of the source. */
 bool recording::add_track(input &source, size_t input_index, size_t stream)
 {
     const source_stream &from = source.streams()[stream];
@@ -197,25 +198,23 @@ bool recording::add_track(input &source, size_t input_index, size_t stream)
         return false;
     }
     tracks_.push_back({.input = input_index, .stream = stream});
-    summary_.tracks.push_back({.source = source.name(),
-                               .stream = from.source()->index,
-                               .kind = from.kind(),
-                               .description = from.description()});
+    summary_.tracks.push_back(
+        {.source = source.name(), .stream = from.source()->index, .description = from.description()});
     const auto rate = from.timed_by();
     if (rate && !options_.inputs[input_index].frame_rate)
-        console_.note(place(tracks_.size() - 1) + " has no timestamps: taken as " + std::to_string(rate->num) + "/" +
-                      std::to_string(rate->den) + " frames a second (--fps)");
+        console_.note(stream_of(tracks_.size() - 1) + " has no timestamps: taken as " + std::to_string(rate->num) +
+                      "/" + std::to_string(rate->den) + " frames a second (--fps)");
     return true;
 }
 
-std::string recording::place(size_t track) const
+std::string recording::stream_of(size_t track) const
 {
     return stream_name(summary_.tracks[track].source, summary_.tracks[track].stream);
 }
 
 std::string recording::reordering(size_t track) const
 {
-    return "pictures are reordered: " + place(track) + ": a recording with B-frames would play wrongly; " +
+    return "pictures are reordered: " + stream_of(track) + ": a recording with B-frames would play wrongly; " +
            "encode without them (x264, x265: --bframes 0; ffmpeg: -bf 0)";
 }
 
@@ -257,7 +256,7 @@ void recording::record_frames()
                 if (!add(*next)) return;
                 next.reset();
             } else {
-                /* In short steps, for a signal that another thread receives ends no sleep. */
+                /* In short steps, because a signal that another thread receives ends no sleep. */
                 std::this_thread::sleep_until(std::min({moment, wake, now + 50ms}));
             }
         }
@@ -307,13 +306,13 @@ bool recording::add(const source_frame &next)
     size_.add(length, content.unit.stored_size);
     poll_journal();
 
-    track_summary &told = summary_.tracks[track];
-    ++told.frames;
-    told.key_frames += content.unit.key;
-    told.bytes += content.unit.stored_size;
-    if (content.damaged) tell_first(++told.damaged, track, "damaged frame", "recorded as it is");
+    track_summary &counts = summary_.tracks[track];
+    ++counts.frames;
+    counts.key_frames += content.unit.key;
+    counts.bytes += content.unit.stored_size;
+    if (content.damaged) report_first(++counts.damaged, track, "damaged frame", "recorded as it is");
     if (content.trimmed)
-        tell_first(++tracks_[track].trimmed, track, "SEI left out", "above 508 bytes it would end the journal");
+        report_first(++tracks_[track].trimmed, track, "SEI left out", "above 508 bytes it would end the journal");
     return true;
 }
 
@@ -322,26 +321,26 @@ bool recording::is_usable(size_t track, const frame &content)
     const verdict result = content.unit.result;
     if (result == verdict::usable) return true;
     ++summary_.tracks[track].dropped;
-    bool &told = tracks_[track].told_dropped[static_cast<size_t>(result)];
-    if (!told) console_.problem("frame dropped: " + place(track) + ": " + name(result));
-    told = true;
+    bool &reported = tracks_[track].reported_dropped[static_cast<size_t>(result)];
+    if (!reported) console_.problem("frame dropped: " + stream_of(track) + ": " + name(result));
+    reported = true;
     return false;
 }
 
-/* The library gives a frame that runs backwards no duration; the track stays where it was. */
+/* The library gives a frame whose time runs backwards no duration; the time of the track stays. */
 void recording::follow_time(size_t track, int64_t time)
 {
     auto &latest = tracks_[track].latest;
     if (latest && time < *latest)
-        tell_first(++summary_.tracks[track].backwards, track, "time runs backwards", "the frame lasts no time");
+        report_first(++summary_.tracks[track].backwards, track, "time runs backwards", "the frame lasts no time");
     else
         latest = time;
     latest_time_ = std::max(latest_time_, time);
 }
 
-void recording::tell_first(uint64_t count, size_t track, const char *what, const char *why)
+void recording::report_first(uint64_t count, size_t track, const char *what, const char *why)
 {
-    if (count == 1) console_.problem(std::string(what) + ": " + place(track) + ": " + why);
+    if (count == 1) console_.problem(std::string(what) + ": " + stream_of(track) + ": " + why);
 }
 
 bool recording::is_within_duration(track_state &track, int64_t time)
@@ -394,7 +393,7 @@ void recording::drain_journal(std::span<const uint8_t> records)
     journal_behind_ = error != 0;
 }
 
-/* The library reports its journal's state at every look once it has failed, so the looking ends then. */
+/* After a failure the library logs the journal's state at every query, so it is not queried again. */
 void recording::poll_journal()
 {
     if (!journal_ || journal_ended_) return;
@@ -430,7 +429,7 @@ void recording::rescue()
         files_->sync_media();
         drain_journal(records_within(stored_records(), files_->media_size()));
     } catch (const std::exception &) {
-        /* The cause was an earlier failure, which is told. */
+        /* The cause was an earlier failure, which is reported. */
     }
 }
 
@@ -438,7 +437,7 @@ void recording::measure()
 {
     mp4_time length;
     mp4_movie_timespan(builder_->movie, &length);
-    summary_.duration = length.seconds + length.nanoseconds / 1e9;
+    summary_.duration = seconds(length);
     summary_.bytes = files_->media_size();
 }
 
@@ -450,13 +449,13 @@ void recording::show_progress()
         frames += track.frames;
         bytes += track.bytes;
     }
-    const double seconds = first_time_ ? static_cast<double>(latest_time_ - *first_time_) / 1e9 : 0;
-    const auto whole = static_cast<unsigned>(seconds);
+    const double passed = first_time_ ? seconds(latest_time_ - *first_time_) : 0;
+    const auto whole = static_cast<unsigned>(passed);
     const double megabytes = static_cast<double>(bytes) / 1e6;
-    const double rate = seconds > 0 ? megabytes * 8 / seconds : 0;
+    const double rate = passed > 0 ? megabytes * 8 / passed : 0;
     char text[100];
     std::snprintf(text, sizeof text, "%02u:%02u:%04.1f  %ju frames  %.1f MB  %.2f Mbit/s", whole / 3600,
-                  whole / 60 % 60, seconds - (whole - whole % 60), uintmax_t{frames}, megabytes, rate);
+                  whole / 60 % 60, passed - (whole - whole % 60), uintmax_t{frames}, megabytes, rate);
     console_.progress(text);
 }
 

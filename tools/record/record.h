@@ -31,7 +31,7 @@ struct record_options {
 
 /**
  * Records until the inputs end, the duration is reached or stop is set. Does
- * not throw: what went wrong stands in the summary and was said on the console.
+ * not throw: errors are in the summary and were printed on the console.
  */
 recording_summary record(const record_options &options, console &console, std::atomic<bool> &stop);
 

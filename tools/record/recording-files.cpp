@@ -12,6 +12,8 @@
 #include <mediafiles/support/io.h>
 
 #include "tools/failure.h"
+#include "tools/journal.h"
+#include "tools/open-file.h"
 
 namespace tools {
 
@@ -27,18 +29,6 @@ bool is_same(const struct stat &a, const struct stat &b)
 }
 
 } // namespace
-
-void sync_directory_of(const std::string &path)
-{
-    const size_t slash = path.rfind('/');
-    const std::string directory = slash == std::string::npos ? "." : path.substr(0, slash + 1);
-    const int descriptor = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    const int result = descriptor < 0 ? -1 : fsync(descriptor);
-    const int error = errno;
-    if (descriptor >= 0) close(descriptor);
-    /* Some file systems have nothing to sync in a directory. */
-    if (result != 0 && error != EINVAL && error != ENOTSUP) throw failure("cannot sync", directory, error);
-}
 
 locked_file::locked_file(std::string path, bool overwrite, const char *why_not) : path_(std::move(path))
 {
@@ -96,7 +86,7 @@ recording_files::recording_files(const std::string &media, const std::optional<s
     if (journal) refuse_input(*journal_);
 
     /* The journal first: an old one must never stand beside new media. */
-    const std::string beside = media + ".journal";
+    const std::string beside = journal_of(media);
     struct stat old;
     if (stat(beside.c_str(), &old) == 0 && !(journal && is_same(journal_->status(), old))) {
         if (!overwrite) throw failure(cannot_record, beside, journal_may_be_needed);
@@ -116,7 +106,7 @@ void recording_files::keep()
 
 void recording_files::sync_media()
 {
-    /* The kernel tells a lost write once; what was lost stays lost. */
+    /* The kernel reports a lost write once; what was lost stays lost. */
     if (media_failed_) throw failure("cannot write", media_.path(), EIO);
     if (fdatasync(media_.descriptor()) == 0) return;
     media_failed_ = true;

@@ -1,11 +1,10 @@
 /**
- * The two files of a recording on their way to the medium: the MP4, which the
- * library writes through a descriptor, and the journal, which is appended
- * here.
+ * The two files of a recording: the MP4, which the library writes through a
+ * descriptor, and the journal, which is appended here.
  *
- * Nothing that existed is touched before it is certain that both files can be
- * had. A journal file never holds a record with its middle cut: what an append
- * leaves over is kept and goes first the next time.
+ * No existing file is touched before both files can be opened and locked. No
+ * record is ever cut in the middle of the journal file: the rest of a short
+ * append is kept and written first the next time.
  */
 #ifndef TOOLS_RECORD_RECORDING_FILES_H
 #define TOOLS_RECORD_RECORDING_FILES_H
@@ -20,7 +19,7 @@
 
 namespace tools {
 
-/** An open file under an exclusive lock; one that was made here and is not kept disappears again. */
+/** An open file under an exclusive lock; one that was made here is removed unless it is kept. */
 class locked_file {
 public:
     /**
@@ -37,7 +36,7 @@ public:
     int descriptor() const { return descriptor_; }
     const std::string &path() const { return path_; }
     struct stat status() const;
-    /** Takes the content from a file that was there, durably. */
+    /** Truncates a file that existed, durably. */
     void empty();
     void keep() { kept_ = true; }
 
@@ -59,7 +58,7 @@ public:
     recording_files(const std::string &media, const std::optional<std::string> &journal, bool overwrite,
                     std::span<const struct stat> inputs);
 
-    /** From here on the files stay, whatever happens. */
+    /** From here on no error removes the files. */
     void keep();
 
     int media() const { return media_.descriptor(); }
@@ -70,11 +69,11 @@ public:
     void sync_media();
 
     /**
-     * Appends whole records, behind those that are still to be written, and
+     * Appends whole records, after those that are still to be written, and
      * waits until they are on the medium.
      *
      * @return 0 or the errno; the records that were not written are kept. A
-     *         failed sync is for good: nothing is appended behind what it lost
+     *         failed sync is permanent: nothing is appended after what it lost
      */
     int append_journal(std::span<const uint8_t> records);
 
@@ -95,9 +94,6 @@ private:
  * media could not be written to its end.
  */
 std::span<const uint8_t> records_within(std::span<const uint8_t> records, uint64_t media_size);
-
-/** Makes a name in it new or gone for good: that survives a power cut once the directory is synced. Throws failure. */
-void sync_directory_of(const std::string &path);
 
 } // namespace tools
 

@@ -1,6 +1,6 @@
 /**
  * Whether one more frame still leaves room to finish the file. Positions in
- * the file are 32-bit: the media and the moov behind it must end below 4 GiB,
+ * the file are 32-bit: the media and the moov after it must end below 4 GiB,
  * and the library takes MP4_MAX_RECORD_BYTES of frames. A sample may be larger
  * than its frame, because its lengths have four bytes where a start code may
  * have three.

@@ -1,27 +1,11 @@
 #include "tools/record/recording-summary.h"
 
-#include <nlohmann/json.hpp>
-
 #include "tools/print.h"
+#include "tools/track-description.h"
 
 namespace tools {
 
 namespace {
-
-using nlohmann::ordered_json;
-
-const char *name(codec kind)
-{
-    switch (kind) {
-    case codec::h264:
-        return "h264";
-    case codec::h265:
-        return "h265";
-    case codec::aac:
-        return "aac";
-    }
-    return "";
-}
 
 const char *name(stop_reason reason)
 {
@@ -42,11 +26,7 @@ const char *name(stop_reason reason)
 
 std::string line(size_t index, const track_summary &track)
 {
-    std::string text = print("  track %zu: %s ", index, name(track.kind));
-    if (track.kind == codec::aac)
-        text += print("%u Hz, %u channels", track.description.audio.sample_rate, track.description.audio.channels);
-    else
-        text += print("%ux%u", track.description.video.width, track.description.video.height);
+    std::string text = print("  track %zu: ", index) + describe(track.description);
     text += ", from " + track.source + print(" stream %d: ", track.stream);
     text += print("%ju frames, %ju key, %ju bytes", uintmax_t{track.frames}, uintmax_t{track.key_frames},
                   uintmax_t{track.bytes});
@@ -56,23 +36,10 @@ std::string line(size_t index, const track_summary &track)
     return text + "\n";
 }
 
-template <class Value>
-ordered_json or_null(const std::optional<Value> &value)
-{
-    return value ? ordered_json(*value) : ordered_json(nullptr);
-}
-
 ordered_json object(size_t index, const track_summary &track)
 {
-    ordered_json result = {
-        {"index", index}, {"source", track.source}, {"stream", track.stream}, {"codec", name(track.kind)}};
-    if (track.kind == codec::aac) {
-        result["channels"] = track.description.audio.channels;
-        result["rate"] = track.description.audio.sample_rate;
-    } else {
-        result["width"] = track.description.video.width;
-        result["height"] = track.description.video.height;
-    }
+    ordered_json result = {{"index", index}, {"source", track.source}, {"stream", track.stream}};
+    add_description(result, track.description);
     result["frames"] = track.frames;
     result["key_frames"] = track.key_frames;
     result["bytes"] = track.bytes;
@@ -110,8 +77,7 @@ std::string to_json(const recording_summary &summary)
         {"stopped_by", name(summary.stopped_by)},
         {"error", or_null(summary.error)},
     };
-    /* File names need not be valid UTF-8. */
-    return result.dump(2, ' ', false, ordered_json::error_handler_t::replace) + "\n";
+    return json_text(result) + "\n";
 }
 
 } // namespace tools

@@ -1,4 +1,4 @@
-/** What came of a recording, for a person and for a program. */
+/** The result of a recording, as text and as JSON. */
 #ifndef TOOLS_RECORD_RECORDING_SUMMARY_H
 #define TOOLS_RECORD_RECORDING_SUMMARY_H
 
@@ -9,8 +9,6 @@
 
 #include <mediafiles/movie.h>
 
-#include "tools/record/access-unit.h"
-
 namespace tools {
 
 enum class stop_reason { end, signal, duration, limit, error };
@@ -18,14 +16,13 @@ enum class stop_reason { end, signal, duration, limit, error };
 struct track_summary {
     std::string source; // the input's name
     int stream;         // number in the input
-    codec kind;
     mp4_track_desc description;
     uint64_t frames = 0;
     uint64_t key_frames = 0;
     uint64_t bytes = 0;     // of its samples
-    uint64_t dropped = 0;   // frames that cannot be recorded
+    uint64_t dropped = 0;   // invalid frames, not recorded
     uint64_t backwards = 0; // frames whose time ran backwards
-    uint64_t damaged = 0;   // frames that the source called so, recorded as they were
+    uint64_t damaged = 0;   // frames that the source marked as damaged, recorded unchanged
 };
 
 struct recording_summary {
@@ -33,7 +30,7 @@ struct recording_summary {
     std::optional<std::string> journal = {}; // none, or not made yet
     bool journal_kept = false;
     double duration = 0; // seconds
-    uint64_t bytes = 0;  // of the file; 0 before it was begun
+    uint64_t bytes = 0;  // of the file; 0 before it was opened
     std::vector<track_summary> tracks = {};
     std::optional<std::string> journal_error = {};
     stop_reason stopped_by = stop_reason::end;

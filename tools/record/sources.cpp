@@ -15,24 +15,24 @@ namespace {
 
 using namespace std::chrono_literals;
 
-/* What one input may hold ready. */
+/* The most that one input queues. */
 constexpr size_t most_queued_frames = 256;
 constexpr size_t most_queued_bytes = 8u << 20;
 
-/* Video frames of a stream that show whether it is reordered, as a rule; more than a decoder may keep back. */
+/* How many video frames usually show whether a stream is reordered: more than a decoder may hold back. */
 constexpr ptrdiff_t frames_to_look_ahead = 32;
 constexpr auto time_to_look_ahead = 1s;
 
-/* How long an input without a frame keeps the others waiting for it. */
-constexpr auto patience = 500ms;
+/* How long the others wait for an input without a frame. */
+constexpr auto longest_wait = 500ms;
 
-/* How often a wait looks whether it was cancelled by a signal, which wakes no condition variable. */
-constexpr auto attention = 50ms;
+/* How often a wait checks for a cancellation by a signal, which wakes no condition variable. */
+constexpr auto poll_interval = 50ms;
 
-/* The readers leave signals to the main thread, but for this one: it interrupts a read that would wait for ever. */
+/* The readers block every signal but this one: it interrupts a read that would wait forever. */
 constexpr int wake_up = SIGUSR1;
 
-/* The signals of threads that are made while it lives. */
+/* While it exists, new threads block every signal but wake_up. */
 class reader_signals {
 public:
     reader_signals()
@@ -60,14 +60,14 @@ sources::sources(std::vector<std::unique_ptr<input>> inputs, std::atomic<bool> &
 {
     const bool several = inputs.size() > 1;
     for (auto &source : inputs) {
-        auto made = std::make_unique<lane>();
+        auto made = std::make_unique<input_queue>();
         made->start = several ? source->start() : 0;
         made->source = std::move(source);
         made->last_frame = steady::now();
-        lanes_.push_back(std::move(made));
+        queues_.push_back(std::move(made));
     }
     const reader_signals inherited;
-    for (auto &each : lanes_) {
+    for (auto &each : queues_) {
         try {
             each->reader = std::thread([this, &each] { read_all(*each); });
         } catch (const std::system_error &problem) {
@@ -85,27 +85,27 @@ sources::~sources()
 void sources::stop()
 {
     cancelled_ = true;
-    for (auto &each : lanes_) {
+    for (auto &each : queues_) {
         if (!each->reader.joinable()) continue;
         std::unique_lock lock(mutex_);
         changed_.notify_all();
-        while (!changed_.wait_for(lock, attention, [&] { return each->ended; }))
+        while (!changed_.wait_for(lock, poll_interval, [&] { return each->ended; }))
             pthread_kill(each->reader.native_handle(), wake_up);
         lock.unlock();
         each->reader.join();
     }
 }
 
-void sources::read_all(lane &own)
+void sources::read_all(input_queue &own)
 {
     std::optional<std::string> error;
     try {
         while (auto next = own.source->read()) {
             next->time -= own.start;
             std::unique_lock lock(mutex_);
-            while (is_full(own) && !cancelled_) changed_.wait_for(lock, attention);
+            while (is_full(own) && !cancelled_) changed_.wait_for(lock, poll_interval);
             own.queued_bytes += static_cast<size_t>(next->packet->size);
-            own.queue.push_back(std::move(*next));
+            own.frames.push_back(std::move(*next));
             own.last_frame = steady::now();
             changed_.notify_all();
         }
@@ -118,45 +118,45 @@ void sources::read_all(lane &own)
     changed_.notify_all();
 }
 
-bool sources::is_full(const lane &own) const
+bool sources::is_full(const input_queue &own) const
 {
-    return own.queue.size() >= most_queued_frames || own.queued_bytes >= most_queued_bytes;
+    return own.frames.size() >= most_queued_frames || own.queued_bytes >= most_queued_bytes;
 }
 
-bool sources::has_looked_ahead(const lane &own) const
+bool sources::has_looked_ahead(const input_queue &own) const
 {
     if (own.ended || is_full(own)) return true;
     const auto &streams = own.source->streams();
     for (size_t i = 0; i < streams.size(); ++i) {
-        const auto queued = std::ranges::count(own.queue, i, &frame::stream);
+        const auto queued = std::ranges::count(own.frames, i, &frame::stream);
         if (streams[i].kind() != codec::aac && queued < frames_to_look_ahead) return false;
     }
     return true;
 }
 
-std::optional<sources::place> sources::look_ahead_for_reordering()
+std::optional<sources::stream_index> sources::look_ahead_for_reordering()
 {
     const auto until = steady::now() + time_to_look_ahead;
     std::unique_lock lock(mutex_);
     const auto waits = [this](auto &each) { return !has_looked_ahead(*each); };
-    while (std::ranges::any_of(lanes_, waits) && !cancelled_ && steady::now() < until)
-        changed_.wait_for(lock, attention);
+    while (std::ranges::any_of(queues_, waits) && !cancelled_ && steady::now() < until)
+        changed_.wait_for(lock, poll_interval);
 
-    for (size_t i = 0; i < lanes_.size(); ++i) {
-        const auto found = std::ranges::find(lanes_[i]->queue, true, &frame::reordered);
-        if (found != lanes_[i]->queue.end()) return place{i, found->stream};
+    for (size_t i = 0; i < queues_.size(); ++i) {
+        const auto found = std::ranges::find(queues_[i]->frames, true, &frame::reordered);
+        if (found != queues_[i]->frames.end()) return stream_index{i, found->stream};
     }
     return std::nullopt;
 }
 
-/* The lane with the earliest frame; none while it is worth waiting for a lane that has none. */
-sources::lane *sources::earliest(steady::time_point now)
+/* The queue with the earliest frame; none while waiting for an empty queue. */
+sources::input_queue *sources::earliest(steady::time_point now)
 {
-    lane *first = nullptr;
-    for (auto &each : lanes_) {
-        if (each->queue.empty()) {
-            if (!each->ended && now - each->last_frame < patience) return nullptr;
-        } else if (!first || each->queue.front().time < first->queue.front().time) {
+    input_queue *first = nullptr;
+    for (auto &each : queues_) {
+        if (each->frames.empty()) {
+            if (!each->ended && now - each->last_frame < longest_wait) return nullptr;
+        } else if (!first || each->frames.front().time < first->frames.front().time) {
             first = each.get();
         }
     }
@@ -168,17 +168,17 @@ std::optional<source_frame> sources::take(steady::time_point until)
     std::unique_lock lock(mutex_);
     for (;;) {
         const auto now = steady::now();
-        if (lane *from = earliest(now)) {
-            source_frame taken{0, std::move(from->queue.front())};
-            while (lanes_[taken.input].get() != from) ++taken.input;
-            from->queue.pop_front();
+        if (input_queue *from = earliest(now)) {
+            source_frame taken{0, std::move(from->frames.front())};
+            while (queues_[taken.input].get() != from) ++taken.input;
+            from->frames.pop_front();
             from->queued_bytes -= static_cast<size_t>(taken.content.packet->size);
             from->last_frame = now;
             changed_.notify_all();
             return taken;
         }
         if (none_left() || cancelled_ || now >= until) return std::nullopt;
-        changed_.wait_until(lock, std::min(until, now + attention));
+        changed_.wait_until(lock, std::min(until, now + poll_interval));
     }
 }
 
@@ -190,14 +190,14 @@ bool sources::ended()
 
 bool sources::none_left() const
 {
-    return std::ranges::all_of(lanes_, [](auto &each) { return each->ended && each->queue.empty(); });
+    return std::ranges::all_of(queues_, [](auto &each) { return each->ended && each->frames.empty(); });
 }
 
 std::optional<std::string> sources::take_error()
 {
     const std::lock_guard lock(mutex_);
-    for (auto &each : lanes_) {
-        if (!each->queue.empty() || !each->error) continue;
+    for (auto &each : queues_) {
+        if (!each->frames.empty() || !each->error) continue;
         return std::exchange(each->error, std::nullopt);
     }
     return std::nullopt;

@@ -1,10 +1,10 @@
 /**
- * The inputs of one recording, read side by side and merged by time.
+ * The inputs of one recording, read in parallel and merged by time.
  *
  * Each input is read by a thread of its own into a bounded queue, so that a
- * slow disk does not make a source wait, and a source that waits keeps neither
- * the other ones nor the journal back. The frames come out earliest first. An
- * input that has nothing to give holds the others up for a moment only.
+ * slow disk does not make a source wait, and a slow source delays neither the
+ * others nor the journal. The frames come out earliest first. An input that
+ * has no frame delays the others for a moment only.
  */
 #ifndef TOOLS_RECORD_SOURCES_H
 #define TOOLS_RECORD_SOURCES_H
@@ -35,35 +35,33 @@ public:
     /**
      * Starts reading. Several inputs begin together, each at its own start; one alone keeps its times.
      *
-     * @param cancelled  set by whoever wants the reading to end early; the destructor sets it
+     * @param cancelled  set by the caller to end the reading early; the destructor sets it
      */
     sources(std::vector<std::unique_ptr<input>> inputs, std::atomic<bool> &cancelled);
     ~sources();
     sources(const sources &) = delete;
     sources &operator=(const sources &) = delete;
 
-    input &at(size_t index) { return *lanes_[index]->source; }
-
-    struct place {
+    struct stream_index {
         size_t input, stream;
     };
-    /** Waits for the next frames of every video stream, but not for long; gives the stream of a reordered one. */
-    std::optional<place> look_ahead_for_reordering();
+    /** Waits up to a second for the next frames of every video stream; @return the stream of a reordered one */
+    std::optional<stream_index> look_ahead_for_reordering();
 
-    /** The earliest frame; nothing when the time has come or all inputs have ended. */
+    /** The earliest frame; nothing at the given time or when all inputs have ended. */
     std::optional<source_frame> take(steady::time_point until);
 
-    /** All frames have been taken, and none will come. */
+    /** All frames have been taken, and no more will come. */
     bool ended();
 
     /** An error that ended an input: once, after its last frame was taken. */
     std::optional<std::string> take_error();
 
 private:
-    struct lane {
+    struct input_queue {
         std::unique_ptr<input> source;
         int64_t start = 0; // nanoseconds, subtracted from its times
-        std::deque<frame> queue;
+        std::deque<frame> frames;
         size_t queued_bytes = 0;
         steady::time_point last_frame; // when one was queued or taken last
         bool ended = false;
@@ -72,15 +70,15 @@ private:
     };
 
     void stop();
-    void read_all(lane &);
-    bool is_full(const lane &) const;
-    bool has_looked_ahead(const lane &) const;
-    lane *earliest(steady::time_point now);
+    void read_all(input_queue &);
+    bool is_full(const input_queue &) const;
+    bool has_looked_ahead(const input_queue &) const;
+    input_queue *earliest(steady::time_point now);
     bool none_left() const;
 
-    std::vector<std::unique_ptr<lane>> lanes_;
+    std::vector<std::unique_ptr<input_queue>> queues_;
     std::atomic<bool> &cancelled_;
-    std::mutex mutex_; // guards what the lanes hold, but for source, start and reader
+    std::mutex mutex_; // guards what the queues hold, except source, start and reader
     std::condition_variable changed_;
 };
 

@@ -12,9 +12,9 @@
 
 #include <mediafiles/movie.h>
 
-namespace tools {
+#include "tools/seconds.h"
 
-inline constexpr int64_t second = 1'000'000'000; // in nanoseconds
+namespace tools {
 
 /** Both parts are positive and below 2^31. */
 struct rational {

@@ -1,5 +1,3 @@
-#include "tools/repair/repair-command.h"
-
 #include <algorithm>
 #include <csignal>
 #include <filesystem>
@@ -7,8 +5,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <mediafiles/support/io.h>
-
+#include "tools/command.h"
+#include "tools/journal.h"
 #include "tools/repair/repair-report.h"
 
 namespace tools {
@@ -19,7 +17,7 @@ namespace fs = std::filesystem;
 
 constexpr int nothing_to_do = 3; // exit code
 
-/* The options as they stand on the command line. */
+/* The options as given on the command line. */
 struct repair_line {
     std::vector<std::string> paths;
     std::string journal;
@@ -35,7 +33,7 @@ constexpr const char *examples = R"(Examples:
   mediafiles repair out.mp4 --output /tmp --drop-last-frame
   mediafiles repair out.mp4 --dry-run
 
-It can be cut off at any moment and repeated. Exit codes: 0 all is well, 1 a
+A repair can be interrupted at any moment and repeated. Exit codes: 0 all is well, 1 a
 file could not be repaired, 2 wrong usage, 3 there was nothing to do.)";
 
 void describe(CLI::App &line, repair_line &given)
@@ -49,12 +47,12 @@ void describe(CLI::App &line, repair_line &given)
         ->type_name("DIR");
     line.add_flag("--drop-last-frame", options.drop_last_frame,
                   "Leave out the last video frame, which may be incomplete, and what was recorded after it");
-    line.add_flag("--salvage", options.salvage, "Where the journal is damaged, use what stands before that");
+    line.add_flag("--salvage", options.salvage, "Where the journal is damaged, use what is before that");
     line.add_flag("--force", options.force, "Repair even when more than half of the media will be cut off or added");
-    line.add_flag("--dry-run", options.dry_run, "Change nothing; say what would come out");
+    line.add_flag("--dry-run", options.dry_run, "Change nothing; show what the result would be");
     line.add_flag("--keep-journal", options.keep_journal, "Keep the journal of a repaired file");
     line.add_flag("--json", given.json, "Print the results as a JSON object on standard output");
-    line.add_flag("--quiet", given.quiet, "Say nothing but what went wrong");
+    line.add_flag("--quiet", given.quiet, "Print errors only");
 }
 
 repair_options checked(const repair_line &given)
@@ -74,7 +72,7 @@ repair_options checked(const repair_line &given)
 
 struct found_file {
     std::string path;
-    fs::file_time_type time; // of its last change; the earliest when that cannot be told
+    fs::file_time_type time; // of its last change; the earliest when that is unknown
 };
 
 found_file dated(const fs::path &path)
@@ -94,7 +92,7 @@ bool is_recording(const fs::directory_entry &entry)
     return extension == ".mp4" || fs::is_regular_file(journal_of(entry.path()), error);
 }
 
-/* Every file in question, newest first. What cannot be searched is a problem of its own. */
+/* Every file that may need a repair, newest first. A directory that cannot be read is reported. */
 std::vector<found_file> find(const std::vector<std::string> &paths, console &console, bool &unsearched)
 {
     std::vector<found_file> found;
@@ -139,13 +137,7 @@ int run(const repair_line &given, int result_descriptor)
         failures = failures || !report.problem.empty();
     }
     console.note(total_of(reports, options.dry_run));
-    if (given.json) {
-        const std::string text = to_json(reports, options.dry_run);
-        if (writen(result_descriptor, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
-            console.problem("cannot write: standard output: the results are lost");
-            return failed;
-        }
-    }
+    if (given.json && !console.result(result_descriptor, to_json(reports, options.dry_run))) return failed;
     if (failures) return failed;
     const auto repaired = std::ranges::count(reports, repair_result::repaired, &repair_report::result);
     return repaired == 0 ? nothing_to_do : done;

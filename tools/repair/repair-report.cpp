@@ -3,13 +3,12 @@
 #include <algorithm>
 
 #include "tools/print.h"
+#include "tools/seconds.h"
 #include "tools/track-description.h"
 
 namespace tools {
 
 namespace {
-
-using nlohmann::ordered_json;
 
 const char *name(repair_result result)
 {
@@ -24,11 +23,6 @@ const char *name(repair_result result)
         return "failed";
     }
     return "";
-}
-
-double seconds(const mp4_time &time)
-{
-    return time.seconds + time.nanoseconds * 1e-9;
 }
 
 std::span<const mp4_fix_track> tracks_of(const repair_report &report)
@@ -50,21 +44,11 @@ ordered_json object(size_t index, const mp4_fix_track &track)
     return result;
 }
 
-ordered_json or_null(const std::optional<std::string> &text)
-{
-    return text ? ordered_json(*text) : ordered_json(nullptr);
-}
-
-ordered_json unless_empty(const std::string &text)
-{
-    return text.empty() ? ordered_json(nullptr) : ordered_json(text);
-}
-
 ordered_json object(const repair_report &report)
 {
     ordered_json result = {
         {"path", report.path},           {"journal", or_null(report.journal)}, {"journal_kept", report.journal_kept},
-        {"result", name(report.result)}, {"output", or_null(report.output)},   {"error", unless_empty(report.problem)}};
+        {"result", name(report.result)}, {"output", or_null(report.output)},   {"error", or_null(report.problem)}};
     if (report.result != repair_result::repaired) return result;
     ordered_json tracks = ordered_json::array();
     for (const mp4_fix_track &track : tracks_of(report)) tracks.push_back(object(tracks.size(), track));
@@ -72,7 +56,7 @@ ordered_json object(const repair_report &report)
     result["bytes"] = report.info.fileSize;
     result["cut_bytes"] = report.cut;
     result["journal_lost_bytes"] = report.journal_lost;
-    result["journal_damage"] = unless_empty(report.journal_damage);
+    result["journal_damage"] = or_null(report.journal_damage);
     result["tracks"] = tracks;
     return result;
 }
@@ -87,7 +71,7 @@ std::string to_text(const repair_report &report, bool dry_run)
     if (report.output && *report.output != report.path) text += " as " + *report.output;
     text += print(": %.3f s", seconds(report.info.timespan));
     for (const mp4_fix_track &track : tracks_of(report))
-        text += print(", %s %u frames %.3f s", codec_of(track.desc), track.frameCount, seconds(track.timespan));
+        text += print(", %s %u frames %.3f s", codec_name(track.desc.type), track.frameCount, seconds(track.timespan));
     text += print("; %ju bytes cut off, %u bytes", uintmax_t{report.cut}, report.info.fileSize);
     if (report.journal_lost != 0) text += print("; %ju bytes of the journal lost", uintmax_t{report.journal_lost});
     if (!report.journal_damage.empty()) text += " (" + report.journal_damage + ")";
@@ -113,8 +97,7 @@ std::string to_json(std::span<const repair_report> reports, bool dry_run)
         {"refused", count(reports, repair_result::refused)},
         {"failed", count(reports, repair_result::failed)},
     };
-    /* File names need not be valid UTF-8. */
-    return result.dump(2, ' ', false, ordered_json::error_handler_t::replace) + "\n";
+    return json_text(result) + "\n";
 }
 
 } // namespace tools

@@ -1,4 +1,4 @@
-/** What came of a repair, for a person and for a program. */
+/** The result of a repair, as text and as JSON. */
 #ifndef TOOLS_REPAIR_REPAIR_REPORT_H
 #define TOOLS_REPAIR_REPAIR_REPORT_H
 
@@ -9,10 +9,10 @@
 
 namespace tools {
 
-/** One line; empty for a file that could not be repaired, whose problem says all. */
+/** One line; empty for a file that could not be repaired, which has a problem instead. */
 std::string to_text(const repair_report &, bool dry_run);
 
-/** One line over all. */
+/** One line about all files. */
 std::string total_of(std::span<const repair_report>, bool dry_run);
 
 /** One JSON object, with a line end. */

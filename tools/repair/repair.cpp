@@ -13,7 +13,6 @@
 #include "tools/journal.h"
 #include "tools/open-file.h"
 #include "tools/reader/reader.h"
-#include "tools/record/recording-files.h"
 
 namespace tools {
 
@@ -28,7 +27,7 @@ struct refusal : failure {
     refusal(const std::string &file, const std::string &why) : failure(cannot_repair, file, why) {}
 };
 
-/* A file that no medium holds, for the library to open. */
+/* A file in memory that the library can open. */
 class memory_file : public open_file {
 public:
     explicit memory_file(std::span<const uint8_t> data)
@@ -131,7 +130,7 @@ bool names_samples_of(const mp4::file &file, const journal &journal)
     });
 }
 
-/* Whether the file's decoders will get what the journal holds for them. */
+/* Whether the file holds the parameter sets of the journal. */
 bool has_parameter_sets(const mp4::file &file, const journal &journal)
 {
     return std::ranges::all_of(journal.parameter_sets, [&](const parameter_set &wanted) {
@@ -142,17 +141,17 @@ bool has_parameter_sets(const mp4::file &file, const journal &journal)
     });
 }
 
-/* What a repair will use, once it is certain that it may. */
+/* What a repair will use. */
 struct plan {
     std::vector<uint8_t> records; // the new journal, its mark left out
     repair_mark mark;
     uint64_t end; // of the last sample, in the media
-    uint64_t cut; // bytes of media behind it
+    uint64_t cut; // bytes of media after it
 };
 
-class recording {
+class repair_job {
 public:
-    recording(const std::string &path, const repair_options &options, repair_report &report, console &console)
+    repair_job(const std::string &path, const repair_options &options, repair_report &report, console &console)
         : options_(options), report_(report), console_(console), media_(cannot_repair, path, O_RDONLY)
     {
         size_ = media_.size();
@@ -165,7 +164,7 @@ public:
         if (!open_journal()) {
             if (complete) return finished();
             throw refusal(media_.path(), "it was cut off, and there is no journal " + journal_path_ +
-                                             " that tells where its frames lie; --journal names another");
+                                             " that lists its frames; --journal names another");
         }
         if (complete && journal_.mark && journal_.mark->completed) return finished();
         bool sound = false;
@@ -224,7 +223,7 @@ private:
 
     void check_journal() const
     {
-        if (data_.empty()) refuse_journal("it is empty: nothing tells where the frames lie");
+        if (data_.empty()) refuse_journal("it is empty: it lists no frames");
         if (!journal_.damage.empty() && (!options_.salvage || journal_.samples.empty()))
             refuse_journal("it is damaged at byte " + std::to_string(journal_.end) + " of " +
                            std::to_string(data_.size()) + " (" + journal_.damage + ")" +
@@ -359,7 +358,7 @@ private:
         report_.journal_kept = false;
     }
 
-    /* The copy gets its name when it is complete; one that is cut off is begun anew. */
+    /* The copy gets its name when it is complete; an incomplete one is overwritten the next time. */
     void repair_copy(const plan &plan)
     {
         const std::string name = *options_.output / std::filesystem::path(media_.path()).filename();
@@ -405,16 +404,11 @@ private:
 
 } // namespace
 
-std::string journal_of(const std::string &media)
-{
-    return media + ".journal";
-}
-
 repair_report repair(const std::string &media, const repair_options &options, console &console)
 {
     repair_report report = {.path = media};
     try {
-        recording(media, options, report, console).repair();
+        repair_job(media, options, report, console).repair();
     } catch (const failure &cause) {
         report.problem = cause.what();
         report.output.reset();

@@ -1,10 +1,10 @@
 /**
  * Repair of one recording that was cut off.
  *
- * Nothing is written before it is certain what will come out. Then the journal
- * is replaced by one that holds just what is used, durably, and only then the
- * media is touched: from there on the same repair can be repeated until it
- * comes to its end, however often it is cut off.
+ * Nothing is written before the result is known. Then the journal is replaced
+ * by one that holds only what is used, durably, and only then the media is
+ * touched: from there on the same repair can be repeated until it completes,
+ * however often it is cut off.
  */
 #ifndef TOOLS_REPAIR_REPAIR_H
 #define TOOLS_REPAIR_REPAIR_H
@@ -33,8 +33,8 @@ struct repair_options {
 enum class repair_result {
     repaired, // or with dry_run: could be
     finished, // it needs none, and was left as it is
-    refused,  // and nothing touched
-    failed,   // on the way; it can be repeated
+    refused,  // nothing was touched
+    failed,   // while it was writing; it can be repeated
 };
 
 struct repair_report {
@@ -49,9 +49,6 @@ struct repair_report {
     std::string journal_damage = {}; // what was wrong with them; empty for what a power cut leaves
     bool journal_kept = false;
 };
-
-/** The name of the journal that belongs to a media file. */
-std::string journal_of(const std::string &media);
 
 repair_report repair(const std::string &media, const repair_options &, console &);
 
