@@ -1,5 +1,5 @@
-# Entry points for people. Everything is built by CMake below out/; what a
-# target needs from Debian is installed first, when it is missing.
+# Entry points for people. CMake builds everything below out/; each target first
+# installs the Debian packages that it needs and that are missing.
 
 PREFIX ?= /usr/local
 JOBS ?= $(shell nproc)
@@ -7,8 +7,8 @@ SECONDS_EACH ?= 20
 KILLS ?= 300
 SEED ?=
 
-.PHONY: all demo test test-arm test-cross test-clang fuzz soak coverage lint abi bench bench-docs size cross-arm deb \
-    install clean
+.PHONY: all demo test test-arm test-cross test-clang fuzz soak coverage clang lines lint abi bench bench-docs size \
+    cross-arm deb install clean
 
 all:
 	scripts/install-packages build
@@ -45,9 +45,9 @@ fuzz:
 	scripts/install-packages build fuzz
 	cmake --preset fuzz
 	cmake --build out/fuzz -j $(JOBS) -t fuzz-targets
-	scripts/fuzz out/fuzz $(SECONDS_EACH)
+	fuzz/run out/fuzz $(SECONDS_EACH)
 
-# What takes too long for every day. KILLS recorders are killed at random
+# Tests that take too long for every day: KILLS recorders are killed at random
 # moments; SEED repeats them.
 soak:
 	scripts/install-packages build tools test
@@ -58,7 +58,7 @@ soak:
 	cmake --build out/sanitizers -j $(JOBS)
 	out/sanitizers/fuzz/hostile-journals 1000000
 
-# Which branches of the library its tests take; fails when they are too few.
+# Prints which branches of the library its tests take; fails when they are too few.
 coverage:
 	scripts/install-packages build test coverage
 	cmake --preset coverage
@@ -87,33 +87,45 @@ test-clang:
 	cmake --build out/clang-sanitizers -j $(JOBS)
 	ctest --test-dir out/clang-sanitizers --output-on-failure -j $(JOBS)
 
-# What can be said without running anything.
+# The build with clang alone.
+clang:
+	scripts/install-packages build tools test clang
+	cmake --preset clang
+	cmake --build out/clang -j $(JOBS)
+
+# Prints the share of the tests in all code and the lengths of their bodies, and
+# fails where they are above their limits.
+lines:
+	scripts/install-packages lines
+	scripts/lines
+
+# Static checks.
 lint:
 	scripts/install-packages build tools test lint
 	cmake --preset test
 	cmake --build out/test -j $(JOBS) --target mediafiles
 	scripts/lint out/test
 
-# After a change of the interface that is meant.
+# After an intended change of the interface.
 abi:
 	scripts/install-packages build tools test
 	cmake --preset test
 	cmake --build out/test -j $(JOBS) --target mediafiles
 	scripts/abi renew out/test/src/libmediafiles.so
 
-# A table of what recording and repair cost, and a failure where they cost more
-# than they may. QUICK=1 makes the runs short.
+# Prints what recording and repair cost, and fails where that is above its limit.
+# QUICK=1 makes the runs short.
 bench:
 	scripts/install-packages build bench
 	cmake --preset bench
 	cmake --build out/bench -j $(JOBS)
-	scripts/bench out/bench
+	bench/run out/bench
 
-# What the last bench found, and the size, into docs/performance.md.
+# Puts the results of the last bench, and the size, into docs/performance.md.
 bench-docs: size
-	scripts/bench out/bench docs
+	bench/run out/bench docs
 
-# What the shared library takes of a device, likewise.
+# What the shared library takes of a device; fails when it is too much.
 size:
 	scripts/install-packages build arm size
 	cmake --preset size

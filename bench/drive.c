@@ -7,8 +7,8 @@
  *     SUBJECT VARIANT latency SET FRAMES RESULT
  *     SUBJECT VARIANT abandon SET FRAMES FILE JOURNAL
  *
- * steady records and does nothing else. heap tells of the frames after the
- * first WARM, time of the CPU's time for adding and for closing, both in JSON
+ * steady records and does nothing else. heap reports the frames after the
+ * first WARM, time the CPU's time for adding and for closing, both in JSON
  * on standard output. latency writes the nanoseconds that each frame took,
  * 32 bits each. abandon leaves what a power cut would: a file without movie
  * header and its journal, both on the medium. FILE may be /dev/null.

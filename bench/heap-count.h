@@ -1,4 +1,4 @@
-/* What libheap-count.so, preloaded, knows of the heap of the process. */
+/* What libheap-count.so, preloaded, counts of the heap of the process. */
 #ifndef BENCH_HEAP_COUNT_H
 #define BENCH_HEAP_COUNT_H
 

@@ -1,5 +1,5 @@
 /*
- * Repairs a recording, or does what no repair can do without: reads its
+ * Repairs a recording, or does the least that any repair must do: reads its
  * journal in blocks of 8 KiB and writes a file as large as the movie header,
  * with one fsync. Prints the nanoseconds that it took.
  *

@@ -1,6 +1,6 @@
 /*
  * libavformat's mp4 muxer, in the variants `plain` and `fragmented`: a
- * fragment a key frame, behind an empty movie header. It is given the same
+ * fragment a key frame, after an empty movie header. It is given the same
  * access units with start codes, and a buffer of the same size; it is not
  * asked to flush after each packet, and keeps no journal. It takes AAC frames
  * without ADTS headers alone, so that its filter for them stands before it.

@@ -1,6 +1,6 @@
 /*
  * The work that every program here does: a set of coded frames, read from a
- * file that scripts/bench makes once, and repeated as often as a run needs.
+ * file that bench/run makes once, and repeated as often as a run needs.
  *
  * A set is exactly periodic in time, so that a recording of any length has
  * even timing: 240 frames of video at 30 a second and 375 of audio at 48 kHz
