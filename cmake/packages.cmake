@@ -10,7 +10,7 @@ set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${library_package})
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME libmediafiles-dev)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME mediafiles-tools)
 
-# What Debian wants beside the files: the licence in its form, the changelog and the manual page compressed.
+# What Debian requires beside the files: the licence in its format, the changelog and the manual page compressed.
 set(work ${PROJECT_BINARY_DIR}/packaging)
 file(MAKE_DIRECTORY ${work})
 file(READ ${PROJECT_SOURCE_DIR}/LICENSE text)
@@ -64,7 +64,7 @@ set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA "${work}/shlibs;${work}/triggers"
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "${library_package} (= ${PROJECT_VERSION})")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${library_package} (>= ${PROJECT_VERSION})")
 if(CMAKE_CROSSCOMPILING)
-    # dpkg-shlibdeps knows the libraries of the host alone.
+    # dpkg-shlibdeps finds the libraries of the host only.
     string(REGEX REPLACE "^arm$" "armhf" CPACK_DEBIAN_PACKAGE_ARCHITECTURE "${CMAKE_SYSTEM_PROCESSOR}")
     set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "libc6 (>= 2.33)")
 else()

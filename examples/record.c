@@ -1,6 +1,6 @@
 /*
- * Records elementary streams into an MP4 file, with a journal beside it that
- * brings the recording back after a power cut.
+ * Records elementary streams into an MP4 file, with a journal beside it from
+ * which the recording is repaired after a power cut.
  *
  *     record OUT.mp4 video.h26X video.units.tsv WIDTH HEIGHT [audio.aac audio.units.tsv CHANNELS RATE]
  *
@@ -24,7 +24,7 @@ struct recording {
     mp4_builder *builder;
     mediafile_caretaker *journal;
     int media_fd, journal_fd, directory_fd;
-    char pending[1 << 20]; /* journal bytes on their way to the file; what a short write leaves over goes first */
+    char pending[1 << 20]; /* journal bytes on their way to the file; the rest of a short write goes first */
     size_t pending_len;
 };
 
@@ -144,7 +144,7 @@ int main(int argc, char **argv)
             goto failed;
     }
 
-    /* Both files exist, for good, before anything is recorded. */
+    /* Both names are on the medium before anything is recorded. */
     char directory[4096];
     snprintf(directory, sizeof directory, "%s", argv[1]);
     char *slash = strrchr(directory, '/');

@@ -5,8 +5,8 @@
  *     recover DIRECTORY...
  *
  * A recording was interrupted when its journal, X.mp4.journal, is still beside
- * X.mp4. Power may fail here as well: whatever was done before, doing it again
- * gives the same file. What cannot be recovered stays as it is, for the command
+ * X.mp4. Power may fail here as well: a recovery that is repeated gives the same
+ * file. A file that cannot be recovered is left alone, for the command
  * `mediafiles repair`, which can do more (damaged journals, copies).
  */
 #define _GNU_SOURCE
@@ -31,7 +31,7 @@ static off_t usable_bytes(const char *journal_path, uint64_t media_size)
 {
     mediafile_caretaker *journal = mediafile_caretaker_load(journal_path);
     if (!journal) return -1;
-    const uint64_t media_begin = 32; /* behind ftyp and the header of mdat */
+    const uint64_t media_begin = 32; /* after ftyp and the header of mdat */
     off_t end = 0, previous_end = 0;
     uint64_t media_end = media_begin, previous_media_end = media_begin;
     int error = 0;
@@ -62,16 +62,16 @@ static off_t usable_bytes(const char *journal_path, uint64_t media_size)
 }
 
 /*
- * mp4_fix goes by the size of the file. Once moov stands behind the media, a
- * sample that the journal names and that never reached the file could lie
- * inside it. So before the file is touched the journal is cut, for good, to
- * what is whole: then a repair that was interrupted can be repeated.
+ * mp4_fix goes by the size of the file. Once moov follows the media, a sample that
+ * the journal names and that never reached the file could lie inside moov. So
+ * before the file is touched the journal is cut to the samples that are whole,
+ * and synced: then a repair that was interrupted can be repeated.
  */
 static int recover(const char *media_path, const char *journal_path, int directory_fd)
 {
     struct stat media;
     if (stat(media_path, &media) != 0) return -1;
-    if (media.st_size > UINT32_MAX) { /* no recording is */
+    if (media.st_size > UINT32_MAX) { /* larger than any recording */
         errno = EFBIG;
         return -1;
     }
