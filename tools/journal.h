@@ -1,6 +1,6 @@
 /**
- * A journal file as a repair needs it and as it is shown: which records can be
- * replayed, where they end, and why they end there.
+ * The contents of a journal file, for repair and inspect: which records can be
+ * replayed, where they end, and why.
  *
  * A record counts while the library's repair would replay it and the samples
  * follow each other without a gap; the journal ends before the first one that
@@ -27,7 +27,7 @@ constexpr uint64_t largest_journal = 512 << 20; // 19 million samples: more than
 /** The name of the journal that belongs to a media file. */
 std::string journal_of(const std::string &media);
 
-/** As it stands in the file. */
+/** A record in the file. */
 struct journal_record {
     memento header;
     size_t at; // offset in the journal
@@ -82,10 +82,10 @@ struct journal {
 /** The key flag that a sample should have by its media; none where the media does not show it. */
 using key_by_media = std::function<std::optional<bool>(const journal_sample &, const mp4_track_desc &)>;
 
-/** Gets each record that counts, in order; those of marks as well. */
+/** Called for each record that counts, in order, including those of marks. */
 using record_visitor = std::function<void(const journal_record &)>;
 
-/** Whether a file that begins so is a journal: its first record, but for the application's own, is a track's. */
+/** Whether this is the start of a journal: its first record, except user records, is a track's. */
 bool begins_journal(std::span<const uint8_t> begin);
 
 /**
@@ -93,8 +93,8 @@ bool begins_journal(std::span<const uint8_t> begin);
  * and with it the record in which it begins, unless that is a sample whose own
  * fields end with zeros: one without key flag that fits its media and the
  * times before it. A last sample whose key flag is neither 0 nor 1, when no
- * sample before it has one like that, counts as damaged: it ends in what stood
- * on the medium before.
+ * sample before it has one like that, counts as damaged: its end is what was on
+ * the medium before.
  */
 journal parse_journal(std::span<const uint8_t> data, const key_by_media &, const record_visitor & = {});
 
@@ -102,7 +102,7 @@ journal parse_journal(std::span<const uint8_t> data, const key_by_media &, const
 mp4_track_desc read_track(const journal_record &);
 journal_sample read_sample(const journal_record &);
 
-/** The record that notes a mark; the library's repair passes it over. */
+/** The record that notes a mark; the library's repair skips it. */
 std::vector<uint8_t> mark_record(const repair_mark &);
 
 } // namespace tools

@@ -16,8 +16,8 @@ namespace mp4 {
 
 /**
  * The bytes of a file, seen through a window: all of it when it is in memory,
- * else what pread() brought last. A mapping would not do, because a 32-bit
- * process has no room for a whole recording.
+ * else what pread() brought last. It is not mapped, because a 32-bit process
+ * has no address space for a whole recording.
  */
 class byte_source {
 public:
@@ -63,7 +63,7 @@ private:
     std::array<uint8_t, 4096> buffer;
 };
 
-/** Takes fields from a part of the file. At its end it gives zeros and remembers that it ran out. */
+/** Takes fields from a part of the file. After its end it gives zeros and sets ran_out. */
 class cursor {
 public:
     cursor(byte_source &source, uint64_t first, uint64_t after) : at(first), end(after), in(source) {}

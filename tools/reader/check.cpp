@@ -1,7 +1,7 @@
 /**
  * The tables are joined into samples, and samples, durations and edits are
- * held against each other and against mdat. The size of the file bounds what
- * that takes: a sample takes a byte of media or a table entry of its own (see
+ * compared with each other and with mdat. The size of the file bounds the
+ * work: a sample takes a byte of media or a table entry of its own (see
  * `budget`), and no byte of media is walked twice.
  */
 #include "tools/reader/check.h"
@@ -222,7 +222,7 @@ private:
             if (!ids.contains(id)) fault(list->offset, "iods: there is no track ", id);
     }
 
-    /** Holds all chunks, in file order, against mdat and each other; a chunk's samples lie back to back. */
+    /** Compares all chunks, in file order, with mdat and each other; a chunk's samples follow each other without a gap. */
     void check_layout()
     {
         struct chunk {

@@ -1,4 +1,4 @@
-/** The second half of the reader: what the boxes of a file say together. */
+/** The second pass of the reader: whether the boxes of a file agree. */
 #ifndef TOOLS_READER_CHECK_H
 #define TOOLS_READER_CHECK_H
 
@@ -11,7 +11,7 @@ namespace mp4 {
 
 constexpr uint64_t max_samples = 1 << 25; // of all tracks
 
-/** Joins the tables of each track into samples, and holds the whole file against itself. */
+/** Joins the tables of each track into samples, and checks that all parts of the file agree. */
 void check(byte_source &, file &);
 
 } // namespace mp4

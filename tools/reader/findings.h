@@ -1,4 +1,4 @@
-/** How the reader notes what is wrong with a file. */
+/** How the reader records the problems of a file. */
 #ifndef TOOLS_READER_FINDINGS_H
 #define TOOLS_READER_FINDINGS_H
 
@@ -32,7 +32,7 @@ struct tally {
     }
 };
 
-/** What reads and what checks a file puts its findings into file::problems. */
+/** Base of the reader and the checker, which list problems in file::problems. */
 class findings {
 protected:
     explicit findings(file &result) : out(result) {}

@@ -1,10 +1,10 @@
 /**
- * The reader goes over a file twice. First, here, the boxes: `rules` says which
- * box may stand where, how often, and which parser takes it; a parser stores
+ * The reader makes two passes over a file. First, here, the boxes: `rules` lists
+ * which box may be where, how often, and which parser reads it; a parser stores
  * what it finds and checks what concerns its box alone. Then, in check.cpp, the
  * whole.
  *
- * Nothing that a file claims is believed before it is checked. A cursor never
+ * No value of a file is used before it is checked. A cursor never
  * leaves its box. Boxes nest only where `rules` has a parent for them, and
  * there no type is its own ancestor, so the table bounds the depth. The size
  * of the file bounds memory: a table entry takes bytes of its own.
@@ -425,7 +425,7 @@ void reader::children(cursor &c, box &parent)
             fault(b.offset, room, " bytes at the end of ", name, " are no box");
             break;
         }
-        if (b.size == 0) { /* to the end of the file: allowed there, but an unfinished recording has it as well */
+        if (b.size == 0) { /* to the end of the file: allowed, but an unfinished recording has it, too */
             if (parent.type.empty() && !out.tracks.empty())
                 remark(b.offset, b.type, ": the size is 0, it has no end");
             else

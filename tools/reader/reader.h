@@ -2,9 +2,9 @@
  * A strict reader of finished MP4 files, written from ISO/IEC 14496-12, -14 and -15.
  *
  * It judges what the library writes, so it shares no code with the library and
- * trusts nothing in the file: every size is held against its parent, every
- * count against the bytes that are there. What it can read it returns, what is
- * wrong with it stands in file::problems. Movie fragments, composition offsets
+ * trusts nothing in the file: every size is checked against its parent,
+ * every count against the bytes that are there. It returns what it can read;
+ * faults are listed in file::problems. Movie fragments, composition offsets
  * (ctts) and compact sample sizes (stz2) are not read.
  */
 #ifndef TOOLS_READER_READER_H
@@ -20,7 +20,7 @@ namespace mp4 {
 
 /**
  * Read a file, or the bytes of one. Neither throws: a file that cannot be
- * opened, is cut, damaged or built to do harm is a file with problems. Of the
+ * opened, is cut, damaged or hostile gives a file with problems. Of the
  * media bytes only the length prefixes of NAL units are read.
  */
 file read(const std::string &path);
