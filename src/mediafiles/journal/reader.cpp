@@ -39,47 +39,36 @@ const memento *at_read_pos(const mediafile_caretaker *caretaker)
     return reinterpret_cast<const memento *>(caretaker->buffer + caretaker->read_pos);
 }
 
-uint32_t too_large(mediafile_caretaker *caretaker, uint32_t size)
-{
-    if (log_enabled(log_warning))
-        __printLog(log_warning, "len(%d) > MEMENTO_MAX_SIZE(%d)\n", static_cast<int>(size), MEMENTO_MAX_SIZE);
-    fail(caretaker, EBADMSG);
-    return 0;
-}
-
-// The size of the record at the read position. 0 when the window does not hold
-// all of it; also when its header is invalid, with error set.
-inline uint32_t whole_record(mediafile_caretaker *caretaker)
+// The size of the record at the read position, when it is valid and the window
+// holds all of it; else 0.
+inline uint32_t whole_record(const mediafile_caretaker *caretaker)
 {
     const uint32_t available = caretaker->length - caretaker->read_pos;
     if (available < sizeof(memento)) return 0;
     const uint32_t size = record_size(at_read_pos(caretaker)->length);
-    if (size > MEMENTO_MAX_SIZE) return too_large(caretaker, size);
-    return size <= available ? size : 0;
-}
-
-// Refills the buffer and looks again. 0 at the end of the journal, and on
-// failure.
-uint32_t refilled_record(mediafile_caretaker *caretaker)
-{
-    if (caretaker->error != 0) return 0;
-    caretaker->length -= caretaker->read_pos;
-    memmove(caretaker->buffer, caretaker->buffer + caretaker->read_pos, caretaker->length);
-    caretaker->read_pos = 0;
-    const uint32_t size = refill(caretaker) ? whole_record(caretaker) : 0;
-    // A record that the end of the file cuts is no damage: the power failed
-    // while it was appended. Everything before it is whole, and only its own
-    // sample is lost. It is dropped, and the journal ends here.
-    if (size == 0 && caretaker->error == 0) caretaker->length = caretaker->read_pos = 0;
+    if (size > MEMENTO_MAX_SIZE || size > available) return 0;
     return size;
 }
 
-void bad_message(mediafile_caretaker *caretaker)
+// Fails when the header at the read position gives more than the largest size.
+bool too_large(mediafile_caretaker *caretaker)
+{
+    if (caretaker->length - caretaker->read_pos < sizeof(memento)) return false;
+    const uint32_t size = record_size(at_read_pos(caretaker)->length);
+    if (size <= MEMENTO_MAX_SIZE) return false;
+    if (log_enabled(log_warning))
+        __printLog(log_warning, "len(%d) > MEMENTO_MAX_SIZE(%d)\n", static_cast<int>(size), MEMENTO_MAX_SIZE);
+    fail(caretaker, EBADMSG);
+    return true;
+}
+
+const memento *bad_message(mediafile_caretaker *caretaker)
 {
     if (log_enabled(log_failure))
         __printLog(log_failure, "bad_msg [%s:%s:%d]: %s\n", log_path, log_function_bad_message, log_line_bad_message,
                    strerror(errno));
     fail(caretaker, EBADMSG);
+    return nullptr;
 }
 
 bool accept_sample(mediafile_caretaker *caretaker, const sample_memento &sample)
@@ -97,11 +86,52 @@ bool valid(uint8_t kind, uint16_t length)
     return row.read && (row.length == any_length || row.length == length);
 }
 
-inline bool accept(mediafile_caretaker *caretaker, const memento *record)
+bool accept(mediafile_caretaker *caretaker, const memento *record)
 {
-    if (record->kind == MEMENTO_SAMPLE) [[likely]]
-        return valid(MEMENTO_SAMPLE, record->length) && accept_sample(caretaker, whole_memento<sample_memento>(record));
-    return valid(record->kind, record->length);
+    if (!valid(record->kind, record->length)) return false;
+    return record->kind != MEMENTO_SAMPLE || accept_sample(caretaker, whole_memento<sample_memento>(record));
+}
+
+// Hands out the record at the read position, of which the window holds all;
+// NULL with error set when it is invalid.
+const memento *take(mediafile_caretaker *caretaker, uint32_t size)
+{
+    const memento *record = at_read_pos(caretaker);
+    if (!accept(caretaker, record)) return bad_message(caretaker);
+    caretaker->read_pos += size;
+    return record;
+}
+
+// The same for a valid sample, which nearly every record is: 11 instructions
+// less than through take. NULL without an error for anything else.
+inline const memento *take_sample(mediafile_caretaker *caretaker)
+{
+    if (caretaker->length - caretaker->read_pos < sizeof(sample_memento)) return nullptr;
+    const auto &sample = whole_memento<sample_memento>(at_read_pos(caretaker));
+    if (sample.header.kind != MEMENTO_SAMPLE || sample.header.length != payload_length<sample_memento>) return nullptr;
+    if (!accept_sample(caretaker, sample)) return nullptr;
+    caretaker->read_pos += uint32_t{sizeof sample};
+    return &sample.header;
+}
+
+// Refills the buffer and looks again. NULL at the end of the journal, and on
+// failure. Separate, so that the common path saves no registers (4 instructions
+// a record).
+[[gnu::noinline]] const memento *take_after_refill(mediafile_caretaker *caretaker)
+{
+    if (too_large(caretaker)) return nullptr;
+    caretaker->length -= caretaker->read_pos;
+    memmove(caretaker->buffer, caretaker->buffer + caretaker->read_pos, caretaker->length);
+    caretaker->read_pos = 0;
+    if (refill(caretaker)) {
+        if (const uint32_t size = whole_record(caretaker); size != 0) return take(caretaker, size);
+        if (too_large(caretaker)) return nullptr;
+    }
+    // A record that the end of the file cuts is no damage: the power failed
+    // while it was appended. Everything before it is whole, and only its own
+    // sample is lost. It is dropped, and the journal ends here.
+    if (caretaker->error == 0) caretaker->length = caretaker->read_pos = 0;
+    return nullptr;
 }
 
 } // namespace
@@ -119,17 +149,9 @@ const memento *mediafile_caretaker_pop(mediafile_caretaker *caretaker)
         set_errno(caretaker->error);
         return nullptr;
     }
-    uint32_t size = whole_record(caretaker);
-    if (size == 0 && (size = refilled_record(caretaker)) == 0) return nullptr;
-
-    const memento *record = at_read_pos(caretaker);
-    if (!accept(caretaker, record)) {
-        bad_message(caretaker);
-        return nullptr;
-    }
-    caretaker->read_pos += size;
-    if (caretaker->read_pos == caretaker->length) caretaker->read_pos = caretaker->length = 0;
-    return record;
+    if (const memento *sample = take_sample(caretaker)) return sample;
+    const uint32_t size = whole_record(caretaker);
+    return size != 0 ? take(caretaker, size) : take_after_refill(caretaker);
 }
 
 int mediafile_caretaker_eof(mediafile_caretaker *caretaker)
