@@ -14,6 +14,7 @@
 
 #include "mediafiles/journal/memento-record.h"
 #include "mediafiles/journal/samples.h"
+#include "mediafiles/mp4/add-sample.h"
 #include "mediafiles/ownership.h"
 #include "mediafiles/refuse.h"
 
@@ -227,7 +228,7 @@ int mp4_movie_add_frame(mp4_movie *movie, const mp4_frame *frame)
 
     mp4_track *track = movie->tracks[index];
     const uint32_t duration = advance(*movie->spans[index], frame->timestamp, track->timescale);
-    if (mp4_track_add_sample(track, frame->data, frame->len, duration, frame->key) != 0) {
+    if (add_sample(track, frame->data, frame->len, duration, frame->key) != 0) {
         latch(movie);
         return -1;
     }

@@ -14,6 +14,7 @@
 
 #include "mediafiles/byte-order.h"
 #include "mediafiles/journal/samples.h"
+#include "mediafiles/mp4/add-sample.h"
 #include "mediafiles/mp4/gather.h"
 #include "mediafiles/ownership.h"
 
@@ -32,6 +33,18 @@ struct {
 
 constexpr uint32_t sample_description_index = 1;
 
+// A track, with the field that its users do not see.
+struct whole_track : mp4_track {
+    // The last entry of stts_table, once the first sample is in. An entry stays
+    // in place until the next one is added.
+    uint8_t *last_run = nullptr;
+};
+
+uint8_t *&last_run(mp4_track *track)
+{
+    return static_cast<whole_track *>(track)->last_run;
+}
+
 bool has(const mp4_track *track, uint8_t flag)
 {
     return track->flags & flag;
@@ -48,15 +61,21 @@ uint8_t journal_index(const mp4_track *track)
     return static_cast<uint8_t>(track->index);
 }
 
+// The new entry; NULL with errno.
 template <class... Fields>
-int append(array_stream *table, Fields... fields)
+uint8_t *new_entry(array_stream *table, Fields... fields)
 {
     const uint32_t entry[] = {big_endian(fields)...};
     uint32_t n = 1;
-    void *to = array_stream_write(table, &n);
-    if (!to) return -1;
-    memcpy(to, entry, sizeof entry);
-    return 0;
+    auto *to = static_cast<uint8_t *>(array_stream_write(table, &n));
+    if (to) memcpy(to, entry, sizeof entry);
+    return to;
+}
+
+template <class... Fields>
+int append(array_stream *table, Fields... fields)
+{
+    return new_entry(table, fields...) ? 0 : -1;
 }
 
 // Appends value(0), value(1) ... value(count - 1), a contiguous run at a time.
@@ -82,12 +101,15 @@ uint8_t *last_element(array_stream *table)
 // ISO/IEC 14496-12, 8.6.1.2
 int begin_run(mp4_track *track, uint32_t duration)
 {
-    return append(track->stts_table, uint32_t{1}, duration);
+    uint8_t *run = new_entry(track->stts_table, uint32_t{1}, duration);
+    if (!run) return -1;
+    last_run(track) = run;
+    return 0;
 }
 
 int add_duration(mp4_track *track, uint32_t duration)
 {
-    uint8_t *run = last_element(track->stts_table);
+    uint8_t *run = last_run(track);
     if (load_be32(run + 4) != duration) return begin_run(track, duration);
     store_be32(run, load_be32(run) + 1);
     return 0;
@@ -111,7 +133,7 @@ int add_duration(mp4_track *track, uint32_t duration)
 }
 
 // ISO/IEC 14496-12, 8.6.2
-int add_sync(mp4_track *track, bool key)
+inline int add_sync(mp4_track *track, bool key)
 {
     if (has(track, MP4_TRACK_ALL_SYNC)) return key ? 0 : end_all_sync(track);
     return key ? append(track->stss_table, track->sample_count + 1) : 0;
@@ -158,7 +180,7 @@ int close_chunk(mp4_track *track, uint32_t first, uint32_t samples)
     return append(track->stco_table, position);
 }
 
-int write_chunk(mp4_track *track, const mp4_gather_list *list, uint32_t samples)
+inline int write_chunk(mp4_track *track, const mp4_gather_list *list, uint32_t samples)
 {
     const uint32_t position = track->stream->tell(track->stream);
     if (track->stream->writev(track->stream, list) != 0) return -1;
@@ -206,7 +228,7 @@ using namespace mediafiles;
 
 mp4_track *mp4_track_create(uint32_t id, uint32_t media_kind, uint32_t timescale, uint32_t cache_size)
 {
-    owned<mp4_track, mp4_track_destroy> track(create<mp4_track>());
+    owned<mp4_track, mp4_track_destroy> track(create<whole_track>());
     if (!track) return nullptr;
     track->id = id;
     track->media_kind = media_kind;
@@ -224,7 +246,7 @@ void mp4_track_destroy(mp4_track *track)
     free(track->cache);
     for (const auto &each : tables)
         if (track->*each.table) array_stream_destroy(track->*each.table);
-    free(track);
+    destroy(static_cast<whole_track *>(track));
 }
 
 void mp4_track_begin_record(mp4_track *track, mp4_stream *stream, mediafile_caretaker *caretaker, uint32_t index)
@@ -244,8 +266,7 @@ void mp4_track_begin_record(mp4_track *track, mp4_stream *stream, mediafile_care
 
 int mp4_track_add_sample(mp4_track *track, const void *data, uint32_t len, uint32_t duration, int key)
 {
-    if (track->add_sample) return track->add_sample(track, data, len, duration, key);
-    return __mp4_track_add_sample(track, one_buffer(data, len).list(), duration, key);
+    return add_sample(track, data, len, duration, key);
 }
 
 int __mp4_track_add_sample(mp4_track *track, const mp4_gather_list *list, uint32_t duration, int key)
