@@ -226,14 +226,14 @@ int replay_sample(fix_context *ctx, const sample_memento &sample)
 
 int replay_record(fix_context *ctx, const memento *record)
 {
+    if (record->kind == MEMENTO_SAMPLE) [[likely]]
+        return replay_sample(ctx, whole_memento<sample_memento>(record));
     switch (record->kind) {
     case MEMENTO_USER:
         if (ctx->callback) ctx->callback(record);
         return 0;
     case MEMENTO_TRACK:
         return add_track(ctx, record);
-    case MEMENTO_SAMPLE:
-        return replay_sample(ctx, whole_memento<sample_memento>(record));
     case MEMENTO_VPS:
         return mp4_movie_set_track_vps(ctx->movie.get(), record->track, payload(record), record->length);
     case MEMENTO_SPS:
