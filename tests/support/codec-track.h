@@ -1,6 +1,7 @@
 /** A codec's track in a record on a stream, and the bytes that are handed to it. */
 #pragma once
 
+#include <algorithm>
 #include <string>
 
 #include <mediafiles/caretaker.h>
@@ -12,12 +13,9 @@
 
 /** A copy in a block of exactly its size, so that a sanitizer sees a read beyond it. */
 struct exact {
-    std::unique_ptr<uint8_t[]> data;
-    uint32_t size;
-    explicit exact(const bytes &from) : data(new uint8_t[from.size()]), size(static_cast<uint32_t>(from.size()))
-    {
-        std::copy(from.begin(), from.end(), data.get());
-    }
+    const uint32_t size;
+    const std::unique_ptr<uint8_t[]> data{new uint8_t[size]};
+    explicit exact(const bytes &from) : size(uint32_t(from.size())) { std::ranges::copy(from, data.get()); }
     h264_bs reader() const { return {data.get(), size, 0, 0, 0xFFFF}; }
 };
 
@@ -38,4 +36,7 @@ struct recorder {
     }
 };
 
-inline std::string repeat(const std::string &text, int times) { return times == 0 ? "" : text + repeat(text, times - 1); }
+inline std::string repeat(const std::string &text, int times)
+{
+    return times == 0 ? "" : text + repeat(text, times - 1);
+}

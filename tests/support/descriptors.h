@@ -37,7 +37,7 @@ inline void fill(int fd, std::span<const uint8_t> content)
 {
     if (ftruncate(fd, 0) != 0 || pwrite(fd, content.data(), content.size(), 0) != ssize_t(content.size())) abort();
 }
-inline std::string path_of(int fd) { return "/proc/self/fd/" + std::to_string(fd); }
+inline const auto path_of = [](int fd) { return "/proc/self/fd/" + std::to_string(fd); };
 
 /** The lowest descriptor that is free: the same again when none was left open meanwhile. */
 inline int free_descriptor()
@@ -46,6 +46,13 @@ inline int free_descriptor()
     close(fd);
     return fd;
 }
+
+/** While it lives, descriptor 0 is free. */
+struct without_stdin {
+    const int kept = dup(STDIN_FILENO);
+    without_stdin() { close(STDIN_FILENO); }
+    ~without_stdin() { dup2(kept, STDIN_FILENO), close(kept); }
+};
 
 /** No file grows past so many bytes: a write stops there, and the next one fails with EFBIG. */
 inline void limit_files(rlim_t size)

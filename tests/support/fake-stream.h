@@ -1,4 +1,4 @@
-/** An output stream that keeps what it is given, logs every operation and fails the one that it is told to fail. */
+/** An output stream that keeps what it is given, logs every operation and fails one of them on demand. */
 #pragma once
 
 #include <cerrno>
@@ -17,37 +17,34 @@ struct fake_stream : mp4_stream {
     int fail_at = -1;         // the one that fails
     int fail_errno = EIO;
 
-    fake_stream() : mp4_stream{
-        .write = [](mp4_stream *s, const void *data, uint32_t n) { return self(s).put('w', n, bytes_at(data, n)); },
-        .writev = [](mp4_stream *s, const mp4_gather_list *list) {
-            bytes all;
-            self(s).runs.clear();
-            for (const iovec *run = list->iov; run != list->iov + list->iovcnt; ++run) {
-                overlay(all, all.size(), bytes_at(run->iov_base, run->iov_len));
-                self(s).runs.push_back(run->iov_len);
-            }
-            return self(s).put('v', list->length, all);
-        },
-        .copy_to = [](mp4_stream *, mp4_stream *) { return errno = ENOSYS, -1; },
-        .flush = [](mp4_stream *s) { return self(s).put('f', 0, {}); },
-        .clear = [](mp4_stream *) { return errno = ENOSYS, -1; },
-        .tell = [](mp4_stream *s) { return self(s).at; },
-        .seek = [](mp4_stream *s, uint32_t to) { return self(s).put('s', to, {}) == 0 ? self(s).at = to, 0 : -1; },
-        .destroy = [](mp4_stream *) {},
-    } {}
+    fake_stream() : mp4_stream{write_one, write_list, nullptr, flush_all, nullptr, position, seek_to, keep} {}
 
 private:
     static fake_stream &self(mp4_stream *stream) { return *static_cast<fake_stream *>(stream); }
-    static bytes bytes_at(const void *data, size_t length)
+    static int write_one(mp4_stream *s, const void *data, uint32_t n)
     {
-        return bytes(static_cast<const uint8_t *>(data), static_cast<const uint8_t *>(data) + length);
+        const iovec run = {const_cast<void *>(data), n};
+        return self(s).put('w', n, &run, 1);
     }
-    int put(char operation, uint32_t number, const bytes &data)
+    static int write_list(mp4_stream *s, const mp4_gather_list *list)
+    {
+        self(s).runs.clear();
+        for (int i = 0; i < list->iovcnt; i++) self(s).runs.push_back(list->iov[i].iov_len);
+        return self(s).put('v', list->length, list->iov, list->iovcnt);
+    }
+    static int flush_all(mp4_stream *s) { return self(s).put('f', 0); }
+    static uint32_t position(mp4_stream *s) { return self(s).at; }
+    static int seek_to(mp4_stream *s, uint32_t to) { return self(s).put('s', to) == 0 ? self(s).at = to, 0 : -1; }
+    static void keep(mp4_stream *) {}
+
+    int put(char operation, uint32_t number, const iovec *runs_of_it = nullptr, int count = 0)
     {
         log += std::string(" ") + operation + std::to_string(number);
         if (calls++ == fail_at) return errno = fail_errno, -1;
-        overlay(content, at, data);
-        at += static_cast<uint32_t>(data.size());
+        for (const iovec *run = runs_of_it; count-- > 0; at += static_cast<uint32_t>(run++->iov_len)) {
+            const auto *data = static_cast<const uint8_t *>(run->iov_base);
+            overlay(content, at, bytes(data, data + run->iov_len));
+        }
         return 0;
     }
 };

@@ -1,12 +1,10 @@
-/** The wrappers behind faults.h: the linker sends calls of f to __wrap_f; __real_f is the f that was meant. */
+/** The wrappers of faults.h: the linker sends calls of f to __wrap_f; __real_f is the f that was meant. */
 #include "faults.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdarg>
-#include <cstdint>
 #include <cstdio>
-#include <iterator>
 #include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -16,9 +14,21 @@
 
 namespace faults {
 
-std::vector<std::string> log_lines;
-static injection *current;
+lines log_lines;
 
+void log_all_but(int level)
+{
+    log_lines.clear();
+    for (const int each : {4, 5, 8}) __logLevels[16 * each + 15] = each != level;
+}
+
+lines logged(lines all)
+{
+    std::erase_if(all, [](const std::string &line) { return !__logLevels[16 * (line[0] - '0') + 15]; });
+    return all;
+}
+
+static constexpr injection *&current = injection::current;
 static bool shorten; // the call that goes on moves half of its bytes
 
 static bool fail(int error, bool harmless)
@@ -65,19 +75,17 @@ static size_t limited(call kind, size_t n)
     return n;
 }
 
-static int refusal(call kind) { return current->orders.pretend ? 0 : kind == advice ? current->orders.error : -1; }
-static ssize_t told(int fd, ssize_t n)
-{
+/** What a call returns that fails. */
+static constexpr auto refusal = [](call kind) {
+    return current->orders.pretend ? 0 : kind == advice ? current->orders.error : -1;
+};
+/** What a write has moved. */
+static constexpr auto wrote = [](int fd, ssize_t n) {
     if (current && current->wrote && n > 0) current->wrote(fd, size_t(n));
     return n;
-}
-static void hold(const void *block, long blocks) { if (current && block) current->held += blocks; }
-static void spoil_errno() { errno = current && current->orders.spoil ? EDOM : errno; }
-
-injection::injection(const plan &plan) : orders(plan) { current = this; }
-injection::~injection() { current = nullptr; }
-pause::pause() : interrupted(std::exchange(current, nullptr)) {}
-pause::~pause() { current = interrupted; }
+};
+static constexpr auto hold = [](const void *block, long blocks) { current &&block ? current->held += blocks : 0; };
+static constexpr auto spoil_errno = [] { errno = current && current->orders.spoil ? EDOM : errno; };
 
 } // namespace faults
 
@@ -112,7 +120,10 @@ void *__wrap_realloc(void *block, size_t size)
 }
 
 void *__real_calloc(size_t, size_t);
-void *__wrap_malloc(size_t size) { return __wrap_realloc(nullptr, size); }
+void *__wrap_malloc(size_t size)
+{
+    return __wrap_realloc(nullptr, size);
+}
 void *__wrap_calloc(size_t count, size_t size)
 {
     if (fails(memory)) return nullptr;
@@ -130,7 +141,10 @@ void __wrap_free(void *block)
 
 #define WRAP(kind, result, name, parameters, arguments) \
     result __real_##name parameters; \
-    result __wrap_##name parameters { return fails(kind) ? refusal(kind) : __real_##name arguments; }
+    result __wrap_##name parameters \
+    { \
+        return fails(kind) ? refusal(kind) : __real_##name arguments; \
+    }
 
 WRAP(input, ssize_t, read, (int fd, void *data, size_t n), (fd, data, limited(input, n)))
 WRAP(syncing, int, fsync, (int fd), (fd))
@@ -146,10 +160,10 @@ WRAP(advice, int, posix_fadvise64, (int fd, int64_t from, int64_t n, int what), 
 ssize_t __real_write(int, const void *, size_t);
 ssize_t __wrap_write(int fd, const void *data, size_t n)
 {
-    return fails(output) ? -1 : told(fd, __real_write(fd, data, limited(output, n)));
+    return fails(output) ? -1 : wrote(fd, __real_write(fd, data, limited(output, n)));
 }
 
-// EOVERFLOW speaks of the result alone: the offset has moved.
+// EOVERFLOW concerns the result alone: the offset has moved.
 #define WRAP_SEEK(offset, name) \
     offset __real_##name(int, offset, int); \
     offset __wrap_##name(int fd, offset to, int whence) \
@@ -171,7 +185,7 @@ ssize_t __wrap_writev(int fd, const iovec *list, int count)
     for (const iovec &entry : part) all += entry.iov_len;
     size_t left = limited(output, all);
     for (iovec &entry : part) left -= entry.iov_len = std::min(left, entry.iov_len);
-    return told(fd, __real_writev(fd, part.data(), count));
+    return wrote(fd, __real_writev(fd, part.data(), count));
 }
 
 int __real_close(int);

@@ -1,4 +1,4 @@
-/** Bytes in tests: spelled ("00000018 'ftyp' 00*4": hex digits, letters, so many of a byte), random, overlaid. */
+/** Bytes in tests: spelled, random, overlaid. */
 #pragma once
 
 #include <cstdint>
@@ -9,17 +9,20 @@
 
 using bytes = std::vector<uint8_t>;
 
+/** Hex digits; 'letters'; 00*4 for a byte four times; A0+4 for A0 A1 A2 A3, beginning again every 251 bytes. */
 inline bytes hex(const std::string &text)
 {
     bytes out;
     for (size_t at = 0, used = 1; at < text.size(); at += used) {
-        if (used = 1; text[at] == '\'') {
+        const char mark = text[at];
+        if (used = 1; mark == '\'') {
             used = text.find('\'', at + 1) + 1 - at;
             out.insert(out.end(), &text[at + 1], &text[at + used - 1]);
-        } else if (text[at] == '*') {
-            out.insert(out.end(), std::stoul(text.substr(at + 1), &used) - 1, uint8_t{out.back()});
+        } else if (mark == '*' || mark == '+') {
+            const size_t count = std::stoul(text.substr(at + 1), &used), first = out.back();
+            for (size_t i = 1; i < count; i++) out.push_back(static_cast<uint8_t>(first + (mark == '*' ? 0 : i % 251)));
             if (used++ > 4) std::abort(); // digits that belong to what follows
-        } else if (text[at] != ' ') {
+        } else if (mark != ' ') {
             out.push_back(static_cast<uint8_t>(std::stoul(text.substr(at, 2), &used, 16)));
             if (used != 2) std::abort();
         }
@@ -34,7 +37,10 @@ inline std::string dump(const bytes &data)
     for (const uint8_t byte : data) out += {"0123456789abcdef"[byte >> 4], "0123456789abcdef"[byte & 15]};
     return out;
 }
-inline std::string dump(const std::string &text) { return dump(hex(text)); }
+inline std::string dump(const std::string &text)
+{
+    return dump(hex(text));
+}
 
 inline uint32_t below(size_t limit)
 {
