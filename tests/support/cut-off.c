@@ -2,7 +2,8 @@
  * Preloaded into a program that repairs recordings, each in a directory of its own below $CASES: at each change that
  * it makes to a directory's files, that is before the change and in the middle of a write, it copies the directory to
  * $SNAPSHOTS/NAME@N. That is what a kill at this moment leaves. In a directory NAME~full=N the medium is full from the
- * Nth change on, in NAME~bad=N the Nth change alone fails.
+ * Nth change on, in NAME~bad=N the Nth change alone fails, in NAME~gap=N that
+ * and the next: a write comes out short, and its continuation fails.
  */
 #define _GNU_SOURCE
 #include <dirent.h>
@@ -57,11 +58,12 @@ static int allowed(const char *path)
     if (stat(directory, &status) != 0 || !S_ISDIR(status.st_mode)) *strrchr(directory, '/') = 0;
     if (strcmp(directory, last) != 0) count = 0;
     strcpy(last, directory);
-    const char *name = strrchr(directory, '/') + 1, *full = strstr(name, "~full="), *bad = strstr(name, "~bad=");
     ++count;
-    if (!full && !bad) snapshot(directory, name, count);
-    errno = full ? ENOSPC : EIO;
-    return !(full && count >= atoi(full + 6)) && !(bad && count == atoi(bad + 5));
+    const char *name = strrchr(directory, '/') + 1, *fault = strchr(name, '~');
+    if (!fault) return snapshot(directory, name, count), 1;
+    const int fails = count - atoi(strchr(fault, '=') + 1), is_full = fault[1] == 'f';
+    errno = is_full ? ENOSPC : EIO;
+    return fails < 0 || fails >= (is_full ? INT_MAX : fault[1] == 'g' ? 2 : 1);
 }
 
 static int allowed_for(int fd)

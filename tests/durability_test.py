@@ -1,0 +1,150 @@
+"""The order in which a recorder's calls reach the medium: what each leaves at any moment can be repaired.
+
+    durability_test.py CUT-OFF.so PROGRAM ARGUMENT...     {clip} in an argument is the file to make
+
+The program runs under strace; a call counts from its beginning for what it needs and from its end for what it makes
+durable. Its syncs fail one at a time, and appends to the journal come out short.
+"""
+
+import codecs
+import os
+import pathlib
+import re
+import subprocess
+import sys
+import tempfile
+from collections import namedtuple
+
+sys.path.insert(0, str(pathlib.Path(__file__).parent / "support"))
+import judge  # noqa: E402
+
+Call = namedtuple("Call", "thread name text result begin end")
+# C: a file is created, D: its directory synced, w: media written, s: synced, a: the journal appended to, j: synced, u: removed
+ORDER = re.compile("CCD+w*(s+w*(a+w*j)?w*){4,}w+s+u")
+SHIM, PROGRAM, DURABLE = sys.argv[1], sys.argv[2:], ("fsync", "fdatasync")
+
+
+def calls_of(trace):
+    """The calls of all threads in the order in which they end."""
+    begun = {}
+    for at, line in enumerate(trace.splitlines()):
+        thread, text = line.split(None, 1)
+        begin = at
+        if text.startswith("<... "):
+            begin, first = begun.pop(thread)
+            text = first + text.split(" resumed>", 1)[1]
+        if text.endswith("<unfinished ...>"):
+            begun[thread] = begin, text[:-len("<unfinished ...>")]
+        elif found := re.match(r"(\w+)\((.*)\) += (-?\d+)", text):
+            yield Call(thread, found[1], found[2], int(found[3]), begin, at)
+
+
+class Medium:
+    """What is on the medium at any moment, judged by the calls alone."""
+
+    def __init__(self, clip):
+        self.media, self.journal, self.directory = str(clip), f"{clip}.journal", str(clip.parent)
+        self.created, self.named, self.failed = set(), set(), set()
+        self.position, self.writes, self.reach = 0, 0, 0
+        self.written, self.durable = [(-1, 0, 0)], [(-1, 0, 0)]  # (moment, writes until then, bytes that they reach)
+        self.records, self.order, self.torn, self.removed = b"", "", False, False
+
+    def cut(self):
+        """Whether the journal ends inside a record."""
+        return judge.whole_records(self.records) != len(self.records)
+
+    def see(self, call):
+        subject = re.search(r'(?:^\d+<(.*?)>)|(?:"(.*?)")', call.text)
+        path = subject and (subject[1] or subject[2])
+        earlier = lambda history: [entry for entry in history if entry[0] < call.begin][-1]  # noqa: E731
+        if path not in (self.media, self.journal, self.directory):
+            return
+        if call.result < 0 and call.name in DURABLE:
+            self.failed.add(path)
+        elif call.result < 0:
+            return
+        elif call.name == "openat" and "O_CREAT" in call.text:
+            self.created.add(path)
+            self.order += "C"
+        elif call.name in DURABLE and path == self.directory:
+            self.named |= self.created
+            self.order += "D"
+        elif call.name == "lseek" and path == self.media:
+            self.position = call.result
+        elif call.name in ("write", "writev", "pwrite64"):
+            assert self.named >= {self.media, self.journal}, "written before the directory was synced"
+            (self.write if path == self.media else self.append)(call, earlier(self.durable)[2])
+        elif call.name in DURABLE and path == self.media:
+            self.torn |= self.cut()
+            if path not in self.failed:  # else what was lost stays lost
+                self.durable.append((call.end, *earlier(self.written)[1:]))
+            self.order += "s"
+        elif call.name in DURABLE:
+            self.order += "j"
+        elif call.name == "unlink" and path == self.journal:
+            assert earlier(self.durable)[1] == self.writes, "the journal is removed before the media is durable"
+            self.removed = True
+            self.order += "u"
+
+    def write(self, call, _):
+        begin = int(call.text.rsplit(",", 1)[1]) if call.name == "pwrite64" else self.position
+        self.position = begin + call.result
+        self.reach, self.writes = max(self.reach, self.position), self.writes + 1
+        self.written.append((call.end, self.writes, self.reach))
+        self.order += "w"
+
+    def append(self, call, durable):
+        assert self.journal not in self.failed, "appended after a sync of the journal had failed"
+        data = codecs.decode(re.search(r'"(.*)"', call.text)[1].encode(), "unicode_escape").encode("latin1")
+        self.records += data[:call.result]
+        end = 32
+        for sample in judge.samples_of(self.records):
+            assert sample.begin == end, f"the journal names byte {sample.begin} after byte {end}"
+            end = sample.end
+        assert end <= durable, f"the journal names bytes up to {end}, of which {durable} are durable"
+        self.order += "a"
+
+
+def record(fault="", **environment):
+    """Runs the program; its calls, what became of the medium, and whether it ended well."""
+    with tempfile.TemporaryDirectory(dir=judge.MEMORY) as directory:
+        card = pathlib.Path(directory).resolve()
+        clip, trace = card / environment.pop("NAME", "plain") / "clip.mp4", card / "trace"
+        clip.parent.mkdir()
+        done = subprocess.run(
+            ["strace", "-f", "-y", "-x", "-s", "1000000", "-o", trace, "-e",
+             "trace=openat,write,writev,pwrite64,lseek,fsync,fdatasync,unlink", *(["-e", f"inject={fault}"] if fault else []),
+             *(f"-E{name}={value}".format(card=card) for name, value in environment.items()),
+             *(word.format(clip=clip) for word in PROGRAM)], capture_output=True, check=False, timeout=100)
+        calls, medium = list(calls_of(trace.read_text())), Medium(clip)
+        for call in calls:
+            try:
+                medium.see(call)
+            except AssertionError as problem:
+                sys.exit(f"{fault} {environment}: {medium.order[-50:]}: {problem}")
+        if medium.removed and not medium.failed and not fault:
+            data = clip.read_bytes()
+            samples = list(judge.samples_of(medium.records))
+            assert environment or samples[-1].end == 24 + int.from_bytes(data[24:28], "big"), "samples are not named"
+        return calls, medium, done.returncode == 0
+
+
+calls, good, ended = record()
+assert ended and ORDER.fullmatch(good.order), good.order
+places = {}  # of the syncs of each file: system call and number among those of the thread
+for call in calls:
+    if call.name in DURABLE:
+        number = sum(c.thread == call.thread and c.name == call.name and c.begin <= call.begin for c in calls)
+        places.setdefault(re.search("<(.*)>", call.text)[1].split("/")[-1], []).append(f"{call.name}:error=EIO:when={number}")
+journal, media = places["clip.mp4.journal"], places["clip.mp4"]
+faults = [next(iter(places.values()))[0], media[0], media[1], media[-2], media[-1], journal[0], journal[-2]]
+for fault in faults:
+    _, seen, ended = record(fault)
+    assert seen.failed, f"{fault}: nothing has failed"
+    assert seen.failed == {seen.journal} or not (ended or seen.removed), f"{fault}: nothing is said of it"
+torn = 0
+for number in range(3, 27):
+    _, seen, _ = record(NAME=f"card~gap={number}", LD_PRELOAD=SHIM, CASES="{card}")
+    torn += seen.torn and not seen.cut()
+assert torn, "no append came out short and was completed"
+print(f"{len(faults)} failed syncs, {torn} appends cut short; without a fault: {re.sub('(w+)', 'w', good.order)[:60]}...")
