@@ -1,6 +1,6 @@
 """The command mediafiles inspect: what it shows against what independent readers see, and what it finds wrong.
 
-    inspect_command_test.py MEDIAFILES STREAMS
+    inspect_command_test.py --tool MEDIAFILES --media STREAMS
 """
 
 import fcntl
@@ -12,14 +12,12 @@ import re
 import resource
 import struct
 import subprocess
-import sys
 import tempfile
 import unittest
 
-sys.path.insert(0, str(pathlib.Path(__file__).parent / "support"))
-import judge  # noqa: E402
+from support import judge
 
-TOOL, MEDIA = sys.argv[1:3]
+GIVEN = judge.given("tool", "media")
 CLIPS = (("h264_high_aud_4slices_640x360_30.h264", "aac_voaac_44100_2.aac"), ("h265_aud_sei_640x360_25.h265",))
 HEAD, FREE, STBL = b"\0\0\0\x14ftypmp42\0\0\0\0isom", b"\0\0\0\x08free", b"moov/trak/mdia/minf/stbl/"
 
@@ -46,7 +44,7 @@ class Inspect(unittest.TestCase):
         cls.given = pathlib.Path(cls.enterClassContext(tempfile.TemporaryDirectory()), "given")
         cls.beside, cls.clips = cls.given.with_name("given.journal"), []
         for sources in CLIPS:
-            subprocess.run([TOOL, "record", *(pathlib.Path(MEDIA, s) for s in sources), "-o", cls.given, "--overwrite",
+            subprocess.run([GIVEN.tool, "record", *(GIVEN.media / s for s in sources), "-o", cls.given, "--overwrite",
                             "--keep-journal"], check=True, stderr=subprocess.DEVNULL)
             cls.clips.append((cls.given.read_bytes(), cls.beside.read_bytes()))
         cls.beside.unlink()
@@ -54,7 +52,7 @@ class Inspect(unittest.TestCase):
     def inspect(self, given, *options, exit_codes=(0,)):
         if isinstance(given, bytes):
             given = self.given.write_bytes(given) and self.given
-        done = subprocess.run([TOOL, "inspect", given, *options], capture_output=True, check=False, timeout=60)
+        done = subprocess.run([GIVEN.tool, "inspect", given, *options], capture_output=True, check=False, timeout=60)
         self.assertIn(done.returncode, exit_codes, (given, done.stderr))
         return json.loads(done.stdout) if options else done.stdout.decode()
 
@@ -166,4 +164,4 @@ class Inspect(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    unittest.main(argv=sys.argv[:1] + sys.argv[3:])
+    unittest.main()

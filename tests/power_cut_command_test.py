@@ -7,7 +7,6 @@ The cases are those of the library's proof: media, journal, and the samples that
 is printed here.
 """
 
-import argparse
 import json
 import os
 import pathlib
@@ -16,24 +15,16 @@ import re
 import shutil
 import struct
 import subprocess
-import sys
 import tempfile
 import unittest
 import zlib
 from collections import Counter, defaultdict, namedtuple
 
-sys.path.insert(0, str(pathlib.Path(__file__).parent / "support"))
-import judge  # noqa: E402
+from support import judge
 
-LINE = argparse.ArgumentParser()
-for option in ("tool", "recover", "cases", "streams", "shim", "check"):
-    LINE.add_argument("--" + option, type=pathlib.Path, required=True)
-LINE.add_argument("--every", type=int, default=40)
-LINE.add_argument("--page", type=pathlib.Path)
-GIVEN, REST = LINE.parse_known_args()
+GIVEN = judge.given("tool", "recover", "cases", "streams", "shim", "check", every=40, page="")
 Want = namedtuple("Want", "track begin size key checksum")
 Case = namedtuple("Case", "media journal samples kept")  # kept: how many of the samples no repair may lose
-MEMORY = pathlib.Path("/dev/shm")  # where there is one: a sync costs nothing there
 NAMES = "clip.mp4", "clip.mp4.journal"
 PLAYED = re.compile("(avc|hevc|aac|hevc-aac-large|avc-aac-large)-[a-z]+-[0-9]")  # they begin where their streams do
 ALL_OF_IT = "--salvage", "--force"
@@ -62,14 +53,13 @@ def cases_of_the_proof():
                                   [Want(r[0], r[1], r[2], r[4] != 0, r[5]) for r in rows], sum(r[6] for r in rows))
 
 
-class PowerCut(unittest.TestCase):
+class PowerCut(judge.Test):
     @classmethod
     def setUpClass(cls):
         cls.cases = dict(cases_of_the_proof())
 
     def setUp(self):
-        self.directory = pathlib.Path(tempfile.mkdtemp(dir=MEMORY if os.access(MEMORY, os.W_OK) else None)).resolve()
-        self.addCleanup(shutil.rmtree, self.directory)
+        super().setUp()
         self.card, self.snapshots = self.directory / "card", self.directory / "snapshots"
 
     def put(self, cases):
@@ -101,7 +91,7 @@ class PowerCut(unittest.TestCase):
     def tell(self, line):
         print(line)
         if GIVEN.page:
-            self.assertIn(f"    {line}\n", GIVEN.page.read_text())
+            self.assertIn(f"    {line}\n", pathlib.Path(GIVEN.page).read_text())
 
     def judge(self, case, path, found, faults, kept, doubt):
         """Every sample is one that was recorded, in its place, but the last in doubt. Gives whether all are whole."""
@@ -248,4 +238,4 @@ class PowerCut(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    unittest.main(argv=sys.argv[:1] + REST)
+    unittest.main()

@@ -3,25 +3,18 @@
     repair_command_test.py --tool MEDIAFILES --example EXAMPLE --media STREAMS
 """
 
-import argparse
 import fcntl
 import json
 import os
 import pathlib
-import shutil
 import struct
 import subprocess
-import sys
 import tempfile
 import unittest
 
-sys.path.insert(0, str(pathlib.Path(__file__).parent / "support"))
-import judge  # noqa: E402
+from support import judge
 
-LINE = argparse.ArgumentParser()
-for option in ("tool", "example", "media"):
-    LINE.add_argument("--" + option, type=pathlib.Path, required=True)
-GIVEN, REST = LINE.parse_known_args()
+GIVEN = judge.given("tool", "example", "media")
 SOURCES = {"av": ("h264_base_640x360_25.h264", "aac_lc_48000_2.aac"), "hevc": ("h265_aud_sei_640x360_25.h265",)}
 DONE, FAILED, USAGE, NOTHING = 0, 1, 2, 3
 
@@ -30,7 +23,7 @@ def run(*command, **options):
     return subprocess.run(command, text=True, capture_output=True, check=False, timeout=60, **options)
 
 
-class Repair(unittest.TestCase):
+class Repair(judge.Test):
     @classmethod
     def setUpClass(cls):
         cls.whole = {}  # the finished file, the same before it was finished, its journal and what that names
@@ -41,11 +34,6 @@ class Repair(unittest.TestCase):
                 data, journal = clip.read_bytes(), pathlib.Path(f"{clip}.journal").read_bytes()
                 samples = list(judge.samples_of(journal))
                 cls.whole[name] = data, data[:24] + bytes(4) + data[28:samples[-1].end], journal, samples
-
-    def setUp(self):
-        self.directory = pathlib.Path(tempfile.mkdtemp())
-        self.addCleanup(shutil.rmtree, self.directory)
-        self.clip, self.journal = self.directory / "clip.mp4", self.directory / "clip.mp4.journal"
 
     def put(self, media, journal, name="clip.mp4"):
         for path, data in ((self.directory / name, media), (self.directory / (name + ".journal"), journal)):
@@ -209,4 +197,4 @@ class Repair(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    unittest.main(argv=sys.argv[:1] + REST)
+    unittest.main()

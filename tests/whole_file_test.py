@@ -1,28 +1,22 @@
 """Records elementary streams, frame by frame, through the C interface and lets independent readers judge.
 
-    whole_file_test.py EXAMPLE CHECK STREAMS
+    whole_file_test.py --example EXAMPLE --check CHECK-MP4 --media STREAMS
 """
 
-import pathlib
 import re
 import subprocess
-import sys
-import tempfile
 import unittest
 
-sys.path.insert(0, str(pathlib.Path(__file__).parent / "support"))
-import judge  # noqa: E402
+from support import judge
 
-EXAMPLE, CHECK, STREAMS = map(pathlib.Path, sys.argv[1:4])
-
+GIVEN = judge.given("example", "check", "media")
 # Pictures that are reordered: their files would play wrongly.
 REORDERED = ("ext_intel", "ext_test25", "h265_tsa", "ext_bear", "ext_cars")
-
-FORMATS = {"h264": "AVC", "h265": "HEVC"}
+FORMATS = {".h264": "AVC", ".h265": "HEVC"}
 
 
 def video_streams():
-    return [v for v in sorted(STREAMS.glob("*.h26[45]")) if not v.name.startswith(REORDERED)]
+    return [v for v in sorted(GIVEN.media.glob("*.h26[45]")) if not v.name.startswith(REORDERED)]
 
 
 def picture_size(video):
@@ -34,36 +28,29 @@ def audio_format(audio):
     return channels, rate
 
 
-class WholeFile(unittest.TestCase):
-    def setUp(self):
-        self.directory = tempfile.TemporaryDirectory()
-        self.addCleanup(self.directory.cleanup)
-        self.clip = pathlib.Path(self.directory.name) / "clip.mp4"
-
+class WholeFile(judge.Test):
     def until(self, audio, last_ns):
         """The beginning of a stream, with its manifest: players pass over a track much shorter than another."""
         header, *rows = audio.with_suffix(".units.tsv").read_text().splitlines()
         rows = [r for r in rows if int(r.split("\t")[3]) <= last_ns]
         offset, length = map(int, rows[-1].split("\t")[1:3])
-        beginning = pathlib.Path(self.directory.name) / audio.name
+        beginning = self.directory / audio.name
         beginning.write_bytes(audio.read_bytes()[:offset + length])
         beginning.with_suffix(".units.tsv").write_text("\n".join([header, *rows]) + "\n")
         return beginning
 
     def record(self, video, audio=None):
-        command = [EXAMPLE, self.clip, video, video.with_suffix(".units.tsv"), *picture_size(video)]
+        command = [GIVEN.example, self.clip, video, video.with_suffix(".units.tsv"), *picture_size(video)]
         if audio:
             command += [audio, audio.with_suffix(".units.tsv"), *audio_format(audio)]
         subprocess.run(command, check=True, stdout=subprocess.DEVNULL)
 
-    def check_track(self, source, codec, stream, pad, timescale):
-        units = judge.units(source)
-        self.assertEqual(judge.packets(self.clip, stream), judge.expected_packets(units, codec, timescale))
-        self.assertEqual(judge.frame_checksums(self.clip, stream), judge.frame_checksums(source))
-        self.assertEqual(judge.gstreamer_buffers(self.clip, pad), len(units))
+    def check(self, source, stream, pad, timescale):
+        self.check_track(source, stream, timescale)
+        self.assertEqual(judge.gstreamer_buffers(self.clip, pad), len(judge.units(source)))
 
     def test_every_stream(self):
-        videos, audios = video_streams(), sorted(STREAMS.glob("*.aac"))
+        videos, audios = video_streams(), sorted(GIVEN.media.glob("*.aac"))
         self.assertGreater(len(videos), 2)
         for i, video in enumerate(videos):
             audio = audios[i % len(audios)] if i % 3 != 2 else None
@@ -71,16 +58,15 @@ class WholeFile(unittest.TestCase):
                 if audio:
                     audio = self.until(audio, judge.units(video)[-1].time_ns)
                 self.record(video, audio)
-                codec = video.suffix[1:]
-                judge.run(CHECK, self.clip)
-                self.check_track(video, codec, "v", "video_0", 90000)
+                judge.run(GIVEN.check, self.clip)
+                self.check(video, "v", "video_0", 90000)
                 seen = judge.mediainfo_tracks(self.clip)
-                self.assertEqual((seen["Video"]["Format"], seen["Video"]["Width"]), (FORMATS[codec], picture_size(video)[0]))
+                self.assertEqual((seen["Video"]["Format"], seen["Video"]["Width"]), (FORMATS[video.suffix], picture_size(video)[0]))
                 if audio:
                     channels, rate = audio_format(audio)
-                    self.check_track(audio, "aac", "a", "audio_0", int(rate))
+                    self.check(audio, "a", "audio_0", int(rate))
                     self.assertEqual((seen["Audio"]["Format"], seen["Audio"]["Channels"]), ("AAC", channels))
 
 
 if __name__ == "__main__":
-    unittest.main(argv=sys.argv[:1])
+    unittest.main()

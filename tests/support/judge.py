@@ -1,16 +1,22 @@
-"""What independent readers make of a file, and what the streams say they should.
+"""What independent readers make of a file, what the streams say they should, and what the tests of programs share.
 
 ffprobe, ffmpeg, GStreamer and mediainfo read what was recorded; the expected packets come from a stream's manifest
 and from the stream's own bytes.
 """
 
+import argparse
 import csv
 import json
 import os
 import pathlib
 import re
+import shutil
 import struct
 import subprocess
+import sys
+import tempfile
+import time
+import unittest
 from collections import namedtuple
 
 Unit = namedtuple("Unit", "data time_ns key")
@@ -27,6 +33,40 @@ def run(*command):
     if done.returncode != 0 or done.stderr:
         raise AssertionError(f"{command}: exit {done.returncode}: {done.stderr}")
     return done.stdout
+
+
+def given(*paths, **numbers):
+    """The options of a test: paths that must be given, and numbers; what follows is unittest's."""
+    line = argparse.ArgumentParser()
+    for name in paths:
+        line.add_argument("--" + name, type=pathlib.Path, required=True)
+    for name, value in numbers.items():
+        line.add_argument("--" + name, type=type(value), default=value)
+    options, sys.argv[1:] = line.parse_known_args()
+    return options
+
+
+def wait_for(condition):
+    """Looks again and again, until it holds."""
+    end = time.monotonic() + PATIENCE
+    while not condition():
+        if time.monotonic() > end:
+            raise AssertionError("it never came to that")
+        time.sleep(0.01)
+
+
+class Test(unittest.TestCase):
+    """Has a directory, with the names of a recording and of its journal in it."""
+
+    def setUp(self):
+        self.directory = pathlib.Path(tempfile.mkdtemp(dir=MEMORY)).resolve()
+        self.addCleanup(shutil.rmtree, self.directory)
+        self.clip, self.journal = self.directory / "clip.mp4", self.directory / "clip.mp4.journal"
+
+    def check_track(self, source, stream, timescale):
+        """The recorded track is the elementary stream, unit by unit."""
+        self.assertEqual(packets(self.clip, stream), expected_packets(units(source), source.suffix[1:], timescale))
+        self.assertEqual(frame_checksums(self.clip, stream), frame_checksums(source))
 
 
 def units(stream):
@@ -54,17 +94,18 @@ def stored_units(data, codec):
     return found
 
 
-def stored_size(unit, codec):
+def stored(unit, codec):
+    """A unit's bytes as a sample has them."""
     if codec == "aac":
-        return len(unit.data) - 7
-    return sum(4 + len(nal) for nal in stored_units(unit.data, codec))
+        return unit.data[7:]
+    return b"".join(struct.pack(">I", len(nal)) + nal for nal in stored_units(unit.data, codec))
 
 
 def expected_packets(all_units, codec, timescale):
     """The first sample lasts 0, each next the time since the one before, rounded half up."""
     found, begin, last = [], 0, all_units[0].time_ns
     for unit in all_units:
-        found.append(Packet(stored_size(unit, codec), begin, bool(unit.key)))
+        found.append(Packet(len(stored(unit, codec)), begin, bool(unit.key)))
         begin += ((unit.time_ns - last) * timescale + 500_000_000) // 1_000_000_000
         last = unit.time_ns
     return found
