@@ -27,7 +27,10 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***);
 namespace fuzz {
 
 /** A number of an MP4 box. */
-inline uint32_t big(const uint8_t *at) { return uint32_t{at[0]} << 24 | uint32_t{at[1]} << 16 | at[2] * 256u | at[3]; }
+inline uint32_t big(const uint8_t *at)
+{
+    return uint32_t{at[0]} << 24 | uint32_t{at[1]} << 16 | at[2] * 256u | at[3];
+}
 
 inline std::string_view text(std::span<const uint8_t> data)
 {

@@ -28,9 +28,8 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         REQUIRE(track.samples.size() == track.sample_count && track.timescale != 0);
         for (const mp4::sample &sample : track.samples) {
             const mp4::range place = {sample.offset, sample.offset + sample.size};
-            REQUIRE(std::ranges::any_of(file.mdat, [&](const mp4::range &mdat) {
-                return mdat.begin <= place.begin && place.end <= mdat.end;
-            }));
+            REQUIRE(std::ranges::any_of(
+                file.mdat, [&](const mp4::range &mdat) { return mdat.begin <= place.begin && place.end <= mdat.end; }));
             places.push_back(place);
         }
     }

@@ -49,13 +49,39 @@ struct model {
 const model good;
 
 /** The extremes of a field, of the kinds and types, and of a journal's numbers. */
-constexpr uint32_t extremes[] = {0, 1, 2, 3, 4, 5, 7, 8, 9, 10, 15, 16, 17, 23, 24, 25, 31, 32, 33, 52, 53, 127, 128,
-    255, 256, 505, 508, 509, 512, 0x101, 0x102, 0x201, 0x7FFF, 0x8000, 0x8101, 0xFFFF, 999'999'999, 1'000'000'000,
-    0x7FFFFFFF, 0x80000000, 0xDFFFFFDE, 0xDFFFFFFF, 0xE0000000, 0xFFFFFFE0, 0xFFFFFFFF};
+constexpr uint32_t extremes[] = {0,           1,
+                                 2,           3,
+                                 4,           5,
+                                 7,           8,
+                                 9,           10,
+                                 15,          16,
+                                 17,          23,
+                                 24,          25,
+                                 31,          32,
+                                 33,          52,
+                                 53,          127,
+                                 128,         255,
+                                 256,         505,
+                                 508,         509,
+                                 512,         0x101,
+                                 0x102,       0x201,
+                                 0x7FFF,      0x8000,
+                                 0x8101,      0xFFFF,
+                                 999'999'999, 1'000'000'000,
+                                 0x7FFFFFFF,  0x80000000,
+                                 0xDFFFFFDE,  0xDFFFFFFF,
+                                 0xE0000000,  0xFFFFFFE0,
+                                 0xFFFFFFFF};
 
 std::mt19937 engine; // the same numbers everywhere, unlike the distributions
-uint32_t any(size_t limit) { return static_cast<uint32_t>(engine() % limit); }
-uint8_t any_byte() { return static_cast<uint8_t>(engine()); }
+uint32_t any(size_t limit)
+{
+    return static_cast<uint32_t>(engine() % limit);
+}
+uint8_t any_byte()
+{
+    return static_cast<uint8_t>(engine());
+}
 
 void set(bytes &journal, field where, uint32_t value)
 {
@@ -85,12 +111,23 @@ bytes mutated()
         const auto place = journal.begin() + static_cast<ptrdiff_t>(at);
         const auto [begin, end] = record_at(any(good.records.size()));
         switch (any(6)) {
-        case 0: set(journal, good.fields[any(good.fields.size())], extremes[any(std::size(extremes))]); break;
-        case 1: set(journal, good.fields[any(good.fields.size())], static_cast<uint32_t>(engine())); break;
-        case 2: set(journal, {at, 1}, any_byte()); break;
-        case 3: journal.insert(place, any(9), any_byte()); break;
-        case 4: journal.erase(place, journal.end() - any(journal.size() - at + 1) / 2); break;
-        default: journal.insert(journal.end(), begin, end);
+        case 0:
+            set(journal, good.fields[any(good.fields.size())], extremes[any(std::size(extremes))]);
+            break;
+        case 1:
+            set(journal, good.fields[any(good.fields.size())], static_cast<uint32_t>(engine()));
+            break;
+        case 2:
+            set(journal, {at, 1}, any_byte());
+            break;
+        case 3:
+            journal.insert(place, any(9), any_byte());
+            break;
+        case 4:
+            journal.erase(place, journal.end() - any(journal.size() - at + 1) / 2);
+            break;
+        default:
+            journal.insert(journal.end(), begin, end);
         }
     }
     return journal;
@@ -102,7 +139,8 @@ bytes made_up()
     bytes journal;
     for (uint32_t count = any(200); count > 0; count--) {
         const auto [begin, end] = record_at(any(good.records.size()));
-        if (any(8)) journal.insert(journal.end(), begin, end);
+        if (any(8))
+            journal.insert(journal.end(), begin, end);
         else
             for (uint32_t size = 4 * any(130); size > 0; size--) journal.push_back(any_byte());
         const size_t last = journal.size() < 4 ? 0 : journal.size() - any(28);

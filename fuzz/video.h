@@ -11,8 +11,8 @@ namespace fuzz {
 
 struct video_codec {
     mp4_track_desc track;
-    size_t header;                    // bytes of a NAL unit header
-    uint8_t (*type)(uint8_t first);   // NAL unit type, from the first byte of the header
+    size_t header;                  // bytes of a NAL unit header
+    uint8_t (*type)(uint8_t first); // NAL unit type, from the first byte of the header
     bool (*runs_to_end)(uint8_t type);
     std::vector<std::pair<uint8_t, uint8_t>> kept; // memento kind, NAL unit type
 };
@@ -38,11 +38,16 @@ inline std::vector<std::string_view> units_of(std::string_view sample, std::stri
         units.push_back(unit);
         sample.remove_prefix(4 + length);
         at += length;
-        if (codec.runs_to_end(type)) REQUIRE(sample.empty());
-        else REQUIRE(unit.find(start_code) == unit.npos);
-        if (sample.empty()) REQUIRE(at == frame.size());
-        else if (frame.substr(at, 3) == start_code) at += 3;
-        else at += 4, REQUIRE(frame.substr(at - 4, 4) == "\0\0\0\1"sv);
+        if (codec.runs_to_end(type))
+            REQUIRE(sample.empty());
+        else
+            REQUIRE(unit.find(start_code) == unit.npos);
+        if (sample.empty())
+            REQUIRE(at == frame.size());
+        else if (frame.substr(at, 3) == start_code)
+            at += 3;
+        else
+            at += 4, REQUIRE(frame.substr(at - 4, 4) == "\0\0\0\1"sv);
     }
     return units;
 }

@@ -103,9 +103,15 @@ class Inspect(unittest.TestCase):
             faults = self.check(broken, 1)["faults"]
             self.assertTrue(any(text in f["text"] and f["offset"] == where for f in faults), (text, faults))
             self.assertIn(f"fault at {where}: ", self.inspect(broken))
+        config = media.index(b"\2\x12\x10", at[STBL + b"stsd"]) + 2  # of the audio: its length, then its two bytes
+        for layout, channels in ((0, 2), (1, 1), (6, 6), (7, 8)):  # ISO/IEC 14496-3, table 1.19
+            shown = self.inspect(media[:config] + bytes((layout << 3,)) + media[config + 1:], "--json")
+            self.assertEqual(shown["tracks"][1]["channels"], channels)
 
     def test_interrupted(self):
         media, journal = self.clips[0]
+        moov = media[media.rfind(b"moov") - 4:]
+        self.assertEqual(self.check(media[:24] + moov + media[24:-len(moov) - 1], 1)["state"], "cut")
         cut = media[:24] + bytes(4) + media[28:[*judge.samples_of(journal)][-1].end]
         for text, given, beside in (("There is no journal", cut[:32], None), ("journal stands beside it", cut, journal),
                                     ("is no journal", cut, b"x" * 99), ("is no journal", media[:-9], b"")):
@@ -119,16 +125,21 @@ class Inspect(unittest.TestCase):
             self.assertIn("recorded or repaired right now", self.inspect(self.given))
 
     def test_journals(self):
-        for _, journal in self.clips:
+        samples = [*judge.samples_of(self.clips[1][1])]  # of one track; so few of them, and two of the same time
+        few = [self.clips[1][1][:samples[n].record_end] for n in (0, 1, 2)]
+        few.append(few[1][:-44] + few[1][-16:-4] + few[1][-32:])
+        for journal in (*(clip[1] for clip in self.clips), *few):
             shown, samples = self.check(journal), [*judge.samples_of(journal)]
             self.assertEqual([(r["track"], r["offset"], r["size"], r["time_ns"], r["key"]) for r in shown["records"] if
                               r["kind"] == "sample"], [(*s[1:4], s.time, s.key) for s in samples])
             for track in shown["tracks"]:
                 mine = [s for s in samples if s.track == track["index"]]
                 keys, span = [s.time for s in mine if s.key], mine[-1].time - mine[0].time
-                self.assertEqual([track[k] for k in ("frames", "key_frames", "key_interval_ns", "bytes_per_second")], [
-                    len(mine), len(keys), (keys[-1] - keys[0]) // (len(keys) - 1) if keys[1:] else None,
-                    round(sum(s.size for s in mine[:-1]) * 10**9 / span)])
+                steps = [b - a for a, b in zip(keys, keys[1:])]
+                self.assertEqual([track[k] for k in ("frames", "key_frames", "key_interval_ns", "longest_key_interval_ns",
+                                                     "bytes_per_second")], [
+                    len(mine), len(keys), sum(steps) // len(steps) if steps else None, max(steps, default=None),
+                    round(sum(s.size for s in mine[:-1]) * 10**9 / span) if span else None])
                 self.assertEqual(track["last"]["offset"], mine[-1].begin)
         begin, rest = journal[:samples[30].record_end], journal[samples[30].record_end:]
         for tail, ending in ((b"", "valid to its end"), *((rest[:n], "cut at") for n in (1, 3, 4, 27)),
@@ -143,7 +154,8 @@ class Inspect(unittest.TestCase):
         fifo, empty = self.given.with_name("fifo"), self.given.with_name("empty")
         os.mkfifo(fifo)
         empty.touch()
-        for given in (bytes(5000), b"text, not a movie", b"\0\0\0\1\x67" * 99, self.given.parent, fifo, empty,
+        self.assertIn("8  free", self.inspect(FREE))
+        for given in (FREE[:7], bytes(5000), b"text, not a movie", b"\0\0\0\1\x67" * 99, self.given.parent, fifo, empty,
                       self.given.with_name("none"), "/dev/zero"):
             self.assertIn("cannot read: ", self.check(given, 1)["error"])
         self.inspect("--json", exit_codes=(2,))

@@ -34,9 +34,9 @@ const mp4_track_desc avc = {MP4_TRACK_H264, {{176, 144, 0}}}, large = {MP4_TRACK
                      hevc = {MP4_TRACK_H265, {{640, 360, 0}}}, aac = {MP4_TRACK_AAC, {{2, 16, 48000}}},
                      voaac = {MP4_TRACK_AAC, {{2, 16, 44100}}};
 const char *const mw = "ext_MPS_MW_A_176x144_30.h264", *const base = "h264_base_640x360_25.h264",
-           *const high = "h264_high_aud_4slices_640x360_30.h264", *const cra = "h265_cra_2slices_640x360_30.h265",
-           *const aud = "h265_aud_sei_640x360_25.h265", *const lc = "aac_lc_48000_2.aac",
-           *const vo = "aac_voaac_44100_2.aac";
+                  *const high = "h264_high_aud_4slices_640x360_30.h264",
+                  *const cra = "h265_cra_2slices_640x360_30.h265", *const aud = "h265_aud_sei_640x360_25.h265",
+                  *const lc = "aac_lc_48000_2.aac", *const vo = "aac_voaac_44100_2.aac";
 
 const plan plans[] = {
     {"avc", {{mw, 0, avc}}, 0, 8, 2, 1},
@@ -61,7 +61,9 @@ using place = std::tuple<uint64_t, size_t, uint64_t, uint64_t, bool, uint64_t>;
 
 std::vector<place> places(std::span<const sample> samples, const std::vector<mp4_track_desc> &tracks_of)
 {
-    struct { uint64_t first, last, ticks; } tracks[8] = {};
+    struct {
+        uint64_t first, last, ticks;
+    } tracks[8] = {};
     uint64_t start = UINT64_MAX;
     std::vector<place> out;
     for (const sample &s : samples) {
@@ -152,8 +154,9 @@ struct proof {
         const model::journal told = model::read(c.journal);
         const model::outcome due = model::repair(told, c.media.size(), version);
         const int due_result = due.error ? -1 : 0;
-        expect(result == due_result && error == due.error, "result", std::to_string(result) + ", errno " +
-               std::to_string(error) + " instead of " + std::to_string(due_result) + ", " + std::to_string(due.error));
+        expect(result == due_result && error == due.error, "result",
+               std::to_string(result) + ", errno " + std::to_string(error) + " instead of " +
+                   std::to_string(due_result) + ", " + std::to_string(due.error));
         if (c.spoilt || result != due_result) return;
 
         const bytes after = file_content(file);
@@ -169,7 +172,8 @@ struct proof {
         for (const mp4::problem &p : got.problems)
             expect(!p.fault || (cut && p.offset >= due.kept.back().offset && p.offset < due.end), "structure", p.text);
         expect(got.boxes.size() == 3 && got.boxes[2].offset == due.end && info.fileSize == after.size() &&
-                   got.tracks.size() == due.tracks.size(), "structure", "not head, media and moov in their places");
+                   got.tracks.size() == due.tracks.size(),
+               "structure", "not head, media and moov in their places");
 
         const std::vector<place> shown = places(got);
         expect(shown == places(due.kept, due.tracks), "prefix", "not the samples that the journal names");
@@ -181,10 +185,10 @@ struct proof {
 
         size_t owed = intact(r, c);
         if (c.possible) // then the journal names nothing that is not there in full
-            owed = std::max({owed, c.promised,
-                             size_t(std::ranges::count(told.records, MEMENTO_SAMPLE, &model::record::kind))});
-        expect(shown.size() >= std::min(owed, due.stop) && !(cut && c.possible), "durable", "kept " +
-               std::to_string(shown.size()) + " samples of " + std::to_string(owed));
+            owed = std::max(
+                {owed, c.promised, size_t(std::ranges::count(told.records, MEMENTO_SAMPLE, &model::record::kind))});
+        expect(shown.size() >= std::min(owed, due.stop) && !(cut && c.possible), "durable",
+               "kept " + std::to_string(shown.size()) + " samples of " + std::to_string(owed));
     }
 
     void run()
@@ -215,7 +219,11 @@ void dump_case(const recording &r, const power_cut &c, const std::string &name)
 /** Each fault has to be seen by the check that is meant for it. */
 int prove_faults(const std::string &streams, FILE *say)
 {
-    const struct { const char *what; fault built_in; const char *check; } faults[] = {
+    const struct {
+        const char *what;
+        fault built_in;
+        const char *check;
+    } faults[] = {
         {"the journal is written before the media is flushed", fault::order, "durable"},
         {"a repair does not truncate", fault::cut, "structure"},
         {"a key flag is lost", fault::key, "recorded"},
@@ -250,8 +258,10 @@ int main(int argc, char **argv)
     const size_t dump = std::stoul(option("--dump=", "0"));
     const size_t every = dump ? dump : std::stoul(option("--every=", "1"));
     proof p = {.streams = words[0], .every = every, .only = option("--case=", "")};
-    if (dump) p.for_each([&](const recording &r, const power_cut &c) { dump_case(r, c, words.back() + "/" + c.id); });
-    else p.run();
+    if (dump)
+        p.for_each([&](const recording &r, const power_cut &c) { dump_case(r, c, words.back() + "/" + c.id); });
+    else
+        p.run();
     for (const auto &[check, count] : p.failures) fprintf(say, "%s: %zu failures\n", check.c_str(), count);
     fprintf(say, "power cuts: %zu cases, %zu recordings, %zu files repaired\n", p.cases, p.recordings, p.repaired);
     const bool enough = p.cases >= (p.every > 1 || !p.only.empty() ? 1 : least_cases);

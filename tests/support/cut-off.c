@@ -19,7 +19,7 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
-#define REAL(function) (__extension__(__typeof__(&function))dlsym(RTLD_NEXT, #function))
+#define REAL(function) (__extension__(__typeof__(&function)) dlsym(RTLD_NEXT, #function))
 
 static void copy(const char *from, const char *to)
 {
@@ -96,8 +96,23 @@ ssize_t writev(int fd, const struct iovec *parts, int count)
     return total;
 }
 
-int ftruncate(int fd, off_t length) { return allowed_for(fd) ? REAL(ftruncate)(fd, length) : -1; }
-int ftruncate64(int fd, off64_t length) { return allowed_for(fd) ? REAL(ftruncate64)(fd, length) : -1; }
-int fsync(int fd) { return allowed_for(fd) ? REAL(fsync)(fd) : -1; }
-int rename(const char *from, const char *to) { return allowed(from) ? REAL(rename)(from, to) : -1; }
-int unlink(const char *path) { return allowed(path) || errno == ENOSPC ? REAL(unlink)(path) : -1; }
+int ftruncate(int fd, off_t length)
+{
+    return allowed_for(fd) ? REAL(ftruncate)(fd, length) : -1;
+}
+int ftruncate64(int fd, off64_t length)
+{
+    return allowed_for(fd) ? REAL(ftruncate64)(fd, length) : -1;
+}
+int fsync(int fd)
+{
+    return allowed_for(fd) ? REAL(fsync)(fd) : -1;
+}
+int rename(const char *from, const char *to)
+{
+    return allowed(from) ? REAL(rename)(from, to) : -1;
+}
+int unlink(const char *path)
+{
+    return allowed(path) || errno == ENOSPC ? REAL(unlink)(path) : -1;
+}

@@ -33,7 +33,7 @@ struct state {
     bytes media, journal;
     size_t media_at, journal_at;           // the states in which the files came to hold this
     size_t media_durable, journal_durable; // and what is durable of it
-    size_t promised; // samples that rounds of syncs had made durable
+    size_t promised;                       // samples that rounds of syncs had made durable
 };
 
 struct track_plan {
@@ -53,14 +53,19 @@ struct plan {
 struct recording {
     std::string name;
     std::vector<mp4_track_desc> tracks;
-    std::vector<sample> samples;      // in the order of the file
+    std::vector<sample> samples; // in the order of the file
     std::vector<state> states;
     bytes open; // the media file before it was closed
 };
 
 enum class fault { none, order, cut, key }; // the journal goes first, no truncation, each append loses a key flag
 
-struct frame { uint8_t track; uint64_t time; int32_t key; std::string data; };
+struct frame {
+    uint8_t track;
+    uint64_t time;
+    int32_t key;
+    std::string data;
+};
 
 /** A frame with its picture, or audio, cut to a limit, and without SEI units that no record can hold. */
 inline std::string shorten(const std::string &unit, uint32_t type, uint32_t limit)
@@ -105,7 +110,9 @@ inline std::vector<frame> frames_of(const plan &p, const std::string &streams, u
 /** Records the files of a plan, and drains the journal as docs/journal.md asks for it. */
 inline std::vector<recording> recordings_of(const plan &p, const std::string &streams, fault built_in)
 {
-    const auto check = [&](bool good) { if (!good) throw std::runtime_error(std::string("cannot record ") + p.name); };
+    const auto check = [&](bool good) {
+        if (!good) throw std::runtime_error(std::string("cannot record ") + p.name);
+    };
     const journal_ptr caretaker(mediafile_caretaker_create());
     using release = decltype([](mp4_builder *made) { made->destroy(made); });
     const std::unique_ptr<mp4_builder, release> b(mp4_builder_create());
@@ -190,8 +197,9 @@ inline bytes damaged(bytes now, const bytes &durable, size_t begin, size_t end, 
     const bool tail = way == "lost" && end >= now.size();
     for (size_t at = begin; at < std::min(end, now.size()); at++)
         if (const bool old = at < durable.size(); !old || now[at] != durable[at])
-            now[at] = way == "junk" ? uint8_t((at + now.size()) * 2654435761u >> 13)
-                      : way == "lost" && old ? durable[at] : uint8_t(0);
+            now[at] = way == "junk"          ? uint8_t((at + now.size()) * 2654435761u >> 13)
+                      : way == "lost" && old ? durable[at]
+                                             : uint8_t(0);
     if (tail) now.resize(std::max(begin, durable.size()));
     return now;
 }

@@ -54,8 +54,10 @@ outcome repair(const journal &journal, uint64_t size, int version)
     const auto replay = [&](const record &each) {
         const bool is_track = each.kind == MEMENTO_TRACK;
         mp4_track_desc track = {};
-        if (is_track) memcpy(&track, each.payload.data(), sizeof track);
-        else if (each.track < out.tracks.size()) track = out.tracks[each.track];
+        if (is_track)
+            memcpy(&track, each.payload.data(), sizeof track);
+        else if (each.track < out.tracks.size())
+            track = out.tracks[each.track];
         const uint32_t type = track.type & ~MP4_TRACK_RAW; // 0: there is no such track
         if (is_track) {
             if (out.tracks.size() == MP4_MAX_TRACKS) return ENOBUFS;
@@ -76,7 +78,8 @@ outcome repair(const journal &journal, uint64_t size, int version)
             named.offset = out.end; // a gap is closed up
             out.end += named.size;
             out.kept.push_back(named);
-        } else if (each.kind == MEMENTO_USER) out.users.push_back(each.payload.size());
+        } else if (each.kind == MEMENTO_USER)
+            out.users.push_back(each.payload.size());
         return 0;
     };
     for (const record &each : journal.records)

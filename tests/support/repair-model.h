@@ -21,7 +21,7 @@ struct sample {
     uint32_t offset, size; // in the file
     int32_t seconds;
     uint32_t nanoseconds;
-    int32_t key;           // as it was given
+    int32_t key; // as it was given
     bool operator==(const sample &) const = default;
     uint64_t time() const { return uint64_t(seconds) * second + nanoseconds; }
 };
@@ -41,13 +41,13 @@ struct journal {
 journal read(std::span<const uint8_t> stored);
 
 struct outcome {
-    int error = 0;          // errno, or 0
-    bool finished = false;  // the file gets a moov; else only its head is written
-    uint32_t end = head;    // of the media
+    int error = 0;                 // errno, or 0
+    bool finished = false;         // the file gets a moov; else only its head is written
+    uint32_t end = head;           // of the media
     std::vector<sample> kept = {}; // in the order of the file, where they lie in it
     std::vector<mp4_track_desc> tracks = {};
     std::vector<size_t> users = {}; // lengths of the records that go to the callback
-    size_t stop = SIZE_MAX; // the sample at which mp4_fix2 stops
+    size_t stop = SIZE_MAX;         // the sample at which mp4_fix2 stops
 };
 
 /**
