@@ -14,73 +14,64 @@ struct field {
     size_t at, width;
 };
 
-/** A good journal: three tracks with their parameter sets, a record of the application, four samples. */
-struct model {
+/** A good journal: three tracks with their parameter sets, a record of the application, six samples. */
+const struct good_journal {
     bytes content;
     std::vector<field> fields;
-    std::vector<size_t> records; // where they begin
+    std::vector<bytes> records;
 
-    void record(uint32_t kind, uint32_t track, const std::vector<uint32_t> &words)
+    void add(uint32_t kind, uint32_t track, const std::vector<uint32_t> &words)
     {
-        const size_t at = content.size();
-        records.push_back(at);
-        put(kind, 1), put(track, 1), put(static_cast<uint32_t>(4 * words.size()), 2);
+        const size_t begin = content.size();
+        const auto put = [this](uint32_t value, size_t width) {
+            fields.push_back({content.size(), width});
+            for (size_t i = 0; i < width; i++) content.push_back(static_cast<uint8_t>(value >> 8 * i));
+        };
+        put(kind, 1);
+        put(track, 1);
+        put(static_cast<uint32_t>(4 * words.size()), 2);
         for (const uint32_t word : words) put(word, 4);
+        records.emplace_back(content.begin() + static_cast<ptrdiff_t>(begin), content.end());
     }
-    void put(uint32_t value, size_t width)
+    good_journal()
     {
-        fields.push_back({content.size(), width});
-        for (size_t i = 0; i < width; i++) content.push_back(static_cast<uint8_t>(value >> 8 * i));
-    }
-    model()
-    {
-        const uint32_t types[] = {MP4_TRACK_H264, MP4_TRACK_AAC, MP4_TRACK_H265};
-        for (const uint32_t type : types) record(MEMENTO_TRACK, 0, {type, 640, 16, 48000});
-        record(MEMENTO_SPS, 0, {0x1EC04267}), record(MEMENTO_PPS, 0, {0x803CCE68});
-        record(MEMENTO_VPS, 2, {0x010C0140}), record(MEMENTO_SEI, 2, {0x0501014E}), record(MEMENTO_USER, 9, {7});
+        for (const uint32_t type : {MP4_TRACK_H264, MP4_TRACK_AAC, MP4_TRACK_H265})
+            add(MEMENTO_TRACK, 0, {type, 640, 16, 48000});
+        add(MEMENTO_SPS, 0, {0x1EC04267});
+        add(MEMENTO_PPS, 0, {0x803CCE68});
+        add(MEMENTO_VPS, 2, {0x010C0140});
+        add(MEMENTO_SEI, 2, {0x0501014E});
+        add(MEMENTO_USER, 9, {7});
         uint32_t offset = 32;
         for (const uint32_t track : {0u, 1u, 2u, 0u, 1u, 0u}) {
-            record(MEMENTO_SAMPLE, track, {offset, 20 + track, offset / 30, 0, offset * 1000, track & 1});
+            add(MEMENTO_SAMPLE, track, {offset, 20 + track, offset / 30, 0, offset * 1000, track & 1});
             offset += 20 + track;
         }
     }
-};
+} good;
 
-const model good;
-
-/** The extremes of a field, of the kinds and types, and of a journal's numbers. */
-constexpr uint32_t extremes[] = {0,           1,
-                                 2,           3,
-                                 4,           5,
-                                 7,           8,
-                                 9,           10,
-                                 15,          16,
-                                 17,          23,
-                                 24,          25,
-                                 31,          32,
-                                 33,          52,
-                                 53,          127,
-                                 128,         255,
-                                 256,         505,
-                                 508,         509,
-                                 512,         0x101,
-                                 0x102,       0x201,
-                                 0x7FFF,      0x8000,
-                                 0x8101,      0xFFFF,
-                                 999'999'999, 1'000'000'000,
-                                 0x7FFFFFFF,  0x80000000,
-                                 0xDFFFFFDE,  0xDFFFFFFF,
-                                 0xE0000000,  0xFFFFFFE0,
-                                 0xFFFFFFFF};
+constexpr uint32_t extremes[] = {0,          1,          2,          3,           4,
+                                 5,          7,          8,          9,           10,
+                                 15,         16,         17,         23,          24,
+                                 25,         31,         32,         33,          52,
+                                 53, // kinds, lengths and places
+                                 127,        128,        255,        256,         505,
+                                 508,        509,        512,        0x101,       0x102,
+                                 0x201,      0x8101,                                             // lengths and types
+                                 0x7FFF,     0x8000,     0xFFFF,     999'999'999, 1'000'000'000, // times
+                                 0x7FFFFFFF, 0x80000000, 0xDFFFFFDE, 0xDFFFFFFF,  0xE0000000,
+                                 0xFFFFFFE0, 0xFFFFFFFF};
 
 std::mt19937 engine; // the same numbers everywhere, unlike the distributions
+
 uint32_t any(size_t limit)
 {
     return static_cast<uint32_t>(engine() % limit);
 }
-uint8_t any_byte()
+
+const auto &any_of(const auto &list)
 {
-    return static_cast<uint8_t>(engine());
+    return list[any(std::size(list))];
 }
 
 void set(bytes &journal, field where, uint32_t value)
@@ -96,39 +87,20 @@ void run(const bytes &journal, size_t media)
     LLVMFuzzerTestOneInput(input.data(), input.size());
 }
 
-auto record_at(size_t index)
-{
-    const auto begin = good.content.begin();
-    const size_t end = index + 1 < good.records.size() ? good.records[index + 1] : good.content.size();
-    return std::pair(begin + static_cast<ptrdiff_t>(good.records[index]), begin + static_cast<ptrdiff_t>(end));
-}
-
 bytes mutated()
 {
     bytes journal = good.content;
     for (uint32_t changes = 1 + any(6); changes > 0; changes--) {
         const size_t at = any(journal.size() + 1);
         const auto place = journal.begin() + static_cast<ptrdiff_t>(at);
-        const auto [begin, end] = record_at(any(good.records.size()));
-        switch (any(6)) {
-        case 0:
-            set(journal, good.fields[any(good.fields.size())], extremes[any(std::size(extremes))]);
-            break;
-        case 1:
-            set(journal, good.fields[any(good.fields.size())], static_cast<uint32_t>(engine()));
-            break;
-        case 2:
-            set(journal, {at, 1}, any_byte());
-            break;
-        case 3:
-            journal.insert(place, any(9), any_byte());
-            break;
-        case 4:
-            journal.erase(place, journal.end() - any(journal.size() - at + 1) / 2);
-            break;
-        default:
-            journal.insert(journal.end(), begin, end);
-        }
+        const bytes &more = any_of(good.records);
+        const uint32_t way = any(6);
+        if (way == 0) set(journal, any_of(good.fields), any_of(extremes));
+        if (way == 1) set(journal, any_of(good.fields), any(UINT32_MAX));
+        if (way == 2) set(journal, {at, 1}, any(256));
+        if (way == 3) journal.insert(place, any(9), static_cast<uint8_t>(any(256)));
+        if (way == 4) journal.erase(place, journal.end() - any(journal.size() - at + 1) / 2);
+        if (way == 5) journal.insert(journal.end(), more.begin(), more.end());
     }
     return journal;
 }
@@ -138,13 +110,11 @@ bytes made_up()
 {
     bytes journal;
     for (uint32_t count = any(200); count > 0; count--) {
-        const auto [begin, end] = record_at(any(good.records.size()));
-        if (any(8))
-            journal.insert(journal.end(), begin, end);
-        else
-            for (uint32_t size = 4 * any(130); size > 0; size--) journal.push_back(any_byte());
-        const size_t last = journal.size() < 4 ? 0 : journal.size() - any(28);
-        if (any(4) == 0 && last < journal.size()) journal[last] = any_byte();
+        bytes more = any_of(good.records);
+        if (any(8) == 0) more.resize(4 * any(130));
+        if (any(8) == 0) std::ranges::generate(more, [] { return static_cast<uint8_t>(any(256)); });
+        if (any(4) == 0 && !more.empty()) more[any(more.size())] = static_cast<uint8_t>(any(256));
+        journal.insert(journal.end(), more.begin(), more.end());
     }
     return journal;
 }

@@ -214,10 +214,12 @@ const struct way_of_recording {
     long room = -1; // bytes left on the medium when the first file is closed
     long full = 0;  // sweeps that number in such steps
     faults::call only = faults::kinds;
+    int run = 1; // frames of a track one after another
 } ways[] = {
     {"unbuffered, drained before the close", 0, 16, 8},
     {"buffered, not drained before the close", 512, 16, 10},
     {"so long that tables and the journal's buffer grow", 4096, 1100, 150, -1, 0, memory},
+    {"in chunks of five, within which the journal's buffer grows", 4096, 60, 60, -1, 0, memory, 5},
     {"closed on a full medium", 512, 12, 9, 0},
     {"closed on a medium that takes a part of the end", 512, 12, 9, 2000},
     {"closed on a medium that takes so many bytes", 512, 12, 9, 0, 1},
@@ -268,10 +270,13 @@ struct recorder {
         while (b->movie->next_track_id <= 3)
             if (!works("add_track", add_track)) return false;
         if (!works("open", [&] { return error_of(b->open(b, fd, way.buffer, journal.get())); })) return false;
-        for (int i = 0; i < way.frames; i++) {
+        for (int i = 0; i < way.frames; i += way.run) {
             const bool backwards = i % 4 == 1; // two frames of a track in one chunk, now and then
-            for (const int n : {0, 1, 2}) works("add_frame", [&] { return add_frame(b, backwards ? 2 - n : n, i); });
-            if (i % way.every == way.every - 1 && works("flush", [&] { return error_of(b->flush(b)); }))
+            for (const int n : {0, 1, 2})
+                for (int k = i; k < i + way.run; k++)
+                    works("add_frame", [&] { return add_frame(b, backwards ? 2 - n : n, k); });
+            const bool due = (i + way.run) % way.every == 0;
+            if (due && works("flush", [&] { return error_of(b->flush(b)); }))
                 overlay(acknowledged, acknowledged.size(), drain(journal));
         }
         if (room >= 0) injection.orders.room = std::exchange(room, -1);
