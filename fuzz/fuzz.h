@@ -37,7 +37,7 @@ inline std::string_view text(std::span<const uint8_t> data)
     return {reinterpret_cast<const char *>(data.data()), data.size()};
 }
 
-/** Whether a file has no faults but such whose text contains one of these; others are told. */
+/** Whether a file has no faults but such whose text contains one of these; others are printed. */
 bool sound_but_for(const mp4::file &file, std::initializer_list<std::string_view> excused = {});
 
 /** A finished file of one track, as the strict reader has it, with the payload of its mdat and its journal. */

@@ -39,7 +39,8 @@ public:
                 keep(drain(journal));
                 break;
             case 3:
-                end_file(call & 16), begin_file();
+                end_file(call & 16);
+                begin_file();
                 break;
             default:
                 add_frame(call & 16);
@@ -98,7 +99,9 @@ private:
         REQUIRE(result == 0);
         const auto nanoseconds = static_cast<uint32_t>(time.nanoseconds);
         tracks[index].accepted.push_back({static_cast<uint8_t>(index), 0, 0, time.seconds, nanoseconds, key});
-        if (!sample.empty()) tracks[index].stored.push_back(sample), tracks[index].keys.push_back(key);
+        if (sample.empty()) return;
+        tracks[index].stored.push_back(sample);
+        tracks[index].keys.push_back(key);
     }
 
     /** Bytes without zeros, so that none of them looks like a start code. */
@@ -130,7 +133,8 @@ private:
         };
         if (!to.ready || length % 4 == 3) {
             if (h265) add(0, 32);
-            add(7, 33, "\x64\x80\x28"), add(8, 34);
+            add(7, 33, "\x64\x80\x28");
+            add(8, 34);
         }
         if (length % 8 == 5) add(6, 39);
         add(length % 2 ? 5 : 1, length % 3 ? 19 : 21);
@@ -201,7 +205,8 @@ private:
             const size_t n = named.at(record.track)++;
             const mp4::sample &sample = read.tracks[record.track].samples.at(n);
             model::sample expected = tracks[record.track].accepted.at(n);
-            expected.offset = static_cast<uint32_t>(sample.offset), expected.size = sample.size;
+            expected.offset = static_cast<uint32_t>(sample.offset);
+            expected.size = sample.size;
             REQUIRE(record.named() == expected);
         }
         REQUIRE(all.error == 0);

@@ -1,5 +1,5 @@
 /**
- * Whatever an H.264 access unit holds, its sample is its NAL units behind their lengths, or there is a reason for none;
+ * Whatever an H.264 access unit holds, its sample is its NAL units after their lengths, or there is a reason for none;
  * the parsers stay inside a unit, and the file is sound but for parameter sets that the frame does not have.
  */
 #include "video.h"

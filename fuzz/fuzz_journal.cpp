@@ -1,5 +1,5 @@
 /**
- * Whatever bytes a journal holds, its reader hands out the whole records in front of the first bad one, twice the same,
+ * Whatever bytes a journal holds, its reader hands out the whole records before the first invalid one, twice the same,
  * and both repairs end as the journal's rules say, with files whose boxes and sample tables are sound.
  *
  * Two bytes say how large the media file is, the rest is the journal.

@@ -1,5 +1,5 @@
 /**
- * The strict reader takes any bytes for a file, in bounded time and memory. What it calls sound is: boxes lie behind
+ * The strict reader takes any bytes for a file, in bounded time and memory. What it calls sound is: boxes lie after
  * each other inside their parents, samples inside mdat and apart, and there are as many as the tables say.
  */
 #include <algorithm>

@@ -12,7 +12,8 @@ mp4::file check_repair(int version, const model::journal &told, std::span<const 
                        std::span<const uint8_t> media)
 {
     const descriptor log, file;
-    fill(log, journal), fill(file, media);
+    fill(log, journal);
+    fill(file, media);
     const int next_descriptor = free_descriptor();
     const auto fix = version == 1 ? mp4_fix : mp4_fix2;
     const mp4_fix_callback user = [](const memento *record) { users.push_back(record->length); };

@@ -7,8 +7,8 @@
 namespace fuzz {
 
 /**
- * Repairs a file that holds the media, by mp4_fix or mp4_fix2. No descriptor stays open; without success no byte behind
- * the head changes; with it every sample lies where the journal says, and no media byte in front of the end changed.
+ * Repairs a file that holds the media, by mp4_fix or mp4_fix2. No descriptor stays open; without success no byte after
+ * the head changes; with it every sample lies where the journal says, and no media byte before the end changes.
  *
  * @return the finished file as the strict reader has it, when it is smaller than 1 MB; else one of size 0
  */

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <algorithm>
+#include <utility>
 
 #include <mediafiles/caretaker.h>
 
@@ -22,7 +23,7 @@ constexpr std::string_view start_code = "\0\0\1"sv;
 
 /**
  * The sample's NAL units are the frame's, each whole, in order, nothing left out but start codes: that is, each stands
- * in the frame right behind a start code, holds none unless it may, and the last one ends the frame.
+ * in the frame right after a start code, holds none unless it may, and the last one ends the frame.
  */
 inline std::vector<std::string_view> units_of(std::string_view sample, std::string_view frame, const video_codec &codec)
 {
@@ -47,7 +48,7 @@ inline std::vector<std::string_view> units_of(std::string_view sample, std::stri
         else if (frame.substr(at, 3) == start_code)
             at += 3;
         else
-            at += 4, REQUIRE(frame.substr(at - 4, 4) == "\0\0\0\1"sv);
+            REQUIRE(frame.substr(std::exchange(at, at + 4), 4) == "\0\0\0\1"sv);
     }
     return units;
 }

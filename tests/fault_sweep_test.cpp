@@ -257,7 +257,10 @@ struct recorder {
 
     bool create()
     {
-        const auto made = [](auto object, auto &into) { return into.reset(object), into ? 0 : errno; };
+        const auto made = [](auto object, auto &into) {
+            into.reset(object);
+            return object ? 0 : errno;
+        };
         return works("builder", [&] { return made(mp4_builder_create(), builder); }) &&
                works("journal", [&] { return made(mediafile_caretaker_create(), journal); });
     }

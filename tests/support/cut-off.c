@@ -60,7 +60,8 @@ static int allowed(const char *path)
     strcpy(last, directory);
     ++count;
     const char *name = strrchr(directory, '/') + 1, *fault = strchr(name, '~');
-    if (!fault) return snapshot(directory, name, count), 1;
+    if (!fault) snapshot(directory, name, count);
+    if (!fault) return 1;
     const int fails = count - atoi(strchr(fault, '=') + 1), is_full = fault[1] == 'f';
     errno = is_full ? ENOSPC : EIO;
     return fails < 0 || fails >= (is_full ? INT_MAX : fault[1] == 'g' ? 2 : 1);

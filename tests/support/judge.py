@@ -28,7 +28,7 @@ TRACK, SAMPLE, VPS, SPS, PPS, SEI = 1, 2, 6, 7, 8, 9  # journal records
 
 
 def run(*command):
-    """Standard output of a command that must succeed and say nothing on standard error."""
+    """Standard output of a command that must succeed and print nothing on standard error."""
     done = subprocess.run([str(c) for c in command], capture_output=True, text=True, check=False, timeout=PATIENCE)
     if done.returncode != 0 or done.stderr:
         raise AssertionError(f"{command}: exit {done.returncode}: {done.stderr}")

@@ -83,7 +83,7 @@ inline std::string shorten(const std::string &unit, uint32_t type, uint32_t limi
     return out;
 }
 
-/** The frames of all tracks in the order of their times; each track begins 13 ms behind the one before. */
+/** The frames of all tracks in the order of their times; each track begins 13 ms after the one before. */
 inline std::vector<frame> frames_of(const plan &p, const std::string &streams, uint32_t longer)
 {
     std::vector<frame> all;
@@ -104,7 +104,8 @@ inline std::vector<frame> frames_of(const plan &p, const std::string &streams, u
         }
     }
     std::ranges::stable_sort(all, {}, &frame::time);
-    return all.resize(std::min(all.size(), p.frames)), all;
+    all.resize(std::min(all.size(), p.frames));
+    return all;
 }
 
 /** Records the files of a plan, and drains the journal as docs/journal.md asks for it. */
@@ -129,7 +130,8 @@ inline std::vector<recording> recordings_of(const plan &p, const std::string &st
         faults::injection watch;
         watch.wrote = [&](int, size_t) {
             state &now = next_state();
-            now.media = file_content(file), now.media_at = r.states.size() - 1;
+            now.media = file_content(file);
+            now.media_at = r.states.size() - 1;
         };
         const auto sync_media = [&] {
             check(b->flush(b.get()) == 0);
@@ -138,11 +140,13 @@ inline std::vector<recording> recordings_of(const plan &p, const std::string &st
         };
         const auto append_journal = [&] {
             bytes data = drain(caretaker);
-            bool lost = built_in != fault::key;
-            for (size_t at = 0; at < data.size() && !lost; at += (7u + data[at + 2] + data[at + 3] * 256u) & ~3u)
-                if (data[at] == MEMENTO_SAMPLE && data[at + 24]) data[at + 24] = 0, lost = true;
+            size_t key = built_in == fault::key ? 0 : data.size(); // of the first sample that has the flag
+            while (key < data.size() && !(data[key] == MEMENTO_SAMPLE && data[key + 24]))
+                key += (7u + data[key + 2] + data[key + 3] * 256u) & ~3u;
+            if (key < data.size()) data[key + 24] = 0;
             state &appended = next_state();
-            overlay(appended.journal, appended.journal.size(), data), appended.journal_at = r.states.size() - 1;
+            overlay(appended.journal, appended.journal.size(), data);
+            appended.journal_at = r.states.size() - 1;
             state &synced = next_state();
             synced.journal_durable = synced.journal_at;
         };
@@ -170,7 +174,8 @@ inline std::vector<recording> recordings_of(const plan &p, const std::string &st
             const auto &table = finished.tracks.at(frames[i].track).samples;
             const mp4::sample &s = table.at(next[frames[i].track]++);
             const auto offset = size_t(s.offset);
-            r.samples[i].offset = uint32_t(offset), r.samples[i].size = s.size;
+            r.samples[i].offset = uint32_t(offset);
+            r.samples[i].size = s.size;
             const std::string &data = frames[i].data;
             const size_t tail = std::min<size_t>(s.size - 4, 16); // start codes turn into lengths
             check(s.sync == (frames[i].key != 0) && s.size + 16 > data.size() && offset + s.size <= r.open.size() &&

@@ -32,7 +32,10 @@ journal read(std::span<const uint8_t> stored)
             bad = named.offset < end || named.size == 0;
             end = named.offset + named.size;
         }
-        if (bad) return out.error = EBADMSG, out;
+        if (bad) {
+            out.error = EBADMSG;
+            break;
+        }
         out.records.push_back(next);
         stored = stored.subspan(size);
     }
@@ -47,9 +50,14 @@ outcome repair(const journal &journal, uint64_t size, int version)
     for (const record &each : journal.records) {
         if (each.kind != MEMENTO_SAMPLE || each.track != 0) continue;
         const sample named = each.named();
-        if (named.offset >= head && named.offset < size) videos++, last = named;
+        if (named.offset < head || named.offset >= size) continue;
+        videos++;
+        last = named;
     }
-    if (version == 2 && videos < 2) return out.error = videos ? 0 : no_cause, out;
+    if (version == 2 && videos < 2) {
+        out.error = videos ? 0 : no_cause;
+        return out;
+    }
 
     const auto replay = [&](const record &each) {
         const bool is_track = each.kind == MEMENTO_TRACK;

@@ -33,7 +33,7 @@ struct record {
     sample named() const; // by a MEMENTO_SAMPLE
 };
 
-/** The records up to the first that cannot be, which sets error, or to the end, where a cut record is dropped. */
+/** The records up to the first invalid one, which sets error, or to the end, where a cut record is dropped. */
 struct journal {
     std::vector<record> records;
     int error;
