@@ -42,7 +42,7 @@ bool sound_but_for(const mp4::file &file, std::initializer_list<std::string_view
     return sound;
 }
 
-recording record(const mp4_track_desc &track, std::span<const uint8_t> frame, int times)
+recorded_file record(const mp4_track_desc &track, std::span<const uint8_t> frame, int times)
 {
     const descriptor file;
     const exact data(bytes(frame.begin(), frame.end()));
@@ -56,7 +56,7 @@ recording record(const mp4_track_desc &track, std::span<const uint8_t> frame, in
     }
     REQUIRE(builder->close(builder) == 0);
     builder->destroy(builder);
-    recording out;
+    recorded_file out;
     out.journal = drain(journal);
     const bytes content = file_content(file);
     out.read = mp4::read(content);

@@ -41,12 +41,12 @@ inline std::string_view text(std::span<const uint8_t> data)
 bool sound_but_for(const mp4::file &file, std::initializer_list<std::string_view> excused = {});
 
 /** A finished file of one track, as the strict reader has it, with the payload of its mdat and its journal. */
-struct recording {
+struct recorded_file {
     mp4::file read;
     bytes media, journal;
 };
 
 /** Records one frame, in a block of exactly its size, so many times. */
-recording record(const mp4_track_desc &track, std::span<const uint8_t> frame, int times);
+recorded_file record(const mp4_track_desc &track, std::span<const uint8_t> frame, int times);
 
 } // namespace fuzz

@@ -22,7 +22,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const uint32_t rate = data[0] + data[1] * 256u;
     if (rate == 0) return 0; // a timescale of 0 is the caller's
     const std::span frame(data + 4, size - 4);
-    const recording out = record({MP4_TRACK_AAC, {.audio = {data[2], data[3] & 63u, rate}}}, frame, 3);
+    const recorded_file out = record({MP4_TRACK_AAC, {.audio = {data[2], data[3] & 63u, rate}}}, frame, 3);
 
     const std::string sample(text(frame.subspan(header_of(text(frame)))));
     REQUIRE(sound_but_for(out.read) && text(out.media) == sample + sample + sample);

@@ -19,7 +19,7 @@ static const video_codec codec = {
 int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     if (size == 0) return 0;
-    const recording out = record(codec.track, {data, size}, 2);
+    const recorded_file out = record(codec.track, {data, size}, 2);
     for (const std::string_view unit : check_access_unit(text({data, size}), out, codec)) {
         const exact copy(bytes(unit.begin(), unit.end()));
         check_bit_reader(copy);

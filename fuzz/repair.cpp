@@ -8,7 +8,7 @@ namespace fuzz {
 
 static std::vector<size_t> users;
 
-mp4::file check_repair(int version, const model::journal &told, std::span<const uint8_t> journal,
+mp4::file check_repair(int version, const model::journal &content, std::span<const uint8_t> journal,
                        std::span<const uint8_t> media)
 {
     const descriptor log, file;
@@ -20,7 +20,7 @@ mp4::file check_repair(int version, const model::journal &told, std::span<const 
     mp4::file read = {};
     for (const bool with_file : {false, true}) {
         const auto size = static_cast<uint32_t>(media.size());
-        const model::outcome expected = model::repair(told, with_file ? size : UINT32_MAX, version);
+        const model::result expected = model::repair(content, with_file ? size : UINT32_MAX, version);
         std::vector<std::vector<model::sample>> kept_by(expected.tracks.size());
         for (const model::sample &sample : expected.kept) kept_by[sample.track].push_back(sample);
         mp4_fix_info info = {};

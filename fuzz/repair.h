@@ -12,7 +12,7 @@ namespace fuzz {
  *
  * @return the finished file as the strict reader has it, when it is smaller than 1 MB; else one of size 0
  */
-mp4::file check_repair(int version, const model::journal &told, std::span<const uint8_t> journal,
+mp4::file check_repair(int version, const model::journal &content, std::span<const uint8_t> journal,
                        std::span<const uint8_t> media);
 
 } // namespace fuzz

@@ -54,7 +54,7 @@ inline std::vector<std::string_view> units_of(std::string_view sample, std::stri
 }
 
 /** @return the NAL units stored, none when the frame was dropped for a reason that there is */
-inline std::vector<std::string_view> check_access_unit(std::string_view frame, const recording &out,
+inline std::vector<std::string_view> check_access_unit(std::string_view frame, const recorded_file &out,
                                                        const video_codec &codec)
 {
     const auto &samples = out.read.tracks[0].samples;

@@ -58,7 +58,7 @@ for program in "$work/by-pkg-config" "$work/out/by-mediafiles" "$work/out/by-med
     test -s "$work/clip.mp4"
     cksum <"$work/clip.mp4"
     rm "$work/clip.mp4"
-done >"$work/said"
-grep -v sps "$work/said" | sort -u >"$work/sums"
+done >"$work/output"
+grep -v sps "$work/output" | sort -u >"$work/sums"
 cat "$work/sums"
 test "$(wc -l <"$work/sums")" = 1

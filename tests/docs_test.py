@@ -1,4 +1,4 @@
-"""The documents tell the truth: the README's code records the recording whose bytes the other pages show.
+"""The pages are right: the README's code records the recording whose bytes the other pages show.
 
     docs_test.py SOURCE LIBRARY [FLAG...]
 """

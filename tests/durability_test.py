@@ -136,7 +136,7 @@ faults = [next(iter(places.values()))[0], media[0], media[1], media[-2], media[-
 for fault in faults:
     _, seen, ended = record(fault)
     assert seen.failed, f"{fault}: nothing has failed"
-    assert seen.failed == {seen.journal} or not (ended or "u" in seen.order), f"{fault}: nothing is said of it"
+    assert seen.failed == {seen.journal} or not (ended or "u" in seen.order), f"{fault}: it is not reported"
 
 
 def cut_short(fault):

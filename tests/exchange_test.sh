@@ -24,7 +24,7 @@ run() {
     timeout 60 "$@"
 }
 
-# The H.265 stream without its SEI unit, which fits no record, so that the journal would end in front of the samples.
+# The H.265 stream without its SEI unit, which fits no record, so that the journal would end before the samples.
 python3 - "$streams/h265_cra_2slices_640x360_30" "$work/h265" <<'END'
 import re, sys
 old, new = sys.argv[1:]
@@ -44,8 +44,8 @@ record_all() {
         while read -r name video width height audio format; do
             # shellcheck disable=SC2086
             (ulimit -f $blocks && run "$1/examples/example-record" "$2/$name-$blocks.mp4" "$video" "${video%.*}.units.tsv" \
-                "$width" "$height" "$audio" "${audio%.*}.units.tsv" $format) >"$work/said" 2>&1 && status=0 || status=$?
-            if [ "$status" != "$expected" ] || grep '^==[0-9]*==' "$work/said"; then # a line of valgrind's
+                "$width" "$height" "$audio" "${audio%.*}.units.tsv" $format) >"$work/output" 2>&1 && status=0 || status=$?
+            if [ "$status" != "$expected" ] || grep '^==[0-9]*==' "$work/output"; then # a line of valgrind's
                 echo "$1: $name, at most $blocks blocks: status $status instead of $expected" && exit 1
             fi
         done <<END
@@ -70,8 +70,8 @@ for build in "$@"; do
     left=$n
     recover=$(realpath "$build/examples/example-recover")
     (cd "$work/repaired-$n" && run "$recover" .) >"$work/unsorted"
-    sort "$work/unsorted" >"$work/said-$n" # a directory has no order
-    cmp "$work/said-1" "$work/said-$n"
+    sort "$work/unsorted" >"$work/output-$n" # a directory has no order
+    cmp "$work/output-1" "$work/output-$n"
     diff -rq "$work/repaired-1" "$work/repaired-$n"
 done
 "$first/tests/check-mp4" "$work"/repaired-1/*.mp4 >/dev/null

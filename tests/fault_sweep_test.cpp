@@ -170,39 +170,66 @@ bool begins(bytes part, const bytes &all)
     return is_prefix(part, all);
 }
 
+/** What is to be repaired, by mp4_fix or mp4_fix2; no file for the journal alone. */
+struct interrupted {
+    std::string what;
+    bool has_file;
+    bytes media, journal;
+    int version = 1;
+};
+struct repaired {
+    int error;
+    mp4_fix_info info;
+    bytes media;
+
+    size_t end() const // of the media
+    {
+        return media.size() < 28 ? 0 : 24 + (media[24] << 24 | media[25] << 16 | media[26] << 8 | media[27]);
+    }
+};
+
+repaired repair(const interrupted &given)
+{
+    std::unique_ptr<faults::pause> pause(new faults::pause);
+    const descriptor file, journal;
+    fill(file, given.media);
+    fill(journal, given.journal);
+    const std::string path = path_of(file), journal_path = path_of(journal);
+    repaired out;
+    memset(&out.info, 0x5A, sizeof out.info);
+    pause.reset();
+    errno = 0;
+    const auto fix = given.version == 1 ? mp4_fix : mp4_fix2;
+    out.error = error_of(fix(given.has_file ? path.c_str() : nullptr, journal_path.c_str(), nullptr, &out.info));
+    pause.reset(new faults::pause);
+    out.media = file_content(file);
+    return out;
+}
+
 /** A file without faults and its whole journal. */
 struct reference {
     bytes media, journal;
     std::vector<place> samples = places(mp4::read(media));
-    mutable std::map<std::string, bytes> repaired = {}; // of a journal: every one has one outcome
-
-    /** Whether a file holds so many of the first samples, and their bytes. */
-    bool begun_by(const bytes &file, long n) const
-    {
-        const std::vector<place> there = places(mp4::read(file));
-        if (long(there.size()) < n || !std::equal(there.begin(), there.begin() + n, samples.begin())) return false;
-        const long end = n ? long(std::get<0>(samples[size_t(n) - 1]) + std::get<2>(samples[size_t(n) - 1])) : 32;
-        return long(file.size()) >= end && std::equal(file.begin() + 32, file.begin() + end, media.begin() + 32);
-    }
+    mutable std::map<std::string, bytes> repaired_by = {}; // of a journal: every one has one outcome
 
     /** What repair does not bring back of the samples that a journal names, all of which had reached the file. */
     std::string lost(const bytes &left, const bytes &acknowledged) const
     {
-        const descriptor file, records;
-        fill(file, left);
-        fill(records, acknowledged);
-        if (mp4_fix(path_of(file).c_str(), path_of(records).c_str(), nullptr, nullptr) != 0) return " unrepaired";
-        const bytes after = file_content(file);
-        bytes &expected = repaired[std::string(acknowledged.begin(), acknowledged.end())];
+        const repaired after = repair({"", true, left, acknowledged});
+        if (after.error) return " unrepaired";
+        bytes &expected = repaired_by[std::string(acknowledged.begin(), acknowledged.end())];
         if (expected.empty()) {
-            const long n = long(samples_of(acknowledged).size());
+            const size_t n = samples_of(acknowledged).size();
             const bool described = n && records_of(acknowledged, MEMENTO_VPS, MEMENTO_SEI).size() == 6; // by all sets
-            const mp4::file result = mp4::read(after);
-            if (!begun_by(after, n) || long(places(result).size()) != n) return " samples lost";
+            const mp4::file result = mp4::read(after.media);
+            const std::vector<place> there = places(result);
+            const auto kept = std::span(after.media).first(after.end()).subspan(32);
+            if (there.size() != n || !is_prefix(there, samples) || !is_prefix(kept, std::span(media).subspan(32)))
+                return " samples lost";
             if (described && !result.sound()) return " unsound: " + result.problems[0].text;
-            expected = acknowledged == journal ? media : after;
+            expected = acknowledged == journal ? media : after.media;
         }
-        return after == expected ? "" : " another repair";
+        return after.media == expected ? "" : " another repair";
     }
 };
 
@@ -351,6 +378,13 @@ TEST(fault_sweep, recording)
     }
 }
 
+/** A sweep of the allocations alone. */
+template <class Scenario>
+void starve(const std::string &what, const Scenario &scenario)
+{
+    sweep(what, scenario, 0, memory);
+}
+
 /** Lists with more entries than there is room for on the stack, and tables that begin late. */
 TEST(fault_sweep, long_lists)
 {
@@ -358,89 +392,42 @@ TEST(fault_sweep, long_lists)
     const std::vector<iovec> entries(200, iovec{const_cast<uint8_t *>(data.data()), 8});
     const mp4_gather_list list = {entries.data(), 200, 0, 1600};
     for (const uint32_t cache : {0u, 64u})
-        sweep(
-            "a file stream, cache " + text(cache),
-            [&](faults::injection &injection) -> std::string {
-                const descriptor file;
-                const stream_ptr stream(mp4_file_stream_create(file, cache));
-                if (!stream) return errno == ENOMEM ? "" : " not reported";
-                stream->write(stream.get(), data.data(), 3);
-                injection.cause = errno = 0;
-                const int error = error_of(stream->writev(stream.get(), &list));
-                const uint32_t expected = error ? 3 : 1603;
-                stream->flush(stream.get());
-                return error == injection.cause && stream->tell(stream.get()) == expected &&
-                               file_content(file).size() == expected
-                           ? ""
-                           : " " + text(error);
-            },
-            0, memory);
-    sweep(
-        "a memory stream",
-        [&](faults::injection &injection) -> std::string {
-            const stream_ptr stream(mp4_memory_stream_create());
-            fake_stream out;
-            const int error = !stream ? errno
-                              : error_of(stream->write(stream.get(), data.data(), uint32_t(data.size())))
-                                  ? ENOMEM
-                                  : error_of(stream->copy_to(stream.get(), &out));
-            return error == injection.cause && out.content.size() == (error ? 0 : data.size()) ? "" : " " + text(error);
-        },
-        0, memory);
-    sweep(
-        "a track",
-        [&](faults::injection &injection) -> std::string {
-            std::unique_ptr<mp4_track, destroy_by<mp4_track_destroy>> track(
-                mp4_track_create(1, MP4_MEDIA_AUDIO, 1000, 1000));
-            if (!track) return errno == ENOMEM ? "" : " not reported";
-            fake_stream out;
-            mp4_track_begin_record(track.get(), &out, nullptr, 0);
-            int error = 0;
-            for (int i = 0; i < 1100 && !error; i++)
-                error = error_of(mp4_track_add_sample(track.get(), data.data(), 1, 1, 1));
-            const size_t written = out.content.size(); // all but what is cached
-            if (!error && error_of(__mp4_track_add_sample(track.get(), &list, 1, 0))) error = errno;
-            if (error && injection.made[memory] && out.content.size() != written && out.content.size() != 2700)
-                return " a part";
-            return error == injection.cause ? "" : " " + text(error);
-        },
-        0, memory);
-}
-
-/** What is to be repaired, by mp4_fix or mp4_fix2; no file for the journal alone. */
-struct interrupted {
-    std::string what;
-    bool has_file;
-    bytes media, journal;
-    int version = 1;
-};
-struct repaired {
-    int error;
-    mp4_fix_info info;
-    bytes media;
-
-    size_t end() const // of the media
-    {
-        return media.size() < 28 ? 0 : 24 + (media[24] << 24 | media[25] << 16 | media[26] << 8 | media[27]);
-    }
-};
-
-repaired repair(const interrupted &given)
-{
-    std::unique_ptr<faults::pause> pause(new faults::pause);
-    const descriptor file, journal;
-    fill(file, given.media);
-    fill(journal, given.journal);
-    const std::string path = path_of(file), journal_path = path_of(journal);
-    repaired out;
-    memset(&out.info, 0x5A, sizeof out.info);
-    pause.reset();
-    errno = 0;
-    const auto fix = given.version == 1 ? mp4_fix : mp4_fix2;
-    out.error = error_of(fix(given.has_file ? path.c_str() : nullptr, journal_path.c_str(), nullptr, &out.info));
-    pause.reset(new faults::pause);
-    out.media = file_content(file);
-    return out;
+        starve("a file stream, cache " + text(cache), [&](faults::injection &injection) -> std::string {
+            const descriptor file;
+            const stream_ptr stream(mp4_file_stream_create(file, cache));
+            if (!stream) return errno == ENOMEM ? "" : " not reported";
+            stream->write(stream.get(), data.data(), 3);
+            injection.cause = errno = 0;
+            const int error = error_of(stream->writev(stream.get(), &list));
+            const uint32_t expected = error ? 3 : 1603;
+            stream->flush(stream.get());
+            const bool all = stream->tell(stream.get()) == expected && file_content(file).size() == expected;
+            return error == injection.cause && all ? "" : " " + text(error);
+        });
+    starve("a memory stream", [&](faults::injection &injection) -> std::string {
+        const stream_ptr stream(mp4_memory_stream_create());
+        fake_stream out;
+        const int error = !stream ? errno
+                          : error_of(stream->write(stream.get(), data.data(), uint32_t(data.size())))
+                              ? ENOMEM
+                              : error_of(stream->copy_to(stream.get(), &out));
+        return error == injection.cause && out.content.size() == (error ? 0 : data.size()) ? "" : " " + text(error);
+    });
+    starve("a track", [&](faults::injection &injection) -> std::string {
+        std::unique_ptr<mp4_track, destroy_by<mp4_track_destroy>> track(
+            mp4_track_create(1, MP4_MEDIA_AUDIO, 1000, 1000));
+        if (!track) return errno == ENOMEM ? "" : " not reported";
+        fake_stream out;
+        mp4_track_begin_record(track.get(), &out, nullptr, 0);
+        int error = 0;
+        for (int i = 0; i < 1100 && !error; i++)
+            error = error_of(mp4_track_add_sample(track.get(), data.data(), 1, 1, 1));
+        const size_t written = out.content.size(); // all but what is cached
+        if (!error && error_of(__mp4_track_add_sample(track.get(), &list, 1, 0))) error = errno;
+        if (error && injection.made[memory] && out.content.size() != written && out.content.size() != 2700)
+            return " a part";
+        return error == injection.cause ? "" : " " + text(error);
+    });
 }
 
 /** Repairs while something fails, `good` being what comes of it when nothing does. */

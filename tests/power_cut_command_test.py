@@ -75,7 +75,7 @@ class PowerCut(judge.Test):
         return {d.name: {p.name: p.read_bytes() for p in d.iterdir()} for d in (root or self.card).iterdir()}
 
     def repair(self, *options, root=None, shim=False, prefix=()):
-        """The command's report by the name of the case; the example, which has no options, says less."""
+        """The command's report by the name of the case; the example, which has no options, reports less."""
         env = dict(os.environ)
         if shim:
             env.update(LD_PRELOAD=str(GIVEN.shim), CASES=str(self.card), SNAPSHOTS=str(self.snapshots),
@@ -88,7 +88,7 @@ class PowerCut(judge.Test):
         reports = json.loads(done.stdout)["files"] if EXAMPLE not in options else ()
         return {pathlib.Path(report["path"]).parent.name: report for report in reports}
 
-    def tell(self, line):
+    def publish(self, line):
         print(line)
         if GIVEN.page:
             self.assertIn(f"    {line}\n", pathlib.Path(GIVEN.page).read_text())
@@ -132,7 +132,7 @@ class PowerCut(judge.Test):
                     self.assertEqual([(p.size, p.key) for p in judge.packets(path, track)], mine, path)
                     if len(mine) > 1:  # the first lasts no time: alone it is not shown
                         self.assertEqual(len(judge.frame_checksums(path, track)), len(mine), path)
-            self.tell(f"{'example' if recover else 'repair'}: {len(self.cases)} power cuts, {len(done)} repaired, "
+            self.publish(f"{'example' if recover else 'repair'}: {len(self.cases)} power cuts, {len(done)} repaired, "
                       f"{len(played)} played")
             self.assertGreater(len(done), len(self.cases) * 0.6)
 
@@ -161,10 +161,10 @@ class PowerCut(judge.Test):
             self.repair(*options)
             for name, files in self.files().items():
                 self.assertEqual(files, whole[name.split("@")[0]], (options, name))
-            self.tell(f"repair {' '.join(options)}: {len(whole)} repairs cut off at {len(cuts)} moments")
+            self.publish(f"repair {' '.join(options)}: {len(whole)} repairs cut off at {len(cuts)} moments")
 
     def test_medium_fails(self):
-        """Full or broken from any change on: the command says so, and the next repair gives what this would have."""
+        """Full or broken from any change on: the command reports it, and the next repair gives what this would have."""
         cut = (c for c in self.cases.values() if c.samples and len(c.media) < c.samples[-1].begin)
         case = max(cut, key=lambda c: c.kept)
         self.put({"whole": case})
@@ -205,7 +205,7 @@ class PowerCut(judge.Test):
             self.assertEqual((self.card / "a/clip.mp4.journal").read_bytes(), case.journal)
 
     def test_hostile_journals(self):
-        """Whatever a journal says: a refused file is untouched, a repaired one has sound tables and its media."""
+        """Whatever a journal holds: a refused file is untouched, a repaired one has sound tables and its media."""
         rng, cases, results = random.Random(6), {}, Counter()
         extremes = [struct.pack("<I", n) for n in (0, 1, 31, 0x7FFFFFFF, 0x80000000, 0xDFFFFFFF, 0xFFFFFFFF)]
         for n in range(400):
@@ -233,7 +233,7 @@ class PowerCut(judge.Test):
                 self.assertEqual(24 + struct.unpack_from(">I", data, 24)[0], at, name)
                 self.assertEqual(data[32:at], media[32:at].ljust(at - 32, b"\0"), name)
         counts = ", ".join(f"{n} {what}" for what, n in sorted(results.items()))
-        self.tell(f"{results.total()} hostile journals: {counts}")
+        self.publish(f"{results.total()} hostile journals: {counts}")
         self.assertTrue(results["refused"] > 500 and results["repaired"] > 50 and not results["failed"], results)
 
 

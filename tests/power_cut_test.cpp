@@ -1,6 +1,6 @@
 /**
  * The proof that a recording survives a power cut: whatever a cut leaves of the media file and of the journal is
- * repaired both ways and held against what was recorded, and against what support/repair-model.h foretells. A case is a
+ * repaired both ways and held against what was recorded, and against what support/repair-model.h expects. A case is a
  * distinct pair of media and journal bytes; support/power-cut.h has them and their IDs.
  *
  *     power_cut_test STREAMS                 every case; STREAMS is the directory testdata/
@@ -14,7 +14,7 @@
  *
  *     TRACK OFFSET SIZE NANOSECONDS KEY CRC32 KEPT
  *
- * the track from 0, the place in the file, the capture time since the epoch, the key flag as it was given, the CRC-32
+ * the track from 0, the shown_sample in the file, the capture time since the epoch, the key flag as it was given, the CRC-32
  * of the sample's bytes as zlib has it, and 1 for a sample that no repair may lose: up to the first one whose record or
  * bytes are not there in full. In each case that the order of writes and syncs allows (all but some of media, journal
  * and pair) these hold all samples that were synced.
@@ -39,7 +39,7 @@ const char *const mw = "ext_MPS_MW_A_176x144_30.h264", *const base = "h264_base_
                   *const cra = "h265_cra_2slices_640x360_30.h265", *const aud = "h265_aud_sei_640x360_25.h265",
                   *const lc = "aac_lc_48000_2.aac", *const vo = "aac_voaac_44100_2.aac";
 
-const plan plans[] = {
+const recipe recipes[] = {
     {"avc", {{mw, 0, avc}}, 0, 8, 2, 1},
     {"avc-short", {{mw, 40, avc}}, 4096, 70, 30, 2},
     {"hevc", {{cra, 0, hevc}}, 4096, 2, 1, 1},
@@ -57,16 +57,16 @@ constexpr size_t least_cases = 70'000;
 
 /* ---- samples as a file shows them ---- */
 
-using place = std::tuple<uint64_t, size_t, uint64_t, uint64_t, bool, uint64_t>;
+using shown_sample = std::tuple<uint64_t, size_t, uint64_t, uint64_t, bool, uint64_t>;
 // offset, track, size, ticks from the track's first sample, key, the track's delay in milliseconds
 
-std::vector<place> places(std::span<const sample> samples, const std::vector<mp4_track_desc> &tracks_of)
+std::vector<shown_sample> places(std::span<const sample> samples, const std::vector<mp4_track_desc> &tracks_of)
 {
     struct {
         uint64_t first, last, ticks;
     } tracks[8] = {};
     uint64_t start = UINT64_MAX;
-    std::vector<place> out;
+    std::vector<shown_sample> out;
     for (const sample &s : samples) {
         auto &t = tracks[s.track];
         if (t.first == 0) t = {s.time(), s.time(), 0};
@@ -75,13 +75,13 @@ std::vector<place> places(std::span<const sample> samples, const std::vector<mp4
         t.last = s.time();
         out.emplace_back(s.offset, s.track, s.size, t.ticks, s.key != 0, 0);
     }
-    for (place &p : out) std::get<5>(p) = (tracks[std::get<1>(p)].first - start) / 1'000'000;
+    for (shown_sample &p : out) std::get<5>(p) = (tracks[std::get<1>(p)].first - start) / 1'000'000;
     return out;
 }
 
-std::vector<place> places(const mp4::file &file)
+std::vector<shown_sample> places(const mp4::file &file)
 {
-    std::vector<place> out;
+    std::vector<shown_sample> out;
     for (size_t i = 0; i < file.tracks.size(); i++) {
         const mp4::track &t = file.tracks[i];
         const uint64_t delay = !t.edits.empty() && t.edits[0].media_time == -1 ? t.edits[0].duration : 0;
@@ -124,7 +124,7 @@ struct proof {
             return std::hash<std::string_view>()({reinterpret_cast<const char *>(b.data()), b.size()});
         };
         size_t number = 0;
-        for (const plan &p : plans)
+        for (const recipe &p : recipes)
             for (const recording &r : recordings_of(p, streams, built_in)) {
                 recordings++;
                 offer_cases(r, [&](const std::string &id, auto make) {
@@ -154,8 +154,8 @@ struct proof {
         const int error = result == 0 ? 0 : result == -1 ? errno : INT_MIN;
         expect(injection.held == 0 && free_descriptor() == free_before, "leak", "memory or a descriptor");
 
-        const model::journal told = model::read(c.journal);
-        const model::outcome due = model::repair(told, c.media.size(), version);
+        const model::journal content = model::read(c.journal);
+        const model::result due = model::repair(content, c.media.size(), version);
         expect(error == due.error, "result", std::to_string(error) + " instead of errno " + std::to_string(due.error));
         if (c.spoilt || !error != !due.error) return;
 
@@ -175,7 +175,7 @@ struct proof {
                    got.tracks.size() == due.tracks.size(),
                "structure", "not head, media and moov in their places");
 
-        const std::vector<place> shown = places(got);
+        const std::vector<shown_sample> shown = places(got);
         expect(shown == places(due.kept, due.tracks), "prefix", "not the samples that the journal names");
         const auto recorded = std::span(r.samples).first(std::min(shown.size(), r.samples.size()));
         bytes media = r.open; // with zeros for what the cut took
@@ -187,7 +187,7 @@ struct proof {
         size_t owed = intact(r, c);
         if (c.possible) // then the journal names nothing that is not there in full
             owed = std::max(
-                {owed, c.promised, size_t(std::ranges::count(told.records, MEMENTO_SAMPLE, &model::record::kind))});
+                {owed, c.promised, size_t(std::ranges::count(content.records, MEMENTO_SAMPLE, &model::record::kind))});
         expect(shown.size() >= std::min(owed, due.stop) && !(cut && c.possible), "durable",
                "kept " + std::to_string(shown.size()) + " samples of " + std::to_string(owed));
     }

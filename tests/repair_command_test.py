@@ -144,7 +144,7 @@ class Repair(judge.Test):
         key = max(i for i, s in enumerate(samples) if s.track == 0 and s.key)
         plain = max(i for i, s in enumerate(samples) if s.track == 0 and not s.key and s.time % 10**9)
         for what, hit, valid, rest, options in (
-                ("bad record", 60, 0, b"\5" * 900, ("--salvage",)), ("zeros behind it", plain, 28, bytes(700), ()),
+                ("bad record", 60, 0, b"\5" * 900, ("--salvage",)), ("zeros after it", plain, 28, bytes(700), ()),
                 ("half of it zero", 60, 12, bytes(16), ()), ("its flag and zeros", key, 24, bytes(516), ())):
             with self.subTest(what):
                 begin = samples[hit].record_end - 28
@@ -177,7 +177,7 @@ class Repair(judge.Test):
             fcntl.flock(other, fcntl.LOCK_EX)
             report, err = self.run_repair(self.directory, exit_code=FAILED)
             text = run(GIVEN.tool, "repair", self.directory).stderr
-        said = {"alone.mp4": "there is no journal", "locked.mp4": "another process is recording", "damaged.mp4": "byte 0 of",
+        printed = {"alone.mp4": "there is no journal", "locked.mp4": "another process is recording", "damaged.mp4": "byte 0 of",
                 "cut.mp4": "cut.mp4: repaired: 5.013 s, h264 100 frames 3.960 s, aac 236 frames 5.013 s; 0 bytes cut",
                 "closed.mp4": "finished properly, left", "whole.mp4": "finished properly, left"}
         self.assertEqual([(pathlib.Path(f["path"]).name, f["result"], f["journal"] is not None, f["journal_kept"],
@@ -186,7 +186,7 @@ class Repair(judge.Test):
             ("damaged.mp4", "refused", True, True, False), ("cut.mp4", "repaired", True, False, True),
             ("closed.mp4", "finished", True, True, False), ("whole.mp4", "finished", False, False, False)])
         for file, line in zip(report["files"], (l for l in err.splitlines() if l[0] not in "+[")):  # the library's
-            self.assertIn(said[pathlib.Path(file["path"]).name], line)
+            self.assertIn(printed[pathlib.Path(file["path"]).name], line)
             self.assertIn(file["error"] or file["path"], line)
         self.assertIn("6 files: 1 repaired, 2 finished properly, 3 not repaired", err)
         self.assertIn("6 files: 0 repaired, 3 finished properly, 3 not repaired", text)

@@ -97,23 +97,14 @@ ssize_t writev(int fd, const struct iovec *parts, int count)
     return total;
 }
 
-int ftruncate(int fd, off_t length)
-{
-    return allowed_for(fd) ? REAL(ftruncate)(fd, length) : -1;
-}
-int ftruncate64(int fd, off64_t length)
-{
-    return allowed_for(fd) ? REAL(ftruncate64)(fd, length) : -1;
-}
-int fsync(int fd)
-{
-    return allowed_for(fd) ? REAL(fsync)(fd) : -1;
-}
-int rename(const char *from, const char *to)
-{
-    return allowed(from) ? REAL(rename)(from, to) : -1;
-}
-int unlink(const char *path)
-{
-    return allowed(path) || errno == ENOSPC ? REAL(unlink)(path) : -1;
-}
+#define GUARDED(name, parameters, arguments, is_allowed) \
+    int name parameters \
+    { \
+        return (is_allowed) ? REAL(name) arguments : -1; \
+    }
+
+GUARDED(ftruncate, (int fd, off_t length), (fd, length), allowed_for(fd))
+GUARDED(ftruncate64, (int fd, off64_t length), (fd, length), allowed_for(fd))
+GUARDED(fsync, (int fd), (fd), allowed_for(fd))
+GUARDED(rename, (const char *from, const char *to), (from, to), allowed(from))
+GUARDED(unlink, (const char *path), (path), allowed(path) || errno == ENOSPC)

@@ -36,14 +36,14 @@ struct state {
     size_t promised;                       // samples that rounds of syncs had made durable
 };
 
-struct track_plan {
+struct track_recipe {
     const char *stream; // of testdata/
     uint32_t limit;     // bytes of a picture or audio frame that are left, for many frames in few bytes; 0: all
     mp4_track_desc desc;
 };
-struct plan {
+struct recipe {
     const char *name;
-    std::vector<track_plan> tracks;
+    std::vector<track_recipe> tracks;
     uint32_t cache; // of the file stream
     size_t frames;  // of all tracks, in the order of their times
     size_t round;   // frames between two rounds of syncs
@@ -84,7 +84,7 @@ inline std::string shorten(const std::string &unit, uint32_t type, uint32_t limi
 }
 
 /** The frames of all tracks in the order of their times; each track begins 13 ms after the one before. */
-inline std::vector<frame> frames_of(const plan &p, const std::string &streams, uint32_t longer)
+inline std::vector<frame> frames_of(const recipe &p, const std::string &streams, uint32_t longer)
 {
     std::vector<frame> all;
     for (size_t t = 0; t < p.tracks.size(); t++) {
@@ -108,8 +108,8 @@ inline std::vector<frame> frames_of(const plan &p, const std::string &streams, u
     return all;
 }
 
-/** Records the files of a plan, and drains the journal as docs/journal.md asks for it. */
-inline std::vector<recording> recordings_of(const plan &p, const std::string &streams, fault built_in)
+/** Records the files of a recipe, and drains the journal as docs/journal.md asks for it. */
+inline std::vector<recording> recordings_of(const recipe &p, const std::string &streams, fault built_in)
 {
     const auto check = [&](bool good) {
         if (!good) throw std::runtime_error(std::string("cannot record ") + p.name);
@@ -117,13 +117,13 @@ inline std::vector<recording> recordings_of(const plan &p, const std::string &st
     const journal_ptr caretaker(mediafile_caretaker_create());
     using release = decltype([](mp4_builder *made) { made->destroy(made); });
     const std::unique_ptr<mp4_builder, release> b(mp4_builder_create());
-    for (const track_plan &t : p.tracks) check(b->add_track(b.get(), &t.desc) >= 0);
+    for (const track_recipe &t : p.tracks) check(b->add_track(b.get(), &t.desc) >= 0);
 
     std::vector<recording> all;
     for (uint32_t number = 0; number < uint32_t(p.files); number++) {
         recording r;
         r.name = p.name + (p.files > 1 ? "." + std::to_string(number + 1) : "");
-        for (const track_plan &t : p.tracks) r.tracks.push_back(t.desc);
+        for (const track_recipe &t : p.tracks) r.tracks.push_back(t.desc);
         r.states.push_back({});
         const auto next_state = [&r]() -> state & { return r.states.push_back(r.states.back()), r.states.back(); };
         const descriptor file;
@@ -167,7 +167,7 @@ inline std::vector<recording> recordings_of(const plan &p, const std::string &st
         r.open = file_content(file);
         check(b->close(b.get()) == 0 && mediafile_caretaker_errcode(caretaker.get()) == 0);
 
-        // The strict reader tells where the samples of the finished file came to lie.
+        // The strict reader finds where the samples of the finished file lie.
         const mp4::file finished = mp4::read(file_content(file));
         size_t next[8] = {};
         for (size_t i = 0; i < frames.size(); i++) {

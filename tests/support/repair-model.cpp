@@ -42,9 +42,9 @@ journal read(std::span<const uint8_t> stored)
     return out;
 }
 
-outcome repair(const journal &journal, uint64_t size, int version)
+result repair(const journal &journal, uint64_t size, int version)
 {
-    outcome out;
+    result out;
     size_t videos = 0; // of the first track
     sample last = {};
     for (const record &each : journal.records) {

@@ -1,5 +1,5 @@
 /**
- * What a journal says and what a repair has to make of it: the rules once more, over plain lists, with none of the
+ * What a journal holds and what a repair has to make of it: the rules once more, over plain lists, with none of the
  * library's code. Tests and fuzz targets hold the library against it.
  */
 #pragma once
@@ -40,7 +40,7 @@ struct journal {
 };
 journal read(std::span<const uint8_t> stored);
 
-struct outcome {
+struct result {
     int error = 0;                 // errno, or 0
     bool finished = false;         // the file gets a moov; else only its head is written
     uint32_t end = head;           // of the media
@@ -54,7 +54,7 @@ struct outcome {
  * @param size    of the media file; UINT32_MAX for none
  * @param version 2 for mp4_fix2
  */
-outcome repair(const journal &journal, uint64_t size, int version);
+result repair(const journal &journal, uint64_t size, int version);
 
 /** Ticks of a second. */
 inline uint32_t timescale(const mp4_track_desc &track)
