@@ -128,7 +128,7 @@ class Inspect(unittest.TestCase):
         samples = [*judge.samples_of(self.clips[1][1])]  # of one track; so few of them, and two of the same time
         few = [self.clips[1][1][:samples[n].record_end - 4] + b"\1\0\0\0" for n in (0, 1, 2)]  # keys: no zeros at the end
         few.append(few[1][:-44] + few[1][-16:-4] + few[1][-32:])
-        for journal in (*(clip[1] for clip in self.clips), *few):
+        for journal in (*few, *(clip[1] for clip in self.clips)):
             shown, samples = self.check(journal), [*judge.samples_of(journal)]
             self.assertEqual([(r["track"], r["offset"], r["size"], r["time_ns"], r["key"]) for r in shown["records"] if
                               r["kind"] == "sample"], [(*s[1:4], s.time, s.key) for s in samples])
