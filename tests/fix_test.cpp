@@ -128,7 +128,7 @@ TEST(Repair, PrintsAndLogsWhatItDoes)
             const descriptor journal, file;
             fill(journal, content), fill(file, bytes(size_t(std::max(r.size, 0)), 0xEE));
             const auto size = static_cast<uint32_t>(r.size);
-            const model::outcome due = model::repair(model::read(content), size, r.version);
+            const model::result due = model::repair(model::read(content), size, r.version);
             const outcome out = repair(r.version, r.size == none ? "" : path_of(file), path_of(journal));
             EXPECT_EQ(due.error, out.error);
             EXPECT_EQ(r.printed, out.printed);
