@@ -177,7 +177,8 @@ bool journal_scan::next(record &out)
     next.payload = bytes + sizeof header;
 
     /* Zeros can begin inside the record, where it was not synced by a whole round. */
-    const bool zeros = at + sizeof header + header.length > bounds_.zeros_from && (bounds_.rounds == 0 || may_be_torn(at));
+    const bool zeros =
+        at + sizeof header + header.length > bounds_.zeros_from && (bounds_.rounds == 0 || may_be_torn(at));
     if (zeros && header.kind != MEMENTO_SAMPLE) return stop(MEDIAFILES_JOURNAL_TORN);
     if (const char *wrong = take(next)) return zeros ? stop(MEDIAFILES_JOURNAL_TORN) : invalid(wrong);
 

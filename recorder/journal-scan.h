@@ -55,11 +55,11 @@ struct stored_set {
 
 // Where damage can be told from what a power cut leaves. Found before the walk, from the marks and the zeros.
 struct journal_bounds {
-    uint64_t zeros_from = 0;   // offset after the last byte that is not zero
-    uint64_t tail = 0;         // what was written from here on may be torn
+    uint64_t zeros_from = 0;             // offset after the last byte that is not zero
+    uint64_t tail = 0;                   // what was written from here on may be torn
     uint64_t damaged_round = UINT64_MAX; // offset of a round whose checksum is wrong, with whole ones after it
-    uint32_t rounds = 0;       // number of the last whole round; 0: the journal has no marks
-    uint64_t recent = 0;       // offset of the last round but one
+    uint32_t rounds = 0;                 // number of the last whole round; 0: the journal has no marks
+    uint64_t recent = 0;                 // offset of the last round but one
 };
 
 class journal_scan {

@@ -71,12 +71,12 @@ typedef struct mediafiles_journal_record {
 /** What is known after the last record. */
 typedef struct mediafiles_journal_summary {
     uint32_t size;
-    uint32_t ending;              /* MEDIAFILES_JOURNAL_ */
-    uint64_t end, lost;           /* bytes of valid records; bytes after them */
-    const char *damage;           /* what is wrong with the first invalid record; NULL when nothing is */
-    uint32_t tracks;              /* tracks[0] to tracks[tracks - 1] are set */
-    uint32_t rounds;              /* the number of the last whole round of syncs; 0 without marks */
-    uint64_t samples, media_end;  /* samples; where the last of them ends in the media, 32 without samples */
+    uint32_t ending;                      /* MEDIAFILES_JOURNAL_ */
+    uint64_t end, lost;                   /* bytes of valid records; bytes after them */
+    const char *damage;                   /* what is wrong with the first invalid record; NULL when nothing is */
+    uint32_t tracks;                      /* tracks[0] to tracks[tracks - 1] are set */
+    uint32_t rounds;                      /* the number of the last whole round of syncs; 0 without marks */
+    uint64_t samples, media_end;          /* samples; where the last of them ends in the media, 32 without samples */
     mp4_track_desc track[MP4_MAX_TRACKS]; /* without MP4_TRACK_RAW */
 } mediafiles_journal_summary;
 
@@ -132,23 +132,23 @@ enum {
 /** Why a file was refused, or could not be recovered. */
 enum {
     MEDIAFILES_REASON_NONE = 0,
-    MEDIAFILES_REASON_NO_JOURNAL,       /* cut off, and no journal names its samples */
-    MEDIAFILES_REASON_NO_SAMPLES,       /* the journal names none, but the media may hold some */
-    MEDIAFILES_REASON_JOURNAL_DAMAGED,  /* before its last round; MEDIAFILES_SALVAGE uses what stands before that */
-    MEDIAFILES_REASON_MEDIA_DAMAGED,    /* MEDIAFILES_SALVAGE keeps what stands before, MEDIAFILES_KEEP_DAMAGED all */
-    MEDIAFILES_REASON_FOREIGN_JOURNAL,  /* not even the first frame is where the journal says */
-    MEDIAFILES_REASON_LARGE_CUT,        /* over 64 MiB and more than half of the media would go; MEDIAFILES_FORCE */
-    MEDIAFILES_REASON_LARGE_GROWTH,     /* as much would be added; MEDIAFILES_FORCE */
-    MEDIAFILES_REASON_NO_FRAME_LEFT,    /* without the last frame nothing would be left */
-    MEDIAFILES_REASON_TOO_LARGE,        /* above 4 GiB */
-    MEDIAFILES_REASON_CANNOT_REPLAY,    /* the movie refuses the journal's samples: see error */
-    MEDIAFILES_REASON_IN_USE,           /* another process records or recovers it */
-    MEDIAFILES_REASON_EXISTS,           /* the output has a file of that name */
-    MEDIAFILES_REASON_NO_MEDIA,         /* a journal without its media file */
-    MEDIAFILES_REASON_NOT_REGULAR,      /* a link, several links, a device, another file system ... */
-    MEDIAFILES_REASON_SYSTEM,           /* a system call failed: see error */
-    MEDIAFILES_REASON_CHANGED,          /* it changed while it was read */
-    MEDIAFILES_REASON_STOPPED,          /* by options.stop */
+    MEDIAFILES_REASON_NO_JOURNAL,      /* cut off, and no journal names its samples */
+    MEDIAFILES_REASON_NO_SAMPLES,      /* the journal names none, but the media may hold some */
+    MEDIAFILES_REASON_JOURNAL_DAMAGED, /* before its last round; MEDIAFILES_SALVAGE uses what stands before that */
+    MEDIAFILES_REASON_MEDIA_DAMAGED,   /* MEDIAFILES_SALVAGE keeps what stands before, MEDIAFILES_KEEP_DAMAGED all */
+    MEDIAFILES_REASON_FOREIGN_JOURNAL, /* not even the first frame is where the journal says */
+    MEDIAFILES_REASON_LARGE_CUT,       /* over 64 MiB and more than half of the media would go; MEDIAFILES_FORCE */
+    MEDIAFILES_REASON_LARGE_GROWTH,    /* as much would be added; MEDIAFILES_FORCE */
+    MEDIAFILES_REASON_NO_FRAME_LEFT,   /* without the last frame nothing would be left */
+    MEDIAFILES_REASON_TOO_LARGE,       /* above 4 GiB */
+    MEDIAFILES_REASON_CANNOT_REPLAY,   /* the movie refuses the journal's samples: see error */
+    MEDIAFILES_REASON_IN_USE,          /* another process records or recovers it */
+    MEDIAFILES_REASON_EXISTS,          /* the output has a file of that name */
+    MEDIAFILES_REASON_NO_MEDIA,        /* a journal without its media file */
+    MEDIAFILES_REASON_NOT_REGULAR,     /* a link, several links, a device, another file system ... */
+    MEDIAFILES_REASON_SYSTEM,          /* a system call failed: see error */
+    MEDIAFILES_REASON_CHANGED,         /* it changed while it was read */
+    MEDIAFILES_REASON_STOPPED,         /* by options.stop */
 };
 
 /** One sentence fragment in English, such as "there is no journal"; static. */
@@ -171,21 +171,21 @@ enum { MEDIAFILES_JOURNAL_NONE = 0, MEDIAFILES_JOURNAL_REMOVED, MEDIAFILES_JOURN
 
 typedef struct mediafiles_plan_info {
     uint32_t size;
-    uint32_t result;          /* MEDIAFILES_REPAIRED to MEDIAFILES_REFUSED */
-    uint32_t reason;          /* MEDIAFILES_REASON_, when refused or not ours */
-    uint32_t help;            /* options that would help: MEDIAFILES_SALVAGE | ... */
-    int32_t error;            /* errno behind the reason, or 0 */
-    uint32_t journal;         /* what becomes of it: MEDIAFILES_JOURNAL_ */
-    uint32_t foreign;         /* 1: the journal beside a finished file is not its own, or is damaged */
-    uint32_t ranges;          /* of media that are damaged or not kept: mediafiles_plan_range */
-    uint64_t media_end;       /* media is kept up to here */
-    uint64_t file_size;       /* of the result, bytes */
-    uint64_t cut, added;      /* bytes of media that are left out; bytes of zeros that a last sample lacks */
-    uint64_t journal_end;     /* bytes of the journal that are used */
-    uint64_t journal_lost;    /* bytes of the journal that could not be used */
-    const char *damage;       /* what is wrong with the journal after them; NULL for nothing; static */
-    uint64_t samples;         /* that are kept */
-    mp4_fix_info info;        /* of a repaired or salvaged file: tracks, frames, time spans */
+    uint32_t result;       /* MEDIAFILES_REPAIRED to MEDIAFILES_REFUSED */
+    uint32_t reason;       /* MEDIAFILES_REASON_, when refused or not ours */
+    uint32_t help;         /* options that would help: MEDIAFILES_SALVAGE | ... */
+    int32_t error;         /* errno behind the reason, or 0 */
+    uint32_t journal;      /* what becomes of it: MEDIAFILES_JOURNAL_ */
+    uint32_t foreign;      /* 1: the journal beside a finished file is not its own, or is damaged */
+    uint32_t ranges;       /* of media that are damaged or not kept: mediafiles_plan_range */
+    uint64_t media_end;    /* media is kept up to here */
+    uint64_t file_size;    /* of the result, bytes */
+    uint64_t cut, added;   /* bytes of media that are left out; bytes of zeros that a last sample lacks */
+    uint64_t journal_end;  /* bytes of the journal that are used */
+    uint64_t journal_lost; /* bytes of the journal that could not be used */
+    const char *damage;    /* what is wrong with the journal after them; NULL for nothing; static */
+    uint64_t samples;      /* that are kept */
+    mp4_fix_info info;     /* of a repaired or salvaged file: tracks, frames, time spans */
 } mediafiles_plan_info;
 
 typedef struct mediafiles_plan mediafiles_plan; /* opaque */
@@ -202,8 +202,8 @@ typedef struct mediafiles_plan mediafiles_plan; /* opaque */
  * @param options  MEDIAFILES_DROP_LAST_FRAME | ...
  * @return released by mediafiles_plan_destroy; NULL with errno ENOMEM
  */
-MEDIAFILES_API mediafiles_plan *mediafiles_plan_create(const mediafiles_source *media,
-                                                       const mediafiles_source *journal, uint32_t options);
+MEDIAFILES_API mediafiles_plan *mediafiles_plan_create(const mediafiles_source *media, const mediafiles_source *journal,
+                                                       uint32_t options);
 MEDIAFILES_API void mediafiles_plan_destroy(mediafiles_plan *);
 MEDIAFILES_API void mediafiles_plan_get(const mediafiles_plan *, mediafiles_plan_info *info);
 /** The range with that index, from 0 on; EINVAL beyond the last. */
@@ -264,9 +264,9 @@ MEDIAFILES_API int mediafiles_apply_to_sink(const mediafiles_plan *, mediafiles_
 
 typedef struct mediafiles_recover_options {
     uint32_t size;
-    uint32_t flags;          /* of a plan, and MEDIAFILES_DRY_RUN | ... */
-    const char *journal;     /* path of the journal of the one file; NULL: beside it, NAME.journal */
-    const char *output;      /* path of a directory that receives the results; NULL: in place */
+    uint32_t flags;               /* of a plan, and MEDIAFILES_DRY_RUN | ... */
+    const char *journal;          /* path of the journal of the one file; NULL: beside it, NAME.journal */
+    const char *output;           /* path of a directory that receives the results; NULL: in place */
     mediafiles_progress progress; /* or NULL; called a few times a second while a copy is made or files are searched */
     void *progress_context;
 } mediafiles_recover_options;
@@ -274,17 +274,17 @@ typedef struct mediafiles_recover_options {
 /** What became of one file. Strings are valid during the callback. */
 typedef struct mediafiles_report {
     uint32_t size;
-    uint32_t result;          /* MEDIAFILES_REPAIRED to MEDIAFILES_FAILED */
-    uint32_t reason;          /* MEDIAFILES_REASON_ */
-    int32_t error;            /* errno behind it, or 0 */
-    uint32_t lease_unknown;   /* 1: writers that do not lock could not be looked for */
-    uint32_t journal_kept;    /* 1: a journal is there afterwards */
-    const char *path;         /* of the media file, as found */
-    const char *journal;      /* path; NULL: there is none */
-    const char *output;       /* path of the result; NULL when none was made */
-    const char *problem_path; /* the file that reason speaks of; NULL: path */
-    const mediafiles_plan_info *plan; /* NULL when it did not come to a plan */
-    const mediafiles_range *ranges;   /* plan->ranges of them */
+    uint32_t result;                   /* MEDIAFILES_REPAIRED to MEDIAFILES_FAILED */
+    uint32_t reason;                   /* MEDIAFILES_REASON_ */
+    int32_t error;                     /* errno behind it, or 0 */
+    uint32_t lease_unknown;            /* 1: writers that do not lock could not be looked for */
+    uint32_t journal_kept;             /* 1: a journal is there afterwards */
+    const char *path;                  /* of the media file, as found */
+    const char *journal;               /* path; NULL: there is none */
+    const char *output;                /* path of the result; NULL when none was made */
+    const char *problem_path;          /* the file that reason speaks of; NULL: path */
+    const mediafiles_plan_info *plan;  /* NULL when it did not come to a plan */
+    const mediafiles_range *ranges;    /* plan->ranges of them */
     const char *hash_read, *hash_made; /* 64 hexadecimal digits; NULL unless asked for and there is such a file */
 } mediafiles_report;
 
@@ -302,9 +302,8 @@ typedef int (*mediafiles_report_callback)(void *context, const mediafiles_report
  * @return 0, also when files were refused; -1 with errno, after the other paths were gone through:
  *         from opening a path or reading a directory; ENOMEM; ECANCELED
  */
-MEDIAFILES_API int mediafiles_recover(const char *const *paths, size_t count,
-                                      const mediafiles_recover_options *options, mediafiles_report_callback report,
-                                      void *context);
+MEDIAFILES_API int mediafiles_recover(const char *const *paths, size_t count, const mediafiles_recover_options *options,
+                                      mediafiles_report_callback report, void *context);
 
 MEDIAFILES_END_DECLS
 
