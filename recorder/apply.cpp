@@ -1,0 +1,276 @@
+/**
+ * Carrying out a plan.
+ *
+ * In place, each step can be cut off and the whole be repeated, because a plan
+ * depends on nothing that an earlier step could have lost:
+ *
+ * 1. The new journal is written beside the old one, synced, and renamed over
+ *    it; the directory is synced. It names exactly the samples that are kept,
+ *    and its mark says how long the media was. From here on the journal alone
+ *    decides, whatever the media's end looks like.
+ * 2. The media is cut to what is kept; a last sample that lacks bytes gets
+ *    zeros. Then the tail is written, and the head last, so that a file which
+ *    a kill leaves never announces a movie header that it does not have. A
+ *    power cut may leave any of these writes out: the journal is still there,
+ *    tail and head are compared with what it gives, and written again.
+ * 3. The media gets its old modification time and is synced.
+ * 4. Only then the journal goes, and the directory is synced.
+ *
+ * The modification time would be lost by a cut in step 2. So the new journal
+ * carries it: a journal that ends with the mark of this very plan was left by
+ * an earlier attempt, and its own modification time is the media's.
+ */
+#include "apply.h"
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "plan.h"
+
+namespace mediafiles::recovery {
+
+namespace {
+
+constexpr uint32_t copied_at_once = 256 << 10;
+constexpr uint64_t mdat_size_offset = 24; // of mdat's size in the file
+constexpr size_t mdat_size_length = 4;
+
+mediafiles_plan_info info_of(const mediafiles_plan &plan)
+{
+    mediafiles_plan_info info = {};
+    info.size = sizeof info;
+    mediafiles_plan_get(&plan, &info);
+    return info;
+}
+
+bool keeps_media(const mediafiles_plan_info &info)
+{
+    return info.result == MEDIAFILES_REPAIRED || info.result == MEDIAFILES_SALVAGED;
+}
+
+void check(int result)
+{
+    if (result != 0) throw system_failure();
+}
+
+bool is_file_name(const char *name)
+{
+    return name && *name && !std::strchr(name, '/');
+}
+
+/* Hands out bytes of a source; the visitor gives 0, or anything else to stop. */
+template <class Visit>
+int for_each_part(const mediafiles_source &source, uint64_t begin, uint64_t end, Visit visit)
+{
+    const auto buffer = std::make_unique_for_overwrite<uint8_t[]>(std::min<uint64_t>(copied_at_once, end - begin));
+    for (uint64_t at = begin; at < end;) {
+        const auto count = static_cast<uint32_t>(std::min<uint64_t>(copied_at_once, end - at));
+        const int64_t got = source.read(source.context, at, buffer.get(), count);
+        if (got < 0) throw system_failure();
+        if (got != int64_t{count}) throw has_changed();
+        if (const int result = visit(buffer.get(), count)) return result;
+        at += count;
+    }
+    return 0;
+}
+
+int write_to(void *writer, const void *bytes, size_t count)
+{
+    return static_cast<buffered_writer *>(writer)->write(bytes, count);
+}
+
+class repair_in_place {
+public:
+    repair_in_place(const mediafiles_plan &plan, const place &media, const identity *expected, const place *journal,
+                    bool keep)
+        : plan_(plan), info_(info_of(plan)), media_(media), expected_(expected), journal_(journal),
+          remove_journal_(journal && info_.journal == MEDIAFILES_JOURNAL_REMOVED && !keep)
+    {
+    }
+
+    void carry_out()
+    {
+        if (keeps_media(info_))
+            repair();
+        else if (info_.result == MEDIAFILES_EMPTY_REMOVED)
+            remove_leftover();
+        else if (info_.result == MEDIAFILES_FINISHED)
+            finish_journal();
+        else
+            throw system_failure(EINVAL);
+    }
+
+private:
+    static void remove(const place &file)
+    {
+        if (unlinkat(file.directory, file.name, 0) != 0) throw system_failure();
+        sync_directory(file.directory);
+    }
+
+    void finish_journal() const
+    {
+        if (remove_journal_) remove(*journal_);
+    }
+
+    /* The media first: a journal without samples is the smaller thing to find alone. */
+    void remove_leftover()
+    {
+        open_media(O_RDONLY);
+        remove(media_);
+        if (journal_) remove(*journal_);
+    }
+
+    void repair()
+    {
+        const descriptor file = open_media(O_RDWR);
+        struct timespec time = status_of(file).st_mtim;
+        if (writes_size_alone(plan_)) {
+            uint8_t head[MEDIAFILES_HEAD_SIZE];
+            check(mediafiles_plan_head(&plan_, head));
+            check(write_at(file, mdat_size_offset, head + mdat_size_offset, mdat_size_length));
+        } else {
+            if (journal_) time = put_journal_in_place(time);
+            write_media(file);
+        }
+        set_modification_time(file, time);
+        sync_file(file);
+        sync_directory(media_.directory);
+        finish_journal();
+    }
+
+    descriptor open_media(int flags) const
+    {
+        descriptor file = open_regular(media_.directory, media_.name, flags);
+        const struct stat status = status_of(file);
+        if (static_cast<uint64_t>(status.st_size) != media_of(plan_).size) throw has_changed();
+        if (expected_ && identity_of(status) != *expected_) throw has_changed();
+        return file;
+    }
+
+    /* @return the modification time that the media gets in the end */
+    struct timespec put_journal_in_place(const struct timespec &media_time) const
+    {
+        const mediafiles_source *old = journal_of(plan_);
+        if (!old) throw system_failure(EINVAL);
+        uint8_t mark[64];
+        const uint32_t length = repair_mark(plan_, false, mark);
+        const struct stat status = status_of(open_regular(journal_->directory, journal_->name, O_RDONLY));
+        if (static_cast<uint64_t>(status.st_size) != old->size) throw has_changed();
+
+        uint8_t end[sizeof mark];
+        if (old->size == info_.journal_end + length &&
+            old->read(old->context, info_.journal_end, end, length) == int64_t{length} &&
+            std::memcmp(end, mark, length) == 0) {
+            sync_directory(journal_->directory); // a kill may have come before
+            return status.st_mtim;
+        }
+
+        temporary_file made(journal_->directory, status.st_mode);
+        buffered_writer to(made, 0);
+        check(for_each_part(*old, 0, info_.journal_end,
+                            [&](const void *bytes, size_t count) { return to.write(bytes, count); }));
+        check(to.write(mark, length));
+        check(to.flush());
+        set_modification_time(made, media_time);
+        sync_file(made);
+        made.replace(journal_->name);
+        sync_directory(journal_->directory);
+        return media_time;
+    }
+
+    void write_media(int file) const
+    {
+        const uint64_t present = info_.media_end - info_.added;
+        if (media_of(plan_).size != present) set_size(file, present);
+        if (info_.added != 0) set_size(file, info_.media_end);
+        buffered_writer tail(file, info_.media_end);
+        check(mediafiles_plan_tail(&plan_, write_to, &tail));
+        check(tail.flush());
+        uint8_t head[MEDIAFILES_HEAD_SIZE];
+        check(mediafiles_plan_head(&plan_, head));
+        check(write_at(file, 0, head, sizeof head));
+    }
+
+    const mediafiles_plan &plan_;
+    const mediafiles_plan_info info_;
+    const place media_;
+    const identity *expected_; // of the media; nullptr: any
+    const place *journal_;     // nullptr: none
+    const bool remove_journal_;
+};
+
+/* A sink between, which counts and follows what passes. */
+struct counted_sink {
+    mediafiles_sink sink;
+    void *context;
+    mediafiles_progress progress; // or nullptr
+    void *progress_context;
+    uint64_t done, total;
+
+    int operator()(const void *bytes, size_t count)
+    {
+        if (const int result = sink(context, bytes, count)) return result;
+        done += count;
+        if (!progress || progress(progress_context, done, total) == 0) return 0;
+        errno = ECANCELED;
+        return -1;
+    }
+};
+
+int pass(void *sink, const void *bytes, size_t count)
+{
+    return (*static_cast<counted_sink *>(sink))(bytes, count);
+}
+
+} // namespace
+
+void apply_in_place(const mediafiles_plan &plan, const place &media, const identity &expected, const place *journal,
+                    bool keep)
+{
+    repair_in_place(plan, media, &expected, journal, keep).carry_out();
+}
+
+} // namespace mediafiles::recovery
+
+using namespace mediafiles::recovery;
+
+int mediafiles_apply_in_place(const mediafiles_plan *plan, int directory, const char *media, const char *journal,
+                              int keep)
+{
+    return guarded([=] {
+        if (!plan || !is_file_name(media) || (journal && !is_file_name(journal))) throw system_failure(EINVAL);
+        const place beside = {directory, journal};
+        remove_stale_temporaries(directory);
+        repair_in_place(*plan, {directory, media}, nullptr, journal ? &beside : nullptr, keep != 0).carry_out();
+    });
+}
+
+int mediafiles_apply_to_sink(const mediafiles_plan *plan, mediafiles_sink sink, void *context,
+                             mediafiles_progress progress, void *progress_context)
+{
+    return guarded([=] {
+        if (!plan || !sink) throw system_failure(EINVAL);
+        const mediafiles_plan_info info = info_of(*plan);
+        if (!keeps_media(info)) throw system_failure(EINVAL);
+        counted_sink to = {sink, context, progress, progress_context, 0, info.file_size};
+
+        uint8_t head[MEDIAFILES_HEAD_SIZE];
+        check(mediafiles_plan_head(plan, head));
+        check(to(head, sizeof head));
+        const mediafiles_source &media = media_of(*plan);
+        const bool has_tail = writes_size_alone(*plan);
+        check(for_each_part(media, sizeof head, has_tail ? media.size : info.media_end - info.added,
+                            [&to](const void *bytes, size_t count) { return to(bytes, count); }));
+        const uint8_t zeros[4096] = {};
+        for (uint64_t left = info.added; left != 0;) {
+            const size_t count = std::min<uint64_t>(left, sizeof zeros);
+            check(to(zeros, count));
+            left -= count;
+        }
+        if (!has_tail) check(mediafiles_plan_tail(plan, pass, &to));
+    });
+}

@@ -1,0 +1,54 @@
+/** The names in one directory that matter to recovery, and which journal belongs to which media file. */
+#pragma once
+
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace mediafiles::recovery {
+
+/** Called for each name that is seen. */
+using search_step = std::function<void()>;
+
+/**
+ * Media files are those called NAME.mp4, and those of any name that have a
+ * journal, NAME.journal. Capital letters do not matter, but a journal belongs
+ * to the file with exactly its name where there is one.
+ */
+class listing {
+public:
+    struct media_file {
+        std::string name;
+        std::string journal; // empty: none
+    };
+
+    listing() = default;
+    /** @param flags  O_NOATIME, or 0 */
+    listing(int directory, int flags, const search_step &);
+
+    const std::vector<media_file> &media() const { return media_; }
+    /** Journals whose media file is missing. */
+    std::vector<std::string> orphans() const;
+    const std::vector<std::string> &directories() const { return directories_; }
+
+    /** The media file of that name, or that such a journal belongs to; nullptr when it is not there. */
+    const media_file *find(std::string_view name) const;
+
+private:
+    struct journal_file {
+        std::string name;
+        size_t owner; // index of the media file; none: not there
+    };
+
+    void assign_journals();
+    size_t index_of(std::string_view media) const;
+
+    std::vector<media_file> media_;      // in the order of their names
+    std::vector<journal_file> journals_; // likewise
+    std::vector<std::string> directories_;
+};
+
+bool is_journal_name(std::string_view);
+
+} // namespace mediafiles::recovery
