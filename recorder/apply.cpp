@@ -14,7 +14,8 @@
  *    power cut may leave any of these writes out: the journal is still there,
  *    tail and head are compared with what it gives, and written again.
  * 3. The media gets its old modification time and is synced.
- * 4. Only then the journal goes, and the directory is synced.
+ * 4. Only then the journal goes, or gets a mark that the repair is complete,
+ *    and the directory is synced.
  *
  * The modification time would be lost by a cut in step 2. So the new journal
  * carries it: a journal that ends with the mark of this very plan was left by
@@ -36,8 +37,6 @@ namespace mediafiles::recovery {
 namespace {
 
 constexpr uint32_t copied_at_once = 256 << 10;
-constexpr uint64_t mdat_size_offset = 24; // of mdat's size in the file
-constexpr size_t mdat_size_length = 4;
 
 mediafiles_plan_info info_of(const mediafiles_plan &plan)
 {
@@ -128,18 +127,19 @@ private:
     {
         const descriptor file = open_media(O_RDWR);
         struct timespec time = status_of(file).st_mtim;
-        if (writes_size_alone(plan_)) {
-            uint8_t head[MEDIAFILES_HEAD_SIZE];
-            check(mediafiles_plan_head(&plan_, head));
-            check(write_at(file, mdat_size_offset, head + mdat_size_offset, mdat_size_length));
-        } else {
-            if (journal_) time = put_journal_in_place(time);
-            write_media(file);
-        }
+        const bool by_journal = journal_ && !writes_head_alone(plan_);
+        if (by_journal) time = put_journal_in_place(time);
+        if (!writes_head_alone(plan_)) write_end(file);
+        uint8_t head[MEDIAFILES_HEAD_SIZE];
+        check(mediafiles_plan_head(&plan_, head));
+        check(write_at(file, 0, head, sizeof head));
         set_modification_time(file, time);
         sync_file(file);
         sync_directory(media_.directory);
-        finish_journal();
+        if (remove_journal_)
+            remove(*journal_);
+        else if (by_journal)
+            write_journal(time, mark_record(true));
     }
 
     descriptor open_media(int flags) const
@@ -151,38 +151,50 @@ private:
         return file;
     }
 
+    std::vector<uint8_t> mark_record(bool completed) const
+    {
+        std::vector<uint8_t> record(repair_mark_size);
+        write_mark(mark_of(plan_, completed), record.data());
+        return record;
+    }
+
     /* @return the modification time that the media gets in the end */
     struct timespec put_journal_in_place(const struct timespec &media_time) const
     {
-        const mediafiles_source *old = journal_of(plan_);
-        if (!old) throw system_failure(EINVAL);
-        uint8_t mark[64];
-        const uint32_t length = repair_mark(plan_, false, mark);
         const struct stat status = status_of(open_regular(journal_->directory, journal_->name, O_RDONLY));
-        if (static_cast<uint64_t>(status.st_size) != old->size) throw has_changed();
+        const mediafiles_source &old = *journal_of(plan_);
+        if (static_cast<uint64_t>(status.st_size) != old.size) throw has_changed();
 
-        uint8_t end[sizeof mark];
-        if (old->size == info_.journal_end + length &&
-            old->read(old->context, info_.journal_end, end, length) == int64_t{length} &&
-            std::memcmp(end, mark, length) == 0) {
+        const std::vector<uint8_t> mark = mark_record(false);
+        std::vector<uint8_t> end(mark.size());
+        if (old.size == info_.journal_end + mark.size() &&
+            old.read(old.context, info_.journal_end, end.data(), static_cast<uint32_t>(end.size())) ==
+                static_cast<int64_t>(end.size()) &&
+            end == mark) {
             sync_directory(journal_->directory); // a kill may have come before
             return status.st_mtim;
         }
-
-        temporary_file made(journal_->directory, status.st_mode);
-        buffered_writer to(made, 0);
-        check(for_each_part(*old, 0, info_.journal_end,
-                            [&](const void *bytes, size_t count) { return to.write(bytes, count); }));
-        check(to.write(mark, length));
-        check(to.flush());
-        set_modification_time(made, media_time);
-        sync_file(made);
-        made.replace(journal_->name);
-        sync_directory(journal_->directory);
+        write_journal(media_time, mark);
         return media_time;
     }
 
-    void write_media(int file) const
+    void write_journal(const struct timespec &time, const std::vector<uint8_t> &mark) const
+    {
+        const struct stat status = status_of(open_regular(journal_->directory, journal_->name, O_RDONLY));
+        temporary_file made(journal_->directory, status.st_mode);
+        buffered_writer to(made, 0);
+        check(for_each_part(*journal_of(plan_), 0, info_.journal_end,
+                            [&](const void *bytes, size_t count) { return to.write(bytes, count); }));
+        check(to.write(mark.data(), mark.size()));
+        check(to.flush());
+        set_modification_time(made, time);
+        sync_file(made);
+        made.replace(journal_->name);
+        sync_directory(journal_->directory);
+    }
+
+    /* What follows the samples. */
+    void write_end(int file) const
     {
         const uint64_t present = info_.media_end - info_.added;
         if (media_of(plan_).size != present) set_size(file, present);
@@ -190,9 +202,6 @@ private:
         buffered_writer tail(file, info_.media_end);
         check(mediafiles_plan_tail(&plan_, write_to, &tail));
         check(tail.flush());
-        uint8_t head[MEDIAFILES_HEAD_SIZE];
-        check(mediafiles_plan_head(&plan_, head));
-        check(write_at(file, 0, head, sizeof head));
     }
 
     const mediafiles_plan &plan_;
@@ -243,6 +252,7 @@ int mediafiles_apply_in_place(const mediafiles_plan *plan, int directory, const 
 {
     return guarded([=] {
         if (!plan || !is_file_name(media) || (journal && !is_file_name(journal))) throw system_failure(EINVAL);
+        if (!journal != !journal_of(*plan)) throw system_failure(EINVAL);
         const place beside = {directory, journal};
         remove_stale_temporaries(directory);
         repair_in_place(*plan, {directory, media}, nullptr, journal ? &beside : nullptr, keep != 0).carry_out();
@@ -261,9 +271,7 @@ int mediafiles_apply_to_sink(const mediafiles_plan *plan, mediafiles_sink sink, 
         uint8_t head[MEDIAFILES_HEAD_SIZE];
         check(mediafiles_plan_head(plan, head));
         check(to(head, sizeof head));
-        const mediafiles_source &media = media_of(*plan);
-        const bool has_tail = writes_size_alone(*plan);
-        check(for_each_part(media, sizeof head, has_tail ? media.size : info.media_end - info.added,
+        check(for_each_part(media_of(*plan), sizeof head, info.media_end - info.added,
                             [&to](const void *bytes, size_t count) { return to(bytes, count); }));
         const uint8_t zeros[4096] = {};
         for (uint64_t left = info.added; left != 0;) {
@@ -271,6 +279,6 @@ int mediafiles_apply_to_sink(const mediafiles_plan *plan, mediafiles_sink sink, 
             check(to(zeros, count));
             left -= count;
         }
-        if (!has_tail) check(mediafiles_plan_tail(plan, pass, &to));
+        check(mediafiles_plan_tail(plan, pass, &to));
     });
 }

@@ -29,7 +29,8 @@ std::string lowered(std::string_view text)
 
 bool ends_with(std::string_view name, std::string_view suffix)
 {
-    return name.size() > suffix.size() && std::ranges::equal(name.substr(name.size() - suffix.size()), suffix, {}, lower);
+    return name.size() > suffix.size() &&
+           std::ranges::equal(name.substr(name.size() - suffix.size()), suffix, {}, lower);
 }
 
 std::string_view stem_of(std::string_view journal)
@@ -100,7 +101,8 @@ void listing::assign_journals()
                 std::ranges::sort(in_lower_case);
             }
             const std::string wanted = lowered(stem_of(journal.name));
-            const auto found = std::ranges::lower_bound(in_lower_case, wanted, {}, [](const auto &p) { return p.first; });
+            const auto found =
+                std::ranges::lower_bound(in_lower_case, wanted, {}, [](const auto &p) { return p.first; });
             if (found == in_lower_case.end() || found->first != wanted) continue;
             journal.owner = found->second;
         } else {

@@ -57,8 +57,7 @@ uint32_t search::add_directory(const directory &added)
     return static_cast<uint32_t>(directories_.size() - 1);
 }
 
-void search::add_find(uint32_t index, int descriptor, const std::string &media, const std::string &journal,
-                      bool given)
+void search::add_find(uint32_t index, int descriptor, const std::string &media, const std::string &journal, bool given)
 {
     if (finds_.size() == most_finds) throw system_failure(EOVERFLOW);
     struct stat status;

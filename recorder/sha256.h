@@ -16,9 +16,10 @@ public:
 private:
     void add_block(const uint8_t *block);
 
-    uint32_t state_[8] = {0x6a09e667, 0xbb67ae85, 0x3c6ef372, 0xa54ff53a, 0x510e527f, 0x9b05688c, 0x1f83d9ab, 0x5be0cd19};
-    uint64_t length_ = 0;  // bytes
-    uint8_t pending_[64];  // length_ % 64 of them
+    uint32_t state_[8] = {0x6a09e667, 0xbb67ae85, 0x3c6ef372, 0xa54ff53a,
+                          0x510e527f, 0x9b05688c, 0x1f83d9ab, 0x5be0cd19};
+    uint64_t length_ = 0; // bytes
+    uint8_t pending_[64]; // length_ % 64 of them
 };
 
 } // namespace mediafiles::recovery
