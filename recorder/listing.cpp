@@ -51,6 +51,11 @@ bool is_journal_name(std::string_view name)
     return ends_with(name, journal_suffix);
 }
 
+bool belongs_to_mp4(std::string_view journal)
+{
+    return ends_with(stem_of(journal), media_suffix);
+}
+
 listing::listing(int directory, int flags, const search_step &step)
 {
     directory_reader names(directory, flags);
@@ -67,7 +72,7 @@ listing::listing(int directory, int flags, const search_step &step)
     }
     for (const journal_file &journal : journals_) {
         const std::string stem(stem_of(journal.name));
-        if (!ends_with(stem, media_suffix) && type_of(directory, stem.c_str()) == S_IFREG) media_.push_back({stem, {}});
+        if (!belongs_to_mp4(journal.name) && type_of(directory, stem.c_str()) == S_IFREG) media_.push_back({stem, {}});
     }
     std::ranges::sort(media_, {}, &media_file::name);
     const auto [first, last] = std::ranges::unique(media_, {}, &media_file::name);

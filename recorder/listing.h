@@ -50,5 +50,7 @@ private:
 };
 
 bool is_journal_name(std::string_view);
+/** Whether a journal's name is that of a file NAME.mp4. */
+bool belongs_to_mp4(std::string_view journal);
 
 } // namespace mediafiles::recovery

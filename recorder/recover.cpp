@@ -416,10 +416,11 @@ private:
     }
 
     /*
-     * A journal without its media. One that names no sample is what a leftover
-     * leaves when its removal is cut off: it goes, if certainly nobody writes it.
+     * A journal without its media. One that names no sample is what is left
+     * when the removal of an empty recording is cut off: it goes, if certainly
+     * nobody writes it.
      *
-     * @return false: not even a journal, and nobody asked for it
+     * @return false: nothing to report, unless it was asked for
      */
     bool recover_orphan()
     {
@@ -428,8 +429,9 @@ private:
         std::vector<uint8_t> begin(static_cast<size_t>(std::min<uint64_t>(journal_.size(), looked_at_for_a_journal)));
         const int64_t got = read_at(journal_.file, 0, begin.data(), begin.size());
         if (got < 0) throw system_failure();
-        const bool is_journal = mediafiles_is_journal(begin.data(), static_cast<size_t>(got)) != 0;
-        if (!is_journal) {
+        begin.resize(static_cast<size_t>(got));
+        const bool is_zeros = begin.size() == journal_.size() && std::ranges::count(begin, 0) == got;
+        if (!mediafiles_is_journal(begin.data(), begin.size()) && !(is_zeros && belongs_to_mp4(journal_name_))) {
             fail({MEDIAFILES_NOT_OURS, MEDIAFILES_REASON_NOT_REGULAR, 0});
             report_.journal = nullptr;
             return found_.given;
@@ -439,6 +441,8 @@ private:
             journal_goes_ = true;
             if (!dry() && unlinkat(directory_, journal_name_.c_str(), 0) != 0) throw system_failure();
             if (!dry()) sync_directory(directory_);
+        } else if (is_zeros) {
+            return found_.given;
         } else {
             fail({MEDIAFILES_REFUSED, MEDIAFILES_REASON_NO_MEDIA, ENOENT});
         }

@@ -8,6 +8,7 @@
 #include <mediafiles/builder.h>
 #include <mediafiles/movie.h>
 
+#include "descriptors.h"
 #include "recording.h"
 #include "tools/reader/reader.h"
 
@@ -31,6 +32,25 @@ inline int add_frame(mp4_builder *builder, int32_t track, int i)
     const mp4_time time = {i / 25, i % 25 * 40000000 + i % 3 * 2000000 + track * 5000000};
     const mp4_frame frame = {track, data.data(), uint32_t(data.size()), time, i % 5 == 0};
     return error_of(builder->add_frame(builder, &frame));
+}
+
+struct recording {
+    bytes file, journal;
+};
+
+/** So many frames of each codec as the builder writes them. */
+inline recording record(int frames)
+{
+    const journal_ptr journal(mediafile_caretaker_create());
+    const descriptor out;
+    const builder_ptr builder(mp4_builder_create());
+    mp4_builder *const b = builder.get();
+    for (const mp4_track_desc &track : three_tracks) if (b->add_track(b, &track) < 0) std::abort();
+    if (b->open(b, out, 512, journal.get()) != 0) std::abort();
+    for (int i = 0; i < frames; i++)
+        for (const int track : {0, 1, 2}) if (add_frame(b, track, i) != 0) std::abort();
+    if (b->close(b) != 0) std::abort();
+    return {file_content(out), drain(journal)};
 }
 
 using place = std::tuple<uint64_t, size_t, uint32_t, uint64_t, bool>; // of a sample: offset, track, size, time, key

@@ -1,0 +1,558 @@
+/** Recovery of files and directories: cut off anywhere, on cards that are hostile, in use, full, or matched by name. */
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <thread>
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/file.h>
+#include <sys/ptrace.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/sysmacros.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+
+#include <mediafiles/recovery.h>
+
+#include "recorder/safe-file.h"
+#include "recorder/sha256.h"
+#include "support/three-codecs.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using mediafiles::recovery::obstacle;
+
+constexpr time_t old_time = 1'500'000'000;
+
+/** A whole recording, and what a cut leaves of it: the media open, the journal whole. */
+const recording &whole()
+{
+    static const recording made = record(40);
+    return made;
+}
+bytes open_media()
+{
+    bytes media = whole().file;
+    media.resize(24 + size_t(media[25] << 16 | media[26] << 8 | media[27]));
+    overlay(media, 24, bytes(4));
+    return media;
+}
+bytes part(const bytes &all, size_t size) { return bytes(all.begin(), all.begin() + ptrdiff_t(size)); }
+
+/** The journal as far as it names so many samples. */
+bytes journal_with(size_t samples)
+{
+    const bytes &all = whole().journal;
+    size_t at = 0;
+    while (samples != 0 && at < all.size()) {
+        samples -= all[at] == MEMENTO_SAMPLE;
+        at += (7 + (all[at + 2] | size_t{all[at + 3]} << 8)) & ~size_t{3};
+    }
+    return part(all, at);
+}
+
+/** A directory that goes away with all that is in it. */
+class card {
+public:
+    card()
+    {
+        /* Where a sync costs nothing. */
+        std::string name = (access("/dev/shm", W_OK) == 0 ? "/dev/shm/" : testing::TempDir()) + "card-XXXXXX";
+        root = mkdtemp(name.data());
+    }
+    ~card() { fs::remove_all(root); }
+    std::string operator/(const std::string &name) const { return (root / name).string(); }
+
+    void put(const std::string &name, const bytes &content, time_t time = old_time) const
+    {
+        fs::create_directories((root / name).parent_path());
+        const int file = open((*this / name).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+        fill(file, content);
+        const struct timespec times[2] = {{time, 5}, {time, 123456789}};
+        futimens(file, times);
+        close(file);
+    }
+    void put(const std::string &name, const bytes &media, const bytes &journal, time_t time = old_time) const
+    {
+        put(name, media, time);
+        put(name + ".journal", journal, time + 1);
+    }
+    bytes get(const std::string &name) const
+    {
+        std::ifstream in(*this / name, std::ios::binary);
+        return bytes(std::istreambuf_iterator<char>(in), {});
+    }
+    /** Every name with what it is, media files with their times: the same when nothing has changed. */
+    std::map<std::string, std::string> state(bool access_times = false) const
+    {
+        std::map<std::string, std::string> all;
+        for (const auto &entry : fs::recursive_directory_iterator(root)) {
+            struct stat status;
+            lstat(entry.path().c_str(), &status);
+            std::string text = std::to_string(status.st_mode) + " " + std::to_string(status.st_size);
+            if (S_ISREG(status.st_mode) && status.st_size < 10'000'000) {
+                const bytes content = get(entry.path());
+                mediafiles::recovery::sha256 hash;
+                hash.add(content.data(), content.size());
+                text += " " + hash.digits();
+            }
+            if (entry.path().extension() == ".mp4")
+                text += " " + std::to_string(status.st_mtim.tv_sec) + "." + std::to_string(status.st_mtim.tv_nsec);
+            if (S_ISDIR(status.st_mode)) text = "directory";
+            if (access_times) text += " " + std::to_string(status.st_atim.tv_sec);
+            all[fs::relative(entry.path(), root)] = text;
+        }
+        return all;
+    }
+
+    fs::path root;
+};
+
+const char *const results[] = {"", "repaired", "salvaged", "finished", "removed", "not ours", "refused", "failed"};
+
+/** What is reported, a line each: paths below the card, result, reason, and the rest where it is set. */
+struct said {
+    std::string root;
+    std::vector<std::string> lines;
+    size_t stop_after = SIZE_MAX;
+
+    std::string below(const char *path) const
+    {
+        const std::string text = path;
+        return text.starts_with(root + "/") ? text.substr(root.size() + 1) : text;
+    }
+    static int take(void *context, const mediafiles_report *r)
+    {
+        said &self = *static_cast<said *>(context);
+        std::string line = self.below(r->path) + ": " + results[r->result];
+        if (r->reason) line += ": " + std::string(mediafiles_reason_text(r->reason));
+        if (r->error) line += " (" + std::string(strerrorname_np(r->error)) + ")";
+        if (r->output && strcmp(r->output, r->path) != 0) line += " as " + self.below(r->output);
+        if (r->problem_path) line += " because of " + self.below(r->problem_path);
+        if (r->journal_kept) line += ", journal " + self.below(r->journal);
+        if (r->hash_read) line += ", read " + std::string(r->hash_read, 8);
+        if (r->hash_made) line += ", made " + std::string(r->hash_made, 8);
+        self.lines.push_back(line);
+        return self.lines.size() >= self.stop_after;
+    }
+};
+
+using lines = std::vector<std::string>;
+
+lines recover(const card &on, std::vector<std::string> paths = {}, uint32_t flags = 0, const char *output = nullptr,
+              int error = 0)
+{
+    if (paths.empty()) paths = {on.root};
+    std::vector<const char *> pointers;
+    for (const std::string &path : paths) pointers.push_back(path.c_str());
+    const mediafiles_recover_options options = {sizeof options, flags, nullptr, output, nullptr, nullptr};
+    said heard = {on.root, {}};
+    const int free_before = free_descriptor();
+    const int result = mediafiles_recover(pointers.data(), pointers.size(), &options, said::take, &heard);
+    EXPECT_EQ(error_of(result), error);
+    EXPECT_EQ(free_descriptor(), free_before);
+    return heard.lines;
+}
+
+TEST(recovery_files, hashes_as_the_standard_does)
+{
+    const struct { std::string text, digits; } cases[] = { // FIPS 180-4 and its examples
+        {"", "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855"},
+        {"abc", "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"},
+        {"abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq",
+         "248d6a61d20638b8e5c026930c3e6039a33ce45964ff2167f6ecedd419db06c1"},
+        {std::string(1000000, 'a'), "cdc76e5c9914fb9281a1c7e284d73e67f1809a48a497200e046d39ccc7112cd0"}};
+    for (const auto &c : cases)
+        for (const size_t step : {1, 55, 64, 1000, 1 << 20}) {
+            mediafiles::recovery::sha256 hash;
+            for (size_t at = 0; at < c.text.size(); at += step) hash.add(&c.text[at], std::min(step, c.text.size() - at));
+            EXPECT_EQ(hash.digits(), c.digits);
+        }
+}
+
+/** Five recordings in the states that cuts leave. */
+void fill_with_cuts(const card &on)
+{
+    bytes torn = open_media(), longer = open_media();
+    torn.resize(torn.size() - 5);
+    longer.resize(longer.size() + 5000, 0xE5);
+    on.put("a.mp4", open_media(), whole().journal, old_time + 5);
+    on.put("b.mp4", longer, journal_with(70), old_time + 4);
+    on.put("below/c.mp4", torn, whole().journal, old_time + 3);
+    on.put("d.mp4", whole().file, journal_with(20), old_time + 2);
+    on.put("e.mp4", {}, bytes(), old_time + 1);
+}
+
+TEST(recovery_files, a_dry_run_says_what_is_done_and_changes_nothing)
+{
+    const card on, out;
+    fill_with_cuts(on);
+    on.put("other.mp4", bytes(5000, 7));
+    on.put("again/a.mp4", open_media(), whole().journal);
+    chmod((on / "a.mp4").c_str(), 0600);
+    const auto before = on.state();
+    const std::string to = out.root / "new";
+    for (const uint32_t flags : {0u, MEDIAFILES_HASH | MEDIAFILES_KEEP_JOURNAL})
+        for (const char *output : {static_cast<const char *>(nullptr), out.root.c_str()}) {
+            const card copy, made;
+            for (const auto &entry : fs::directory_iterator(on.root))
+                if (system(("cp -a " + entry.path().string() + " " + copy.root.string()).c_str()) != 0) FAIL();
+            const char *target = output ? made.root.c_str() : nullptr;
+            const lines dry = recover(copy, {copy.root, copy / "again"}, flags | MEDIAFILES_DRY_RUN, target);
+            EXPECT_EQ(copy.state(), before);
+            EXPECT_TRUE(made.state().empty());
+            EXPECT_EQ(recover(copy, {copy.root, copy / "again"}, flags, target), dry);
+            EXPECT_EQ(dry.size(), 7u);
+            if (!output) {
+                EXPECT_EQ(copy.get("a.mp4"), whole().file);
+                continue;
+            }
+            EXPECT_EQ(copy.state(), before); // nothing on the card is written
+            EXPECT_EQ(made.get("a.mp4"), whole().file);
+            EXPECT_EQ(made.get("again/a.mp4"), whole().file);
+            EXPECT_EQ(made.state()["a.mp4"].substr(0, 5), "33152"); // 0600
+            EXPECT_EQ(made.state()["below/c.mp4"].substr(0, 5), "33188");
+            EXPECT_TRUE(made.state()["a.mp4"].ends_with(" 1500000005.123456789"));
+            EXPECT_FALSE(fs::exists(made / "d.mp4"));
+        }
+}
+
+/* Kills the recovery at its nth system call; whether it came so far. */
+bool kill_at(int n, const std::string &path, uint32_t flags, const char *output)
+{
+    fflush(nullptr);
+    const pid_t child = fork();
+    if (child == 0) {
+        const int null = open("/dev/null", O_WRONLY);
+        dup2(null, STDOUT_FILENO);
+        if (ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0) _exit(77);
+        raise(SIGSTOP);
+        const char *const paths[] = {path.c_str()};
+        const mediafiles_recover_options options = {sizeof options, flags, nullptr, output, nullptr, nullptr};
+        mediafiles_recover(paths, 1, &options, [](void *, const mediafiles_report *) { return 0; }, nullptr);
+        _exit(0);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    for (int stops = 0; WIFSTOPPED(status); stops++) {
+        if (stops == 2 * n) kill(child, SIGKILL); // a system call stops twice
+        const int number = WSTOPSIG(status) == SIGTRAP || WSTOPSIG(status) == SIGSTOP ? 0 : WSTOPSIG(status);
+        ptrace(PTRACE_SYSCALL, child, nullptr, number);
+        waitpid(child, &status, 0);
+    }
+    return WIFSIGNALED(status);
+}
+
+TEST(recovery_files, a_kill_at_any_system_call_ends_in_the_same_bytes)
+{
+    if (getenv("QEMU_VERSION") || !kill_at(0, "/nowhere", 0, nullptr)) GTEST_SKIP() << "no ptrace";
+    const card pristine;
+    fill_with_cuts(pristine);
+    const struct { uint32_t flags; bool output; } ways[] = {{0, false}, {MEDIAFILES_KEEP_JOURNAL, false}, {0, true}};
+    for (const auto &way : ways) {
+        std::map<std::string, std::string> wanted, wanted_out;
+        int kills = 0;
+        for (bool killed = true; killed; kills++) {
+            SCOPED_TRACE(testing::Message() << "call " << kills << (way.output ? ", copies" : ""));
+            const card on, out;
+            if (system(("cp -a " + pristine.root.string() + "/. " + on.root.string()).c_str()) != 0) FAIL();
+            const char *output = way.output ? out.root.c_str() : nullptr;
+            /* The first one of all is not killed. */
+            if (!wanted.empty()) killed = kill_at(kills, on.root, way.flags, output);
+            recover(on, {}, way.flags, output);
+            if (wanted.empty()) wanted = on.state(), wanted_out = out.state();
+            ASSERT_EQ(on.state(), wanted);
+            ASSERT_EQ(out.state(), wanted_out);
+        }
+        EXPECT_GT(kills, 100);
+        EXPECT_EQ(way.output ? wanted_out.size() : wanted.size(), way.output ? 4 : way.flags ? 9 : 5);
+    }
+}
+
+TEST(recovery_files, a_hostile_card_is_left_alone)
+{
+    const card on, elsewhere;
+    elsewhere.put("victim.mp4", open_media());
+    elsewhere.put("victim.journal", whole().journal);
+    const auto journal = [&](const char *name) { on.put(name + std::string(".journal"), whole().journal); };
+    symlink((elsewhere / "victim.mp4").c_str(), (on / "link.mp4").c_str()), journal("link.mp4");
+    symlink("nowhere", (on / "dangling.mp4").c_str()), journal("dangling.mp4");
+    symlink("self.mp4", (on / "self.mp4").c_str());
+    if (link((elsewhere / "victim.mp4").c_str(), (on / "hard.mp4").c_str()) != 0) FAIL();
+    journal("hard.mp4");
+    mkfifo((on / "fifo.mp4").c_str(), 0600), journal("fifo.mp4");
+    const bool devices = mknod((on / "device.mp4").c_str(), S_IFCHR | 0600, makedev(1, 3)) == 0;
+    on.put("linked-journal.mp4", open_media());
+    symlink((elsewhere / "victim.journal").c_str(), (on / "linked-journal.mp4.journal").c_str());
+    on.put("fifo-journal.mp4", open_media());
+    mkfifo((on / "fifo-journal.mp4.journal").c_str(), 0600);
+    on.put("finished.mp4", whole().file);
+    mkfifo((on / "finished.mp4.journal").c_str(), 0600);
+    fs::create_directory_symlink(on.root, on / "loop"), fs::create_directory_symlink(elsewhere.root, on / "out");
+    fs::create_directory(on / "directory.mp4");
+    on.put("new\nline\x1b.mp4", open_media(), whole().journal);
+    on.put("._a.mp4", hex("00051607 00020000 4d616300*900"), hex("00051607 00*90"));
+    on.put("ten/2/3/4/5/6/7/8/deep.mp4", open_media(), whole().journal);
+    on.put("ten/2/3/4/5/6/7/8/9/10/deeper.mp4", open_media(), whole().journal);
+    on.put("other.journal", hex("'text'")), on.put("lonely.mp4.journal", whole().journal);
+    on.put("gone.mp4.journal", {}), on.put("gone.journal", {});
+    on.put(".mediafiles-0123abcd.tmp", bytes(9)), on.put(".mediafiles-0123abcd.tmp.mp4x", bytes(9));
+    on.put("mine.tmp", bytes(9)), on.put("new\nline\x1b.mp4.journal.new", bytes(9)), on.put(".mediafiles-0123ABCD.tmp", {});
+    symlink((elsewhere / "victim.mp4").c_str(), (on / ".mediafiles-00000000.tmp").c_str());
+    on.put("busy/.mediafiles-00000001.tmp", bytes(9)), on.put("busy/a.mp4", open_media(), whole().journal);
+    const int busy = open((on / "busy/.mediafiles-00000001.tmp").c_str(), O_RDONLY | O_CLOEXEC);
+    flock(busy, LOCK_EX);
+    on.put("huge.mp4", open_media(), whole().journal);
+    for (uint64_t size = INT64_MAX; truncate((on / "huge.mp4").c_str(), off_t(size)) != 0;) size /= 2;
+
+    const auto before = elsewhere.state();
+    lines reports = recover(on);
+    std::ranges::sort(reports);
+    const std::string not_regular = ": not ours: it is a link, has several names, or is no regular file";
+    const std::string no_file = ": it is a link, has several names, or is no regular file";
+    lines wanted = {"._a.mp4: not ours, journal ._a.mp4.journal",
+                    "busy/a.mp4: repaired",
+                    "dangling.mp4" + not_regular + " (ELOOP)",
+                    "fifo-journal.mp4: refused" + no_file + " (ELOOP) because of fifo-journal.mp4.journal, journal fifo-journal.mp4.journal",
+                    "fifo.mp4" + not_regular + " (ELOOP)",
+                    "finished.mp4: finished, journal finished.mp4.journal",
+                    "gone.mp4.journal: removed",
+                    "hard.mp4" + not_regular + " (ELOOP)",
+                    "huge.mp4: refused: it is larger than a recording can be, journal huge.mp4.journal",
+                    "link.mp4" + not_regular + " (ELOOP)",
+                    "linked-journal.mp4: refused" + no_file + " (ELOOP) because of linked-journal.mp4.journal, journal linked-journal.mp4.journal",
+                    "lonely.mp4.journal: refused: its media file is missing (ENOENT), journal lonely.mp4.journal",
+                    "new\nline\x1b.mp4: repaired",
+                    "self.mp4" + not_regular + " (ELOOP)",
+                    "ten/2/3/4/5/6/7/8/9" + not_regular + " (ENAMETOOLONG)",
+                    "ten/2/3/4/5/6/7/8/deep.mp4: repaired"};
+    if (devices) wanted.insert(wanted.begin() + 3, "device.mp4" + not_regular + " (ELOOP)");
+    EXPECT_EQ(reports, wanted);
+    EXPECT_EQ(elsewhere.state(), before);
+    EXPECT_EQ(on.get("new\nline\x1b.mp4"), whole().file);
+    const auto after = on.state();
+    EXPECT_FALSE(after.contains(".mediafiles-0123abcd.tmp"));
+    for (const char *kept : {".mediafiles-0123abcd.tmp.mp4x", "mine.tmp", ".mediafiles-0123ABCD.tmp", "gone.journal",
+                             ".mediafiles-00000000.tmp", "busy/.mediafiles-00000001.tmp", "new\nline\x1b.mp4.journal.new"})
+        EXPECT_TRUE(after.contains(kept)) << kept;
+    close(busy);
+}
+
+TEST(recovery_files, directories_that_cannot_be_searched_do_not_stop_the_others)
+{
+    const card on;
+    on.put("a.mp4", open_media(), whole().journal);
+    fs::create_directory_symlink(on.root, on / "link");
+    on.put("deep/a.mp4", open_media(), whole().journal);
+    int at = open((on / "deep").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    for (int level = 0; level < 10'000; level++) { // longer than any path
+        ASSERT_EQ(mkdirat(at, "d", 0755), 0);
+        const int below = openat(at, "d", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        close(std::exchange(at, below));
+    }
+    close(at);
+    const lines reports = recover(on, {on / "nowhere", on / "link", on.root, on / "a.mp4"}, 0, nullptr, ENOENT);
+    ASSERT_EQ(reports.size(), 5u);
+    EXPECT_EQ(reports[0], "nowhere: failed: a system call failed (ENOENT)");
+    EXPECT_EQ(reports[1], "link: refused: it is a link, has several names, or is no regular file (ELOOP)");
+    EXPECT_EQ(reports[2], "deep/d/d/d/d/d/d/d/d: not ours: it is a link, has several names, or is no regular file (ENAMETOOLONG)");
+    EXPECT_EQ(reports[3], "a.mp4: repaired");
+    EXPECT_EQ(reports[4], "deep/a.mp4: repaired");
+    /* What removes it for the test does not know such depths. */
+    if (system(("rm -rf " + (on / "deep")).c_str()) != 0) FAIL();
+}
+
+/* While a name changes between a recording and a link to a file elsewhere, that file is never touched. */
+TEST(recovery_files, what_is_swapped_between_look_and_open_is_not_followed)
+{
+    const card on, elsewhere;
+    elsewhere.put("victim.mp4", open_media());
+    const auto before = elsewhere.state();
+    symlink((elsewhere / "victim.mp4").c_str(), (on / "link").c_str());
+    std::jthread swapping([&](std::stop_token stop) {
+        const std::string a = on / "a.mp4", b = on / "link";
+        while (!stop.stop_requested()) syscall(SYS_renameat2, AT_FDCWD, a.c_str(), AT_FDCWD, b.c_str(), 2 /* EXCHANGE */);
+    });
+    int looked = 0;
+    for (int i = 0; i < 300; i++) {
+        on.put("a.mp4.journal", whole().journal);
+        for (const std::string &line : recover(on)) looked += line.starts_with("a.mp4");
+    }
+    swapping.request_stop(), swapping.join();
+    EXPECT_GT(looked, 100);
+    EXPECT_EQ(elsewhere.state(), before);
+
+    /* Deterministically: after open and before the lock. */
+    on.put("b.mp4", open_media());
+    on.put("c.mp4", open_media());
+    const int directory = open(on.root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    try {
+        const auto file = mediafiles::recovery::open_regular(directory, "b.mp4", O_RDONLY);
+        fs::rename(on / "c.mp4", on / "b.mp4");
+        mediafiles::recovery::claim(file, directory, "b.mp4");
+        ADD_FAILURE() << "it is another file";
+    } catch (const obstacle &cause) {
+        EXPECT_EQ(cause.reason, uint32_t{MEDIAFILES_REASON_CHANGED});
+    }
+    close(directory);
+}
+
+TEST(recovery_files, what_somebody_writes_is_left_alone)
+{
+    const card on;
+    const std::string busy = ": refused: another process is recording or repairing it (EAGAIN)";
+    on.put("a.mp4", open_media(), whole().journal);
+    const auto before = on.state();
+    for (const char *name : {"a.mp4", "a.mp4.journal"}) {
+        const std::string because = name == std::string("a.mp4") ? "" : " because of a.mp4.journal, journal a.mp4.journal";
+        const int locker = open((on / name).c_str(), O_RDONLY | O_CLOEXEC);
+        flock(locker, LOCK_EX);
+        EXPECT_EQ(recover(on), lines{"a.mp4" + busy + because});
+        close(locker);
+        /* One that does not lock is found by the lease, where there are leases. */
+        const int probe = open((on / name).c_str(), O_RDONLY | O_CLOEXEC);
+        const bool leases = fcntl(probe, F_SETLEASE, F_RDLCK) == 0;
+        close(probe);
+        if (!leases) continue;
+        const int writer = open((on / name).c_str(), O_WRONLY | O_CLOEXEC);
+        EXPECT_EQ(recover(on), lines{"a.mp4" + busy + because});
+        close(writer);
+    }
+    EXPECT_EQ(on.state(), before);
+    EXPECT_EQ(recover(on), lines{"a.mp4: repaired"});
+}
+
+TEST(recovery_files, journals_find_their_media)
+{
+    const card on;
+    const auto cut = [&](const char *media, const char *journal, time_t time) {
+        on.put(media, open_media(), time), on.put(journal, whole().journal, time);
+    };
+    cut("CLIP.MP4", "CLIP.MP4.JOURNAL", 9);
+    cut("small.mp4", "Small.mp4.Journal", 8);
+    cut("x.mp4", "x.mp4.journal", 7), on.put("X.mp4", open_media(), 6), on.put("X.MP4.journal", {}, 6);
+    cut("film.mov", "film.mov.journal", 5);
+    on.put("no.mp4", open_media(), 4);
+    fs::create_directory(on / "others.journal");
+    const std::string none = ": refused: it was cut off, and there is no journal that names its frames";
+    /* Newest first; each once, whichever path leads to it; a journal stands for its media. */
+    const lines dry = recover(on, {on / "x.mp4.journal", on / "no.mp4", on.root, on / "x.mp4"}, MEDIAFILES_DRY_RUN);
+    EXPECT_EQ(dry, (lines{"CLIP.MP4: repaired", "small.mp4: repaired", "x.mp4: repaired", "X.mp4: removed",
+                          "film.mov: repaired", "no.mp4" + none}));
+    EXPECT_EQ(recover(on, {on / "Small.mp4.Journal", on / "others.journal", on / "no.mp4"}),
+              (lines{"small.mp4: repaired", "no.mp4" + none}));
+    EXPECT_EQ(on.get("small.mp4"), whole().file);
+
+    /* The journal may be named, and lie elsewhere. */
+    const card elsewhere;
+    elsewhere.put("kept", whole().journal);
+    const std::string path = on / "no.mp4", journal = elsewhere / "kept";
+    const char *const paths[] = {path.c_str()};
+    said heard = {on.root, {}};
+    const mediafiles_recover_options options = {sizeof options, 0, journal.c_str(), nullptr, nullptr, nullptr};
+    EXPECT_EQ(mediafiles_recover(paths, 1, &options, said::take, &heard), 0);
+    EXPECT_EQ(heard.lines, lines{"no.mp4: repaired"});
+    EXPECT_EQ(on.get("no.mp4"), whole().file);
+    EXPECT_FALSE(fs::exists(journal));
+}
+
+TEST(recovery_files, copies_never_take_a_name_that_is_there)
+{
+    const card on, out;
+    on.put("1/a.mp4", open_media(), whole().journal, 20), on.put("2/a.mp4", open_media(), whole().journal, 10);
+    const lines wanted = {"1/a.mp4: repaired as " + (out / "a.mp4") + ", journal 1/a.mp4.journal",
+                          "2/a.mp4: refused: the output exists (EEXIST) because of " + (out / "a.mp4") + ", journal 2/a.mp4.journal"};
+    for (const uint32_t flags : {MEDIAFILES_DRY_RUN, 0u})
+        EXPECT_EQ(recover(on, {on / "1", on / "2"}, flags, out.root.c_str()), wanted);
+    EXPECT_EQ(out.get("a.mp4"), whole().file);
+    EXPECT_EQ(out.state().size(), 1u);
+
+    /* Into its own directory it gets another name; and is found, finished, by the next run. */
+    const std::string own = on / "1";
+    EXPECT_EQ(recover(on, {own}, 0, own.c_str()), lines{"1/a.mp4: repaired as 1/a-recovered.mp4, journal 1/a.mp4.journal"});
+    EXPECT_EQ(on.get("1/a-recovered.mp4"), whole().file);
+    EXPECT_EQ(recover(on, {own}, 0, own.c_str()),
+              (lines{"1/a-recovered.mp4: finished", "1/a.mp4: refused: the output exists (EEXIST) because of 1/a-recovered.mp4, journal 1/a.mp4.journal"}));
+    EXPECT_EQ(on.get("1/a.mp4"), open_media());
+}
+
+TEST(recovery_files, what_fails_leaves_no_temporary_and_can_be_repeated)
+{
+    const card on, out;
+    on.put("a.mp4", open_media(), whole().journal);
+    struct rlimit unlimited;
+    getrlimit(RLIMIT_FSIZE, &unlimited);
+    const auto before = on.state();
+    for (const bool copies : {true, false}) {
+        const auto kept = open_media().size(), all = whole().file.size();
+        for (const size_t room : {size_t{0}, size_t{100}, kept - 1, kept + 100, all - 1}) {
+            limit_files(room);
+            const lines reports = recover(on, {}, 0, copies ? out.root.c_str() : nullptr);
+            setrlimit(RLIMIT_FSIZE, &unlimited);
+            ASSERT_EQ(reports.size(), 1u);
+            EXPECT_TRUE(reports[0].starts_with("a.mp4: failed: a system call failed (EFBIG)")) << reports[0];
+            EXPECT_TRUE(out.state().empty());
+            EXPECT_EQ(on.state().size(), 2u);
+            EXPECT_TRUE(!copies || on.state() == before);
+        }
+    }
+    EXPECT_EQ(recover(on), lines{"a.mp4: repaired"});
+    EXPECT_EQ(on.get("a.mp4"), whole().file);
+    EXPECT_TRUE(on.state()["a.mp4"].ends_with(" 1500000000.123456789")); // whatever failed before
+
+    /* Stopped while it copies. */
+    on.put("b.mp4", open_media(), whole().journal, old_time + 9);
+    const mediafiles_recover_options options = {
+        sizeof options, 0, nullptr, out.root.c_str(), [](void *, uint64_t, uint64_t total) { return total ? 1 : 0; }, nullptr};
+    const char *const paths[] = {on.root.c_str()};
+    for (const auto stop_after : {size_t{1}, SIZE_MAX}) {
+        said heard = {on.root, {}, stop_after};
+        usleep(250'000); // so that progress is asked for again
+        const int result = mediafiles_recover(paths, 1, &options, said::take, &heard);
+        EXPECT_EQ(error_of(result), ECANCELED);
+        EXPECT_EQ(heard.lines.size(), 1u);
+        EXPECT_TRUE(out.state().empty());
+    }
+}
+
+/** The functions for one file, with descriptors that a caller has opened. */
+TEST(recovery_files, a_plan_is_applied_in_place_and_to_a_sink)
+{
+    const card on;
+    on.put("a.mp4", open_media(), whole().journal);
+    const int directory = open(on.root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    int files[] = {open((on / "a.mp4").c_str(), O_RDONLY | O_CLOEXEC), open((on / "a.mp4.journal").c_str(), O_RDONLY | O_CLOEXEC)};
+    const auto read = [](void *file, uint64_t offset, void *to, uint32_t count) {
+        return int64_t{pread(*static_cast<int *>(file), to, count, off_t(offset))};
+    };
+    const mediafiles_source media = {&files[0], file_size(files[0]), read}, journal = {&files[1], file_size(files[1]), read};
+    mediafiles_plan *plan = mediafiles_plan_create(&media, &journal, 0);
+    bytes made;
+    const auto collect = [](void *to, const void *from, size_t count) {
+        const auto *begin = static_cast<const uint8_t *>(from);
+        static_cast<bytes *>(to)->insert(static_cast<bytes *>(to)->end(), begin, begin + count);
+        return 0;
+    };
+    const auto cancel = [](void *, uint64_t done, uint64_t total) { return int(done * 2 > total); };
+    EXPECT_EQ(mediafiles_apply_to_sink(plan, collect, &made, nullptr, nullptr), 0);
+    EXPECT_EQ(made, whole().file);
+    EXPECT_EQ(error_of(mediafiles_apply_to_sink(plan, collect, &made, cancel, nullptr)), ECANCELED);
+    const auto refuse = [](void *, const void *, size_t) { return errno = EDOM, 1; };
+    EXPECT_EQ(error_of(mediafiles_apply_to_sink(plan, refuse, nullptr, nullptr, nullptr)), EDOM);
+    EXPECT_EQ(error_of(mediafiles_apply_in_place(plan, directory, "../a.mp4", "a.mp4.journal", 0)), EINVAL);
+    EXPECT_EQ(error_of(mediafiles_apply_in_place(plan, directory, "a.mp4", nullptr, 0)), EINVAL);
+    on.put("b.mp4", bytes(9), whole().journal);
+    EXPECT_EQ(error_of(mediafiles_apply_in_place(plan, directory, "b.mp4", "b.mp4.journal", 0)), ESTALE);
+    EXPECT_EQ(on.get("b.mp4"), bytes(9));
+    EXPECT_EQ(mediafiles_apply_in_place(plan, directory, "a.mp4", "a.mp4.journal", 0), 0);
+    EXPECT_EQ(on.get("a.mp4"), whole().file);
+    EXPECT_FALSE(fs::exists(on / "a.mp4.journal"));
+    mediafiles_plan_destroy(plan);
+    for (const int file : {directory, files[0], files[1]}) close(file);
+}
+
+} // namespace
