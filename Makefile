@@ -103,15 +103,16 @@ lines:
 lint:
 	scripts/install-packages build tools test lint
 	cmake --preset test
-	cmake --build out/test -j $(JOBS) --target mediafiles
+	cmake --build out/test -j $(JOBS) --target mediafiles mediafiles-recorder
 	scripts/lint out/test
 
 # After an intended change of the interface.
 abi:
 	scripts/install-packages build tools test
 	cmake --preset test
-	cmake --build out/test -j $(JOBS) --target mediafiles
+	cmake --build out/test -j $(JOBS) --target mediafiles mediafiles-recorder
 	scripts/abi renew out/test/src/libmediafiles.so
+	scripts/abi renew out/test/recorder/libmediafiles-recorder.so
 
 # Prints what recording and repair cost, and fails where that is above its limit.
 # QUICK=1 makes the runs short.

@@ -29,13 +29,22 @@ sed "s|^prefix=.*|prefix=$prefix|" "$libdir/pkgconfig/mediafiles.pc" >"$work/med
 cc -std=c11 "$source/examples/record.c" -o "$work/by-pkg-config" \
     $(PKG_CONFIG_PATH=$work pkg-config --cflags --libs mediafiles) -Wl,-rpath,"$libdir" ${CONSUMER_FLAGS:-}
 
+sed "s|^prefix=.*|prefix=$prefix|" "$libdir/pkgconfig/mediafiles-recorder.pc" >"$work/mediafiles-recorder.pc"
+# shellcheck disable=SC2046,SC2086
+cc -std=c11 "$source/examples/recover.c" -o "$work/recover" \
+    $(PKG_CONFIG_PATH=$work pkg-config --cflags --libs mediafiles-recorder) -Wl,-rpath,"$libdir" ${CONSUMER_FLAGS:-}
+
 mkdir "$work/project"
 cat >"$work/project/CMakeLists.txt" <<END
 cmake_minimum_required(VERSION 3.25)
-project(consumer C)
-find_package(mediafiles 0.1 REQUIRED)
+project(consumer C CXX)
+find_package(mediafiles 0.1 REQUIRED COMPONENTS recorder)
 foreach(library mediafiles mediafiles-static)
     add_executable(by-\${library} "$source/examples/record.c")
+    target_link_libraries(by-\${library} PRIVATE mediafiles::\${library})
+endforeach()
+foreach(library mediafiles-recorder mediafiles-recorder-static)
+    add_executable(by-\${library} "$source/examples/recover.c")
     target_link_libraries(by-\${library} PRIVATE mediafiles::\${library})
 endforeach()
 END
@@ -57,6 +66,10 @@ for program in "$work/by-pkg-config" "$work/out/by-mediafiles" "$work/out/by-med
     fi
     test -s "$work/clip.mp4"
     cksum <"$work/clip.mp4"
+    for recover in "$work/recover" "$work/out/by-mediafiles-recorder" "$work/out/by-mediafiles-recorder-static"; do
+        "$recover" "$work/clip.mp4" >"$work/recovered"
+        grep -q 'clip.mp4: finished$' "$work/recovered" || { cat "$work/recovered" >&2; exit 1; }
+    done
     rm "$work/clip.mp4"
 done >"$work/output"
 grep -v sps "$work/output" | sort -u >"$work/sums"
