@@ -65,7 +65,7 @@ bool is_file_name(const char *name)
 template <class Visit>
 int for_each_part(const mediafiles_source &source, uint64_t begin, uint64_t end, Visit visit)
 {
-    const auto buffer = std::make_unique_for_overwrite<uint8_t[]>(std::min<uint64_t>(copied_at_once, end - begin));
+    const auto buffer = std::make_unique_for_overwrite<uint8_t[]>(copied_at_once);
     for (uint64_t at = begin; at < end;) {
         const auto count = static_cast<uint32_t>(std::min<uint64_t>(copied_at_once, end - at));
         const int64_t got = source.read(source.context, at, buffer.get(), count);
@@ -275,7 +275,7 @@ int mediafiles_apply_to_sink(const mediafiles_plan *plan, mediafiles_sink sink, 
                             [&to](const void *bytes, size_t count) { return to(bytes, count); }));
         const uint8_t zeros[4096] = {};
         for (uint64_t left = info.added; left != 0;) {
-            const size_t count = std::min<uint64_t>(left, sizeof zeros);
+            const auto count = static_cast<size_t>(std::min<uint64_t>(left, sizeof zeros));
             check(to(zeros, count));
             left -= count;
         }

@@ -29,7 +29,7 @@ def exported(library):
 
 
 library, include, script = sys.argv[1:]
-name = pathlib.Path(library).stem
+name = pathlib.Path(library).name.split(".so")[0]
 recorder = name == "libmediafiles-recorder"
 names = declared(include, recorder)
 dynamic = subprocess.check_output(["readelf", "-d", library], text=True)
