@@ -242,13 +242,16 @@ typedef int (*mediafiles_progress)(void *context, uint64_t done, uint64_t total)
  * @param media      name of the media file in it, as it was opened for the plan
  * @param journal    name of the journal; NULL where the plan had none
  * @param keep       keep the journal of a repaired file
- * @return 0; -1 with errno. The media may be written then; the plan can be repeated
+ * @return 0; -1 with errno. The media may be written then; a new plan can be made and applied
+ *           EINVAL  the plan keeps and removes nothing, or a name is none of a file in the directory
+ *           ESTALE  a file is not as long as it was for the plan
  */
 MEDIAFILES_API int mediafiles_apply_in_place(const mediafiles_plan *, int directory, const char *media,
                                              const char *journal, int keep);
 
 /**
- * Writes the result to a sink: head, media as it is kept, tail. Applies to repaired and salvaged files (else EINVAL).
+ * Writes the result to a sink: head, media as it is kept, tail. Applies to repaired and salvaged files (else EINVAL);
+ * ESTALE when the media has become shorter.
  *
  * @param progress  or NULL
  */
@@ -267,7 +270,8 @@ typedef struct mediafiles_recover_options {
     uint32_t flags;               /* of a plan, and MEDIAFILES_DRY_RUN | ... */
     const char *journal;          /* path of the journal of the one file; NULL: beside it, NAME.journal */
     const char *output;           /* path of a directory that receives the results; NULL: in place */
-    mediafiles_progress progress; /* or NULL; called a few times a second while a copy is made or files are searched */
+    mediafiles_progress progress; /* or NULL; called a few times a second while a copy is made or hashed; and while
+                                     files are searched: done is the names seen then, total is 0 */
     void *progress_context;
 } mediafiles_recover_options;
 
@@ -279,7 +283,8 @@ typedef struct mediafiles_report {
     int32_t error;                     /* errno behind it, or 0 */
     uint32_t lease_unknown;            /* 1: writers that do not lock could not be looked for */
     uint32_t journal_kept;             /* 1: a journal is there afterwards */
-    const char *path;                  /* of the media file, as found */
+    const char *path;                  /* of the media file, as found; of a journal without one; of a directory that
+                                          was not searched */
     const char *journal;               /* path; NULL: there is none */
     const char *output;                /* path of the result; NULL when none was made */
     const char *problem_path;          /* the file that reason speaks of; NULL: path */
@@ -298,7 +303,9 @@ typedef int (*mediafiles_report_callback)(void *context, const mediafiles_report
  *
  * @param paths    count of them: directories, media files, or journals, which stand for their media files
  * @param options  or NULL
- * @param report   called for each media file that was found, in the caller's thread
+ * @param report   called for each media file that was found, in the caller's thread; before them for paths and
+ *                 directories that could not be searched (FAILED), and those that are left out on purpose, since they
+ *                 are deeper or on another file system (NOT_OURS with ENAMETOOLONG, EXDEV)
  * @return 0, also when files were refused; -1 with errno, after the other paths were gone through:
  *         from opening a path or reading a directory; ENOMEM; ECANCELED
  */
