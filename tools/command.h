@@ -16,7 +16,7 @@ struct command {
 
     /**
      * @param result_descriptor  the caller's standard output; descriptor 1
-     *                           itself goes to standard error, because the library prints to it
+     *                           itself leads nowhere, because the libraries print to it
      * @return an exit code
      */
     std::function<int(int result_descriptor)> run;
@@ -26,6 +26,9 @@ struct command {
 command add_record_command(CLI::App &program);
 command add_repair_command(CLI::App &program);
 command add_inspect_command(CLI::App &program);
+
+/** The repair as a program of its own: its options on the program's own line. */
+command describe_repair(CLI::App &program);
 
 } // namespace tools
 

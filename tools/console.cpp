@@ -12,11 +12,6 @@ namespace tools {
 console::console(std::string command, bool quiet)
     : command_(std::move(command)), quiet_(quiet), terminal_(isatty(STDERR_FILENO) == 1)
 {
-    if (!quiet) return;
-    const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    if (null < 0) return;
-    dup2(null, STDOUT_FILENO);
-    close(null);
 }
 
 void console::problem(const std::string &text)

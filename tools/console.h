@@ -17,8 +17,7 @@ class console {
 public:
     /**
      * @param command  its name, which starts every problem's line
-     * @param quiet    prints problems only, and discards the library's lines
-     *                 on standard output
+     * @param quiet    prints problems only
      */
     console(std::string command, bool quiet);
     ~console() { clear_progress(); }

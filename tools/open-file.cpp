@@ -37,13 +37,6 @@ uint64_t open_file::size() const
     return static_cast<uint64_t>(status.st_size);
 }
 
-void open_file::lock() const
-{
-    if (flock(descriptor_, LOCK_EX | LOCK_NB) == 0) return;
-    if (errno != EWOULDBLOCK) throw failure(purpose_, path_, errno);
-    throw failure(purpose_, path_, "another process is recording or repairing it; repeat when that has ended");
-}
-
 bool open_file::is_locked() const
 {
     if (flock(descriptor_, LOCK_SH | LOCK_NB) != 0) return errno == EWOULDBLOCK;
@@ -55,8 +48,7 @@ bool open_file::read(uint64_t offset, std::span<uint8_t> to) const
 {
     size_t got = 0;
     while (got < to.size()) {
-        const ssize_t n = pread(descriptor_, to.data() + got, to.size() - got, static_cast<off_t>(offset + got));
-        if (n < 0 && errno == EINTR) continue;
+        const int64_t n = read_some(offset + got, to.subspan(got));
         if (n < 0) throw failure("cannot read", path_, errno);
         if (n == 0) return false;
         got += static_cast<size_t>(n);
@@ -64,10 +56,12 @@ bool open_file::read(uint64_t offset, std::span<uint8_t> to) const
     return true;
 }
 
-void open_file::write(std::span<const uint8_t> data) const
+int64_t open_file::read_some(uint64_t offset, std::span<uint8_t> to) const
 {
-    if (writen(descriptor_, data.data(), data.size()) != static_cast<ssize_t>(data.size()))
-        throw failure("cannot write", path_, errno);
+    ssize_t n;
+    do n = pread(descriptor_, to.data(), to.size(), static_cast<off_t>(offset));
+    while (n < 0 && errno == EINTR);
+    return n;
 }
 
 void sync_directory_of(const std::string &path)

@@ -27,13 +27,12 @@ public:
     const std::string &path() const { return path_; }
 
     uint64_t size() const;
-    /** Takes an exclusive lock, until the file is closed. */
-    void lock() const;
     /** Whether another process has an exclusive lock. */
     bool is_locked() const;
     /** False when the file ends before that many bytes. */
     bool read(uint64_t offset, std::span<uint8_t> to) const;
-    void write(std::span<const uint8_t> data) const;
+    /** What can be read there at once: bytes, 0 at the end; -1 with errno. */
+    int64_t read_some(uint64_t offset, std::span<uint8_t> to) const;
 
 private:
     const char *purpose_;

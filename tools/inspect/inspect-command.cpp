@@ -4,11 +4,12 @@
 
 #include <fcntl.h>
 
+#include <mediafiles/recovery.h>
+
 #include "tools/command.h"
 #include "tools/console.h"
 #include "tools/failure.h"
 #include "tools/inspect/inspect.h"
-#include "tools/journal.h"
 #include "tools/json.h"
 
 namespace tools {
@@ -55,7 +56,7 @@ bool inspect(const inspect_line &given, std::FILE *to)
     std::vector<uint8_t> begin(std::min<uint64_t>(file.size(), 1 << 16));
     if (begin.empty()) throw failure(cannot_read, given.path, "it is empty");
     if (!file.read(0, begin)) throw failure(cannot_read, given.path, "it became shorter while it was read");
-    if (begins_journal(begin)) return inspect_journal(file, given.json, to);
+    if (mediafiles_is_journal(begin.data(), begin.size())) return inspect_journal(file, given.json, to);
     if (begins_mp4(begin)) return inspect_mp4(file, given.json, to);
     throw failure(cannot_read, given.path,
                   std::ranges::count(begin, 0) == static_cast<ptrdiff_t>(begin.size())

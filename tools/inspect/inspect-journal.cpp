@@ -2,9 +2,14 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
+#include <memory>
+#include <new>
+
+#include <mediafiles/caretaker.h>
+#include <mediafiles/recovery.h>
 
 #include "tools/failure.h"
-#include "tools/journal.h"
 #include "tools/json.h"
 #include "tools/print.h"
 #include "tools/seconds.h"
@@ -14,9 +19,14 @@ namespace tools {
 
 namespace {
 
-constexpr size_t sample_record_size = 28;
+struct close_journal {
+    void operator()(mediafiles_journal *journal) const { mediafiles_journal_close(journal); }
+};
+using journal_ptr = std::unique_ptr<mediafiles_journal, close_journal>;
+using journal_record = mediafiles_journal_record;
+using journal_summary = mediafiles_journal_summary;
 
-const char *name(uint8_t kind)
+const char *kind_name(uint8_t kind)
 {
     switch (kind) {
     case MEMENTO_USER:
@@ -38,27 +48,44 @@ const char *name(uint8_t kind)
     }
 }
 
-const char *name(journal_ending ending)
+constexpr const char *ending_names[] = {"whole", "cut", "torn", "damaged"};
+static_assert(std::size(ending_names) == MEDIAFILES_JOURNAL_DAMAGED + 1);
+
+/* Payload of a MEMENTO_SAMPLE. */
+struct sample {
+    uint64_t at; // of its record, in the journal
+    uint32_t offset, size;
+    int64_t time; // nanoseconds; seconds beyond 32 bits do not count, as in the library
+    bool key;
+};
+
+sample sample_of(const journal_record &record)
 {
-    switch (ending) {
-    case journal_ending::whole:
-        return "whole";
-    case journal_ending::cut:
-        return "cut";
-    case journal_ending::zeros:
-        return "zeros";
-    case journal_ending::damaged:
-        return "damaged";
-    }
-    return "";
+    struct {
+        uint32_t offset, size;
+        int32_t seconds[2];
+        uint32_t nanoseconds;
+        int32_t key;
+    } stored;
+    std::memcpy(&stored, record.payload, sizeof stored);
+    return {record.offset, stored.offset, stored.size, stored.seconds[0] * second + stored.nanoseconds,
+            stored.key != 0};
+}
+
+mp4_track_desc track_of(const journal_record &record)
+{
+    mp4_track_desc track;
+    std::memcpy(&track, record.payload, sizeof track);
+    return track;
 }
 
 /* The payload of a user record, when it is text. */
 std::optional<std::string> text_in(const journal_record &record)
 {
-    const auto is_printable = [](uint8_t byte) { return byte >= ' ' && byte <= '~'; };
-    if (record.payload.empty() || !std::ranges::all_of(record.payload, is_printable)) return {};
-    return std::string(record.payload.begin(), record.payload.end());
+    const std::string text(record.payload, record.payload + record.length);
+    const auto is_printable = [](char c) { return c >= ' ' && c <= '~'; };
+    if (text.empty() || !std::ranges::all_of(text, is_printable)) return {};
+    return text;
 }
 
 /* Seconds with all digits. */
@@ -71,39 +98,39 @@ std::string exact(int64_t nanoseconds)
 std::string to_text(const journal_record &record)
 {
     const std::string text =
-        print("%12zu  %-6s %5u", record.at, name(record.header.kind), unsigned{record.header.track});
-    switch (record.header.kind) {
+        print("%12ju  %-6s %5u", uintmax_t{record.offset}, kind_name(record.kind), unsigned{record.track});
+    switch (record.kind) {
     case MEMENTO_SAMPLE: {
-        const journal_sample sample = read_sample(record);
+        const sample sample = sample_of(record);
         return text + print(" %10u %8u %20s%s", sample.offset, sample.size, exact(sample.time).c_str(),
                             sample.key ? "  key" : "");
     }
     case MEMENTO_TRACK:
-        return text + "  " + describe(read_track(record));
+        return text + "  " + describe(track_of(record));
     default:
-        const auto words = record.header.kind == MEMENTO_USER ? text_in(record) : std::nullopt;
-        return text + print(" %10s %8zu", "", record.payload.size()) + (words ? "  " + *words : "");
+        const auto words = record.kind == MEMENTO_USER ? text_in(record) : std::nullopt;
+        return text + print(" %10s %8u", "", unsigned{record.length}) + (words ? "  " + *words : "");
     }
 }
 
-ordered_json to_json(const journal_sample &sample)
+ordered_json to_json(const sample &sample)
 {
     return {{"offset", sample.offset}, {"size", sample.size}, {"time_ns", sample.time}, {"key", sample.key}};
 }
 
 ordered_json to_json(const journal_record &record)
 {
-    ordered_json result = {{"at", record.at}, {"kind", name(record.header.kind)}, {"track", record.header.track}};
-    switch (record.header.kind) {
+    ordered_json result = {{"at", record.offset}, {"kind", kind_name(record.kind)}, {"track", record.track}};
+    switch (record.kind) {
     case MEMENTO_SAMPLE:
-        result.update(to_json(read_sample(record)));
+        result.update(to_json(sample_of(record)));
         break;
     case MEMENTO_TRACK:
-        add_description(result, read_track(record));
+        add_description(result, track_of(record));
         break;
     default:
-        result["size"] = record.payload.size();
-        if (record.header.kind == MEMENTO_USER)
+        result["size"] = record.length;
+        if (record.kind == MEMENTO_USER)
             if (const auto text = text_in(record)) result["text"] = *text;
     }
     return result;
@@ -111,45 +138,37 @@ ordered_json to_json(const journal_record &record)
 
 struct track_summary {
     uint64_t frames = 0, key_frames = 0, bytes = 0;
-    int64_t longest_key_interval = 0; // nanoseconds
-    const journal_sample *first = nullptr, *last = nullptr, *first_key = nullptr, *last_key = nullptr;
+    int64_t first_time = 0, first_key = 0, last_key = 0; // nanoseconds; once there are frames and key frames
+    int64_t longest_key_interval = 0;                    // nanoseconds
+    sample last = {};
 
-    void add(const journal_sample &sample)
+    void add(const sample &next)
     {
-        ++frames;
-        bytes += sample.size;
-        if (!first) first = &sample;
-        last = &sample;
-        if (!sample.key) return;
-        if (last_key)
-            longest_key_interval = std::max(longest_key_interval, sample.time - last_key->time);
+        if (frames++ == 0) first_time = next.time;
+        bytes += next.size;
+        last = next;
+        if (!next.key) return;
+        if (key_frames++ == 0)
+            first_key = next.time;
         else
-            first_key = &sample;
-        last_key = &sample;
-        ++key_frames;
+            longest_key_interval = std::max(longest_key_interval, next.time - last_key);
+        last_key = next.time;
     }
 
     /* Nanoseconds; none with less than two key frames. */
     std::optional<int64_t> key_interval() const
     {
         if (key_frames < 2) return {};
-        return (last_key->time - first_key->time) / static_cast<int64_t>(key_frames - 1);
+        return (last_key - first_key) / static_cast<int64_t>(key_frames - 1);
     }
 
     /* Without the last frame, whose duration is unknown. */
     std::optional<int64_t> bytes_per_second() const
     {
-        if (frames < 2 || last->time <= first->time) return {};
-        return std::llround(static_cast<double>(bytes - last->size) / seconds(last->time - first->time));
+        if (frames < 2 || last.time <= first_time) return {};
+        return std::llround(static_cast<double>(bytes - last.size) / seconds(last.time - first_time));
     }
 };
-
-std::vector<track_summary> summarize(const journal &journal)
-{
-    std::vector<track_summary> tracks(journal.tracks.size());
-    for (const journal_sample &sample : journal.samples) tracks[sample.track].add(sample);
-    return tracks;
-}
 
 std::string to_text(size_t index, const mp4_track_desc &description, const track_summary &track)
 {
@@ -159,36 +178,26 @@ std::string to_text(size_t index, const mp4_track_desc &description, const track
         text += print(" (every %.3f s, at most %.3f s)", seconds(*interval), seconds(track.longest_key_interval));
     text += print(", %ju bytes", uintmax_t{track.bytes});
     if (const auto rate = track.bytes_per_second()) text += print(", %jd bytes a second", intmax_t{*rate});
-    if (track.last)
-        text += print("; the last at %s s, %u bytes at %u", exact(track.last->time).c_str(), track.last->size,
-                      track.last->offset);
+    if (track.frames != 0)
+        text += print("; the last at %s s, %u bytes at %u", exact(track.last.time).c_str(), track.last.size,
+                      track.last.offset);
     return text;
 }
 
-std::string ending_of(const journal &journal, size_t size)
+std::string ending_of(const journal_summary &journal)
 {
-    const std::string where = print("%zu of %zu", size - journal.lost, size);
+    const std::string where = print("%ju of %ju", uintmax_t{journal.end}, uintmax_t{journal.end + journal.lost});
+    const std::string why = journal.damage ? std::string(" (") + journal.damage + ")" : "";
     switch (journal.ending) {
-    case journal_ending::whole:
-        return "valid to its end";
-    case journal_ending::cut:
+    case MEDIAFILES_JOURNAL_CUT:
         return "cut at byte " + where + ", inside a record, which does not count";
-    case journal_ending::zeros:
-        return "zeros, as power cuts leave them, end it at byte " + where +
-               "; the record in which they begin does not count";
-    case journal_ending::damaged:
-        return "damaged at byte " + where + ": " + journal.damage + "; the rest is lost";
+    case MEDIAFILES_JOURNAL_TORN:
+        return "torn at byte " + where + why + ", as power cuts leave it; what stands there does not count";
+    case MEDIAFILES_JOURNAL_DAMAGED:
+        return "damaged at byte " + where + why + "; what stands there and after it is lost";
+    default:
+        return "valid to its end";
     }
-    return "";
-}
-
-void print_text_end(const journal &journal, size_t size, std::FILE *to)
-{
-    std::fputs("\n", to);
-    const std::vector<track_summary> tracks = summarize(journal);
-    for (size_t i = 0; i < tracks.size(); ++i)
-        std::fprintf(to, "%s\n", to_text(i, journal.tracks[i], tracks[i]).c_str());
-    std::fprintf(to, "%zu frames; %s\n", journal.samples.size(), ending_of(journal, size).c_str());
 }
 
 ordered_json to_json(size_t index, const mp4_track_desc &description, const track_summary &track)
@@ -203,69 +212,95 @@ ordered_json to_json(size_t index, const mp4_track_desc &description, const trac
     result["bytes"] = track.bytes;
     result["bytes_per_second"] = or_null(track.bytes_per_second());
     result["last"] = nullptr;
-    if (!track.last) return result;
-    result["last"] = {{"at", track.last->record_end - sample_record_size}};
-    result["last"].update(to_json(*track.last));
+    if (track.frames == 0) return result;
+    result["last"] = {{"at", track.last.at}};
+    result["last"].update(to_json(track.last));
     return result;
 }
 
-ordered_json json_end(const journal &journal, size_t size)
+/* A journal of which the records are printed one by one, and what they amount to. */
+struct listing {
+    explicit listing(const open_file &file) : source{const_cast<open_file *>(&file), file.size(), read}
+    {
+        journal.reset(mediafiles_journal_open(&source, nullptr));
+        if (!journal) throw std::bad_alloc();
+    }
+
+    static int64_t read(void *context, uint64_t offset, void *to, uint32_t count)
+    {
+        return static_cast<open_file *>(context)->read_some(offset, {static_cast<uint8_t *>(to), count});
+    }
+
+    template <class Print>
+    journal_summary for_each(Print print_record)
+    {
+        journal_record record = {};
+        record.size = sizeof record;
+        while (mediafiles_journal_next(journal.get(), &record) == 1) {
+            if (record.kind == MEMENTO_SAMPLE) tracks[record.track].add(sample_of(record));
+            print_record(record);
+        }
+        journal_summary summary = {};
+        summary.size = sizeof summary;
+        mediafiles_journal_get_summary(journal.get(), &summary);
+        return summary;
+    }
+
+    mediafiles_source source;
+    journal_ptr journal;
+    track_summary tracks[MP4_MAX_TRACKS];
+};
+
+bool print_text(const open_file &file, std::FILE *to)
 {
-    const std::vector<track_summary> summaries = summarize(journal);
+    listing all(file);
+    std::fprintf(to, "%s: journal, %ju bytes\n\n%12s  %-6s %5s %10s %8s %20s\n", file.path().c_str(),
+                 uintmax_t{all.source.size}, "at", "kind", "track", "offset", "size", "time");
+    const journal_summary journal =
+        all.for_each([&](const journal_record &record) { std::fprintf(to, "%s\n", to_text(record).c_str()); });
+    std::fputs("\n", to);
+    for (uint32_t i = 0; i < journal.tracks; ++i)
+        std::fprintf(to, "%s\n", to_text(i, journal.track[i], all.tracks[i]).c_str());
+    if (journal.rounds != 0) std::fprintf(to, "%u rounds of syncs, ", journal.rounds);
+    std::fprintf(to, "%ju frames; %s\n", uintmax_t{journal.samples}, ending_of(journal).c_str());
+    return journal.ending != MEDIAFILES_JOURNAL_DAMAGED;
+}
+
+/* One object in three pieces: what stands before the records, the records, and what is known after them. */
+bool print_json(const open_file &file, std::FILE *to)
+{
+    listing all(file);
+    const std::string opened = json_text(
+        {{"path", file.path()}, {"kind", "journal"}, {"error", nullptr}, {"bytes", all.source.size}});
+    std::fprintf(to, "%s,\n  \"records\": [", opened.substr(0, opened.size() - 2).c_str());
+    const char *separator = "\n    ";
+    const journal_summary journal = all.for_each([&](const journal_record &record) {
+        std::fprintf(to, "%s%s", separator, json_text(to_json(record), one_line).c_str());
+        separator = ",\n    ";
+    });
+    const bool sound = journal.ending != MEDIAFILES_JOURNAL_DAMAGED;
     ordered_json tracks = ordered_json::array(), damage = nullptr;
-    for (size_t i = 0; i < summaries.size(); ++i) tracks.push_back(to_json(i, journal.tracks[i], summaries[i]));
-    if (!journal.damage.empty()) damage = {{"at", size - journal.lost}, {"text", journal.damage}};
-    return {
+    for (uint32_t i = 0; i < journal.tracks; ++i) tracks.push_back(to_json(i, journal.track[i], all.tracks[i]));
+    if (!sound) damage = {{"at", journal.end}, {"text", journal.damage}};
+    const ordered_json end = {
         {"tracks", tracks},
-        {"frames", journal.samples.size()},
-        {"ending", name(journal.ending)},
-        {"valid_bytes", size - journal.lost},
+        {"frames", journal.samples},
+        {"rounds", journal.rounds},
+        {"ending", ending_names[journal.ending]},
+        {"valid_bytes", journal.end},
         {"lost_bytes", journal.lost},
         {"damage", damage},
-        {"sound", journal.ending != journal_ending::damaged},
+        {"sound", sound},
     };
-}
-
-std::vector<uint8_t> read_all(const open_file &file)
-{
-    const uint64_t size = file.size();
-    if (size > largest_journal) throw failure("cannot read", file.path(), "it is too large for a journal");
-    std::vector<uint8_t> data(size);
-    if (!file.read(0, data)) throw failure("cannot read", file.path(), "it became shorter while it was read");
-    return data;
-}
-
-/* Whether zeros at the end are a sample's own is judged without the media. */
-journal parse(std::span<const uint8_t> data, const record_visitor &visit)
-{
-    return parse_journal(
-        data, [](auto &, auto &) { return std::nullopt; }, visit);
+    std::fprintf(to, "\n  ],\n%s\n", json_text(end).substr(2).c_str());
+    return sound;
 }
 
 } // namespace
 
 bool inspect_journal(const open_file &file, bool json, std::FILE *to)
 {
-    const std::vector<uint8_t> data = read_all(file);
-    if (!json) {
-        std::fprintf(to, "%s: journal, %zu bytes\n\n%12s  %-6s %5s %10s %8s %20s\n", file.path().c_str(), data.size(),
-                     "at", "kind", "track", "offset", "size", "time");
-        const journal journal =
-            parse(data, [&](const journal_record &record) { std::fprintf(to, "%s\n", to_text(record).c_str()); });
-        print_text_end(journal, data.size(), to);
-        return journal.ending != journal_ending::damaged;
-    }
-    /* One object in three pieces: what comes before the records, the records, and what is known after them. */
-    const ordered_json begin = {{"path", file.path()}, {"kind", "journal"}, {"error", nullptr}, {"bytes", data.size()}};
-    const std::string opened = json_text(begin);
-    std::fprintf(to, "%s,\n  \"records\": [", opened.substr(0, opened.size() - 2).c_str());
-    const char *separator = "\n    ";
-    const journal journal = parse(data, [&](const journal_record &record) {
-        std::fprintf(to, "%s%s", separator, json_text(to_json(record), one_line).c_str());
-        separator = ",\n    ";
-    });
-    std::fprintf(to, "\n  ],\n%s\n", json_text(json_end(journal, data.size())).substr(2).c_str());
-    return journal.ending != journal_ending::damaged;
+    return json ? print_json(file, to) : print_text(file, to);
 }
 
 } // namespace tools

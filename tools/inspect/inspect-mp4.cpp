@@ -4,8 +4,10 @@
 
 #include <fcntl.h>
 
+#include <mediafiles/recovery.h>
+
 #include "tools/failure.h"
-#include "tools/journal.h"
+#include "tools/journal-name.h"
 #include "tools/json.h"
 #include "tools/print.h"
 #include "tools/reader/reader.h"
@@ -142,7 +144,7 @@ std::optional<std::string> journal_beside(const std::string &media, bool &exists
         const open_file file("", path, O_RDONLY);
         exists = true;
         std::vector<uint8_t> begin(std::min<uint64_t>(file.size(), 4096));
-        return file.read(0, begin) && begins_journal(begin) ? std::optional(path) : std::nullopt;
+        return file.read(0, begin) && mediafiles_is_journal(begin.data(), begin.size()) != 0 ? std::optional(path) : std::nullopt;
     } catch (const failure &) {
         return {};
     }

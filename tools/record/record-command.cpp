@@ -8,7 +8,7 @@ extern "C" {
 }
 
 #include "tools/command.h"
-#include "tools/journal.h"
+#include "tools/journal-name.h"
 #include "tools/record/record.h"
 
 namespace tools {

@@ -9,10 +9,11 @@
 #include <unistd.h>
 
 #include <mediafiles/caretaker.h>
+#include <mediafiles/recovery.h>
 #include <mediafiles/support/io.h>
 
 #include "tools/failure.h"
-#include "tools/journal.h"
+#include "tools/journal-name.h"
 #include "tools/open-file.h"
 
 namespace tools {
@@ -41,12 +42,15 @@ locked_file::locked_file(std::string path, bool overwrite, const char *why_not) 
     if (descriptor_ < 0) throw failure(cannot_record, path_, errno);
 
     std::string problem;
-    if (!S_ISREG(status().st_mode))
+    bool others = false;
+    if (!S_ISREG(status().st_mode)) {
         problem = "it is not a regular file";
-    else if (flock(descriptor_, LOCK_EX | LOCK_NB) != 0)
-        problem = errno == EWOULDBLOCK ? "another process is recording it" : std::strerror(errno);
+    } else if (flock(descriptor_, LOCK_EX | LOCK_NB) != 0) {
+        others = errno == EWOULDBLOCK;
+        problem = others ? "another process is recording it" : std::strerror(errno);
+    }
     if (problem.empty()) return;
-    if (made_) unlink(path_.c_str());
+    if (made_ && !others) unlink(path_.c_str()); // a file that another process has locked meanwhile is its own
     close(descriptor_);
     throw failure(cannot_record, path_, problem);
 }
@@ -116,7 +120,12 @@ void recording_files::sync_media()
 int recording_files::append_journal(std::span<const uint8_t> records)
 {
     if (journal_sync_error_ != 0) return journal_sync_error_;
-    unwritten_.insert(unwritten_.end(), records.begin(), records.end());
+    if (!records.empty()) {
+        uint8_t mark[MEDIAFILES_ROUND_MARK_SIZE];
+        mediafiles_round_mark(mark, ++rounds_, media_size(), records.data(), records.size());
+        unwritten_.insert(unwritten_.end(), records.begin(), records.end());
+        unwritten_.insert(unwritten_.end(), mark, mark + sizeof mark);
+    }
     if (unwritten_.empty()) return 0;
     const ssize_t written = writen(journal_->descriptor(), unwritten_.data(), unwritten_.size());
     const int error = errno;

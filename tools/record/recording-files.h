@@ -84,6 +84,7 @@ private:
     locked_file media_;
     std::optional<locked_file> journal_;
     std::vector<uint8_t> unwritten_; // of the journal
+    uint32_t rounds_ = 0;            // of syncs
     bool media_failed_ = false;
     int journal_sync_error_ = 0;
 };

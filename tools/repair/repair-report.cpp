@@ -1,6 +1,7 @@
 #include "tools/repair/repair-report.h"
 
-#include <algorithm>
+#include <cstring>
+#include <span>
 
 #include "tools/print.h"
 #include "tools/seconds.h"
@@ -10,29 +11,72 @@ namespace tools {
 
 namespace {
 
-const char *name(repair_result result)
+constexpr const char *names[] = {"",         "repaired", "salvaged", "finished",
+                                 "empty_removed", "not_ours", "refused",  "failed"};
+static_assert(std::size(names) == MEDIAFILES_FAILED + 1);
+
+bool has_movie(const mediafiles_report &report)
 {
-    switch (result) {
-    case repair_result::repaired:
-        return "repaired";
-    case repair_result::finished:
-        return "finished";
-    case repair_result::refused:
-        return "refused";
-    case repair_result::failed:
-        return "failed";
+    return report.plan && (report.result == MEDIAFILES_REPAIRED || report.result == MEDIAFILES_SALVAGED);
+}
+
+std::span<const mp4_fix_track> tracks_of(const mediafiles_plan_info &plan)
+{
+    return std::span(plan.info.tracks).first(plan.info.trackCount);
+}
+
+std::span<const mediafiles_range> ranges_of(const mediafiles_report &report)
+{
+    return {report.ranges, report.plan ? report.plan->ranges : 0};
+}
+
+uint64_t bytes_of(std::span<const mediafiles_range> ranges)
+{
+    uint64_t bytes = 0;
+    for (const mediafiles_range &range : ranges) bytes += range.end - range.begin;
+    return bytes;
+}
+
+ordered_json text_or_null(const char *text)
+{
+    return text ? ordered_json(text) : ordered_json(nullptr);
+}
+
+/* The options that would help. */
+std::string help_for(const mediafiles_report &report)
+{
+    struct {
+        uint32_t option;
+        const char *text;
+    } static constexpr helps[] = {
+        {MEDIAFILES_SALVAGE, "--salvage keeps what stands before that"},
+        {MEDIAFILES_KEEP_DAMAGED, "--keep-damaged keeps all that the journal names"},
+        {MEDIAFILES_FORCE, "--force does it"},
+    };
+    std::string text;
+    if (report.plan)
+        for (const auto &each : helps)
+            if (report.plan->help & each.option) text += std::string("; ") + each.text;
+    switch (report.reason) {
+    case MEDIAFILES_REASON_NO_JOURNAL:
+    case MEDIAFILES_REASON_FOREIGN_JOURNAL:
+        return text + "; --journal names another";
+    case MEDIAFILES_REASON_NO_FRAME_LEFT:
+        return text + "; without --drop-last-frame all frames are kept";
+    case MEDIAFILES_REASON_IN_USE:
+        return text + "; repeat when that has ended";
+    default:
+        return text;
     }
-    return "";
 }
 
-std::span<const mp4_fix_track> tracks_of(const repair_report &report)
+/* Where and how a journal is damaged. */
+std::string place_of(const mediafiles_report &report)
 {
-    return std::span(report.info.tracks).first(report.info.trackCount);
-}
-
-size_t count(std::span<const repair_report> reports, repair_result result)
-{
-    return static_cast<size_t>(std::ranges::count(reports, result, &repair_report::result));
+    const mediafiles_plan_info *plan = report.plan;
+    if (report.reason != MEDIAFILES_REASON_JOURNAL_DAMAGED || !plan || !plan->damage) return "";
+    return print(" at byte %ju of %ju (%s)", uintmax_t{plan->journal_end},
+                 uintmax_t{plan->journal_end + plan->journal_lost}, plan->damage);
 }
 
 ordered_json object(size_t index, const mp4_fix_track &track)
@@ -44,59 +88,96 @@ ordered_json object(size_t index, const mp4_fix_track &track)
     return result;
 }
 
-ordered_json object(const repair_report &report)
-{
-    ordered_json result = {
-        {"path", report.path},           {"journal", or_null(report.journal)}, {"journal_kept", report.journal_kept},
-        {"result", name(report.result)}, {"output", or_null(report.output)},   {"error", or_null(report.problem)}};
-    if (report.result != repair_result::repaired) return result;
-    ordered_json tracks = ordered_json::array();
-    for (const mp4_fix_track &track : tracks_of(report)) tracks.push_back(object(tracks.size(), track));
-    result["duration"] = seconds(report.info.timespan);
-    result["bytes"] = report.info.fileSize;
-    result["cut_bytes"] = report.cut;
-    result["journal_lost_bytes"] = report.journal_lost;
-    result["journal_damage"] = or_null(report.journal_damage);
-    result["tracks"] = tracks;
-    return result;
-}
-
 } // namespace
 
-std::string to_text(const repair_report &report, bool dry_run)
+std::string problem_of(const mediafiles_report &report)
 {
-    if (report.result == repair_result::finished) return report.path + ": finished properly, left as it is";
-    if (report.result != repair_result::repaired) return "";
-    std::string text = report.path + (dry_run ? ": can be repaired" : ": repaired");
-    if (report.output && *report.output != report.path) text += " as " + *report.output;
-    text += print(": %.3f s", seconds(report.info.timespan));
-    for (const mp4_fix_track &track : tracks_of(report))
-        text += print(", %s %u frames %.3f s", codec_name(track.desc.type), track.frameCount, seconds(track.timespan));
-    text += print("; %ju bytes cut off, %u bytes", uintmax_t{report.cut}, report.info.fileSize);
-    if (report.journal_lost != 0) text += print("; %ju bytes of the journal lost", uintmax_t{report.journal_lost});
-    if (!report.journal_damage.empty()) text += " (" + report.journal_damage + ")";
+    if (report.result != MEDIAFILES_REFUSED && report.result != MEDIAFILES_FAILED) return "";
+    const char *file = report.problem_path ? report.problem_path : report.path;
+    const bool system = report.reason == MEDIAFILES_REASON_SYSTEM;
+    std::string text = std::string("cannot repair: ") + file + ": ";
+    text += system ? std::strerror(report.error) : mediafiles_reason_text(report.reason) + place_of(report);
+    if (!system && report.error != 0) text += std::string(" (") + std::strerror(report.error) + ")";
+    text += help_for(report);
+    if (report.result == MEDIAFILES_FAILED) text += "; it can be repeated";
     return text;
 }
 
-std::string total_of(std::span<const repair_report> reports, bool dry_run)
+std::string to_text(const mediafiles_report &report, bool dry_run)
 {
-    const size_t repaired = count(reports, repair_result::repaired), finished = count(reports, repair_result::finished);
-    return print("%zu files: %zu %s, %zu finished properly, %zu not repaired", reports.size(), repaired,
-                 dry_run ? "can be repaired" : "repaired", finished, reports.size() - repaired - finished);
+    const std::string path = report.path;
+    if (report.result == MEDIAFILES_FINISHED)
+        return path + ": finished properly, left as it is" +
+               (report.plan && report.plan->foreign ? "; the journal beside it is not its own" : "");
+    if (report.result == MEDIAFILES_EMPTY_REMOVED)
+        return path + (dry_run ? ": holds no frame, can be removed" : ": held no frame, removed");
+    if (report.result == MEDIAFILES_NOT_OURS) return path + ": no recording of this kind, left as it is";
+    if (!has_movie(report)) return "";
+
+    const mediafiles_plan_info &plan = *report.plan;
+    std::string text = path + (dry_run ? ": can be " : ": ") + names[report.result];
+    if (report.output && path != report.output) text += std::string(" as ") + report.output;
+    text += print(": %.3f s", seconds(plan.info.timespan));
+    for (const mp4_fix_track &track : tracks_of(plan))
+        text += print(", %s %u frames %.3f s", codec_name(track.desc.type), track.frameCount, seconds(track.timespan));
+    text += print("; %ju bytes cut off, %ju bytes", uintmax_t{plan.cut}, uintmax_t{plan.file_size});
+    if (const auto ranges = ranges_of(report); !ranges.empty())
+        text += print("; damaged ranges: %zu, %ju bytes", ranges.size(), uintmax_t{bytes_of(ranges)});
+    if (plan.journal_lost != 0) text += print("; %ju bytes of the journal lost", uintmax_t{plan.journal_lost});
+    if (plan.damage) text += std::string(" (") + plan.damage + ")";
+    return text;
 }
 
-std::string to_json(std::span<const repair_report> reports, bool dry_run)
+std::string total_of(const repair_counts &counts, bool dry_run)
 {
-    ordered_json files = ordered_json::array();
-    for (const repair_report &report : reports) files.push_back(object(report));
-    const ordered_json result = {
-        {"dry_run", dry_run},
-        {"files", files},
-        {"repaired", count(reports, repair_result::repaired)},
-        {"finished", count(reports, repair_result::finished)},
-        {"refused", count(reports, repair_result::refused)},
-        {"failed", count(reports, repair_result::failed)},
+    uint64_t all = 0;
+    for (const uint64_t count : counts.of) all += count;
+    const auto count = [&](int result) { return uintmax_t{counts.of[result]}; };
+    std::string text = print("%ju files: %ju %s", uintmax_t{all},
+                             count(MEDIAFILES_REPAIRED) + count(MEDIAFILES_SALVAGED),
+                             dry_run ? "can be repaired" : "repaired");
+    if (counts.of[MEDIAFILES_SALVAGED] != 0) text += print(" (%ju with damage)", count(MEDIAFILES_SALVAGED));
+    text += print(", %ju finished properly, %ju not repaired", count(MEDIAFILES_FINISHED),
+                  uintmax_t{counts.troubled()});
+    if (counts.of[MEDIAFILES_EMPTY_REMOVED] != 0) text += print(", %ju without a frame", count(MEDIAFILES_EMPTY_REMOVED));
+    if (counts.of[MEDIAFILES_NOT_OURS] != 0) text += print(", %ju of another kind", count(MEDIAFILES_NOT_OURS));
+    return text;
+}
+
+ordered_json to_json(const mediafiles_report &report)
+{
+    const std::string problem = problem_of(report);
+    ordered_json result = {
+        {"path", report.path},
+        {"journal", text_or_null(report.journal)},
+        {"journal_kept", report.journal_kept != 0},
+        {"result", names[report.result]},
+        {"output", text_or_null(report.output)},
+        {"error", problem.empty() ? ordered_json(nullptr) : ordered_json(problem)},
+        {"writers_known", report.lease_unknown == 0},
     };
+    if (report.result == MEDIAFILES_FINISHED) result["journal_foreign"] = report.plan && report.plan->foreign;
+    if (!has_movie(report)) return result;
+    const mediafiles_plan_info &plan = *report.plan;
+    ordered_json tracks = ordered_json::array(), ranges = ordered_json::array();
+    for (const mp4_fix_track &track : tracks_of(plan)) tracks.push_back(object(tracks.size(), track));
+    for (const mediafiles_range &range : ranges_of(report)) ranges.push_back({range.begin, range.end});
+    result["duration"] = seconds(plan.info.timespan);
+    result["bytes"] = plan.file_size;
+    result["cut_bytes"] = plan.cut;
+    result["journal_lost_bytes"] = plan.journal_lost;
+    result["journal_damage"] = text_or_null(plan.damage);
+    result["bad_ranges"] = ranges;
+    result["tracks"] = tracks;
+    if (report.hash_read) result["sha256_read"] = report.hash_read;
+    if (report.hash_made) result["sha256_made"] = report.hash_made;
+    return result;
+}
+
+std::string to_json(const ordered_json &files, const repair_counts &counts, bool dry_run)
+{
+    ordered_json result = {{"dry_run", dry_run}, {"files", files}};
+    for (int i = MEDIAFILES_REPAIRED; i <= MEDIAFILES_FAILED; ++i) result[names[i]] = counts.of[i];
     return json_text(result) + "\n";
 }
 
