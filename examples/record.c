@@ -1,6 +1,7 @@
 /*
  * Records elementary streams into an MP4 file, with a journal beside it from
- * which the recording is repaired after a power cut.
+ * which the recording is repaired after a power cut. It shows what the core
+ * asks of an application: the lock, the order of a round of syncs, the errors.
  *
  *     record OUT.mp4 video.h26X video.units.tsv WIDTH HEIGHT [audio.aac audio.units.tsv CHANNELS RATE]
  *
@@ -9,39 +10,60 @@
  * H.264, or H.265 where its name ends in .h265.
  */
 #define _GNU_SOURCE
-#define _FILE_OFFSET_BITS 64 /* recordings pass 2 GB */
+#define _FILE_OFFSET_BITS 64 /* recordings pass 2 GB, and a 32-bit device must open them */
+#include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <mediafiles/builder.h>
 #include <mediafiles/caretaker.h>
+#include <mediafiles/h265-parser.h>
 #include <mediafiles/movie.h>
+#include <mediafiles/recovery.h>
 
 struct recording {
     mp4_builder *builder;
     mediafile_caretaker *journal;
     int media_fd, journal_fd, directory_fd;
+    uint32_t rounds;
     char pending[1 << 20]; /* journal bytes on their way to the file; the rest of a short write goes first */
     size_t pending_len;
 };
 
+/* What the journal file gets at the end of this round: the records since the last one, and the round's mark. */
+static int take_records(struct recording *r, off_t media_size)
+{
+    uint32_t count;
+    const void *records = mediafile_caretaker_read(r->journal, &count);
+    if (count == 0) return 0;
+    if (count + MEDIAFILES_ROUND_MARK_SIZE > sizeof r->pending - r->pending_len) {
+        errno = ENOBUFS;
+        return -1;
+    }
+    memcpy(r->pending + r->pending_len, records, count);
+    r->pending_len += count;
+    mediafiles_round_mark(r->pending + r->pending_len, ++r->rounds, (uint64_t)media_size, records, count);
+    r->pending_len += MEDIAFILES_ROUND_MARK_SIZE;
+    return 0;
+}
+
 /*
- * Makes what was recorded so far safe. The order matters: a sample is on the
- * medium before the journal file names it, and no record is ever cut in the
- * middle of the journal file.
+ * A round of syncs makes what was recorded so far safe. The order matters: the
+ * records are taken directly after the flush, so that they name nothing that
+ * is recorded while the sync waits; the media is on the medium before the
+ * journal file names it; no record is ever cut in the middle of the file. With
+ * a thread for the syncs, flush and take_records share a lock with add_frame.
  */
 static int make_durable(struct recording *r)
 {
-    if (r->builder->flush(r->builder) != 0 || fdatasync(r->media_fd) != 0) return -1;
-
-    uint32_t count;
-    const void *records = mediafile_caretaker_read(r->journal, &count);
-    if (count > sizeof r->pending - r->pending_len) return -1;
-    memcpy(r->pending + r->pending_len, records, count);
-    r->pending_len += count;
+    struct stat media;
+    if (r->builder->flush(r->builder) != 0 || fstat(r->media_fd, &media) != 0) return -1;
+    if (take_records(r, media.st_size) != 0 || fdatasync(r->media_fd) != 0) return -1;
 
     ssize_t written = write(r->journal_fd, r->pending, r->pending_len);
     if (written < 0) return 0; /* the recording goes on; they are written next time */
@@ -50,8 +72,28 @@ static int make_durable(struct recording *r)
     return fdatasync(r->journal_fd);
 }
 
+/*
+ * The journal of an H.265 track holds its first prefix SEI unit (type 39), and no record is larger than 512 bytes: a
+ * larger unit would end the journal. Encoders send their settings so; no decoder needs them. They are taken out.
+ */
+static uint32_t without_long_sei(uint8_t *data, uint32_t len)
+{
+    uint32_t begin, code, offset, next, kept = 0;
+    if (!h265_parser_find_start_code(data, len, &begin, &code)) return len;
+    for (uint32_t end = 0; end < len; begin = end, code = next) { /* a unit with its start code each time */
+        const uint32_t unit = begin + code;
+        const int more = h265_parser_find_start_code(data + unit, len - unit, &offset, &next);
+        end = more ? unit + offset : len;
+        if (unit < len && (data[unit] >> 1 & 0x3F) == 39 && end - unit > MEMENTO_MAX_SIZE - sizeof(memento)) continue;
+        memmove(data + kept, data + begin, end - begin);
+        kept += end - begin;
+    }
+    return kept;
+}
+
 /* One elementary stream with the list of its frames. */
 struct source {
+    int is_h265;
     FILE *bytes, *units;
     char *data; /* of the next frame */
     mp4_frame next;
@@ -75,7 +117,7 @@ static void read_next(struct source *s)
         return;
     }
     s->next.data = data;
-    s->next.len = (uint32_t)length;
+    s->next.len = s->is_h265 ? without_long_sei((uint8_t *)data, (uint32_t)length) : (uint32_t)length;
     s->next.timestamp.seconds = (int32_t)(time_ns / 1000000000);
     s->next.timestamp.nanoseconds = (int32_t)(time_ns % 1000000000);
     s->next.key = key;
@@ -88,6 +130,7 @@ static int open_source(struct source *s, int track, const char *stream, const ch
     s->units = fopen(units, "r");
     if (!s->bytes || !s->units || !fgets(header, sizeof header, s->units)) return -1;
     s->next.track = track;
+    s->is_h265 = strstr(stream, ".h265") != NULL;
     read_next(s);
     return 0;
 }
@@ -108,6 +151,8 @@ static int record(struct recording *r, struct source *sources, int count)
         if (!first) return 0;
 
         if (r->builder->add_frame(r->builder, &first->next) != 0) return -1;
+        /* A journal that has ended names nothing more: what follows would be lost, and no call would fail. */
+        if ((errno = mediafile_caretaker_errcode(r->journal)) != 0) return -1;
         if (first->next.timestamp.seconds > durable_second) {
             durable_second = first->next.timestamp.seconds;
             if (make_durable(r) != 0) return -1;
@@ -149,14 +194,19 @@ int main(int argc, char **argv)
     snprintf(directory, sizeof directory, "%s", argv[1]);
     char *slash = strrchr(directory, '/');
     strcpy(slash ? slash + 1 : directory, slash ? "" : ".");
-    r.media_fd = open(argv[1], O_RDWR | O_CREAT | O_TRUNC, 0644);
-    r.journal_fd = open(journal_path, O_WRONLY | O_CREAT | O_TRUNC | O_APPEND, 0644);
-    r.directory_fd = open(directory, O_RDONLY | O_DIRECTORY);
-    if (r.media_fd < 0 || r.journal_fd < 0 || r.directory_fd < 0 || fsync(r.directory_fd) != 0) goto failed;
+    r.directory_fd = open(directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    r.media_fd = open(argv[1], O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    /* The lock tells a repair that this file is being recorded. Only who has it may empty the files. */
+    if (r.directory_fd < 0 || r.media_fd < 0 || flock(r.media_fd, LOCK_EX | LOCK_NB) != 0) goto failed;
+    r.journal_fd = open(journal_path, O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644);
+    if (r.journal_fd < 0 || ftruncate(r.media_fd, 0) != 0 || fsync(r.directory_fd) != 0) goto failed;
 
     if (r.builder->open(r.builder, r.media_fd, 65536, r.journal) != 0) goto failed;
     int recorded = record(&r, sources, count) == 0 && make_durable(&r) == 0;
-    if (r.builder->close(r.builder) != 0 || !recorded || fdatasync(r.media_fd) != 0) goto failed;
+    int error = errno;
+    int closed = r.builder->close(r.builder) == 0 && fdatasync(r.media_fd) == 0;
+    if (!recorded) errno = error;
+    if (!recorded || !closed) goto failed;
 
     unlink(journal_path); /* the file is complete without it */
     for (int i = 0; i < count; i++) {

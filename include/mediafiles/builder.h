@@ -9,7 +9,13 @@
  *     builder->destroy(builder);
  *
  * A file is ftyp at offset 0, the mdat header at 24, the media from 32, and
- * moov after it. A builder is used by one thread at a time.
+ * moov after it.
+ *
+ * A builder, its movie and its journal are used by one thread at a time: where
+ * another thread does the syncs, it takes the same lock for flush and for
+ * mediafile_caretaker_read, and syncs without it. Capture times come from one
+ * monotonic clock for all tracks. A recorder holds flock(fd, LOCK_EX) on the
+ * file until it is closed, so that a repair leaves it alone.
  */
 #ifndef MEDIAFILES_BUILDER_H
 #define MEDIAFILES_BUILDER_H
@@ -28,7 +34,12 @@ struct mp4_builder {
 
     /**
      * Starts a file at offset 0 of a seekable descriptor, which stays the
-     * caller's. The file is not truncated: pass an empty one.
+     * caller's. The file is not truncated: pass an empty one. It is opened for
+     * reading and writing, without O_APPEND (the size of mdat is written over
+     * its first value) and without O_DIRECT (writes are not aligned); on 32
+     * bits with O_LARGEFILE or _FILE_OFFSET_BITS=64, else writing ends at 2 GiB.
+     * The journal is reset: its records of the file before are gone, so they
+     * must have been read.
      *
      * @param buffer_size  of the file's write cache, bytes; 0 for none
      * @param caretaker    journal that receives the recording, or NULL; stays the caller's

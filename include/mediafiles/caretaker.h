@@ -8,7 +8,10 @@
  * never names a sample whose bytes have not gone to the recording's stream.
  *
  * An object is used by one thread at a time: an application that drains the
- * journal from another thread serialises that with the recording calls.
+ * journal from another thread serialises that with the recording calls. The
+ * records of a round of syncs are taken directly after the builder's flush and
+ * under the same lock, before the media file is synced: records that are taken
+ * after the sync would name samples which were accepted during it.
  */
 #ifndef MEDIAFILES_CARETAKER_H
 #define MEDIAFILES_CARETAKER_H
@@ -75,7 +78,8 @@ MEDIAFILES_API int mediafile_caretaker_add(mediafile_caretaker *caretaker, const
  *
  * @param count  receives the number of bytes, 0 when nothing is new
  * @return bytes owned by the caretaker, valid until the next
- *         mediafile_caretaker_add; NULL with errno
+ *         mediafile_caretaker_add, add_frame or flush: copy them under the same
+ *         lock; NULL with errno
  *           EACCES  the journal is a reader
  *           EINVAL  count is NULL
  */
@@ -102,7 +106,11 @@ MEDIAFILES_API const memento *mediafile_caretaker_pop(mediafile_caretaker *caret
 /** 1 when a reader has handed out everything that its file holds, else 0. */
 MEDIAFILES_API int mediafile_caretaker_eof(mediafile_caretaker *caretaker);
 
-/** The error that stays set, or 0. While there is one, each call also logs it, at level 4. */
+/**
+ * The error that stays set, or 0. Once there is one, the journal takes no more
+ * records until the next recording, while no call of the recording fails: look
+ * at it after each frame or round. While there is one, each call also logs it, at level 4.
+ */
 MEDIAFILES_API int mediafile_caretaker_errcode(mediafile_caretaker *caretaker);
 
 MEDIAFILES_END_DECLS

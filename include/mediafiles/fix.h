@@ -4,6 +4,13 @@
  *
  * Nothing may write to the file or the journal meanwhile. Both functions print
  * what they cut to standard output.
+ *
+ * Both believe the journal. With one that is empty, or that belongs to another
+ * recording, they cut the media off and return 0; with a stale one they shorten
+ * a finished file. What must be checked first: that nobody records the file
+ * (its lock), that it is not finished, that the journal names samples, and that
+ * they are where it says. mediafiles_recover and mediafiles_plan_create of
+ * <mediafiles/recovery.h> do that, and repair what these functions refuse.
  */
 #ifndef MEDIAFILES_FIX_H
 #define MEDIAFILES_FIX_H
