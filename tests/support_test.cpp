@@ -4,6 +4,7 @@
 #include <climits>
 #include <cstring>
 #include <memory>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -55,70 +56,92 @@ protected:
 
 TEST_P(ArrayStream, KeepsEveryElementInItsPlace)
 {
-    EXPECT_TRUE(!array_stream_create(UINT32_MAX, UINT32_MAX) && errno == ENOMEM);
-    constexpr uint32_t count = 3'000'000;
-    std::vector<void *> addresses(count);
-    for (const bool again : {false, true}) { // the second filling takes the storage that clear kept
+    std::vector<void *> places;
+    for (int filling = 0; filling < 2; ++filling) { // the second takes the storage that clear kept
         array_stream_clear(array);
         model.clear();
         EXPECT_TRUE(seek(0, 1) == 0 && walk().size() == 1);
-        model = random_bytes(size_t{count} * size);
-        for (uint32_t i = 0, one = 1; i < count; ++i) {
-            void *space = array_stream_write(array, &one);
-            ASSERT_TRUE(space != nullptr && one == 1);
-            std::memcpy(space, &model[size_t{i} * size], size);
-            if (!again) addresses[i] = space;
-        }
-        const auto ends = walk();
-        ASSERT_GT(ends.size(), 3u);
-        for (size_t i = 1; i < ends.size() + 300; ++i) { // over the borders of the runs, over the end, anywhere
-            const uint32_t at = i < ends.size() ? ends[i] - 2 : below(array_stream_length(array)), from = seek(0, 1);
-            EXPECT_EQ(at, at < from ? seek(at, 0) : seek(at - from, 1));
-            put(random_bytes((i < ends.size() ? 4 : below(below(2) == 0 ? 9 : 20'000)) * size));
+        while (model.size() < size_t{3'000'000} * size) put(random_bytes((below(2) == 0 ? 1 : below(20'000)) * size));
+        for (const uint32_t end : walk()) { // over the borders of the runs, and anywhere
+            for (const uint32_t at : {end < 2 ? 0 : end - 2, below(array_stream_length(array))}) {
+                const uint32_t from = seek(0, 1);
+                EXPECT_EQ(at, at < from ? seek(at, 0) : seek(at - from, 1));
+                put(random_bytes(4 * size));
+            }
         }
         walk();
-        for (uint32_t i = 0; i < count; ++i) ASSERT_EQ(addresses[i], array_stream_index(array, i)) << i;
+        for (uint32_t i = 0; i < 3'000'000; ++i) {
+            if (filling == 0) places.push_back(array_stream_index(array, i));
+            ASSERT_EQ(places[i], array_stream_index(array, i)) << i;
+            ASSERT_EQ(0, std::memcmp(&model[size_t{i} * size], places[i], size)) << i;
+        }
     }
+}
+
+TEST_P(ArrayStream, SeeksToItsEndAtMost)
+{
+    put(bytes(10 * size));
+    const uint32_t cases[][3] = {{10, 0, 10}, {11, 0, 10}, {9, 0, 9}, {1, 1, 10}, {1, 1, 10}, {4, 0, 4}, {0, 1, 4}};
+    for (const auto &[offset, whence, cursor] : cases) EXPECT_EQ(cursor, seek(offset, static_cast<int>(whence)));
     EXPECT_EQ(size, array_stream_element_size(array));
 }
 
 INSTANTIATE_TEST_SUITE_P(ElementSizes, ArrayStream, testing::Values(1, 4, 8, 12));
 
+TEST(ArrayStreamLimits, AreTheLastIndexAndTheMemory)
+{
+    EXPECT_TRUE(!array_stream_create(UINT32_MAX, UINT32_MAX) && errno == ENOMEM);
+    if (sizeof(void *) == 4) return;
+    array_stream *const full = array_stream_create(1, UINT32_MAX); // none of it is touched
+    ASSERT_NE(nullptr, full);
+    uint32_t count = UINT32_MAX, one = 1;
+    EXPECT_TRUE(array_stream_write(full, &count) && count == UINT32_MAX);
+    errno = 0;
+    EXPECT_TRUE(!array_stream_write(full, &one) && errno == ENOMEM);
+    EXPECT_EQ(UINT32_MAX, array_stream_length(full));
+    array_stream_destroy(full);
+}
+
+const std::tuple<const char *, size_t, size_t, size_t, faults::plan, rlim_t, ssize_t> transfers[] = {
+    {"more entries than one call takes", 0, 5000, 3, {}, RLIM_INFINITY, 15'000},
+    {"more empty entries than one call takes", 1500, 100, 3, {}, RLIM_INFINITY, 300},
+    {"only empty entries", 1500, 0, 0, {}, RLIM_INFINITY, 0},
+    {"a byte at a time", 2, 1500, 3, {.cut = 1}, RLIM_INFINITY, 4500},
+    {"interrupted at the start", 0, 30, 300, {.nth = 0, .error = EINTR}, RLIM_INFINITY, 9000},
+    {"interrupted inside an entry", 0, 30, 300, {.nth = 2, .error = EINTR, .cut = 70}, RLIM_INFINITY, 9000},
+    {"would block at the start", 0, 30, 300, {.nth = 0, .error = EAGAIN}, RLIM_INFINITY, -1},
+    {"would block inside an entry", 0, 30, 300, {.nth = 2, .error = EAGAIN, .cut = 70}, RLIM_INFINITY, 140},
+    {"takes nothing at the start", 0, 30, 300, {.nth = 0, .pretend = true}, RLIM_INFINITY, -1},
+    {"takes nothing inside an entry", 0, 30, 300, {.nth = 2, .cut = 70, .pretend = true}, RLIM_INFINITY, 140},
+    {"nothing goes out", 0, 2000, 4, {}, 0, -1},
+    {"failure inside the second call", 0, 2000, 4, {}, 6001, 6001},
+    {"failure between two calls", 0, 2000, 4, {}, 4 * IOV_MAX, 4 * IOV_MAX},
+};
+
 TEST(DescriptorIo, GoesOnUntilARealFailureAndCountsWhatWentOut)
 {
-    const struct { const char *what; size_t empty, entries, size, cut; long interrupted; rlim_t limit; } cases[] = {
-        {"more entries than one call takes", 0, 5000, 3, 0, -1, RLIM_INFINITY},
-        {"more empty entries than one call takes", 1500, 100, 3, 0, -1, RLIM_INFINITY},
-        {"only empty entries", 1500, 0, 0, 0, -1, RLIM_INFINITY},
-        {"a byte at a time", 2, 1500, 3, 1, -1, RLIM_INFINITY},
-        {"interrupted at the start", 0, 30, 300, 0, 0, RLIM_INFINITY},
-        {"interrupted inside an entry", 0, 30, 300, 70, 2, RLIM_INFINITY},
-        {"nothing goes out", 0, 2000, 4, 0, -1, 0},
-        {"failure inside the second call", 0, 2000, 4, 0, -1, 6001},
-        {"failure between two calls", 0, 2000, 4, 0, -1, 4 * IOV_MAX},
-    };
-    for (size_t i = 0; i < 2 * std::size(cases); ++i) {
-        const auto &c = cases[i / 2];
-        SCOPED_TRACE(c.what);
-        bytes data = random_bytes(c.entries * c.size), back(data.size() + 10);
-        std::vector<iovec> list(c.empty, iovec{nullptr, 0});
-        for (size_t entry = 0; entry < c.entries; ++entry) list.push_back({&data[entry * c.size], c.size});
+    for (size_t i = 0; i < 2 * std::size(transfers); ++i) {
+        const auto &[what, empty, entries, size, plan, limit, expected] = transfers[i / 2];
+        SCOPED_TRACE(what);
+        bytes data = random_bytes(entries * size), back(data.size() + 10);
+        std::vector<iovec> list(empty, iovec{nullptr, 0});
+        for (size_t at = 0; at < data.size(); at += size) list.push_back({&data[at], size});
         const descriptor file;
-        faults::injection injection({.kind = faults::output, .nth = c.interrupted, .error = EINTR, .cut = c.cut});
-        limit_files(c.limit);
+        faults::injection injection(plan);
+        injection.orders.kind = faults::output;
+        limit_files(limit);
         const ssize_t result = i % 2 == 0 ? writevn(file, list.data(), static_cast<int>(list.size()))
                                           : writen(file, data.data(), data.size());
-        EXPECT_TRUE(c.limit == RLIM_INFINITY || errno == EFBIG) << errno;
+        const int error = errno, cause = plan.pretend ? EIO : plan.nth < 0 ? EFBIG : plan.error;
         limit_files(RLIM_INFINITY);
-        if (c.limit < data.size()) data.resize(static_cast<size_t>(c.limit));
-        EXPECT_EQ(c.limit == 0 ? -1 : static_cast<ssize_t>(data.size()), result);
-        EXPECT_EQ(c.interrupted >= 0, injection.hit);
+        EXPECT_EQ(expected, result);
+        EXPECT_TRUE(expected == static_cast<ssize_t>(data.size()) || error == cause) << error;
+        data.resize(static_cast<size_t>(std::max<ssize_t>(expected, 0)));
+        EXPECT_EQ(data, file_content(file));
         lseek(file, 0, SEEK_SET);
-        injection.orders.kind = faults::input;
-        EXPECT_EQ(static_cast<ssize_t>(data.size()), readn(file, back.data(), back.size()));
-        EXPECT_TRUE(std::equal(data.begin(), data.end(), back.begin()));
-        EXPECT_EQ(0, readn(file, back.data(), 1)) << "at the end";
-        EXPECT_TRUE(readn(-1, back.data(), 1) == -1 && errno == EBADF);
+        injection.orders.kind = faults::input; // a read of nothing is the end of the file
+        EXPECT_EQ(plan.error == EAGAIN ? -1 : std::max<ssize_t>(expected, 0), readn(file, back.data(), back.size()));
+        EXPECT_TRUE(plan.error == EAGAIN || std::equal(data.begin(), data.end(), back.begin()));
     }
 }
 

@@ -61,5 +61,5 @@ inline void limit_files(rlim_t size)
     struct rlimit limit;
     getrlimit(RLIMIT_FSIZE, &limit);
     limit.rlim_cur = size;
-    setrlimit(RLIMIT_FSIZE, &limit);
+    if (setrlimit(RLIMIT_FSIZE, &limit) != 0) abort();
 }

@@ -160,7 +160,7 @@ WRAP(advice, int, posix_fadvise64, (int fd, int64_t from, int64_t n, int what), 
 ssize_t __real_write(int, const void *, size_t);
 ssize_t __wrap_write(int fd, const void *data, size_t n)
 {
-    return fails(output) ? -1 : wrote(fd, __real_write(fd, data, limited(output, n)));
+    return fails(output) ? refusal(output) : wrote(fd, __real_write(fd, data, limited(output, n)));
 }
 
 // EOVERFLOW concerns the result alone: the offset has moved.
@@ -179,7 +179,7 @@ WRAP_SEEK(int64_t, lseek64)
 
 ssize_t __wrap_writev(int fd, const iovec *list, int count)
 {
-    if (fails(output)) return -1;
+    if (fails(output)) return refusal(output);
     std::vector<iovec> part(list, list + count);
     size_t all = 0;
     for (const iovec &entry : part) all += entry.iov_len;
