@@ -125,60 +125,48 @@ constexpr auto header264 = decode<h264_nal_header, h264_parser_decode_nal_header
                slice265 = decode<h265_slice_header, h265_parser_decode_slice_header>,
                sps264 = decode<h264_sps, h264_parser_decode_sps>, sps265 = decode<h265_sps, h265_parser_decode_sps>,
                vps265 = decode<h265_vps, h265_parser_decode_vps>;
-const std::string three = "vps_reserved_three_2bits is not three\n", ffff = "vps_reserved_ffff_16bits is not 0xffff\n";
-
-constexpr int no_cause = -1; // it fails, and errno stays
-const std::tuple<int (*)(const exact &, bytes &), const char *, int, const char *, std::string> units[] = {
-    {header264, "67", 0, "000307", ""},
-    {header264, "41", 0, "000201", ""},
-    {header264, "ff", 0, "01031f", ""},
-    {header264, "", ENOSPC, "090909", ""},
-    {slice264, "419a", 0, "00000000 05000000", ""},
-    {slice264, "418a", 0, "00000000 09000000", ""},
-    {slice264, "418b", EILSEQ, "00000000 0a000000", ""},
-    {slice264, "4140", ENOSPC, "01000000 00000000", ""},
-    {slice264, "41", ENOSPC, "00*8", ""},
-    {slice264, "", ENOSPC, "09*8", ""},
-    {slice265, "418b", EILSEQ, "00000000 0a000000", ""},
-    {sps264, "67640028ac", 0, "64000000 00000028", "+++++ sps->profile_idc=64 (100)\n"},
-    {sps264, "6742c01e", 0, "42010100 0000001e", "+++++ sps->profile_idc=42 (66)\n"},
-    {sps264, "6700000301", 0, "00000000 00000001", "+++++ sps->profile_idc=00 (0)\n"},
-    {sps264, "67", ENOSPC, "00*8", ""},
-    {sps264, "677aab28", 0, "7a010001 00010028", "+++++ sps->profile_idc=7a (122)\n"},
-    {sps264, "674d55", ENOSPC, "4d000100 01000100", ""},
-    {sps264, "", ENOSPC, "09*8", ""},
-    {header265, "4001", 0, "00200001", ""},
-    {header265, "2601", 0, "00130001", ""},
-    {header265, "ffff", 0, "013f3f07", ""},
-    {header265, "819a", 0, "01003302", ""},
-    {header265, "41", ENOSPC, "00200909", ""},
-    {header265, "", ENOSPC, "09*4", ""},
-    {vps265, "40010c01ffff", 0, "0001 0909 00*8", ""},
-    {vps265, "4001afedffff00", 0, "0a01 0909 3e000000 06000000", ""},
-    {vps265, "40010801ffff", no_cause, "0000 0909 00*8", three},
-    {vps265, "40010c01fffe", no_cause, "0001 0909 00*8", ffff},
-    {vps265, "40010c01ff", ENOSPC, "0001 0909 00*8", ""},
-    {vps265, "40010c", ENOSPC, "0000 0909 00*8", ""},
-    {vps265, "4001", ENOSPC, "0000 0909 00*8", ""},
-    {vps265, "40", ENOSPC, "09*12", ""},
-    {sps265, "420101016000", 0, "01000000 00000001", ""},
-    {sps265, "4201ab60", 0, "01010001 00010060", ""},
-    {sps265, "4201", ENOSPC, "01000000 00000000", ""},
-    {sps265, "", ENOSPC, "09*8", ""},
+struct parsed {
+    int (*decoder)(const exact &, bytes &);
+    int error; // no_cause: it fails, and errno stays
+    std::string printed;
+    std::vector<std::pair<const char *, const char *>> units; // and the records that they become
+};
+constexpr int no_cause = -1;
+const parsed parsers[] = {
+    {header264, 0, "", {{"67", "000307"}, {"41", "000201"}, {"ff", "01031f"}}},
+    {header264, ENOSPC, "", {{"", "090909"}}},
+    {slice264, 0, "", {{"419a", "00*4 05000000"}, {"418a", "00*4 09000000"}}},
+    {slice264, EILSEQ, "", {{"418b", "00*4 0a000000"}}},
+    {slice264, ENOSPC, "", {{"4140", "01 00*7"}, {"41", "00*8"}, {"", "09*8"}}},
+    {slice265, EILSEQ, "", {{"418b", "00*4 0a000000"}}},
+    {sps264, 0, "+++++ sps->profile_idc=64 (100)\n", {{"67640028ac", "6400000000000028"}}},
+    {sps264, 0, "+++++ sps->profile_idc=42 (66)\n", {{"6742c01e", "420101000000001e"}}},
+    {sps264, 0, "+++++ sps->profile_idc=00 (0)\n", {{"6700000301", "0000000000000001"}}},
+    {sps264, 0, "+++++ sps->profile_idc=7a (122)\n", {{"677aab28", "7a01000100010028"}}},
+    {sps264, ENOSPC, "", {{"67", "00*8"}, {"674d55", "4d00010001000100"}, {"", "09*8"}}},
+    {header265, 0, "", {{"4001", "00200001"}, {"2601", "00130001"}, {"ffff", "013f3f07"}, {"819a", "01003302"}}},
+    {header265, ENOSPC, "", {{"41", "00200909"}, {"", "09*4"}}},
+    {vps265, 0, "", {{"40010c01ffff", "0001 0909 00*8"}, {"4001afedffff00", "0a01 0909 3e000000 06000000"}}},
+    {vps265, no_cause, "vps_reserved_three_2bits is not three\n", {{"40010801ffff", "0000 0909 00*8"}}},
+    {vps265, no_cause, "vps_reserved_ffff_16bits is not 0xffff\n", {{"40010c01fffe", "0001 0909 00*8"}}},
+    {vps265, ENOSPC, "", {{"40010c01ff", "0001 0909 00*8"}, {"40010c", "0000 0909 00*8"}}},
+    {vps265, ENOSPC, "", {{"4001", "0000 0909 00*8"}, {"40", "09*12"}}},
+    {sps265, 0, "", {{"420101016000", "0100000000000001"}, {"4201ab60", "0101000100010060"}}},
+    {sps265, ENOSPC, "", {{"4201", "01 00*7"}, {"", "09*8"}}},
 };
 
 TEST(Parsers, DecodeTheLeadingFields)
 {
-    for (const auto &[decoder, nal, error, fields, printed] : units) {
-        SCOPED_TRACE(nal);
-        bytes record;
-        testing::internal::CaptureStdout();
-        errno = 0;
-        const int result = decoder(exact(hex(nal)), record), cause = errno;
-        EXPECT_EQ(printed, testing::internal::GetCapturedStdout());
-        EXPECT_EQ(error == 0 ? 0 : -1, result);
-        EXPECT_EQ(std::max(error, 0), cause);
-        EXPECT_EQ(dump(fields), dump(record));
+    for (const auto &[decoder, error, printed, units] : parsers) {
+        for (const auto &[nal, fields] : units) {
+            bytes record;
+            testing::internal::CaptureStdout();
+            errno = 0;
+            const int result = decoder(exact(hex(nal)), record), cause = errno;
+            EXPECT_EQ(printed, testing::internal::GetCapturedStdout()) << nal;
+            EXPECT_EQ(std::pair(error == 0 ? 0 : -1, std::max(error, 0)), std::pair(result, cause)) << nal;
+            EXPECT_EQ(dump(fields), dump(record)) << nal;
+        }
     }
 }
 
