@@ -152,6 +152,7 @@ const std::tuple<const char *, const char *, const char *> damages[] = {
     {"0319 0002", "031A 0002", "descriptor 3 leaves"},
     {"15 00000000 0001", "15 FFFFFFFF 0001", "the last edit is empty"},
     {"E1 0004", "E1 FFFF", "avcC ends before its last"},
+    {"01 42C01E FF", "01 42C01E 7F", "reserved bits are not ones"},
     {"20 00000037", "1F 00000037", "15 bytes, is outside"},
     {"20 00000037", "21 00000037", "chunk 1 overlaps"},
     {"02 00000001 00000002 00", "02 00000001 00000000 00", "stsc: 0 samples of sample description 1"},
