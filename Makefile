@@ -7,8 +7,8 @@ SECONDS_EACH ?= 20
 KILLS ?= 300
 SEED ?=
 
-.PHONY: all demo test test-arm test-cross test-clang fuzz soak coverage clang lines lint abi bench bench-docs size \
-    cross-arm deb install clean
+.PHONY: all demo test test-arm test-cross test-clang fuzz soak coverage mutants clang lines lint abi bench bench-docs \
+    size cross-arm deb install clean
 
 all:
 	scripts/install-packages build
@@ -66,6 +66,12 @@ coverage:
 	find out/coverage -name '*.gcda' -delete
 	ctest --test-dir out/coverage --output-on-failure -j $(JOBS) -L library
 	scripts/coverage out/coverage
+
+# Changes the library one place at a time, 300 times; fails when the tests miss
+# more than a few of the changes.
+mutants:
+	scripts/install-packages build mutants
+	scripts/mutants --rate 97 --jobs $(JOBS) out/mutants src
 
 # Library and tests for 32-bit and 64-bit ARM, under emulation, and for 32-bit
 # x86; all write the same bytes as this machine, and repair each other's.
