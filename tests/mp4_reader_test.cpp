@@ -82,7 +82,7 @@ std::string told(const mp4::file &f)
 /** What comes of a byte that is inverted, box by box, in runs: x a fault, r a remark, . nothing. */
 std::string weights(const std::string &data, const std::vector<mp4::box> &boxes)
 {
-    const auto weight = [&data](uint64_t at) {
+    const auto weight = [&data](size_t at) {
         std::string bad = data;
         bad[at] = static_cast<char>(~bad[at]);
         const mp4::file f = read(bad);
@@ -91,8 +91,8 @@ std::string weights(const std::string &data, const std::vector<mp4::box> &boxes)
     std::string text;
     for (const mp4::box &b : boxes) {
         text += b.type + " ";
-        const uint64_t end = b.children.empty() ? b.offset + b.size : b.children.front().offset;
-        for (uint64_t at = b.offset + b.header, run = at; at < end; run = at) {
+        const size_t end = static_cast<size_t>(b.children.empty() ? b.offset + b.size : b.children.front().offset);
+        for (size_t at = static_cast<size_t>(b.offset) + b.header, run = at; at < end; run = at) {
             while (++at < end && weight(at) == weight(run)) continue;
             text += std::to_string(at - run) + weight(run) + " ";
         }
