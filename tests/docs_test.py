@@ -63,8 +63,9 @@ def c_array(line):
 
 
 readme = (SOURCE / "README.md").read_text()
-code, heart = re.findall(r"```c\n(.*?)```", readme, flags=re.S)
-assert heart in (SOURCE / "examples/record.c").read_text(), "the README shows another make_durable than the example"
+code, *parts = re.findall(r"```c\n(.*?)```", readme, flags=re.S)
+for part, example in zip(parts, ("record.c", "recover.c"), strict=True):
+    assert part in (SOURCE / "examples" / example).read_text(), f"the README shows other code than {example}"
 
 layout = (SOURCE / "docs/file-layout.md").read_text()
 frames = re.findall(r"^ {4}(00 00 00 01 [0-9a-f ]+)$", layout, flags=re.M)
