@@ -15,8 +15,7 @@
 
 struct array_stream {
     uint32_t element_size; // bytes
-    uint32_t length;       // elements
-    uint32_t cursor;       // element index, 0 to length
+    uint32_t seek_length;  // elements, when the cursor was last set; writes may have passed it since
     uint32_t reserve;      // elements in the first block
     uint32_t shift;        // a later block holds 1 << shift elements
     uint32_t blocks;       // later blocks
@@ -24,7 +23,8 @@ struct array_stream {
     uint32_t page_slots;   // room for pages
     uint8_t ***page;
     uint8_t *next; // the element at the cursor, while there is room
-    uint32_t room; // elements from the cursor to the end of its block; 0: find_cursor must set both
+    uint32_t room; // elements from the cursor to the end of its block; 0: find_cursor looks for some
+    uint32_t stop; // index of the room's end; the cursor is stop - room
 };
 
 namespace {
@@ -37,6 +37,18 @@ constexpr size_t header_size = (sizeof(array_stream) + alignof(max_align_t) - 1)
 uint8_t *first_block(array_stream *array)
 {
     return reinterpret_cast<uint8_t *>(array) + header_size;
+}
+
+// The index of the next element, 0 to length.
+uint32_t cursor(const array_stream *array)
+{
+    return array->stop - array->room;
+}
+
+uint32_t length(const array_stream *array)
+{
+    const uint32_t at = cursor(array);
+    return array->seek_length < at ? at : array->seek_length;
 }
 
 uint64_t capacity(const array_stream *array)
@@ -87,28 +99,31 @@ bool add_block(array_stream *array)
     return true;
 }
 
-// Sets next and room from the cursor. Indexes have 32 bits.
+// Finds the room at the cursor. Indexes have 32 bits.
 void find_cursor(array_stream *array)
 {
-    const uint32_t left = most_elements - array->cursor;
-    const uint32_t room = contiguous(array, array->cursor);
-    array->next = element(array, array->cursor);
+    const uint32_t at = cursor(array);
+    const uint32_t left = most_elements - at;
+    const uint32_t room = contiguous(array, at);
+    array->next = element(array, at);
     array->room = room < left ? room : left;
+    array->stop = at + array->room;
 }
 
 // Makes room at the cursor.
 bool make_room(array_stream *array)
 {
-    if (array->cursor == most_elements) {
+    if (cursor(array) == most_elements) {
         errno = ENOMEM;
         return false;
     }
-    if (array->cursor == capacity(array) && !add_block(array)) return false;
+    if (cursor(array) == capacity(array) && !add_block(array)) return false;
     find_cursor(array);
     return true;
 }
 
-// Moves the cursor over up to `count` elements of its block.
+// Moves the cursor over up to `count` elements of its block. Every frame does,
+// so cursor and length follow from what changes here.
 void *advance(array_stream *array, uint32_t *count)
 {
     const uint32_t n = *count < array->room ? *count : array->room;
@@ -116,22 +131,13 @@ void *advance(array_stream *array, uint32_t *count)
     *count = n;
     array->next = at + size_t{n} * array->element_size;
     array->room -= n;
-    array->cursor += n;
     return at;
 }
 
-// Grants elements at the cursor, in a block that has room there.
-void *grant(array_stream *array, uint32_t *count)
-{
-    void *space = advance(array, count);
-    if (array->length < array->cursor) array->length = array->cursor;
-    return space;
-}
-
 // Separate, so that the common path saves no registers (8 instructions a frame).
-[[gnu::noinline]] void *grant_new_room(array_stream *array, uint32_t *count)
+[[gnu::noinline]] void *advance_to_new_room(array_stream *array, uint32_t *count)
 {
-    return make_room(array) ? grant(array, count) : nullptr;
+    return make_room(array) ? advance(array, count) : nullptr;
 }
 
 } // namespace
@@ -162,17 +168,17 @@ void *grant(array_stream *array, uint32_t *count)
 
 [[gnu::weak]] void array_stream_clear(array_stream *array)
 {
-    array->length = array->cursor = array->room = 0;
+    array->seek_length = array->room = array->stop = 0;
 }
 
 [[gnu::weak]] void *array_stream_write(array_stream *array, uint32_t *count)
 {
-    return array->room != 0 ? grant(array, count) : grant_new_room(array, count);
+    return array->room != 0 ? advance(array, count) : advance_to_new_room(array, count);
 }
 
 [[gnu::weak]] void *array_stream_read(array_stream *array, uint32_t *count)
 {
-    *count = array->length - array->cursor;
+    *count = length(array) - cursor(array);
     if (*count == 0) return nullptr;
     if (array->room == 0) find_cursor(array);
     return advance(array, count);
@@ -180,10 +186,11 @@ void *grant(array_stream *array, uint32_t *count)
 
 [[gnu::weak]] uint32_t array_stream_seek(array_stream *array, uint32_t offset, int whence)
 {
-    const uint32_t target = whence == 0 ? offset : array->cursor + offset;
-    array->cursor = target < array->length ? target : array->length; // not beyond the end
+    const uint32_t target = whence == 0 ? offset : cursor(array) + offset;
+    array->seek_length = length(array);
+    array->stop = target < array->seek_length ? target : array->seek_length; // not beyond the end
     array->room = 0;
-    return array->cursor;
+    return array->stop;
 }
 
 [[gnu::weak]] void *array_stream_index(array_stream *array, uint32_t i)
@@ -193,7 +200,7 @@ void *grant(array_stream *array, uint32_t *count)
 
 [[gnu::weak]] uint32_t array_stream_length(const array_stream *array)
 {
-    return array->length;
+    return length(array);
 }
 
 [[gnu::weak]] uint32_t array_stream_element_size(const array_stream *array)
