@@ -30,6 +30,7 @@
 #include <mediafiles/stream.h>
 
 #include "mediafiles/journal/memento-record.h"
+#include "mediafiles/journal/take-sample.h"
 #include "mediafiles/log.h"
 #include "mediafiles/mp4/layout.h"
 #include "mediafiles/ownership.h"
@@ -263,7 +264,7 @@ int write_end(fix_context *ctx)
 // From the journal's first record to the end of the file.
 failure replay_and_finish(fix_context *ctx)
 {
-    while (const memento *record = mediafile_caretaker_pop(ctx->journal.get()))
+    while (const memento *record = next_record(ctx->journal.get()))
         if (replay_record(ctx, record) != 0) return failed();
 
     if (const int code = mediafile_caretaker_errcode(ctx->journal.get()); code != 0)
@@ -303,7 +304,7 @@ int conclude(fix_context *ctx, mp4_fix_info *info)
 // again, and fails.
 void count_video(fix_context *ctx)
 {
-    while (const memento *record = mediafile_caretaker_pop(ctx->journal.get())) {
+    while (const memento *record = next_record(ctx->journal.get())) {
         if (record->kind != MEMENTO_SAMPLE) continue;
         const auto &sample = whole_memento<sample_memento>(record);
         if (sample.offset < replay_position(ctx) || sample.offset >= ctx->len) continue;
