@@ -28,6 +28,7 @@
 #include <mediafiles/caretaker.h>
 #include <mediafiles/fix.h>
 #include <mediafiles/stream.h>
+#include <mediafiles/track.h>
 
 #include "mediafiles/journal/memento-record.h"
 #include "mediafiles/journal/take-sample.h"
@@ -195,14 +196,16 @@ int32_t low_seconds(const sample_memento &sample)
     return static_cast<int32_t>(sample.seconds[0]);
 }
 
-// Notes whether the sample has the time of the last video sample.
-void check_frame(fix_context *ctx, const sample_memento &sample)
+// Whether a sample up to this one has the time of the last video sample.
+bool last_reached(fix_context *ctx, const sample_memento &sample)
 {
-    if (low_seconds(sample) != ctx->last_sec || sample.nanoseconds != ctx->last_nsec) return;
-    ctx->last_found = true;
-    printf("[%s] find last video frame! hStream=%d, len=%d, key=%d. ctx->dropSize=%d. (%ld:%ld)\n", printed_check,
-           sample.header.track, static_cast<int>(sample.len), sample.key, static_cast<int>(ctx->drop_size),
-           static_cast<long>(ctx->last_sec), static_cast<long>(ctx->last_nsec));
+    if (low_seconds(sample) == ctx->last_sec && sample.nanoseconds == ctx->last_nsec) {
+        ctx->last_found = true;
+        printf("[%s] find last video frame! hStream=%d, len=%d, key=%d. ctx->dropSize=%d. (%ld:%ld)\n", printed_check,
+               sample.header.track, static_cast<int>(sample.len), sample.key, static_cast<int>(ctx->drop_size),
+               static_cast<long>(ctx->last_sec), static_cast<long>(ctx->last_nsec));
+    }
+    return ctx->last_found;
 }
 
 uint32_t replay_position(fix_context *ctx)
@@ -214,15 +217,11 @@ int replay_sample(fix_context *ctx, const sample_memento &sample)
 {
     if (sample.offset < replay_position(ctx)) return refuse(EBADMSG);
     if (sample.offset >= ctx->len) return 0; // it never reached the file
-    if (ctx->video_count > 0) check_frame(ctx, sample);
-    if (ctx->last_found) return 0;
+    if (ctx->video_count > 0 && last_reached(ctx, sample)) return 0;
 
-    const uint8_t track = sample.header.track;
-    const mp4_frame frame = {
-        track, nullptr, sample.len, {low_seconds(sample), static_cast<int32_t>(sample.nanoseconds)}, sample.key};
-    if (mp4_movie_add_frame(ctx->movie.get(), &frame) != 0) return -1;
-    ++ctx->info.tracks[track].frameCount;
-    return 0;
+    const mp4_time time = {low_seconds(sample), static_cast<int32_t>(sample.nanoseconds)};
+    const mp4_frame frame = {sample.header.track, nullptr, sample.len, time, sample.key};
+    return mp4_movie_add_frame(ctx->movie.get(), &frame);
 }
 
 int replay_record(fix_context *ctx, const memento *record)
@@ -288,8 +287,11 @@ void fill_info(fix_context *ctx)
     mp4_movie_timespan(ctx->movie.get(), &info.timespan);
     info.fileSize = ctx->out_stream->tell(ctx->out_stream.get());
     info.trackCount = ctx->movie->next_track_id - 1;
-    for (uint32_t i = 0; i < info.trackCount; ++i)
-        mp4_movie_track_timespan(ctx->movie.get(), ctx->movie->tracks[i], &info.tracks[i].timespan);
+    for (uint32_t i = 0; i < info.trackCount; ++i) {
+        mp4_track *track = ctx->movie->tracks[i];
+        mp4_movie_track_timespan(ctx->movie.get(), track, &info.tracks[i].timespan);
+        info.tracks[i].frameCount = track->sample_count; // each frame in stored form is a sample
+    }
 }
 
 // Hands out the summary and makes the file durable.
