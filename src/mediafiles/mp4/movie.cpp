@@ -220,7 +220,7 @@ int mp4_movie_add_frame(mp4_movie *movie, const mp4_frame *frame)
     const auto index = static_cast<uint32_t>(frame->track);
     if (index >= track_count(movie) || frame->len == 0 || static_cast<uint32_t>(frame->timestamp.nanoseconds) >= second)
         return refuse(EINVAL);
-    if (uint64_t{movie->bytes} + frame->len > MP4_MAX_RECORD_BYTES) return refuse(EFBIG);
+    if (frame->len > MP4_MAX_RECORD_BYTES - movie->bytes) return refuse(EFBIG);
 
     if (movie->caretaker)
         journal_sample(movie->caretaker, static_cast<uint8_t>(index), frame->timestamp.seconds,
