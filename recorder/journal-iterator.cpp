@@ -6,9 +6,14 @@
 
 #include <mediafiles/recovery.h>
 
+#include "codec.h"
 #include "journal-scan.h"
 
 using namespace mediafiles::recovery;
+
+namespace {
+constexpr size_t largest_begin = 64u << 10;
+}
 
 struct mediafiles_journal {
     mediafiles_journal(const mediafiles_source &journal, const mediafiles_source *given_media)
@@ -22,9 +27,10 @@ struct mediafiles_journal {
 mediafiles_journal *mediafiles_journal_open(const mediafiles_source *journal, const mediafiles_source *media)
 {
     auto *opened = new (std::nothrow) mediafiles_journal(*journal, media);
-    if (opened && !opened->scan.out_of_memory()) return opened;
+    const bool out_of_memory = !opened || opened->scan.out_of_memory();
+    if (!out_of_memory && (journal->size == 0 || opened->scan.readable_size() != 0)) return opened;
     delete opened;
-    errno = ENOMEM;
+    errno = out_of_memory ? ENOMEM : EIO;
     return nullptr;
 }
 
@@ -68,13 +74,17 @@ void mediafiles_journal_close(mediafiles_journal *journal)
 int mediafiles_is_journal(const void *begin, size_t size)
 {
     const auto *bytes = static_cast<const uint8_t *>(begin);
+    if (size > largest_begin) size = largest_begin;
     for (size_t at = 0; size - at >= sizeof(memento);) {
         memento header;
         memcpy(&header, bytes + at, sizeof header);
-        if (header.kind == MEMENTO_TRACK)
-            return header.track < MP4_MAX_TRACKS && header.length == sizeof(mp4_track_desc);
         const size_t step = sizeof header + ((header.length + size_t{3}) & ~size_t{3});
-        if (header.kind != MEMENTO_USER || step > MEMENTO_MAX_SIZE || step > size - at) return 0;
+        if (step > MEMENTO_MAX_SIZE || step > size - at) return 0;
+        if (header.kind == MEMENTO_TRACK) {
+            const record first = {header, at, bytes + at + sizeof header};
+            return header.length == sizeof(mp4_track_desc) && codec_of(first.as_track().type);
+        }
+        if (header.kind != MEMENTO_USER) return 0;
         at += step;
     }
     return 0;

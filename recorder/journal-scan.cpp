@@ -10,6 +10,7 @@ namespace {
 constexpr uint32_t unmarked_tail = 4096;
 constexpr int64_t steady = 1'000'000; // ns by which a track's steps may differ and still be even
 constexpr uint32_t largest_payload = MEMENTO_MAX_SIZE - sizeof(memento);
+constexpr const char *unreadable_part = "a part that cannot be read";
 
 // Fields of a MEMENTO_SAMPLE, little-endian as every machine that this is built for.
 namespace field {
@@ -53,7 +54,8 @@ mp4_track_desc record::as_track() const
 }
 
 journal_scan::journal_scan(const mediafiles_source &journal, const mediafiles_source *media)
-    : buffer_(journal, journal_window), media_(media)
+    : stored_size_(journal.size),
+      buffer_({journal.context, readable_end(journal, 0, journal.size), journal.read}, journal_window), media_(media)
 {
     find_bounds();
 }
@@ -82,7 +84,7 @@ bool journal_scan::header_at(uint64_t offset, memento &header)
 
 void journal_scan::find_bounds()
 {
-    uint64_t from = journal_size();
+    uint64_t from = readable_size();
     for (bool zeros = true; zeros && from > 0;) {
         const auto part = static_cast<uint32_t>(from < journal_window ? from : journal_window);
         const uint8_t *bytes = buffer_.view(from - part, part);
@@ -101,21 +103,21 @@ void journal_scan::find_tail()
 {
     uint64_t round_begin = 0, round_before = 0, broken = UINT64_MAX;
     uint32_t crc = 0;
-    bool stopped = false;
     memento header;
     uint64_t offset = 0;
     while (offset < bounds_.zeros_from && header_at(offset, header)) {
         const record next = {header, offset, nullptr};
-        stopped = header.length > largest_payload || !is_stored_kind(header.kind);
-        const uint8_t *bytes = stopped ? nullptr : buffer_.view(offset, next.size());
+        const bool valid = header.length <= largest_payload && is_stored_kind(header.kind);
+        const uint8_t *bytes = valid ? buffer_.view(offset, next.size()) : nullptr;
         if (!bytes) break;
         round_mark mark;
-        if (header.kind == MEMENTO_USER && read_mark(bytes + sizeof header, header.length, mark)) {
+        if (header.kind == MEMENTO_USER && read_mark(bytes + sizeof header, header.length, mark) && may_follow(mark)) {
             if (mark.crc == crc) {
                 if (broken < bounds_.damaged_round) bounds_.damaged_round = broken;
                 bounds_.recent = round_before;
                 round_before = round_begin;
-                bounds_.rounds = mark.number == 0 ? 1 : mark.number;
+                bounds_.rounds = mark.number;
+                bounds_.safe_media = mark.media_size;
                 bounds_.tail = next.end();
             } else if (broken == UINT64_MAX) {
                 broken = round_begin;
@@ -128,24 +130,37 @@ void journal_scan::find_tail()
         offset = next.end();
     }
     if (bounds_.rounds == 0) {
-        bounds_.tail = journal_size() > unmarked_tail ? journal_size() - unmarked_tail : 0;
+        bounds_.tail = bounds_.zeros_from > unmarked_tail ? bounds_.zeros_from - unmarked_tail : 0;
         bounds_.recent = bounds_.tail;
-    } else if (stopped && has_later_mark(offset, bounds_.rounds + 1)) {
+    } else if (has_later_mark(offset)) {
         bounds_.tail = UINT64_MAX; // rounds that were synced later are there: what stands before them is damaged
         if (broken < bounds_.damaged_round) bounds_.damaged_round = broken;
     }
 }
 
-// Whether a round above that number ended after the offset. Records are multiples of 4 bytes.
-bool journal_scan::has_later_mark(uint64_t from, uint32_t number)
+// Whether that can be the mark of a round after the last whole one.
+bool journal_scan::may_follow(const round_mark &mark) const
 {
+    return mark.number > bounds_.rounds && mark.media_size >= bounds_.safe_media &&
+           (!media_ || mark.media_size <= media_->size);
+}
+
+// Whether a round after the next one has ended after the offset: then the next one was synced. Records are multiples
+// of 4 bytes. Parts that cannot be read are passed over in growing steps.
+bool journal_scan::has_later_mark(uint64_t from)
+{
+    uint64_t unreadable = 512;
     for (uint64_t offset = from; offset < bounds_.zeros_from; offset += 4) {
         const uint8_t *bytes = buffer_.view(offset, MEDIAFILES_ROUND_MARK_SIZE);
-        if (!bytes) return false;
+        if (!bytes) {
+            offset += unreadable - 4;
+            unreadable *= 2;
+            continue;
+        }
         const auto header = load<memento>(bytes);
         round_mark mark;
-        if (header.kind == MEMENTO_USER && header.length == round_mark_length &&
-            read_mark(bytes + sizeof header, header.length, mark) && mark.number > number)
+        if (header.kind == MEMENTO_USER && read_mark(bytes + sizeof header, header.length, mark) && may_follow(mark) &&
+            mark.number > bounds_.rounds + 1)
             return true;
     }
     return false;
@@ -166,23 +181,25 @@ bool journal_scan::invalid(const char *why)
 bool journal_scan::next(record &out)
 {
     if (ending != MEDIAFILES_JOURNAL_WHOLE || at == journal_size()) return false;
+    if (at == readable_size()) return stop(MEDIAFILES_JOURNAL_CUT);
     if (at >= bounds_.damaged_round) return stop(MEDIAFILES_JOURNAL_DAMAGED, "a round of syncs with a wrong checksum");
     if (at >= bounds_.zeros_from) return stop(MEDIAFILES_JOURNAL_TORN);
     memento header;
-    if (!header_at(at, header)) return stop(MEDIAFILES_JOURNAL_CUT);
+    if (readable_size() - at < sizeof header) return stop(MEDIAFILES_JOURNAL_CUT);
+    if (!header_at(at, header)) return invalid(unreadable_part);
     if (header.length > largest_payload) return invalid("a record that is too long");
     record next = {header, at, nullptr};
+    if (readable_size() - at < next.size())
+        return may_be_torn(at) ? stop(MEDIAFILES_JOURNAL_CUT) : invalid("a record that is too long");
+    zeros_follow_ = runs_into_zeros(next);
     const uint8_t *bytes = buffer_.view(at, next.size());
-    if (!bytes) return stop(MEDIAFILES_JOURNAL_CUT);
+    if (!bytes) return invalid(unreadable_part);
     next.payload = bytes + sizeof header;
 
-    /* Zeros can begin inside the record, where it was not synced by a whole round. */
-    const bool zeros =
-        at + sizeof header + header.length > bounds_.zeros_from && (bounds_.rounds == 0 || may_be_torn(at));
-    if (zeros && header.kind != MEMENTO_SAMPLE) return stop(MEDIAFILES_JOURNAL_TORN);
-    if (const char *wrong = take(next)) return zeros ? stop(MEDIAFILES_JOURNAL_TORN) : invalid(wrong);
+    if (zeros_follow_ && header.kind != MEMENTO_SAMPLE) return stop(MEDIAFILES_JOURNAL_TORN);
+    if (const char *wrong = take(next)) return zeros_follow_ ? stop(MEDIAFILES_JOURNAL_TORN) : invalid(wrong);
 
-    if (!(bytes = buffer_.view(at, next.size()))) return stop(MEDIAFILES_JOURNAL_CUT); // what follows was looked at
+    if (!(bytes = buffer_.view(at, next.size()))) return invalid(unreadable_part); // what follows was looked at
     next.payload = bytes + sizeof header;
     at = next.end();
     repair_mark mark;
@@ -225,9 +242,7 @@ const char *journal_scan::take_sample(const record &next)
         return sample.offset < media_end ? "a sample that overlaps the one before it" : "a gap between samples";
     if (sample.end() > UINT32_MAX || sample.end() - media_begin > MP4_MAX_RECORD_BYTES)
         return "more media than a file can hold";
-    const bool zeros = next.offset + sizeof(memento) + field::length > bounds_.zeros_from;
-    if (zeros && (bounds_.rounds == 0 || may_be_torn(next.offset)) && !zeros_are_its_own(next))
-        return "a sample that ends in zeros";
+    if (zeros_follow_ && !zeros_are_its_own(next)) return "a sample that ends in zeros";
     if (is_overwritten(next)) return "a last sample with a key flag like no other";
 
     last_ = sample;
@@ -270,7 +285,18 @@ bool journal_scan::is_overwritten(const record &next)
     if (key <= 1 || odd_keys_++ != 0 || !may_be_torn(next.offset)) return false;
     memento after;
     if (next.end() >= bounds_.zeros_from || !header_at(next.end(), after)) return true;
-    return after.kind > MEMENTO_SEI || after.length > largest_payload;
+    return !is_stored_kind(after.kind) || after.length > largest_payload;
+}
+
+// Zeros can begin inside a record that was not synced by a whole round. They go on to the end of the journal, or to the
+// end of a sector whose successors have reached the medium.
+bool journal_scan::runs_into_zeros(const record &next)
+{
+    if (bounds_.rounds != 0 && !may_be_torn(next.offset)) return false;
+    if (next.offset + sizeof(memento) + next.header.length > bounds_.zeros_from) return true;
+    memento after;
+    return may_be_torn(next.offset) && next.header.kind == MEMENTO_SAMPLE && header_at(next.end(), after) &&
+           after.kind == 0 && after.track == 0 && after.length == 0;
 }
 
 // Whether the zeros at the end of a sample's record are its own fields: then key flag and time fit the ones before.
@@ -295,7 +321,9 @@ bool journal_scan::zeros_are_its_own(const record &next) const
     } else if (before.count == 0 || before.key) {
         return false;
     }
-    if (bounds_.zeros_from - next.offset - sizeof(memento) >= field::key) return true;
+    uint32_t written = field::length;
+    while (written > 0 && next.payload[written - 1] == 0) --written;
+    if (written >= field::key) return true;
     return before.count == 2 && is_step(sample.time(), before.time[0], before.time[0] - before.time[1]);
 }
 

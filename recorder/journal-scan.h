@@ -4,9 +4,13 @@
 //
 // The end of a journal is what a power cut may have torn. It begins after the
 // last whole round of syncs, one whose mark has the right checksum; in a
-// journal without marks it is the last 4 KiB, and zeros at the end with the
-// record in which they begin. There the first invalid record ends the journal
-// and nothing is wrong. Earlier it is damage.
+// journal without marks it is the last 4 KiB before the zeros at its end, and
+// these. There the first invalid record ends the journal and nothing is wrong.
+// Earlier it is damage.
+//
+// What an earlier file has left there may hold whole rounds as well. A mark
+// counts only where number and media grow, and not beyond the media that is
+// there.
 #pragma once
 
 #include <cstdint>
@@ -56,6 +60,7 @@ struct stored_set {
 // Where damage can be told from what a power cut leaves. Found before the walk, from the marks and the zeros.
 struct journal_bounds {
     uint64_t zeros_from = 0;             // offset after the last byte that is not zero
+    uint64_t safe_media = 0;             // bytes, by the mark of the last whole round
     uint64_t tail = 0;                   // what was written from here on may be torn
     uint64_t damaged_round = UINT64_MAX; // offset of a round whose checksum is wrong, with whole ones after it
     uint32_t rounds = 0;                 // number of the last whole round; 0: the journal has no marks
@@ -73,7 +78,10 @@ public:
     void rewind();
 
     const journal_bounds &bounds() const { return bounds_; }
-    uint64_t journal_size() const { return buffer_.source().size; }
+    uint64_t journal_size() const { return stored_size_; }
+    // Whether the end of the journal cannot be read: what can be is all there is of it.
+    bool is_unreadable() const { return readable_size() < stored_size_; }
+    uint64_t readable_size() const { return buffer_.source().size; }
     bool out_of_memory() const { return buffer_.out_of_memory(); }
 
     // What the records up to here amount to.
@@ -95,7 +103,8 @@ public:
 private:
     void find_bounds();
     void find_tail();
-    bool has_later_mark(uint64_t from, uint32_t number);
+    bool has_later_mark(uint64_t from);
+    bool may_follow(const round_mark &mark) const;
     bool header_at(uint64_t offset, memento &header);
     bool stop(uint32_t how, const char *why = nullptr);
     bool invalid(const char *why);
@@ -106,7 +115,9 @@ private:
     const char *take_set(const record &next);
     bool is_overwritten(const record &next);
     bool zeros_are_its_own(const record &next) const;
+    bool runs_into_zeros(const record &next);
 
+    uint64_t stored_size_;
     window buffer_;
     const mediafiles_source *media_;
     journal_bounds bounds_;
@@ -117,6 +128,7 @@ private:
         bool key;
     } before_[MP4_MAX_TRACKS] = {}; // [0] is the latest
     uint32_t odd_keys_ = 0;         // samples whose key flag is neither 0 nor 1
+    bool zeros_follow_ = false;     // the record that is looked at may end in zeros that are not its own
 };
 
 // How a NAL unit of a sample is visited: its type and where it lies, without the length before it.

@@ -9,7 +9,7 @@ constexpr uint32_t box_header = 8;
 constexpr uint32_t full_box = 4;               // version and flags
 constexpr uint32_t visual_entry = 78;          // fields of a VisualSampleEntry before its boxes (12.1.3)
 constexpr uint32_t audio_entry = 28;           // of an AudioSampleEntry (12.2.3)
-constexpr uint32_t place_windows = 512u << 10; // bytes for the windows of all tables together
+constexpr uint32_t place_windows = 192u << 10; // bytes for the windows of all tables together
 constexpr uint32_t largest_window = 64u << 10;
 constexpr uint32_t smallest_window = 4096;
 
@@ -43,17 +43,30 @@ bool track_places::begin_chunk()
 
 bool track_places::next(place &out)
 {
-    if (!sound_ || sample_ == track_.stsz.count) return false;
+    return take(out, false);
+}
+
+bool track_places::next_run(place &out)
+{
+    return take(out, true);
+}
+
+bool track_places::take(place &out, bool run)
+{
+    const uint32_t samples = track_.stsz.count - sample_;
+    if (!sound_ || samples == 0) return false;
     if (left_ == 0 && !begin_chunk()) return false;
-    uint32_t size = track_.common_size;
+    uint32_t size = track_.common_size, count = 1;
     if (size == 0) {
         const uint8_t *entry = sizes_.view(track_.stsz.offset + uint64_t{sample_} * 4, 4);
         if (!entry || (size = be32(entry)) == 0) return fail();
+    } else if (run) {
+        count = left_ < samples ? left_ : samples;
     }
-    out = {offset_, size};
-    offset_ += size;
-    --left_;
-    ++sample_;
+    out = {offset_, uint64_t{size} * count};
+    offset_ += out.size;
+    left_ -= count;
+    sample_ += count;
     return true;
 }
 
@@ -147,13 +160,21 @@ bool movie_header::read_edits(header_track &track, const box &edts)
 bool movie_header::read_media(header_track &track, const box &mdia)
 {
     return for_each_box({mdia.begin, mdia.end}, [&](const box &each) {
-        if (each.is("minf") || each.is("stbl")) return read_media(track, each);
-        if (!each.is("mdhd")) return read_table(track, each);
+        if (each.is("minf")) return read_tables(track, each);
+        if (!each.is("mdhd")) return true;
         bool there = true;
         const bool wide = be(each.begin, 1, there) == 1;
         track.timescale = static_cast<uint32_t>(be(each.begin + (wide ? 20 : 12), 4, there));
         track.duration = be(each.begin + (wide ? 24 : 16), wide ? 8 : 4, there);
         return there && track.timescale != 0;
+    });
+}
+
+bool movie_header::read_tables(header_track &track, const box &minf)
+{
+    return for_each_box({minf.begin, minf.end}, [&](const box &each) {
+        return !each.is("stbl") ||
+               for_each_box({each.begin, each.end}, [&](const box &table) { return read_table(track, table); });
     });
 }
 
@@ -241,14 +262,14 @@ bool movie_header::covers(uint64_t begin, uint64_t end)
     begin_places();
     place next[MP4_MAX_TRACKS];
     bool waits[MP4_MAX_TRACKS];
-    for (uint32_t i = 0; i < count_; ++i) waits[i] = places_[i]->next(next[i]);
+    for (uint32_t i = 0; i < count_; ++i) waits[i] = places_[i]->next_run(next[i]);
     uint64_t at = begin;
     for (bool found = true; found && at < end;) {
         found = false;
         for (uint32_t i = 0; i < count_; ++i)
             while (waits[i] && next[i].offset == at) {
                 at += next[i].size;
-                waits[i] = places_[i]->next(next[i]);
+                waits[i] = places_[i]->next_run(next[i]);
                 found = true;
             }
     }

@@ -17,7 +17,7 @@ namespace mediafiles::recovery {
 
 struct place {
     uint64_t offset; // in the file
-    uint32_t size;   // bytes
+    uint64_t size;   // bytes
 };
 
 // A table of a track: where its entries begin in the file, and how many there are.
@@ -48,12 +48,15 @@ public:
 
     // false after the last sample, and where the tables contradict each other: then is_sound is false.
     bool next(place &out);
+    // The next samples of a chunk at once, where they have one size: their table has no entries that would bound them.
+    bool next_run(place &out);
     bool is_sound() const { return sound_; }
     // Whether exactly as many chunks were used as there are.
     bool is_complete() const { return sample_ == track_.stsz.count && chunk_ == track_.stco.count && left_ == 0; }
     bool out_of_memory() const { return sizes_.out_of_memory() || chunks_.out_of_memory() || runs_.out_of_memory(); }
 
 private:
+    bool take(place &out, bool run);
     bool begin_chunk();
     bool begin_run();
     bool fail() { return sound_ = false; }
@@ -106,6 +109,7 @@ private:
     bool read_track(const box &trak);
     bool read_edits(header_track &track, const box &edts);
     bool read_media(header_track &track, const box &mdia);
+    bool read_tables(header_track &track, const box &minf);
     bool read_table(header_track &track, const box &table);
     bool read_description(header_track &track, const box &stsd);
     bool count_table(header_table &out, const box &table, uint32_t header, uint32_t entry);

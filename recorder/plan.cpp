@@ -34,7 +34,9 @@ constexpr uint32_t mdat_begin = 24;
 constexpr uint64_t largest_leftover = 16u << 20;
 constexpr uint64_t large_change = 64u << 20;
 constexpr uint64_t largest_search = 64u << 20; // for a movie header whose place is not known
+constexpr uint32_t most_headers = 16; // of those that such a search looks into: what only looks like one is rare
 constexpr uint32_t search_window = 256u << 10;
+constexpr uint32_t compare_window = 64u << 10;
 constexpr uint32_t all_options =
     MEDIAFILES_DROP_LAST_FRAME | MEDIAFILES_SALVAGE | MEDIAFILES_KEEP_DAMAGED | MEDIAFILES_FORCE | MEDIAFILES_CHECK_ALL;
 
@@ -66,23 +68,24 @@ struct mediafiles_plan {
     bool out_of_memory = false;
 
 private:
-    void decide_without_journal(bool finished);
-    void decide_without_samples(journal_scan &scan, bool is_ours, bool finished);
+    void decide_without_journal(movie_header &header, bool whole);
+    void decide_without_samples(journal_scan &scan, movie_header &header, bool is_begun, bool whole);
     void decide_beside_finished(journal_scan &scan, movie_header &header, uint64_t end);
-    void decide_by_journal(journal_scan &scan);
+    void decide_by_journal(journal_scan &scan, movie_header &header);
 
     bool is_ours() const;
+    bool is_head_alone() const;
     bool is_zeros() const;
     bool completes_size(movie_header &header, uint64_t from);
     bool header_at_end(movie_header &header, uint64_t from, uint64_t &begin);
     bool is_part_of(journal_scan &scan, movie_header &header) const;
     bool has_sets_of(journal_scan &scan, movie_header &header) const;
     bool tail_is_there(uint64_t at) const;
-    uint64_t readable_end(uint64_t end) const;
     bool select(journal_scan &scan, uint64_t limit, selection &chosen);
     bool select_before(journal_scan &scan, int64_t time, selection &chosen);
     bool drop_last_frame(journal_scan &scan, selection &chosen);
-    bool check(journal_scan &scan, uint64_t limit, selection &chosen);
+    bool check(journal_scan &scan, movie_header &header, uint64_t limit, selection &chosen);
+    bool completes_beside(journal_scan &scan, movie_header &header, uint64_t from);
     bool is_too_much(uint64_t limit);
     bool replay(journal_scan &scan, const selection &chosen);
 
@@ -117,6 +120,14 @@ bool mediafiles_plan::is_ours() const
            memcmp(head + 28, open_head + 28, 4) == 0;
 }
 
+// A part of the head was written before the first round of syncs, and nothing else.
+bool mediafiles_plan::is_head_alone() const
+{
+    uint8_t head[MEDIAFILES_HEAD_SIZE];
+    const auto size = static_cast<uint32_t>(media.size);
+    return media.size < sizeof head && read_all(media, 0, head, size) && memcmp(head, open_head, size) == 0;
+}
+
 // Small files alone are looked at.
 bool mediafiles_plan::is_zeros() const
 {
@@ -136,12 +147,11 @@ bool mediafiles_plan::is_zeros() const
 void mediafiles_plan::decide()
 {
     const bool ours = is_ours();
-    if (!ours && !(has_journal && is_zeros())) {
+    if (!ours && !(has_journal && (is_head_alone() || is_zeros()))) {
         info.result = MEDIAFILES_NOT_OURS;
         return;
     }
     if (media.size > UINT32_MAX) return void(refuse(MEDIAFILES_REASON_TOO_LARGE));
-    if (has_journal && journal.size > largest_journal) return void(refuse(MEDIAFILES_REASON_JOURNAL_DAMAGED));
 
     movie_header header(media);
     uint8_t size[4] = {};
@@ -154,7 +164,9 @@ void mediafiles_plan::decide()
     whole =
         whole && be32(box) <= media.size - end && header.read(end, end + be32(box)) && header.covers(media_begin, end);
     out_of_memory = out_of_memory || header.out_of_memory();
-    if (!has_journal) return decide_without_journal(whole);
+    if (!has_journal) return decide_without_journal(header, whole);
+    if (journal.size > largest_journal)
+        return whole ? finished(false, true) : void(refuse(MEDIAFILES_REASON_JOURNAL_DAMAGED));
 
     journal_scan scan(journal, &media);
     record next;
@@ -162,37 +174,36 @@ void mediafiles_plan::decide()
     note_journal(scan);
     info.journal_end = scan.end;
     if (scan.samples == 0)
-        decide_without_samples(scan, ours, whole);
+        decide_without_samples(scan, header, ours, whole);
     else if (!ours)
         info.result = MEDIAFILES_NOT_OURS;
     else if (whole)
         decide_beside_finished(scan, header, end);
     else
-        decide_by_journal(scan);
-    out_of_memory = out_of_memory || scan.out_of_memory();
+        decide_by_journal(scan, header);
+    out_of_memory = out_of_memory || scan.out_of_memory() || header.out_of_memory();
 }
 
-void mediafiles_plan::decide_without_journal(bool whole)
+void mediafiles_plan::decide_without_journal(movie_header &header, bool whole)
 {
-    movie_header header(media);
     if (whole) return finished(false);
     if (mdat_size == 0 && completes_size(header, media_begin)) return;
     refuse(MEDIAFILES_REASON_NO_JOURNAL);
 }
 
 // A journal of zeros was never written, one that ends inside its first records was being written: no round of syncs
-// was ever complete.
-void mediafiles_plan::decide_without_samples(journal_scan &scan, bool ours, bool whole)
+// was ever complete. One that cannot be read may name all. Where mdat has a size its samples were all there.
+void mediafiles_plan::decide_without_samples(journal_scan &scan, movie_header &header, bool ours, bool whole)
 {
-    movie_header header(media);
-    const bool unharmed = !scan.damage;
+    const bool unharmed = !scan.damage && !scan.is_unreadable();
     if (whole) return finished(unharmed, !unharmed);
     if (ours && mdat_size == 0 && completes_size(header, media_begin)) {
         info.journal = unharmed ? MEDIAFILES_JOURNAL_REMOVED : MEDIAFILES_JOURNAL_KEPT;
         return;
     }
     if (!unharmed) return void(refuse(MEDIAFILES_REASON_JOURNAL_DAMAGED));
-    if (media.size > largest_leftover) return void(refuse(MEDIAFILES_REASON_NO_SAMPLES));
+    const bool closed = mdat_begin + uint64_t{mdat_size} > media_begin;
+    if (closed || media.size > largest_leftover) return void(refuse(MEDIAFILES_REASON_NO_SAMPLES));
     info.result = MEDIAFILES_EMPTY_REMOVED;
     info.journal = MEDIAFILES_JOURNAL_REMOVED;
 }
@@ -204,10 +215,12 @@ void mediafiles_plan::decide_beside_finished(journal_scan &scan, movie_header &h
     const bool reaches = scan.media_end == end;
     if (scan.ending == MEDIAFILES_JOURNAL_DAMAGED || !is_part_of(scan, header)) return finished(false, true);
     if (!reaches) return finished(true);
-    if (scan.has_repair_mark) return decide_by_journal(scan); // a repair was cut off: it writes the same once more
-    if (tail.replay(scan, samples, media) != 0 || tail_is_there(end) || has_sets_of(scan, header))
-        return finished(true);
-    decide_by_journal(scan);
+    /* A repair was cut off, and what it wrote may not be on the medium: it writes the same once more. */
+    if (scan.has_repair_mark) return decide_by_journal(scan, header);
+    const int error = tail.replay(scan, samples, media);
+    out_of_memory = error == ENOMEM;
+    if (error != 0 || tail_is_there(end) || has_sets_of(scan, header)) return finished(true);
+    decide_by_journal(scan, header);
 }
 
 bool mediafiles_plan::is_part_of(journal_scan &scan, movie_header &header) const
@@ -248,13 +261,13 @@ bool mediafiles_plan::tail_is_there(uint64_t at) const
     struct comparison {
         window file;
         uint64_t at;
-    } there = {window(media, search_window), at};
+    } there = {window(media, compare_window), at};
     if (media.size - at != tail.size()) return false;
     const mediafiles_sink compare = [](void *context, const void *bytes, size_t count) {
         auto &with = *static_cast<comparison *>(context);
         const auto *from = static_cast<const uint8_t *>(bytes);
         for (size_t done = 0; done < count;) {
-            const auto part = static_cast<uint32_t>(count - done < search_window ? count - done : search_window);
+            const auto part = static_cast<uint32_t>(count - done < compare_window ? count - done : compare_window);
             const uint8_t *stored = with.file.view(with.at, part);
             if (!stored || memcmp(stored, from + done, part) != 0) return -1;
             with.at += part;
@@ -282,6 +295,7 @@ bool mediafiles_plan::header_at_end(movie_header &header, uint64_t from, uint64_
 {
     if (media.size > largest_search && from < media.size - largest_search) from = media.size - largest_search;
     window bytes(media, search_window);
+    uint32_t tried = 0;
     constexpr uint32_t header_size = 8;
     for (uint64_t end = media.size; end >= from + header_size;) {
         const uint64_t left = end - from;
@@ -290,6 +304,7 @@ bool mediafiles_plan::header_at_end(movie_header &header, uint64_t from, uint64_
         for (uint32_t i = count - header_size + 1; part && i-- > 0;) {
             const uint64_t at = end - count + i;
             if (memcmp(part + i + 4, "moov", 4) != 0 || be32(part + i) != media.size - at) continue;
+            if (++tried > most_headers) return false;
             begin = at;
             if (header.read(at, media.size) && header.covers(media_begin, at)) return true;
         }
@@ -297,19 +312,6 @@ bool mediafiles_plan::header_at_end(movie_header &header, uint64_t from, uint64_
         end -= count - (header_size - 1); // a box's header may lie across two windows
     }
     return false;
-}
-
-// Where what can be read ends, at most there: a broken chain of clusters ends before the size of the file.
-uint64_t mediafiles_plan::readable_end(uint64_t end) const
-{
-    uint8_t byte;
-    if (end <= media_begin || read_all(media, end - 1, &byte, 1)) return end;
-    uint64_t good = media_begin;
-    for (uint64_t bad = end; bad - good > 1;) {
-        const uint64_t middle = good + (bad - good) / 2;
-        (read_all(media, middle - 1, &byte, 1) ? good : bad) = middle;
-    }
-    return good;
 }
 
 // The samples that begin before the limit.
@@ -362,24 +364,22 @@ bool mediafiles_plan::drop_last_frame(journal_scan &scan, selection &chosen)
 }
 
 // Holds the samples against the media. What was written after the last whole round may be torn: a bad sample ends it.
-bool mediafiles_plan::check(journal_scan &scan, uint64_t limit, selection &chosen)
+bool mediafiles_plan::check(journal_scan &scan, movie_header &header, uint64_t limit, selection &chosen)
 {
     mediafiles_source present = media;
     present.size = limit;
     const check_result found = check_media(scan, present, chosen, options & MEDIAFILES_CHECK_ALL, ranges);
     if (found.out_of_memory) return out_of_memory = true, false;
     if (ranges.count() == 0) return true;
-    const bool torn = found.torn && !found.first_video;
-    if (!torn && (options & MEDIAFILES_KEEP_DAMAGED)) return true;
-    if (!torn && !(options & MEDIAFILES_SALVAGE))
-        return found.first_video
-                   ? refuse(MEDIAFILES_REASON_FOREIGN_JOURNAL, MEDIAFILES_KEEP_DAMAGED)
-                   : refuse(MEDIAFILES_REASON_MEDIA_DAMAGED, MEDIAFILES_SALVAGE | MEDIAFILES_KEEP_DAMAGED);
-    if (found.before.samples == 0) return refuse(MEDIAFILES_REASON_FOREIGN_JOURNAL, MEDIAFILES_KEEP_DAMAGED);
+    if (completes_beside(scan, header, media_begin)) return false;
+    if (options & MEDIAFILES_KEEP_DAMAGED) return true;
+    if (found.first_video) return refuse(MEDIAFILES_REASON_FOREIGN_JOURNAL, MEDIAFILES_KEEP_DAMAGED);
+    if (!found.torn && !(options & MEDIAFILES_SALVAGE))
+        return refuse(MEDIAFILES_REASON_MEDIA_DAMAGED, MEDIAFILES_SALVAGE | MEDIAFILES_KEEP_DAMAGED);
     const uint64_t end = chosen.end < limit ? chosen.end : limit;
     chosen = found.before;
     ranges.clear();
-    if (torn) {
+    if (found.torn) {
         info.journal_lost = scan.journal_size() - chosen.record_end;
         return true;
     }
@@ -403,12 +403,25 @@ bool mediafiles_plan::replay(journal_scan &scan, const selection &chosen)
     mediafiles_source kept = media;
     if (kept.size > chosen.end) kept.size = chosen.end;
     const int error = tail.replay(scan, chosen.samples, kept);
+    if (scan.samples != chosen.samples || scan.media_end != chosen.end) return refuse(MEDIAFILES_REASON_CHANGED);
     if (error == EFBIG) return refuse(MEDIAFILES_REASON_TOO_LARGE);
     if (error == ENOMEM) return out_of_memory = true, false;
     return error == 0 || refuse(MEDIAFILES_REASON_CANNOT_REPLAY, 0, error);
 }
 
-void mediafiles_plan::decide_by_journal(journal_scan &scan)
+// Where the size of mdat alone is missing, by a header that begins after that offset.
+bool mediafiles_plan::completes_beside(journal_scan &scan, movie_header &header, uint64_t from)
+{
+    record next;
+    while (scan.next(next)) {} // to the end, where the summary stands
+    if (mdat_size != 0 || scan.has_repair_mark || from >= media.size || !completes_size(header, from)) return false;
+    const bool part = scan.ending != MEDIAFILES_JOURNAL_DAMAGED && is_part_of(scan, header);
+    info.journal = part ? MEDIAFILES_JOURNAL_REMOVED : MEDIAFILES_JOURNAL_KEPT;
+    info.foreign = !part;
+    return true;
+}
+
+void mediafiles_plan::decide_by_journal(journal_scan &scan, movie_header &header)
 {
     record next;
     while (scan.next(next)) {} // to the end, where the summary stands
@@ -416,15 +429,11 @@ void mediafiles_plan::decide_by_journal(journal_scan &scan)
     const bool marked = scan.has_repair_mark;
     const repair_mark before = scan.repair;
     const uint64_t journal_media_end = scan.media_end;
-    if (!marked && mdat_size == 0 && journal_media_end < media.size) {
-        movie_header header(media);
-        if (completes_size(header, journal_media_end)) {
-            const bool part = !damaged && is_part_of(scan, header);
-            info.journal = part ? MEDIAFILES_JOURNAL_REMOVED : MEDIAFILES_JOURNAL_KEPT;
-            info.foreign = !part;
-            return;
-        }
-    }
+    /* The journal of another recording may reach into the movie header. Where there is video, that shows below. */
+    bool video = false;
+    for (uint32_t i = 0; i < scan.tracks; ++i) video = video || is_video(scan.track[i]);
+    const bool own = video && journal_media_end <= media.size;
+    if (completes_beside(scan, header, own ? journal_media_end : media_begin)) return;
     if (damaged && !(options & MEDIAFILES_SALVAGE))
         return void(refuse(MEDIAFILES_REASON_JOURNAL_DAMAGED, MEDIAFILES_SALVAGE));
 
@@ -432,10 +441,11 @@ void mediafiles_plan::decide_by_journal(journal_scan &scan)
     const bool begun =
         marked && media.size >= (before.media_size < journal_media_end ? before.media_size : journal_media_end);
     const uint64_t stored = begun ? before.media_size : media.size;
-    const uint64_t limit = begun ? stored : readable_end(stored);
+    const uint64_t limit = begun ? stored : readable_end(media, media_begin, stored);
     selection chosen;
     if (!select(scan, limit, chosen)) return void(refuse(MEDIAFILES_REASON_MEDIA_DAMAGED));
-    if (!check(scan, limit, chosen)) return;
+    if (!check(scan, header, limit, chosen)) return;
+    const uint64_t named = chosen.end;
     const bool drop = (options & MEDIAFILES_DROP_LAST_FRAME) && !(begun && before.dropped_frame);
     if (drop && !drop_last_frame(scan, chosen)) return;
     info.cut = limit > chosen.end ? limit - chosen.end : 0;
@@ -445,12 +455,13 @@ void mediafiles_plan::decide_by_journal(journal_scan &scan)
 
     /* The media was complete and its end is not named: the header that named it is torn. */
     const uint64_t closed = mdat_begin + uint64_t{mdat_size};
-    if (!begun && !drop && mdat_size != 0 && chosen.end < closed && ranges.count() == 0) {
+    const bool unnamed = !begun && mdat_size != 0 && named < closed;
+    if (unnamed && ranges.count() == 0) {
         const uint64_t end = closed < media.size ? closed : media.size;
-        if (chosen.end < end && !ranges.add(chosen.end, end)) out_of_memory = true;
+        if (named < end && !ranges.add(named, end)) out_of_memory = true;
     }
     mark = {static_cast<uint32_t>(limit), drop || (begun && before.dropped_frame), false};
-    info.result = damaged || ranges.count() != 0 ? MEDIAFILES_SALVAGED : MEDIAFILES_REPAIRED;
+    info.result = damaged || unnamed || ranges.count() != 0 ? MEDIAFILES_SALVAGED : MEDIAFILES_REPAIRED;
     info.journal = MEDIAFILES_JOURNAL_REMOVED;
     info.journal_end = chosen.record_end;
     info.media_end = chosen.end;

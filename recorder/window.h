@@ -36,6 +36,26 @@ inline bool read_all(const mediafiles_source &source, uint64_t offset, void *to,
     return true;
 }
 
+// Where what can be read ends: the whole source, unless its last byte cannot be read. A chain of clusters that is broken
+// ends before the size of the file. A bad block before the end of what can be read ends nothing.
+inline uint64_t readable_end(const mediafiles_source &source, uint64_t begin, uint64_t end)
+{
+    const auto ends_there = [&](uint64_t at) {
+        uint8_t last;
+        return at <= begin || read_all(source, at - 1, &last, 1);
+    };
+    uint64_t good = end, bad = end;
+    for (uint64_t step = 512; !ends_there(good); step *= 2) {
+        bad = good;
+        good = good - begin > step ? good - step : begin;
+    }
+    while (bad - good > 1) {
+        const uint64_t middle = good + (bad - good) / 2;
+        (ends_there(middle) ? good : bad) = middle;
+    }
+    return good;
+}
+
 class window {
 public:
     // A source without size gives nothing. The memory comes with the first look.
