@@ -243,7 +243,7 @@ const char *journal_scan::take_sample(const record &next)
     if (sample.end() > UINT32_MAX || sample.end() - media_begin > MP4_MAX_RECORD_BYTES)
         return "more media than a file can hold";
     if (zeros_follow_ && !zeros_are_its_own(next)) return "a sample that ends in zeros";
-    if (is_overwritten(next)) return "a last sample with a key flag like no other";
+    if (is_overwritten(next)) return "a last sample unlike any other";
 
     last_ = sample;
     ++samples;
@@ -278,13 +278,18 @@ const char *journal_scan::take_set(const record &next)
     return nullptr;
 }
 
-// Whether the key flag, which ends a sample's record, is what stood on the medium before, as what follows is.
+// Whether the end of a sample's record is what stood on the medium before, as what follows is: a key flag like no
+// other, a size beyond the media, or one that is far beyond.
 bool journal_scan::is_overwritten(const record &next)
 {
     const uint32_t key = load<uint32_t>(next.payload + field::key);
-    if (key <= 1 || odd_keys_++ != 0 || !may_be_torn(next.offset)) return false;
+    const bool odd_key = key > 1 && odd_keys_++ == 0;
+    const bool beyond = media_ && next.as_sample().end() > media_->size;
+    if (!(odd_key || beyond) || !may_be_torn(next.offset)) return false;
+    if (beyond && next.as_sample().end() - media_->size > large_change && next.as_sample().offset < media_->size)
+        return true;
     memento after;
-    if (next.end() >= bounds_.zeros_from || !header_at(next.end(), after)) return true;
+    if (next.end() >= bounds_.zeros_from || !header_at(next.end(), after)) return odd_key;
     return !is_stored_kind(after.kind) || after.length > largest_payload;
 }
 

@@ -32,7 +32,6 @@ constexpr uint8_t open_head[MEDIAFILES_HEAD_SIZE] = {0,   0,   0, 24, 'f', 't', 
                                                      'o', 'm', 0, 0,  0,   0,   'm', 'd', 'a', 't'};
 constexpr uint32_t mdat_begin = 24;
 constexpr uint64_t largest_leftover = 16u << 20;
-constexpr uint64_t large_change = 64u << 20;
 constexpr uint64_t largest_search = 64u << 20; // for a movie header whose place is not known
 constexpr uint32_t most_headers = 16; // of those that such a search looks into: what only looks like one is rare
 constexpr uint32_t search_window = 256u << 10;

@@ -1,0 +1,88 @@
+/** A plan of bytes in memory, and the file that it would make. Some of the bytes may be unreadable, or absent. */
+#pragma once
+
+#include <algorithm>
+#include <cerrno>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <span>
+
+#include <mediafiles/recovery.h>
+
+#include "hex.h"
+
+struct planned {
+    struct input {
+        std::span<const uint8_t> content;
+        uint64_t size = content.size();                   // beyond the content there are zeros
+        mediafiles_range bad = {UINT64_MAX, UINT64_MAX};  // cannot be read
+        std::function<void(uint64_t)> reading = nullptr;  // told of each read's offset
+        uint64_t reads = 0, moved = 0, largest = 0;       // calls, bytes of all, of the largest
+
+        mediafiles_source source() { return {this, size, read}; }
+
+    private:
+        static int64_t read(void *context, uint64_t at, void *to, uint32_t count)
+        {
+            input &self = *static_cast<input *>(context);
+            if (self.reading) self.reading(at);
+            self.reads++;
+            uint64_t end = std::min(self.size, at + count);
+            if (at >= end) return 0;
+            if (at >= self.bad.begin && at < self.bad.end) return errno = EIO, -1;
+            if (at < self.bad.begin) end = std::min(end, self.bad.begin);
+            const auto got = static_cast<size_t>(end - at);
+            const auto from = static_cast<size_t>(std::min<uint64_t>(at, self.content.size()));
+            const size_t there = std::min(got, self.content.size() - from);
+            auto *out = std::copy_n(self.content.data() + from, there, static_cast<uint8_t *>(to));
+            std::fill_n(out, got - there, uint8_t(0));
+            self.moved += got;
+            self.largest = std::max<uint64_t>(self.largest, count);
+            return static_cast<int64_t>(got);
+        }
+    };
+
+    mediafiles_plan_info info = {};
+    std::vector<mediafiles_range> ranges = {};
+    bytes file = {}; // as it is afterwards, where a plan changes it; of a hundred megabytes at most
+
+    bool keeps() const { return info.result == MEDIAFILES_REPAIRED || info.result == MEDIAFILES_SALVAGED; }
+
+    planned(input &media, input *journal, uint32_t options)
+    {
+        const mediafiles_source from = media.source(), beside = journal ? journal->source() : mediafiles_source{};
+        const std::unique_ptr<mediafiles_plan, decltype(&mediafiles_plan_destroy)> plan(
+            mediafiles_plan_create(&from, journal ? &beside : nullptr, options), mediafiles_plan_destroy);
+        if (!plan) return; // out of memory: a result of 0
+        info.size = sizeof info;
+        mediafiles_plan_get(plan.get(), &info);
+        ranges.resize(info.ranges);
+        for (uint32_t i = 0; i < info.ranges; i++)
+            if (mediafiles_plan_range(plan.get(), i, &ranges[i]) != 0) std::abort();
+        mediafiles_range range;
+        uint8_t head[MEDIAFILES_HEAD_SIZE];
+        if (mediafiles_plan_range(plan.get(), info.ranges, &range) == 0 ||
+            (mediafiles_plan_head(plan.get(), head) == 0) != keeps())
+            std::abort();
+        if (!keeps() || info.media_end > 100'000'000) return;
+        file.assign(media.content.begin(), media.content.begin() + std::ptrdiff_t(std::min<uint64_t>(
+                                                                       media.content.size(), info.media_end)));
+        file.resize(static_cast<size_t>(info.media_end));
+        std::copy(std::begin(head), std::end(head), file.begin());
+        const mediafiles_sink append = [](void *context, const void *data, size_t count) {
+            auto &out = static_cast<planned *>(context)->file;
+            const auto *begin = static_cast<const uint8_t *>(data);
+            out.insert(out.end(), begin, begin + count);
+            return 0;
+        };
+        if (mediafiles_plan_tail(plan.get(), append, this) != 0) std::abort();
+        if (file.size() != info.file_size) std::abort();
+    }
+};
+
+inline planned plan_of(const bytes &media, const bytes *journal, uint32_t options = 0)
+{
+    planned::input from = {media}, beside = {journal ? std::span<const uint8_t>(*journal) : std::span<const uint8_t>()};
+    return planned(from, journal ? &beside : nullptr, options);
+}
