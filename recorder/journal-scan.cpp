@@ -311,7 +311,9 @@ bool journal_scan::zeros_are_its_own(const record &next) const
     if (sample.key) return true; // its first byte is the last one that is not zero in any sample
     const auto &before = before_[sample.track];
     const codec &codec = *codec_of(track[sample.track].type);
-    if (media_ && codec.is_video() && sample.end() <= media_->size) {
+    if (media_ && sample.end() > media_->size) {
+        // the sample is incomplete in any case: its key flag does not matter
+    } else if (media_ && codec.is_video()) {
         struct search {
             const recovery::codec &codec;
             bool key;

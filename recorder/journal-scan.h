@@ -26,8 +26,8 @@ namespace mediafiles::recovery {
 constexpr uint32_t media_begin = MEDIAFILES_HEAD_SIZE;
 constexpr uint64_t largest_journal = 512u << 20; // 19 million samples: more than a recording can hold
 constexpr uint32_t journal_window = 256u << 10;
-constexpr uint64_t large_change = 64u << 20;     // bytes: more is cut off or added only where that is plausible
-constexpr int64_t second = 1'000'000'000; // in nanoseconds
+constexpr uint64_t large_change = 64u << 20; // bytes: more is cut off or added only where that is plausible
+constexpr int64_t second = 1'000'000'000;    // in nanoseconds
 
 struct sample {
     uint8_t track;

@@ -67,6 +67,14 @@ struct silence {
     }
 };
 
+template <class Record>
+Record sized()
+{
+    Record record = {};
+    record.size = sizeof record;
+    return record;
+}
+
 bytes first(const bytes &all, size_t count)
 {
     return bytes(all.begin(), all.begin() + std::ptrdiff_t(std::min(count, all.size())));
@@ -163,14 +171,14 @@ TEST(plan, decides_every_state_of_a_close)
         const struct {
             const char *what;
             const bytes *journal;
-        } journals[] = {{"complete", &r.journal},    {"marked", &r.marked},    {"stale", &stale}, {"empty", &empty},
-                        {"zeros", &zeros},           {"damaged", &damaged},    {"none", nullptr},
-                        {"foreign", &foreign.journal}};
+        } journals[] = {
+            {"complete", &r.journal}, {"marked", &r.marked}, {"stale", &stale}, {"empty", &empty},
+            {"zeros", &zeros},        {"damaged", &damaged}, {"none", nullptr}, {"foreign", &foreign.journal}};
         for_each_close(r, foreign.closed, [&](const bytes &file, bool head) {
             const mp4::file judged = mp4::read(file);
             const bool whole = head && judged.sound() && kept_of(r, file) == long(r.samples.size());
-            const bool body = kept_of(r, with(file, 24, first(bytes(&r.closed[24], &r.closed[28]), 4))) ==
-                              long(r.samples.size());
+            const bool body =
+                kept_of(r, with(file, 24, first(bytes(&r.closed[24], &r.closed[28]), 4))) == long(r.samples.size());
             for (const auto &[what, journal] : journals) {
                 cases++;
                 const planned p = plan_of(file, journal);
@@ -185,9 +193,9 @@ TEST(plan, decides_every_state_of_a_close)
                 ASSERT_TRUE(file != r.closed || result == MEDIAFILES_FINISHED) << told;
                 if (result == MEDIAFILES_FINISHED) {
                     ASSERT_TRUE(whole) << told;
-                    ASSERT_EQ(p.info.journal, !journal                                  ? MEDIAFILES_JOURNAL_NONE
+                    ASSERT_EQ(p.info.journal, !journal                                 ? MEDIAFILES_JOURNAL_NONE
                                               : kind == "damaged" || kind == "foreign" ? MEDIAFILES_JOURNAL_KEPT
-                                                                                        : MEDIAFILES_JOURNAL_REMOVED)
+                                                                                       : MEDIAFILES_JOURNAL_REMOVED)
                         << told;
                     continue;
                 }
@@ -227,7 +235,9 @@ bytes torn(const bytes &journal, size_t at, const std::string &way, const bytes 
     bytes out = first(journal, at);
     if (way == "cut") return out;
     for (size_t i = at; i < journal.size(); i++)
-        out.push_back(way == "zeros" ? uint8_t(0) : way == "junk" ? uint8_t(i * 2654435761u >> 13) : old[i % old.size()]);
+        out.push_back(way == "zeros"  ? uint8_t(0)
+                      : way == "junk" ? uint8_t(i * 2654435761u >> 13)
+                                      : old[i % old.size()]);
     if (way == "sector") // of zeros; what follows it has reached the medium
         for (size_t i = at; i < journal.size(); i++) out[i] = i < (at / 512 + 1) * 512 ? uint8_t(0) : journal[i];
     return out;
@@ -251,7 +261,8 @@ TEST(plan, uses_the_valid_records_of_a_torn_journal)
                     const long whole = named_in(journal, at), kept = kept_of(r, p.file);
                     const std::string told = r.name + (marked ? ", marked, " : ", ") + way + " from " +
                                              std::to_string(at) + " of " + std::to_string(journal.size()) + ": " +
-                                             text_of(p) + ", kept " + std::to_string(kept) + " of " + std::to_string(whole);
+                                             text_of(p) + ", kept " + std::to_string(kept) + " of " +
+                                             std::to_string(whole);
                     cases++;
                     if (whole == 0) continue;
                     ASSERT_EQ(p.info.result, MEDIAFILES_REPAIRED) << told;
@@ -291,15 +302,19 @@ TEST(plan, tells_damage_from_a_torn_end)
         {"a byte of a record", with(r.marked, middle + 20, hex("77")), true},
         {"a length that is none", with(r.marked, middle + 2, hex("FFFF")), true},
         {"a record that ends after the journal, rounds after it",
-         then(first(r.marked, r.rounds[rounds - 5]), {hex("0000FC01"), bytes(r.marked.end() - 400, r.marked.end())}), true},
+         then(first(r.marked, r.rounds[rounds - 5]), {hex("0000FC01"), bytes(r.marked.end() - 400, r.marked.end())}),
+         true},
         {"the last round's mark", with(r.marked, end - 8, hex("77")), false},
         {"junk in the last round, whose mark is there", with(r.marked, r.rounds[rounds - 2], random_bytes(28)), false},
-        {"old rounds of more media, in the places of records", then(before, {mark(all + 5, 1u << 30, none), user, mark(all + 6, 1u << 30, user)}), false},
+        {"old rounds of more media, in the places of records",
+         then(before, {mark(all + 5, 1u << 30, none), user, mark(all + 6, 1u << 30, user)}), false},
         {"old rounds of lower numbers", then(before, {junk, mark(2, 900, none), user, mark(3, 950, user)}), false},
-        {"old rounds of less media", then(before, {junk, mark(all + 2, 40, none), user, mark(all + 3, 50, user)}), false},
+        {"old rounds of less media", then(before, {junk, mark(all + 2, 40, none), user, mark(all + 3, 50, user)}),
+         false},
         {"later rounds after junk", then(before, {junk, mark(all + 2, r.open.size(), none)}), true},
         {"a mark twice", then(r.marked, {bytes(r.marked.end() - MEDIAFILES_ROUND_MARK_SIZE, r.marked.end())}), false},
-        {"4 KiB before the end, unmarked", with(r.journal, r.journal.size() - 4097 - 28 * 4, hex("77 77 77 77 77")), true},
+        {"4 KiB before the end, unmarked", with(r.journal, r.journal.size() - 4097 - 28 * 4, hex("77 77 77 77 77")),
+         true},
         {"zeros after a torn record, unmarked", then(first(r.journal, 3000), {hex("02005000"), bytes(8192)}), false},
     };
     for (const auto &[what, journal, damaged] : cases) {
@@ -342,7 +357,8 @@ TEST(plan, keeps_what_the_media_holds)
         {"damage", damaged, &r.marked, MEDIAFILES_CHECK_ALL, MEDIAFILES_REFUSED, MEDIAFILES_REASON_MEDIA_DAMAGED, 0},
         {"salvaged", damaged, &r.marked, MEDIAFILES_SALVAGE | MEDIAFILES_CHECK_ALL, MEDIAFILES_SALVAGED, 0, bad},
         {"kept", damaged, &r.marked, MEDIAFILES_KEEP_DAMAGED | MEDIAFILES_CHECK_ALL, MEDIAFILES_SALVAGED, 0, all},
-        {"the first sample", foreign, &r.marked, MEDIAFILES_SALVAGE, MEDIAFILES_REFUSED, MEDIAFILES_REASON_FOREIGN_JOURNAL, 0},
+        {"the first sample", foreign, &r.marked, MEDIAFILES_SALVAGE, MEDIAFILES_REFUSED,
+         MEDIAFILES_REASON_FOREIGN_JOURNAL, 0},
         {"after the last whole round", torn_media, &r.journal, 0, MEDIAFILES_REPAIRED, 0, latest},
         {"in the last whole round", torn_media, &r.marked, 0, MEDIAFILES_REFUSED, MEDIAFILES_REASON_MEDIA_DAMAGED, 0},
         {"torn, but kept", torn_media, &r.journal, MEDIAFILES_KEEP_DAMAGED, MEDIAFILES_SALVAGED, 0, all},
@@ -367,7 +383,8 @@ TEST(plan, keeps_what_the_media_holds)
         EXPECT_EQ(plan_of(part, &none).info.result, MEDIAFILES_EMPTY_REMOVED) << size;
         EXPECT_EQ(plan_of(part, nullptr).info.result, MEDIAFILES_NOT_OURS) << size;
     }
-    const uint32_t keep = MEDIAFILES_KEEP_DAMAGED | MEDIAFILES_CHECK_ALL, salvage = MEDIAFILES_SALVAGE | MEDIAFILES_CHECK_ALL;
+    const uint32_t keep = MEDIAFILES_KEEP_DAMAGED | MEDIAFILES_CHECK_ALL,
+                   salvage = MEDIAFILES_SALVAGE | MEDIAFILES_CHECK_ALL;
     const auto range = plan_of(damaged, &r.marked, keep).ranges, rest = plan_of(damaged, &r.marked, salvage).ranges;
     ASSERT_TRUE(range.size() == 1 && rest.size() == 1);
     EXPECT_TRUE(range[0].begin == at && range[0].end == end);
@@ -385,7 +402,8 @@ TEST(plan, keeps_what_the_media_holds)
     const planned chain = unreadable({half, UINT64_MAX}, nothing);
     EXPECT_EQ(chain.info.result, MEDIAFILES_REPAIRED);
     EXPECT_TRUE(chain.info.media_end >= half && chain.info.media_end < half + 3000 && chain.info.samples > 0);
-    EXPECT_EQ(unreadable({half, half + 512}, nothing, MEDIAFILES_CHECK_ALL).info.reason, MEDIAFILES_REASON_MEDIA_DAMAGED);
+    EXPECT_EQ(unreadable({half, half + 512}, nothing, MEDIAFILES_CHECK_ALL).info.reason,
+              MEDIAFILES_REASON_MEDIA_DAMAGED);
     EXPECT_EQ(unreadable({half, half + 512}, nothing, keep).info.samples, all);
     EXPECT_EQ(unreadable(nothing, {mid, mid + 512}).info.reason, MEDIAFILES_REASON_JOURNAL_DAMAGED);
     const planned part = unreadable(nothing, {mid, UINT64_MAX});
@@ -393,7 +411,6 @@ TEST(plan, keeps_what_the_media_holds)
     EXPECT_EQ(part.info.result, MEDIAFILES_REPAIRED);
     EXPECT_EQ(unreadable(nothing, {0, UINT64_MAX}).info.reason, MEDIAFILES_REASON_JOURNAL_DAMAGED);
     EXPECT_EQ(unreadable({0, UINT64_MAX}, nothing).info.result, MEDIAFILES_NOT_OURS);
-
 }
 
 TEST(plan, asks_before_it_cuts_or_adds_a_lot)
@@ -472,5 +489,272 @@ TEST(plan, is_the_same_after_each_step_of_applying_it)
             const planned after = plan_of(due.file, &kept, options);
             EXPECT_TRUE(after.info.result == MEDIAFILES_FINISHED && after.info.journal == MEDIAFILES_JOURNAL_KEPT);
         }
+}
+
+/* ---- parameter sets, records ---- */
+
+TEST(plan, takes_large_parameter_sets_from_the_first_sample)
+{
+    const silence quiet;
+    const auto prefixed = [](const bytes &unit) {
+        bytes out = {0, 0, uint8_t(unit.size() >> 8), uint8_t(unit.size())};
+        overlay(out, 4, unit);
+        return out;
+    };
+    const struct {
+        uint32_t type;
+        std::vector<bytes> sets;
+        bytes slice;
+    } codecs[] = {
+        {MP4_TRACK_H264, {hex("6742c01e 80*600"), hex("68eeff3c")}, hex("65 11*40")},
+        {MP4_TRACK_H265,
+         {hex("40010c01ffff01600000030090000003000003003f928090"),
+          hex("42010101600000030090000003000003003fa0050201696592a4932bc04040000003004000000642 80*600"),
+          hex("4401c172b46240")},
+         hex("2601 11*40")},
+    };
+    for (const auto &[type, sets, slice] : codecs)
+        for (const size_t journaled : {size_t{0}, sets.size() - 1}) { // only the last one, or none
+            const descriptor out;
+            const journal_ptr caretaker(mediafile_caretaker_create());
+            mp4_builder *b = mp4_builder_create();
+            const mp4_track_desc desc = {type | MP4_TRACK_RAW, {{640, 360, 0}}};
+            ASSERT_EQ(b->add_track(b, &desc), 0);
+            ASSERT_EQ(b->open(b, out, 0, caretaker.get()), 0);
+            bytes journal = drain(caretaker), sample;
+            for (size_t i = 0; i < sets.size(); i++) {
+                const size_t kind = (type == MP4_TRACK_H264 ? size_t{MEMENTO_SPS} : size_t{MEMENTO_VPS}) + i;
+                const auto set = kind == MEMENTO_VPS   ? mp4_movie_set_track_vps
+                                 : kind == MEMENTO_SPS ? mp4_movie_set_track_sps
+                                                       : mp4_movie_set_track_pps;
+                const bytes &unit = sets[i];
+                ASSERT_EQ(set(b->movie, 0, unit.data(), uint32_t(unit.size())), 0);
+                overlay(sample, sample.size(), prefixed(unit));
+                if (journaled == 0 || i < journaled) continue;
+                overlay(journal, journal.size(), {uint8_t(kind), 0, uint8_t(unit.size()), 0});
+                overlay(journal, journal.size(), unit);
+                journal.resize((journal.size() + 3) / 4 * 4);
+            }
+            overlay(sample, sample.size(), prefixed(slice));
+            for (int i = 0; i < 3; i++) {
+                const mp4_frame frame = {0, sample.data(), uint32_t(sample.size()), {i, 0}, 1};
+                ASSERT_EQ(b->add_frame(b, &frame), 0);
+            }
+            overlay(journal, journal.size(), drain(caretaker));
+            const bytes open = file_content(out);
+            ASSERT_EQ(b->close(b), 0);
+            b->destroy(b);
+            const bytes closed = file_content(out);
+            const planned p = plan_of(open, &journal);
+            EXPECT_TRUE(p.info.result == MEDIAFILES_REPAIRED && p.file == closed) << type << text_of(p);
+            EXPECT_EQ(p.info.info.tracks[0].desc.type, type | MP4_TRACK_RAW);
+            EXPECT_EQ(plan_of(closed, &journal).info.result, MEDIAFILES_FINISHED);
+            /* A torn header may be sound but for a parameter set. */
+            bytes torn_set = closed;
+            const size_t at =
+                size_t(std::ranges::search(std::span(torn_set).subspan(open.size()), sets.back()).begin() -
+                       std::span(torn_set).begin());
+            torn_set[at + sets.back().size() - 1] ^= 0x55;
+            const planned again = plan_of(torn_set, &journal);
+            EXPECT_TRUE(!journaled || (again.info.result == MEDIAFILES_REPAIRED && again.file == closed));
+        }
+}
+
+TEST(plan, hands_out_the_records_of_a_journal)
+{
+    const recorded &r = recordings()[1];
+    const model::journal due = model::read(r.marked);
+    planned::input input = {r.marked};
+    const mediafiles_source source = input.source();
+    for (const uint32_t size : {uint32_t(sizeof(mediafiles_journal_record)), 8u}) {
+        mediafiles_journal *journal = mediafiles_journal_open(&source, nullptr);
+        ASSERT_TRUE(journal);
+        uint64_t at = 0;
+        for (const model::record &each : due.records) {
+            mediafiles_journal_record record;
+            memset(&record, 0x5A, sizeof record);
+            record.size = size;
+            ASSERT_EQ(mediafiles_journal_next(journal, &record), 1);
+            ASSERT_TRUE(record.size == size && record.kind == each.kind && record.track == each.track &&
+                        record.length == each.payload.size());
+            if (size == 8) {
+                ASSERT_EQ(record.offset, 0x5A5A5A5A5A5A5A5Au); // an older caller's memory ends before it
+                continue;
+            }
+            ASSERT_TRUE(record.offset == at && std::equal(each.payload.begin(), each.payload.end(), record.payload));
+            at = record.end;
+        }
+        auto record = sized<mediafiles_journal_record>();
+        ASSERT_EQ(mediafiles_journal_next(journal, &record), 0);
+        auto summary = sized<mediafiles_journal_summary>();
+        mediafiles_journal_get_summary(journal, &summary);
+        EXPECT_TRUE(summary.ending == MEDIAFILES_JOURNAL_WHOLE && summary.end == r.marked.size() && summary.lost == 0 &&
+                    !summary.damage && summary.tracks == 2 && summary.rounds == r.rounds.size() - 1 &&
+                    summary.samples == r.samples.size() && summary.media_end == r.open.size() &&
+                    summary.track[0].type == MP4_TRACK_AAC);
+        mediafiles_journal_close(journal);
+    }
+    const struct {
+        const char *what;
+        bytes journal;
+        uint32_t ending;
+        uint64_t end;
+    } ends[] = {
+        {"cut", first(r.marked, 30), MEDIAFILES_JOURNAL_CUT, 20},
+        {"torn", with(first(r.journal, 40), 40, hex("FF00FFFF")), MEDIAFILES_JOURNAL_TORN, 40},
+        {"damaged", with(r.marked, r.rounds[1], hex("FF00FFFF")), MEDIAFILES_JOURNAL_DAMAGED, r.rounds[1]},
+    };
+    for (const auto &[what, stored, ending, end] : ends) {
+        planned::input of = {stored};
+        const mediafiles_source from = of.source();
+        mediafiles_journal *journal = mediafiles_journal_open(&from, nullptr);
+        auto record = sized<mediafiles_journal_record>();
+        while (mediafiles_journal_next(journal, &record)) {}
+        auto summary = sized<mediafiles_journal_summary>();
+        mediafiles_journal_get_summary(journal, &summary);
+        EXPECT_EQ(summary.ending, ending) << what;
+        EXPECT_EQ(summary.end, end) << what;
+        EXPECT_EQ(summary.lost, stored.size() - end) << what;
+        mediafiles_journal_close(journal);
+    }
+    input.bad = {0, UINT64_MAX};
+    EXPECT_TRUE(!mediafiles_journal_open(&source, nullptr) && errno == EIO);
+
+    const bytes user = with(hex("00000800"), 4, bytes(8)), both = with(user, 12, r.journal);
+    EXPECT_EQ(mediafiles_is_journal(r.journal.data(), r.journal.size()), 1);
+    EXPECT_EQ(mediafiles_is_journal(both.data(), both.size()), 1);
+    EXPECT_EQ(mediafiles_is_journal(user.data(), user.size()), 0);
+    EXPECT_EQ(mediafiles_is_journal(r.closed.data(), r.closed.size()), 0);
+    EXPECT_EQ(mediafiles_is_journal(r.journal.data(), 19), 0);
+    const bytes zeros(100'000);
+    EXPECT_EQ(mediafiles_is_journal(zeros.data(), zeros.size()), 0);
+}
+
+/* ---- what it costs ---- */
+
+TEST(plan, takes_forty_bytes_a_sample)
+{
+    const silence quiet;
+    constexpr uint32_t samples = 1'000'000;
+    bytes media = recordings()[0].open, journal = first(recordings()[0].journal, 40); // both tracks
+    media.resize(32);
+    for (uint32_t i = 0; i < samples; i++) {
+        const uint32_t track = i % 2, size = 8 + i / 2 % 2, at = uint32_t(media.size());
+        bytes unit = {0, 0, 0, uint8_t(size - 4), 0x65, uint8_t(i)};
+        unit.resize(size);
+        media.insert(media.end(), unit.begin(), unit.end());
+        const uint32_t nanoseconds = i % 100 * 10'000'000 + i / 2 % 3 * 1'000'000;
+        for (const uint32_t word :
+             {MEMENTO_SAMPLE | track << 8 | 24u << 16, at, size, i / 100, 0u, nanoseconds, i / 2 % 2})
+            for (int shift = 0; shift < 32; shift += 8) journal.push_back(uint8_t(word >> shift));
+    }
+    const auto in_use = [] {
+        const struct mallinfo2 heap = mallinfo2();
+        return heap.uordblks + heap.hblkhd;
+    };
+    planned::input from = {media}, beside = {journal};
+    size_t peak = 0, passes = 0;
+    from.reading = [&](uint64_t) { peak = std::max(peak, in_use()); };
+    beside.reading = [&](uint64_t at) {
+        peak = std::max(peak, in_use());
+        passes += at == 0;
+    };
+    const size_t before = in_use();
+    const mediafiles_source media_source = from.source(), journal_source = beside.source();
+    mediafiles_plan *plan = mediafiles_plan_create(&media_source, &journal_source, 0);
+    peak = std::max(peak, in_use());
+    auto info = sized<mediafiles_plan_info>();
+    mediafiles_plan_get(plan, &info);
+    EXPECT_EQ(info.result, MEDIAFILES_REPAIRED);
+    EXPECT_EQ(info.samples, samples);
+    EXPECT_LE(beside.largest, 256u << 10);
+    EXPECT_LE(from.moved, 256 * 5 + 2000u);
+    EXPECT_LE(peak - std::min(peak, before), 40 * samples + (1u << 20));
+    fprintf(stderr, "%u samples: %.1f bytes each, %zu passes, %zu reads of media, %zu bytes\n", samples,
+            double(peak - std::min(peak, before)) / samples, passes, size_t(from.reads), size_t(from.moved));
+    mediafiles_plan_destroy(plan);
+
+    /* It may change between two passes. */
+    beside.reading = [&, pass = size_t{0}](uint64_t at) mutable {
+        if (at == 0 && ++pass == passes) journal[journal.size() - 28 * 1000 + 4] ^= 0x40; // an offset
+    };
+    const planned changed(from, &beside, 0);
+    EXPECT_EQ(changed.info.reason, MEDIAFILES_REASON_CHANGED) << text_of(changed);
+}
+
+bytes box(const char *type, std::initializer_list<bytes> parts)
+{
+    bytes out(8);
+    for (const bytes &part : parts) overlay(out, out.size(), part);
+    for (size_t i = 0; i < 4; i++) out[i] = uint8_t(out.size() >> (24 - 8 * i)), out[4 + i] = uint8_t(type[i]);
+    return out;
+}
+
+bytes words(std::initializer_list<uint32_t> numbers)
+{
+    bytes out;
+    for (const uint32_t number : numbers)
+        for (int shift = 24; shift >= 0; shift -= 8) out.push_back(uint8_t(number >> shift));
+    return out;
+}
+
+/** A header of one sound track whose samples have one size and lie in one chunk. */
+bytes header_of(uint32_t samples, uint32_t size, const bytes &more = {})
+{
+    const bytes entry = box("mp4a", {bytes(28), box("esds", {bytes(30)})});
+    const bytes tables = box("stbl", {box("stsd", {words({0, 1}), entry}), box("stts", {words({0, 1, samples, 0})}),
+                                      box("stsc", {words({0, 1, 1, samples, 1})}), box("stco", {words({0, 1, 32})}),
+                                      box("stsz", {words({0, size, samples})})});
+    const bytes media = box("mdia", {box("mdhd", {words({0, 0, 0, 48000, 0, 0})}), box("minf", {tables, more})});
+    return box("moov", {box("mvhd", {words({0, 0, 0, 1000}), bytes(84)}),
+                        box("trak", {box("tkhd", {words({0, 0, 0, 1}), bytes(68)}), media})});
+}
+
+TEST(plan, takes_bounded_time_for_hostile_files)
+{
+    const silence quiet;
+    const bytes &head = recordings()[0].open;
+    const auto seconds = [from = clock()] { return double(clock() - from) / CLOCKS_PER_SEC; };
+    const auto judge = [&](const bytes &end, uint64_t media_size, uint32_t mdat) {
+        const bytes begin = with(first(head, 32), 24, words({mdat}));
+        planned::input media = {begin, media_size};
+        media.end = end;
+        const planned p(media, nullptr, 0);
+        EXPECT_LE(media.moved, 300'000'000u) << media_size;
+        return p.info.result;
+    };
+    /* Four thousand million samples of one byte. */
+    const bytes many = header_of(UINT32_MAX - 2000, 1);
+    EXPECT_EQ(judge(many, 32 + uint64_t{UINT32_MAX} - 2000 + many.size(), UINT32_MAX - 2000 + 8), MEDIAFILES_FINISHED);
+    /* More than the media holds. */
+    EXPECT_EQ(judge(many, 1000 + many.size(), 1000 - 24), MEDIAFILES_REFUSED);
+    /* A million boxes in each other. */
+    bytes deep(8'000'000);
+    for (size_t i = 0; i < deep.size(); i += 8)
+        overlay(deep, i, with(words({uint32_t(deep.size() - i)}), 4, hex("'minf'")));
+    const bytes nested = header_of(4, 10, deep);
+    EXPECT_EQ(judge(nested, 72 + nested.size(), 48), MEDIAFILES_FINISHED); // boxes that nobody asked for
+    /* Half a million headers that all fit, and lead to the same large table. */
+    const bytes shared = header_of(4, 10, box("free", {bytes(1 << 20, 1)}));
+    bytes headers(8 << 20);
+    overlay(headers, headers.size(), bytes(shared.begin() + 8, shared.end()));
+    for (uint32_t i = 0; i < 8u << 20; i += 16) {
+        overlay(headers, i, with(words({uint32_t(headers.size()) - i}), 4, hex("'moov'")));
+        overlay(headers, i + 8, with(words({(8u << 20) - i - 8}), 4, hex("'free'")));
+    }
+    EXPECT_EQ(judge(headers, 1000 + headers.size(), 0), MEDIAFILES_REFUSED);
+    EXPECT_LT(seconds(), 4);
+
+    /* Journals of zeros, and of records of 4 bytes. */
+    const bytes mark = bytes(recordings()[0].marked.end() - 64, recordings()[0].marked.end());
+    for (const bool records : {false, true}) {
+        planned::input media = {head}, journal = {std::span<const uint8_t>(), records ? 16u << 20 : 512u << 20};
+        if (records) journal.end = mark;
+        const planned p(media, &journal, 0);
+        EXPECT_EQ(p.info.result, MEDIAFILES_EMPTY_REMOVED) << text_of(p);
+        EXPECT_LE(journal.moved, 4 * journal.size);
+    }
+    planned::input media = {recordings()[0].closed}, large = {std::span<const uint8_t>(), (512u << 20) + 1};
+    EXPECT_EQ(planned(media, &large, 0).info.result, MEDIAFILES_FINISHED);
 }
 } // namespace

@@ -1,6 +1,7 @@
 /**
  * The proof that a recording survives a power cut: whatever a cut leaves of the media file and of the journal is
- * repaired both ways and held against what was recorded, and against what support/repair-model.h expects. A case is a
+ * repaired by both functions of the core and by the plan of a recovery, and held against what was recorded, and against
+ * what support/repair-model.h expects. A case is a
  * distinct pair of media and journal bytes; support/power-cut.h has them and their IDs.
  *
  *     power_cut_test STREAMS                 every case; STREAMS is the directory testdata/
@@ -27,6 +28,7 @@
 
 #include <mediafiles/fix.h>
 
+#include "support/planned.h"
 #include "support/power-cut.h"
 
 namespace {
@@ -113,7 +115,7 @@ struct proof {
     fault built_in = fault::none;
     size_t every = 1;
     std::string only = {}; // ID
-    size_t cases = 0, recordings = 0, repaired = 0;
+    size_t cases = 0, recordings = 0, repaired = 0, planned_repairs = 0;
     std::map<std::string, size_t> failures = {}; // by check
     descriptor file = {}, journal = {};
 
@@ -192,10 +194,49 @@ struct proof {
                "kept " + std::to_string(shown.size()) + " samples of " + std::to_string(owed));
     }
 
+    /**
+     * What recovery decides: as the core's repair, byte for byte, but that a file that is closed stays as it is, that a
+     * torn journal is no reason to refuse, and that a file without samples goes or is refused.
+     */
+    void judge_plan(const recording &r, const power_cut &c, uint32_t options)
+    {
+        const auto expect = [&](bool good, const char *check, const std::string &text) {
+            if (!good && failures[check]++ < 5 && built_in == fault::none)
+                fprintf(stderr, "%s: plan%s, %s: %s\n", c.id.c_str(), options ? " without last frame" : "", check,
+                        text.c_str());
+        };
+        const model::journal told = model::read(c.journal);
+        const model::outcome due = model::repair(told, c.media.size(), options ? 2 : 1);
+        const planned got = plan_of(c.media, &c.journal, options);
+        const std::string what = "result " + std::to_string(got.info.result) + ", reason " +
+                                 std::to_string(got.info.reason) + ", samples " + std::to_string(got.info.samples);
+        size_t owed = std::min(std::max(intact(r, c), c.possible ? c.promised : 0), due.stop);
+        if (c.spoilt && options) owed = 0; // the last frame that is left is not the model's
+        if (got.info.result == MEDIAFILES_FINISHED) {
+            const mp4::file whole = mp4::read(c.media);
+            expect(whole.sound() && places(whole) == places(r.samples, r.tracks), "plan-finished", what);
+        } else if (got.keeps()) {
+            planned_repairs++;
+            const mp4::file made = mp4::read(got.file);
+            const std::vector<place> shown = places(made);
+            const auto recorded = std::span(r.samples).first(std::min(shown.size(), r.samples.size()));
+            const bool cut = got.info.added != 0;
+            for (const mp4::problem &p : made.problems) expect(!p.fault || cut, "plan-structure", p.text);
+            expect(shown == places(recorded, r.tracks), "plan-recorded", what);
+            expect(shown.size() >= owed, "plan-durable", what + " of " + std::to_string(owed));
+            if (c.spoilt || !due.finished || options) return;
+            expect(shown == places(due.kept, due.tracks), "plan-prefix",
+                   what + " of " + std::to_string(due.kept.size()));
+        } else {
+            expect(owed == 0 || got.info.reason == MEDIAFILES_REASON_NO_FRAME_LEFT, "plan-durable", what);
+        }
+    }
+
     void run()
     {
         for_each([this](const recording &r, const power_cut &c) {
             for (const int version : {1, 2}) judge(r, c, version);
+            for (const uint32_t options : {0u, MEDIAFILES_DROP_LAST_FRAME}) judge_plan(r, c, options);
         });
     }
 };
@@ -267,6 +308,7 @@ int main(int argc, char **argv)
         p.run();
     for (const auto &[check, count] : p.failures) fprintf(say, "%s: %zu failures\n", check.c_str(), count);
     fprintf(say, "power cuts: %zu cases, %zu recordings, %zu files repaired\n", p.cases, p.recordings, p.repaired);
+    fprintf(say, "plans: %zu files repaired\n", p.planned_repairs);
     const bool enough = p.cases >= (p.every > 1 || !p.only.empty() ? 1 : least_cases);
     return p.failures.empty() && enough ? 0 : 1;
 }

@@ -15,10 +15,11 @@
 struct planned {
     struct input {
         std::span<const uint8_t> content;
-        uint64_t size = content.size();                   // beyond the content there are zeros
-        mediafiles_range bad = {UINT64_MAX, UINT64_MAX};  // cannot be read
-        std::function<void(uint64_t)> reading = nullptr;  // told of each read's offset
-        uint64_t reads = 0, moved = 0, largest = 0;       // calls, bytes of all, of the largest
+        uint64_t size = content.size();                  // beyond the content there are zeros
+        mediafiles_range bad = {UINT64_MAX, UINT64_MAX}; // cannot be read
+        std::function<void(uint64_t)> reading = nullptr; // told of each read's offset
+        std::span<const uint8_t> end = {};               // the last bytes
+        uint64_t reads = 0, moved = 0, largest = 0;      // calls, bytes of all, of the largest
 
         mediafiles_source source() { return {this, size, read}; }
 
@@ -28,15 +29,17 @@ struct planned {
             input &self = *static_cast<input *>(context);
             if (self.reading) self.reading(at);
             self.reads++;
-            uint64_t end = std::min(self.size, at + count);
-            if (at >= end) return 0;
+            uint64_t stop = std::min(self.size, at + count);
+            if (at >= stop) return 0;
             if (at >= self.bad.begin && at < self.bad.end) return errno = EIO, -1;
-            if (at < self.bad.begin) end = std::min(end, self.bad.begin);
-            const auto got = static_cast<size_t>(end - at);
+            if (at < self.bad.begin) stop = std::min(stop, self.bad.begin);
+            const auto got = static_cast<size_t>(stop - at);
             const auto from = static_cast<size_t>(std::min<uint64_t>(at, self.content.size()));
             const size_t there = std::min(got, self.content.size() - from);
             auto *out = std::copy_n(self.content.data() + from, there, static_cast<uint8_t *>(to));
             std::fill_n(out, got - there, uint8_t(0));
+            for (uint64_t i = std::max(at, self.size - self.end.size()); i < stop; i++)
+                static_cast<uint8_t *>(to)[i - at] = self.end[static_cast<size_t>(i + self.end.size() - self.size)];
             self.moved += got;
             self.largest = std::max<uint64_t>(self.largest, count);
             return static_cast<int64_t>(got);
@@ -45,11 +48,11 @@ struct planned {
 
     mediafiles_plan_info info = {};
     std::vector<mediafiles_range> ranges = {};
-    bytes file = {}; // as it is afterwards, where a plan changes it; of a hundred megabytes at most
+    bytes file = {}; // as it is afterwards, where a plan changes it; empty beyond the size that was asked for
 
     bool keeps() const { return info.result == MEDIAFILES_REPAIRED || info.result == MEDIAFILES_SALVAGED; }
 
-    planned(input &media, input *journal, uint32_t options)
+    planned(input &media, input *journal, uint32_t options, uint64_t most = 100'000'000)
     {
         const mediafiles_source from = media.source(), beside = journal ? journal->source() : mediafiles_source{};
         const std::unique_ptr<mediafiles_plan, decltype(&mediafiles_plan_destroy)> plan(
@@ -65,9 +68,9 @@ struct planned {
         if (mediafiles_plan_range(plan.get(), info.ranges, &range) == 0 ||
             (mediafiles_plan_head(plan.get(), head) == 0) != keeps())
             std::abort();
-        if (!keeps() || info.media_end > 100'000'000) return;
-        file.assign(media.content.begin(), media.content.begin() + std::ptrdiff_t(std::min<uint64_t>(
-                                                                       media.content.size(), info.media_end)));
+        if (!keeps() || info.media_end > most) return;
+        file.assign(media.content.begin(),
+                    media.content.begin() + std::ptrdiff_t(std::min<uint64_t>(media.content.size(), info.media_end)));
         file.resize(static_cast<size_t>(info.media_end));
         std::copy(std::begin(head), std::end(head), file.begin());
         const mediafiles_sink append = [](void *context, const void *data, size_t count) {
