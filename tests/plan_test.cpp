@@ -407,7 +407,7 @@ TEST(plan, keeps_what_the_media_holds)
     EXPECT_EQ(unreadable({half, half + 512}, nothing, keep).info.samples, all);
     EXPECT_EQ(unreadable(nothing, {mid, mid + 512}).info.reason, MEDIAFILES_REASON_JOURNAL_DAMAGED);
     const planned part = unreadable(nothing, {mid, UINT64_MAX});
-    EXPECT_EQ(part.info.samples, uint64_t(named_in(first(r.marked, mid), mid)));
+    EXPECT_EQ(part.info.samples, uint64_t(named_in(first(r.marked, size_t(mid)), size_t(mid))));
     EXPECT_EQ(part.info.result, MEDIAFILES_REPAIRED);
     EXPECT_EQ(unreadable(nothing, {0, UINT64_MAX}).info.reason, MEDIAFILES_REASON_JOURNAL_DAMAGED);
     EXPECT_EQ(unreadable({0, UINT64_MAX}, nothing).info.result, MEDIAFILES_NOT_OURS);
@@ -468,8 +468,9 @@ TEST(plan, is_the_same_after_each_step_of_applying_it)
             ASSERT_EQ(due.info.result, MEDIAFILES_REPAIRED);
             bytes mark(mediafiles::recovery::repair_mark_size);
             mediafiles::recovery::write_mark({uint32_t(media.size()), options != 0, false}, mark.data());
-            const bytes journal = with(first(r.marked, due.info.journal_end), due.info.journal_end, mark);
-            const size_t end = due.info.media_end;
+            const bytes journal =
+                with(first(r.marked, size_t(due.info.journal_end)), size_t(due.info.journal_end), mark);
+            const auto end = size_t(due.info.media_end);
             std::vector<bytes> states = {media, first(media, end), with(first(media, end), end, bytes())};
             for (const size_t size : {end + 1, end + 512, due.file.size() - 1, due.file.size()}) {
                 states.push_back(first(due.file, size));
@@ -485,7 +486,7 @@ TEST(plan, is_the_same_after_each_step_of_applying_it)
                 EXPECT_EQ(again.info.journal_end, due.info.journal_end);
             }
             mediafiles::recovery::write_mark({uint32_t(media.size()), options != 0, true}, mark.data());
-            const bytes kept = with(journal, due.info.journal_end, mark);
+            const bytes kept = with(journal, size_t(due.info.journal_end), mark);
             const planned after = plan_of(due.file, &kept, options);
             EXPECT_TRUE(after.info.result == MEDIAFILES_FINISHED && after.info.journal == MEDIAFILES_JOURNAL_KEPT);
         }
