@@ -5,19 +5,19 @@
 namespace mediafiles::recovery {
 namespace {
 
+constexpr uint64_t looked_at = 256;
 constexpr uint64_t first_ones = 16;
-constexpr uint64_t latest_ones = 160;
-constexpr uint64_t spread_ones = 80;
-static_assert(first_ones + latest_ones + spread_ones == 256);
+constexpr uint64_t latest_ones = 160; // at most
 
-// Which video samples are looked at.
+// Which video samples are looked at: the first, the latest, and the rest of 256 evenly spread between them.
 class choice {
 public:
-    choice(const selection &samples, bool all) : all_(all)
+    choice(const selection &samples, bool all) : all_(all || samples.video <= looked_at)
     {
         const uint64_t latest = samples.video > latest_ones ? samples.video - latest_ones : 0;
         latest_ = samples.recent > latest ? samples.recent : latest;
-        step_ = latest_ / spread_ones + 1;
+        const uint64_t spread = looked_at - first_ones - (samples.video - latest_);
+        step_ = latest_ / spread + 1;
     }
     bool has(uint64_t index) const { return all_ || index < first_ones || index >= latest_ || index % step_ == 0; }
 

@@ -81,7 +81,6 @@ private:
     bool has_sets_of(journal_scan &scan, movie_header &header) const;
     bool tail_is_there(uint64_t at) const;
     bool select(journal_scan &scan, uint64_t limit, selection &chosen);
-    bool select_before(journal_scan &scan, int64_t time, selection &chosen);
     bool drop_last_frame(journal_scan &scan, selection &chosen);
     bool check(journal_scan &scan, movie_header &header, uint64_t limit, selection &chosen);
     bool completes_beside(journal_scan &scan, movie_header &header, uint64_t from);
@@ -200,7 +199,10 @@ void mediafiles_plan::decide_without_samples(journal_scan &scan, movie_header &h
         info.journal = unharmed ? MEDIAFILES_JOURNAL_REMOVED : MEDIAFILES_JOURNAL_KEPT;
         return;
     }
-    if (!unharmed) return void(refuse(MEDIAFILES_REASON_JOURNAL_DAMAGED));
+    if (!unharmed) {
+        info.damage = scan.damage;
+        return void(refuse(MEDIAFILES_REASON_JOURNAL_DAMAGED));
+    }
     const bool closed = mdat_begin + uint64_t{mdat_size} > media_begin;
     if (closed || media.size > largest_leftover) return void(refuse(MEDIAFILES_REASON_NO_SAMPLES));
     info.result = MEDIAFILES_EMPTY_REMOVED;

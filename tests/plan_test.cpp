@@ -18,7 +18,7 @@ const mp4_track_desc avc = {MP4_TRACK_H264, {{640, 360, 0}}}, hevc = {MP4_TRACK_
                      aac = {MP4_TRACK_AAC, {{2, 16, 48000}}};
 
 /* One track of each kind of size, and of lengths that put the movie header over several units of 4 KiB. */
-const plan plans[] = {
+const recipe recipes[] = {
     {"avc-aac", {{"h264_base_640x360_25.h264", 40, avc}, {"aac_lc_48000_2.aac", 60, aac}}, 4096, 290, 7, 1},
     {"hevc-late", {{"aac_lc_48000_2.aac", 0, aac}, {"h265_aud_sei_640x360_25.h265", 90, hevc}}, 65536, 230, 9, 1},
     {"hevc", {{"h265_cra_2slices_640x360_30.h265", 0, hevc}}, 65536, 25, 4, 1},
@@ -49,7 +49,7 @@ const std::vector<recorded> &recordings()
 {
     static const std::vector<recorded> all = [] {
         std::vector<recorded> made;
-        for (const plan &p : plans)
+        for (const recipe &p : recipes)
             for (recording &r : recordings_of(p, STREAMS, fault::none)) made.emplace_back(std::move(r));
         return made;
     }();

@@ -206,7 +206,7 @@ struct proof {
                         text.c_str());
         };
         const model::journal told = model::read(c.journal);
-        const model::outcome due = model::repair(told, c.media.size(), options ? 2 : 1);
+        const model::result due = model::repair(told, c.media.size(), options ? 2 : 1);
         const planned got = plan_of(c.media, &c.journal, options);
         const std::string what = "result " + std::to_string(got.info.result) + ", reason " +
                                  std::to_string(got.info.reason) + ", samples " + std::to_string(got.info.samples);
@@ -218,7 +218,7 @@ struct proof {
         } else if (got.keeps()) {
             planned_repairs++;
             const mp4::file made = mp4::read(got.file);
-            const std::vector<place> shown = places(made);
+            const std::vector<shown_sample> shown = places(made);
             const auto recorded = std::span(r.samples).first(std::min(shown.size(), r.samples.size()));
             const bool cut = got.info.added != 0;
             for (const mp4::problem &p : made.problems) expect(!p.fault || cut, "plan-structure", p.text);
