@@ -24,7 +24,6 @@
 #include <mediafiles/caretaker.h>
 #include <mediafiles/h265-parser.h>
 #include <mediafiles/movie.h>
-#include <mediafiles/recovery.h>
 
 struct recording {
     mp4_builder *builder;
@@ -35,20 +34,42 @@ struct recording {
     size_t pending_len;
 };
 
+#define MARK_SIZE 64 /* a user record: its header, and 60 characters */
+
+/*
+ * Ends the records of a round in the journal file, so that recovery knows what a power cut may have torn: the number
+ * of the round, the size of the media that is safe with it, and the CRC-32 of the records since the last mark.
+ * libmediafiles-recorder has it as mediafiles_round_mark; this example needs the core alone.
+ */
+static void write_mark(char *mark, uint32_t round, off_t media_size, const unsigned char *records, uint32_t count)
+{
+    uint32_t crc = UINT32_MAX;
+    for (uint32_t i = 0; i < count; i++) {
+        crc ^= records[i];
+        for (int bit = 0; bit < 8; bit++) crc = crc & 1 ? crc >> 1 ^ 0xEDB88320u : crc >> 1;
+    }
+    const memento header = {MEMENTO_USER, 0, MARK_SIZE - sizeof(memento)};
+    char text[MARK_SIZE];
+    snprintf(text, sizeof text, "mediafiles round %010u of %012llu bytes %08x..", round, (unsigned long long)media_size,
+             ~crc);
+    memcpy(mark, &header, sizeof header);
+    memcpy(mark + sizeof header, text, header.length);
+}
+
 /* What the journal file gets at the end of this round: the records since the last one, and the round's mark. */
 static int take_records(struct recording *r, off_t media_size)
 {
     uint32_t count;
     const void *records = mediafile_caretaker_read(r->journal, &count);
     if (count == 0) return 0;
-    if (count + MEDIAFILES_ROUND_MARK_SIZE > sizeof r->pending - r->pending_len) {
+    if (count + MARK_SIZE > sizeof r->pending - r->pending_len) {
         errno = ENOBUFS;
         return -1;
     }
     memcpy(r->pending + r->pending_len, records, count);
     r->pending_len += count;
-    mediafiles_round_mark(r->pending + r->pending_len, ++r->rounds, (uint64_t)media_size, records, count);
-    r->pending_len += MEDIAFILES_ROUND_MARK_SIZE;
+    write_mark(r->pending + r->pending_len, ++r->rounds, media_size, records, count);
+    r->pending_len += MARK_SIZE;
     return 0;
 }
 

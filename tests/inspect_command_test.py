@@ -143,8 +143,8 @@ class Inspect(unittest.TestCase):
                 self.assertEqual(track["last"]["offset"], mine[-1].begin)
         begin, rest = journal[:samples[30].record_end], journal[samples[30].record_end:]
         for tail, ending in ((b"", "valid to its end"), *((rest[:n], "cut at") for n in (1, 3, 4, 27)),
-                             (bytes(512), "zeros"), (rest[:8] + bytes(512), "zeros"),
-                             (b"\5" * 99, "damaged at"), (b"\2\0\x18\0\1" + journal, "damaged at")):
+                             (bytes(512), "torn at"), (rest[:8] + bytes(512), "torn at"), (b"\5" * 99, "torn at"),
+                             (b"\5" * 5000, "damaged at"), (b"\2\0\x18\0\1" + journal * 3, "damaged at")):
             shown = self.check(begin + tail, int(ending == "damaged at"))
             self.assertEqual((shown["valid_bytes"], shown["lost_bytes"], shown["frames"]), (len(begin), len(tail), 31))
             self.assertIn(ending + f" byte {len(begin)} " * ending.endswith("at"), self.inspect(begin + tail))

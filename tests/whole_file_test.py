@@ -45,6 +45,22 @@ class WholeFile(judge.Test):
             command += [audio, audio.with_suffix(".units.tsv"), *audio_format(audio)]
         subprocess.run(command, check=True, stdout=subprocess.DEVNULL)
 
+    def without_long_sei(self, video):
+        """The stream as it is recorded: units that would end the journal are left out."""
+        if video.suffix != ".h265":
+            return video
+        header, *rows = video.with_suffix(".units.tsv").read_text().splitlines()
+        kept, data = [], b""
+        for row, unit in zip(rows, judge.units(video)):
+            parts = re.split(b"(?=\0\0\0\1|(?<!\0)\0\0\1)", unit.data)
+            frame = b"".join(p for p in parts if len(p.lstrip(b"\0")) <= 509 or p.lstrip(b"\0")[1] >> 1 & 63 != 39)
+            kept.append("\t".join([row.split("\t")[0], str(len(data)), str(len(frame)), *row.split("\t")[3:]]))
+            data += frame
+        stream = self.directory / video.name
+        stream.write_bytes(data)
+        stream.with_suffix(".units.tsv").write_text("\n".join([header, *kept]) + "\n")
+        return stream
+
     def check(self, source, stream, pad, timescale):
         self.check_track(source, stream, timescale)
         self.assertEqual(judge.gstreamer_buffers(self.clip, pad), len(judge.units(source)))
@@ -59,7 +75,7 @@ class WholeFile(judge.Test):
                     audio = self.until(audio, judge.units(video)[-1].time_ns)
                 self.record(video, audio)
                 judge.run(GIVEN.check, self.clip)
-                self.check(video, "v", "video_0", 90000)
+                self.check(self.without_long_sei(video), "v", "video_0", 90000)
                 seen = judge.mediainfo_tracks(self.clip)
                 self.assertEqual((seen["Video"]["Format"], seen["Video"]["Width"]), (FORMATS[video.suffix], picture_size(video)[0]))
                 if audio:
