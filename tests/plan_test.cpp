@@ -311,6 +311,9 @@ TEST(plan, tells_damage_from_a_torn_end)
         {"old rounds of lower numbers", then(before, {junk, mark(2, 900, none), user, mark(3, 950, user)}), false},
         {"old rounds of less media", then(before, {junk, mark(all + 2, 40, none), user, mark(all + 3, 50, user)}),
          false},
+        {"old rounds of more media", then(before, {junk, mark(all + 5, 1u << 30, none)}), false},
+        {"old rounds between records",
+         then(before, {user, mark(2, r.open.size(), none), user, mark(3, r.open.size(), user)}), false},
         {"later rounds after junk", then(before, {junk, mark(all + 2, r.open.size(), none)}), true},
         {"a mark twice", then(r.marked, {bytes(r.marked.end() - MEDIAFILES_ROUND_MARK_SIZE, r.marked.end())}), false},
         {"4 KiB before the end, unmarked", with(r.journal, r.journal.size() - 4097 - 28 * 4, hex("77 77 77 77 77")),
@@ -389,6 +392,15 @@ TEST(plan, keeps_what_the_media_holds)
     ASSERT_TRUE(range.size() == 1 && rest.size() == 1);
     EXPECT_TRUE(range[0].begin == at && range[0].end == end);
     EXPECT_TRUE(rest[0].begin == at && rest[0].end == r.open.size());
+
+    /* Another program has added something; a journal reaches into a movie header that the size of mdat lacks. */
+    EXPECT_EQ(plan_of(with(r.closed, r.closed.size(), hex("00000008 'free'")), &r.journal).info.result,
+              MEDIAFILES_FINISHED);
+    const recorded &video = recordings()[2];
+    bytes reaching = video.journal;
+    reaching[reaching.size() - 20] ^= 0x40;
+    const planned own = plan_of(with(video.closed, 24, bytes(4)), &reaching);
+    EXPECT_TRUE(own.info.result == MEDIAFILES_REPAIRED && own.file == video.closed) << text_of(own);
 
     /* What cannot be read is the end; a bad block before the end is damage. */
     const auto unreadable = [&](mediafiles_range of_media, mediafiles_range of_journal, uint32_t options = 0) {
@@ -729,6 +741,19 @@ TEST(plan, takes_bounded_time_for_hostile_files)
     EXPECT_EQ(judge(many, 32 + uint64_t{UINT32_MAX} - 2000 + many.size(), UINT32_MAX - 2000 + 8), MEDIAFILES_FINISHED);
     /* More than the media holds. */
     EXPECT_EQ(judge(many, 1000 + many.size(), 1000 - 24), MEDIAFILES_REFUSED);
+    /* Tables that do not speak of this media, or of its times. */
+    const struct {
+        const char *type;
+        size_t field;
+        uint32_t value;
+    } wrong[] = {{"'stsc'", 20, 2}, {"'stsc'", 16, 3}, {"'mdhd'", 20, 48000}, {"'stsz'", 12, 5}, {"'tkhd'", 16, 2}};
+    for (const auto &[type, field, value] : wrong) {
+        bytes header = header_of(4, 10);
+        EXPECT_EQ(judge(header, 72 + header.size(), 48), MEDIAFILES_FINISHED);
+        const auto at = size_t(std::ranges::search(header, hex(type)).begin() - header.begin());
+        overlay(header, at + field, words({value}));
+        EXPECT_EQ(judge(header, 72 + header.size(), 48), MEDIAFILES_REFUSED) << type << field;
+    }
     /* A million boxes in each other. */
     bytes deep(8'000'000);
     for (size_t i = 0; i < deep.size(); i += 8)
@@ -744,7 +769,7 @@ TEST(plan, takes_bounded_time_for_hostile_files)
         overlay(headers, i + 8, with(words({(8u << 20) - i - 8}), 4, hex("'free'")));
     }
     EXPECT_EQ(judge(headers, 1000 + headers.size(), 0), MEDIAFILES_REFUSED);
-    EXPECT_LT(seconds(), 4);
+    EXPECT_LT(seconds(), 15); // an emulator takes 5
 
     /* Journals of zeros, and of records of 4 bytes. */
     const bytes mark = bytes(recordings()[0].marked.end() - 64, recordings()[0].marked.end());
