@@ -141,6 +141,8 @@ class Inspect(unittest.TestCase):
                     len(mine), len(keys), sum(steps) // len(steps) if steps else None, max(steps, default=None),
                     round(sum(s.size for s in mine[:-1]) * 10**9 / span) if span else None])
                 self.assertEqual(track["last"]["offset"], mine[-1].begin)
+        journal = b"".join(journal[end - 4 - (len(p) + 3 & ~3):end] for end, kind, _, p in judge.records_of(journal) if kind)
+        samples = [*judge.samples_of(journal)]  # without marks, where it may be torn
         begin, rest = journal[:samples[30].record_end], journal[samples[30].record_end:]
         for tail, ending in ((b"", "valid to its end"), *((rest[:n], "cut at") for n in (1, 3, 4, 27)),
                              (bytes(512), "torn at"), (rest[:8] + bytes(512), "torn at"), (b"\5" * 99, "torn at"),

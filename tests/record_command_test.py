@@ -60,7 +60,8 @@ class Record(judge.Test):
             self.assertEqual((sample.time, sample.key), (unit.time_ns, unit.key))
             counts[sample.track] += 1
         kinds = {record[1] for record in judge.records_of(journal)}
-        self.assertEqual(kinds, {judge.TRACK, judge.SAMPLE, judge.SPS, judge.PPS})
+        self.assertEqual(kinds, {judge.USER, judge.TRACK, judge.SAMPLE, judge.SPS, judge.PPS})
+        self.assertLessEqual(judge.rounds_of(journal)[-1], len(media))
         return counts
 
     def named(self):
@@ -101,7 +102,8 @@ class Record(judge.Test):
                     self.assertEqual((summary["journal_error"], err.count("SEI left out")),
                                      (None, int(any(len(nal) > 508 for nal in sei))))
                     self.assertEqual(judge.frame_checksums(self.clip, "v:0"), judge.frame_checksums(stream))
-                    kinds = [kind for _, kind, track, _ in judge.records_of(self.journal.read_bytes()) if track == 0]
+                    kinds = [kind for _, kind, track, _ in judge.records_of(self.journal.read_bytes())
+                             if track == 0 and kind != judge.USER]
                     sets = [judge.VPS, judge.SPS, judge.PPS] + [judge.SEI] * any(len(nal) <= 508 for nal in sei)
                     first = kinds.index(judge.SAMPLE)
                     self.assertEqual(sorted(kinds[:first]), [judge.TRACK, *sets])

@@ -17,6 +17,7 @@ import sys
 import tempfile
 import time
 import unittest
+import zlib
 from collections import namedtuple
 
 Unit = namedtuple("Unit", "data time_ns key")
@@ -24,7 +25,7 @@ Packet = namedtuple("Packet", "size ticks key")
 Sample = namedtuple("Sample", "record_end track begin size end time key")
 PATIENCE = 60  # seconds
 MEMORY = "/dev/shm" if os.access("/dev/shm", os.W_OK) else None  # where a sync costs nothing
-TRACK, SAMPLE, VPS, SPS, PPS, SEI = 1, 2, 6, 7, 8, 9  # journal records
+USER, TRACK, SAMPLE, VPS, SPS, PPS, SEI = 0, 1, 2, 6, 7, 8, 9  # journal records
 
 
 def run(*command):
@@ -126,6 +127,19 @@ def records_of(journal):
 def whole_records(journal):
     """Where the last whole record ends."""
     return max((record[0] for record in records_of(journal)), default=0)
+
+
+def rounds_of(journal):
+    """Bytes of media that each round of syncs in it made safe, by its mark; every record belongs to a round."""
+    begin, safe = 0, []
+    for end, kind, _, payload in records_of(journal):
+        if kind == USER:
+            mark = re.fullmatch(rb"mediafiles round (\d{10}) of (\d{12}) bytes ([0-9a-f]{8})\.\.", payload)
+            assert int(mark[1]) == len(safe) + 1 and int(mark[3], 16) == zlib.crc32(journal[begin:end - 64]), mark
+            begin = end
+            safe.append(int(mark[2]))
+    assert begin == whole_records(journal), "records without a mark"
+    return safe
 
 
 def samples_of(journal):
