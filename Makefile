@@ -134,11 +134,11 @@ bench-docs: size
 
 # What the shared library takes of a device; fails when it is too much.
 size:
-	scripts/install-packages build arm size
+	scripts/install-packages build tools arm size
 	cmake --preset size
-	cmake --build out/size --target mediafiles -j $(JOBS)
+	cmake --build out/size --target mediafiles-recorder --target mediafiles-repair -j $(JOBS)
 	cmake --preset size-arm
-	cmake --build out/size-arm --target mediafiles -j $(JOBS)
+	cmake --build out/size-arm --target mediafiles-recorder --target mediafiles-repair -j $(JOBS)
 	scripts/size x86-64 out/size 32-bit-ARM out/size-arm
 
 cross-arm:

@@ -4,6 +4,9 @@
 set(library_package libmediafiles${PROJECT_VERSION_MAJOR})
 set(recorder_package libmediafiles-recorder0)
 set(CPACK_COMPONENTS_ALL runtime dev recorder recorder-dev)
+if(TARGET mediafiles-repair)
+    list(APPEND CPACK_COMPONENTS_ALL repair)
+endif()
 if(TARGET mediafiles-command)
     list(APPEND CPACK_COMPONENTS_ALL tools)
 endif()
@@ -11,6 +14,7 @@ set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${library_package})
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME libmediafiles-dev)
 set(CPACK_DEBIAN_RECORDER_PACKAGE_NAME ${recorder_package})
 set(CPACK_DEBIAN_RECORDER-DEV_PACKAGE_NAME libmediafiles-recorder-dev)
+set(CPACK_DEBIAN_REPAIR_PACKAGE_NAME mediafiles-repair)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME mediafiles-tools)
 
 # What Debian requires beside the files: the licence in its format, the changelog and the manual page compressed.
@@ -26,7 +30,7 @@ configure_file(${PROJECT_SOURCE_DIR}/packaging/copyright.in ${work}/copyright @O
 file(WRITE ${work}/shlibs "libmediafiles ${PROJECT_VERSION_MAJOR} ${library_package} (>= ${PROJECT_VERSION})\n")
 file(WRITE ${work}/recorder/shlibs "libmediafiles-recorder 0 ${recorder_package} (>= ${PROJECT_VERSION})\n")
 file(COPY ${PROJECT_SOURCE_DIR}/packaging/triggers DESTINATION ${work})
-foreach(page packaging/changelog docs/mediafiles.1)
+foreach(page packaging/changelog docs/mediafiles.1 docs/mediafiles-repair.1)
     get_filename_component(name ${page} NAME)
     execute_process(COMMAND gzip -9nc ${PROJECT_SOURCE_DIR}/${page} OUTPUT_FILE ${work}/${name}.gz
         COMMAND_ERROR_IS_FATAL ANY)
@@ -42,6 +46,7 @@ install(DIRECTORY examples docs COMPONENT dev EXCLUDE_FROM_ALL DESTINATION ${CMA
 install(FILES examples/recover.c COMPONENT recorder-dev EXCLUDE_FROM_ALL
     DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libmediafiles-recorder-dev/examples)
 install(FILES ${work}/mediafiles.1.gz COMPONENT tools EXCLUDE_FROM_ALL DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+install(FILES ${work}/mediafiles-repair.1.gz COMPONENT repair EXCLUDE_FROM_ALL DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
@@ -65,12 +70,15 @@ set(CPACK_COMPONENT_RECORDER_DESCRIPTION "libmediafiles-recorder brings recordin
 It decides what is kept of a recording and its journal, and repairs files and\nwhole cards, so that a power cut during the repair does no harm.")
 set(CPACK_COMPONENT_RECORDER-DEV_DESCRIPTION "${CPACK_COMPONENT_RECORDER_DESCRIPTION}\n.\n\
 This package has the header, the static library and an example.")
+set(CPACK_COMPONENT_REPAIR_DESCRIPTION "${CPACK_COMPONENT_RECORDER_DESCRIPTION}\n.\n\
+This package has the program, for devices; the command of mediafiles-tools has\nit as well.")
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION "${CPACK_COMPONENT_RUNTIME_DESCRIPTION}\n.\n\
 This package has the command, which records what libavformat opens and\nrepairs files and whole cards.")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_RECORDER_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_RECORDER-DEV_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_REPAIR_PACKAGE_SECTION video)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION video)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA "${work}/shlibs;${work}/triggers")
 set(CPACK_DEBIAN_RECORDER_PACKAGE_CONTROL_EXTRA "${work}/recorder/shlibs;${work}/triggers")
@@ -78,12 +86,15 @@ set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "${library_package} (= ${PROJECT_VERSION})"
 set(CPACK_DEBIAN_RECORDER_PACKAGE_DEPENDS "${library_package} (>= ${PROJECT_VERSION})")
 set(CPACK_DEBIAN_RECORDER-DEV_PACKAGE_DEPENDS
     "${recorder_package} (= ${PROJECT_VERSION}), libmediafiles-dev (= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_REPAIR_PACKAGE_DEPENDS "${recorder_package} (>= ${PROJECT_VERSION})")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${library_package} (>= ${PROJECT_VERSION})")
 if(CMAKE_CROSSCOMPILING)
     # dpkg-shlibdeps finds the libraries of the host only.
     string(REGEX REPLACE "^arm$" "armhf" CPACK_DEBIAN_PACKAGE_ARCHITECTURE "${CMAKE_SYSTEM_PROCESSOR}")
     set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "libc6 (>= 2.33)")
-    string(APPEND CPACK_DEBIAN_RECORDER_PACKAGE_DEPENDS ", libc6 (>= 2.34), libgcc-s1 (>= 3.5), libstdc++6 (>= 12)")
+    foreach(component RECORDER REPAIR)
+        string(APPEND CPACK_DEBIAN_${component}_PACKAGE_DEPENDS ", libc6 (>= 2.34), libgcc-s1 (>= 3.5), libstdc++6 (>= 12)")
+    endforeach()
 else()
     set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
     set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/src ${PROJECT_BINARY_DIR}/recorder)
