@@ -110,9 +110,12 @@ private:
         sync_directory(file.directory);
     }
 
+    /* A recorder that was killed after it closed the file may have left it in the kernel's cache alone. */
     void finish_journal() const
     {
-        if (remove_journal_) remove(*journal_);
+        if (!remove_journal_) return;
+        sync_file(open_media(O_RDONLY));
+        remove(*journal_);
     }
 
     /* The media first: a journal without samples is the smaller thing to find alone. */
