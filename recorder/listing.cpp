@@ -75,8 +75,8 @@ listing::listing(int directory, int flags, const search_step &step)
         if (!belongs_to_mp4(journal.name) && type_of(directory, stem.c_str()) == S_IFREG) media_.push_back({stem, {}});
     }
     std::ranges::sort(media_, {}, &media_file::name);
-    const auto [first, last] = std::ranges::unique(media_, {}, &media_file::name);
-    media_.erase(first, last);
+    const auto same_name = [](const media_file &a, const media_file &b) { return a.name == b.name; };
+    media_.erase(std::unique(media_.begin(), media_.end(), same_name), media_.end());
     std::ranges::sort(journals_, {}, &journal_file::name);
     std::ranges::sort(directories_);
     assign_journals();

@@ -153,7 +153,7 @@ bool movie_header::read_edits(header_track &track, const box &edts)
         const uint64_t first = each.begin + full_box + 4;
         const bool is_empty = (be(first + time, 4, there) & 0xFFFFFFFF) == 0xFFFFFFFF;
         track.delay = is_empty ? be(first, time, there) : 0;
-        return there && first + 2 * time + 4 <= each.end;
+        return there && first + uint64_t{2} * time + 4 <= each.end;
     });
 }
 
@@ -338,7 +338,7 @@ bool movie_header::has_set(uint32_t track, const uint8_t *unit, uint32_t length)
 {
     bool found = false;
     for_each_set(tracks_[track], [&](const uint8_t *stored, uint32_t stored_length) {
-        found = stored_length == length && memcmp(stored, unit, length) == 0;
+        found = stored && stored_length == length && memcmp(stored, unit, length) == 0;
         return !found;
     });
     return found;

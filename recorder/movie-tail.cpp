@@ -53,11 +53,12 @@ struct movie_tail::layout : mp4_stream {
     {
         const uint32_t count = length;
         length = 0;
-        return count == 0 || sink(context, buffer, count) == 0 ? 0 : -1;
+        return !sink || count == 0 || sink(context, buffer, count) == 0 ? 0 : -1;
     }
 
     int hand_out(const void *bytes, uint32_t count)
     {
+        if (!sink) return 0;
         if (!buffer && !(buffer = static_cast<uint8_t *>(malloc(collected)))) return -1;
         if (count > collected - length && flush_collected() != 0) return -1;
         if (count > collected) return sink(context, bytes, count) == 0 ? 0 : -1;
@@ -98,7 +99,7 @@ struct movie_tail::layout : mp4_stream {
         if (position == end) {
             uint8_t copy[4];
             if (count > UINT32_MAX - end) return refuse(EFBIG);
-            if (sink && hand_out(patched(bytes, count, copy), count) != 0) return -1;
+            if (hand_out(patched(bytes, count, copy), count) != 0) return -1;
             end += count;
         } else if (!sink && add_patch(bytes, count) != 0) {
             return -1;

@@ -136,8 +136,8 @@ const std::vector<find> &search::sorted()
     };
     /* Of those that two paths lead to, the first one's stays. */
     std::ranges::stable_sort(finds_, {}, place);
-    const auto [first, last] = std::ranges::unique(finds_, {}, place);
-    finds_.erase(first, last);
+    const auto same_place = [&](const find &a, const find &b) { return place(a) == place(b); };
+    finds_.erase(std::unique(finds_.begin(), finds_.end(), same_place), finds_.end());
     std::ranges::sort(finds_, {}, [&](const find &f) { return std::tuple(-f.time, f.directory, file_name(f)); });
     return finds_;
 }

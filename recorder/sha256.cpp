@@ -26,7 +26,7 @@ constexpr uint32_t constants[64] = {
 void sha256::add_block(const uint8_t *block)
 {
     uint32_t w[64];
-    for (int t = 0; t < 16; ++t) w[t] = be32(block + 4 * t);
+    for (size_t t = 0; t < 16; ++t) w[t] = be32(block + 4 * t);
     for (int t = 16; t < 64; ++t) {
         const uint32_t x = w[t - 15], y = w[t - 2];
         w[t] = w[t - 16] + (std::rotr(x, 7) ^ std::rotr(x, 18) ^ x >> 3) + w[t - 7] +
