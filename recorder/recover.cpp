@@ -15,6 +15,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <mediafiles/caretaker.h>
+
 #include "apply.h"
 #include "safe-file.h"
 #include "search.h"
@@ -123,6 +125,14 @@ std::string name_beside(const std::string &name)
     const size_t point = name.rfind('.');
     if (point == std::string::npos || point == 0) return name + "-recovered";
     return name.substr(0, point) + "-recovered" + name.substr(point);
+}
+
+/* Whether a journal ends inside its first record, which is a track's. */
+bool is_cut_off_at_once(const std::vector<uint8_t> &journal)
+{
+    constexpr memento first = {MEMENTO_TRACK, 0, sizeof(mp4_track_desc)};
+    return journal.size() < sizeof first + first.length &&
+           std::memcmp(journal.data(), &first, std::min(journal.size(), sizeof first)) == 0;
 }
 
 /* What one run of mediafiles_recover goes by. */
@@ -431,7 +441,8 @@ private:
         if (got < 0) throw system_failure();
         begin.resize(static_cast<size_t>(got));
         const bool is_zeros = begin.size() == journal_.size() && std::ranges::count(begin, 0) == got;
-        if (!mediafiles_is_journal(begin.data(), begin.size()) && !(is_zeros && belongs_to_mp4(journal_name_))) {
+        if (!mediafiles_is_journal(begin.data(), begin.size()) &&
+            !((is_zeros || is_cut_off_at_once(begin)) && belongs_to_mp4(journal_name_))) {
             fail({MEDIAFILES_NOT_OURS, MEDIAFILES_REASON_NOT_REGULAR, 0});
             report_.journal = nullptr;
             return found_.given;

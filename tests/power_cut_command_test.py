@@ -27,8 +27,9 @@ Want = namedtuple("Want", "track begin size key checksum")
 Case = namedtuple("Case", "media journal samples kept")  # kept: how many of the samples no repair may lose
 NAMES = "clip.mp4", "clip.mp4.journal"
 PLAYED = re.compile("(avc|hevc|aac|hevc-aac-large|avc-aac-large)-[a-z]+-[0-9]")  # they begin where their streams do
-ALL_OF_IT = "--salvage", "--force"
 EXAMPLE = "by the example"  # instead of the command and its options
+MADE = "repaired", "salvaged"
+AGE = 10**18  # the time of the recordings, in nanoseconds
 
 
 def samples_of(paths):
@@ -60,108 +61,142 @@ class PowerCut(judge.Test):
 
     def setUp(self):
         super().setUp()
-        self.card, self.snapshots = self.directory / "card", self.directory / "snapshots"
+        self.card, self.snapshots, self.copies = (self.directory / name for name in ("card", "snapshots", "copies"))
 
     def put(self, cases):
-        for path in (self.card, self.snapshots):
+        for path in (self.card, self.snapshots, self.copies):
             shutil.rmtree(path, ignore_errors=True)
             path.mkdir()
         for name, (media, journal, *_) in cases.items():
             (self.card / name).mkdir()
             (self.card / name / NAMES[0]).write_bytes(media)
             (self.card / name / NAMES[1]).write_bytes(journal)
+            os.utime(self.card / name / NAMES[0], ns=(AGE, AGE))
 
     def files(self, root=None):
         return {d.name: {p.name: p.read_bytes() for p in d.iterdir()} for d in (root or self.card).iterdir()}
 
-    def repair(self, *options, root=None, shim=False, prefix=()):
-        """The command's report by the name of the case; the example, which has no options, reports less."""
+    def same(self, found, wanted, *what):
+        self.assertEqual([n for n in {**found, **wanted} if found.get(n) != wanted.get(n)], [], what)
+
+    def run_tool(self, *command, shim=False):
         env = dict(os.environ)
         if shim:
-            env.update(LD_PRELOAD=str(GIVEN.shim), CASES=str(self.card), SNAPSHOTS=str(self.snapshots),
+            env.update(LD_PRELOAD=str(GIVEN.shim), CASES=str(self.directory), SNAPSHOTS=str(self.snapshots),
                        ASAN_OPTIONS="verify_asan_link_order=0")
-        command = (*prefix, GIVEN.tool, "repair", root or self.card, "--json", *options)
-        if EXAMPLE in options:
-            command = (GIVEN.recover, *sorted(self.card.iterdir()))
         done = subprocess.run(command, env=env, capture_output=True, text=True, timeout=300, check=False)
         self.assertIn(done.returncode, (0, 1, 3), done.stderr)
-        reports = json.loads(done.stdout)["files"] if EXAMPLE not in options else ()
-        return {pathlib.Path(report["path"]).parent.name: report for report in reports}
+        return done.stdout
+
+    def repair(self, *options, root=None, shim=False, prefix=()):
+        """
+        The command's report by the name of the case; the example has none. Without the shim a dry run must have said
+        the same, a copy must be what is made in place and cost nothing on the card, and the time must stay.
+        """
+        def report(*more):
+            done = json.loads(self.run_tool(*prefix, GIVEN.tool, "repair", root or self.card, "--json", *options, *more,
+                                            shim=shim))
+            self.assertEqual(done.pop("dry_run"), "--dry-run" in more)
+            return done
+
+        if EXAMPLE in options:
+            return self.run_tool(GIVEN.recover, self.card, shim=shim)
+        if not shim:
+            before, copy = self.files(), ("--output", self.copies)
+            foretold = report(*copy, "--dry-run")
+            self.assertEqual(report(*copy), foretold)
+            foretold = report("--dry-run")
+            self.same(self.files(), before, "dry runs and copies")
+        done = report()
+        reports = {pathlib.Path(report["path"]).parent.name: report for report in done["files"]}
+        if not shim:
+            self.assertEqual(done, foretold)
+            made = {name: self.card / name / NAMES[0] for name, report in reports.items() if report["result"] in MADE}
+            self.same({name: {NAMES[0]: path.read_bytes()} for name, path in made.items()},
+                      {name: files for name, files in self.files(self.copies).items() if name in made}, "copies")
+            self.assertEqual([name for name, path in made.items() if path.stat().st_mtime_ns != AGE], [])
+        return reports
 
     def publish(self, line):
         print(line)
         if GIVEN.page:
             self.assertIn(f"    {line}\n", pathlib.Path(GIVEN.page).read_text())
 
-    def judge(self, case, path, found, faults, kept, doubt):
-        """Every sample is one that was recorded, in its place, but the last in doubt. Gives whether all are whole."""
-        data, wants, sure = path.read_bytes(), case.samples, len(found) - doubt
-        self.assertEqual(found[:sure], [want[:4] for want in wants[:sure]], path)
-        self.assertGreaterEqual(len(found), kept, path)
-        torn = [w for w in wants[:sure] if zlib.crc32(data[w.begin:w.begin + w.size]) != w.checksum]
+    def judge(self, case, path, found, faults):
+        """Every sample is one that was recorded, in its place. Gives whether all are whole."""
+        data, wants = path.read_bytes(), case.samples
+        self.assertEqual(found, [want[:4] for want in wants[:len(found)]], path)
+        self.assertGreaterEqual(len(found), case.kept, path)
+        torn = [w for w in wants[:len(found)] if zlib.crc32(data[w.begin:w.begin + w.size]) != w.checksum]
         for want in torn:  # the end of the media has cut it: zeros follow
             self.assertIs(want, wants[len(found) - 1], path)
             there = case.media[want.begin:].ljust(want.size, b"\0")
             self.assertEqual(data[want.begin:want.begin + want.size], there, path)
-        self.assertTrue(torn or doubt or not faults, faults)
+        self.assertTrue(torn or not faults, faults)
         return not torn
 
     def test_every_promise_is_kept(self):
-        for recover in (False, True):
-            self.put(self.cases)
-            reports, after = self.repair(*[EXAMPLE] * recover), self.files()
-            for name, report in reports.items():
-                if report["result"] == "refused":  # which has cost nothing
-                    self.assertEqual(after[name], dict(zip(NAMES, self.cases[name])), name)
-            reports, done, whole = {} if recover else self.repair(*ALL_OF_IT), [], []
-            for name, case in self.cases.items():
-                if not (self.card / name / NAMES[1]).exists() or reports.get(name, {}).get("result") == "finished":
-                    done.append(self.card / name / NAMES[0])
-                elif not recover:
-                    self.assertEqual(case.kept, 0, reports[name])
-            for path, (found, faults) in samples_of(done).items():
-                path, name = pathlib.Path(path), pathlib.Path(path).parent.name
-                # The example may drop a record before zeros, and believe one that is half overwritten.
-                doubt = int(recover and re.search("journal-(zero|junk)|-j.*-(zero|junk)", name) is not None)
-                if self.judge(self.cases[name], path, found, faults, self.cases[name].kept - recover, doubt):
-                    whole.append((path, found))
-            played = [(path, found) for path, found in whole if PLAYED.match(path.parent.name)][::29]
-            for path, found in played:
-                for track in {sample[0] for sample in found}:
-                    mine = [sample[2:] for sample in found if sample[0] == track]
-                    self.assertEqual([(p.size, p.key) for p in judge.packets(path, track)], mine, path)
-                    if len(mine) > 1:  # the first lasts no time: alone it is not shown
-                        self.assertEqual(len(judge.frame_checksums(path, track)), len(mine), path)
-            self.publish(f"{'example' if recover else 'repair'}: {len(self.cases)} power cuts, {len(done)} repaired, "
-                      f"{len(played)} played")
-            self.assertGreater(len(done), len(self.cases) * 0.6)
+        self.put(self.cases)
+        self.repair(EXAMPLE)
+        by_example = self.files()
+        self.put(self.cases)
+        reports, after, done, whole = self.repair(), self.files(), [], []
+        self.same(by_example, after, "example")
+        results = Counter(report["result"] for report in reports.values())
+        for name, case in self.cases.items():
+            result = reports[name]["result"]
+            if result in (*MADE, "finished"):
+                done.append(self.card / name / NAMES[0])
+            else:
+                self.assertEqual(case.kept, 0, reports[name])
+                self.assertEqual(after[name], {} if result == "empty_removed" else dict(zip(NAMES, case)), name)
+        for path, (found, faults) in samples_of(done).items():
+            path = pathlib.Path(path)
+            if self.judge(self.cases[path.parent.name], path, found, faults):
+                whole.append((path, found))
+        played = [(path, found) for path, found in whole if PLAYED.match(path.parent.name)][::29]
+        for path, found in played:
+            for track in {sample[0] for sample in found}:
+                mine = [sample[2:] for sample in found if sample[0] == track]
+                self.assertEqual([(p.size, p.key) for p in judge.packets(path, track)], mine, path)
+                if len(mine) > 1:  # the first lasts no time: alone it is not shown
+                    self.assertEqual(len(judge.frame_checksums(path, track)), len(mine), path)
+        counts = ", ".join(f"{n} {what}" for what, n in sorted(results.items()))
+        self.publish(f"repair and example: {len(self.cases)} power cuts: {counts}; {len(played)} played")
+        self.assertGreater(len(done), len(self.cases) * 0.9)
 
     def test_repair_cut_off(self):
         """At each of its changes, and within each write, it is cut off; and then power fails with unsynced changes."""
         rng, cases = random.Random(5), dict(list(self.cases.items())[::23])
-        for options in (ALL_OF_IT, (*ALL_OF_IT, "--drop-last-frame"), (*ALL_OF_IT, "--keep-journal"), (EXAMPLE,)):
+        for options in ((), ("--drop-last-frame",), ("--keep-journal",), (EXAMPLE,)):
             self.put(cases)
             self.repair(*options)
             whole = self.files()
             self.put(cases)
             self.repair(*options, shim=True)
-            self.assertEqual(self.files(), whole)
-            cuts = {name: [files[n] for n in NAMES] for name, files in self.files(self.snapshots).items()
-                    if NAMES[1] in files}
+            self.same(self.files(), whole)
+            moments, mixes = self.snapshots.rename(self.directory / "moments"), {}
+            cuts = self.files(moments)
             for name, final in whole.items():
-                steps = [cuts[f"{name}@{n}"][1] for n in range(1, 30) if f"{name}@{n}" in cuts]
-                ready = next((journal for journal in steps if journal != cases[name].journal), None)
+                steps = [cuts[f"{name}@{n}"].get(NAMES[1]) for n in range(1, 50) if f"{name}@{n}" in cuts]
+                ready = next((journal for journal in steps if journal not in (cases[name].journal, None)), None)
                 for n in range(6 if ready else 0):  # the new journal is durable, of the media's changes only some are
                     old, new = cases[name].media, final[NAMES[0]]
                     end = 24 + struct.unpack_from(">I", new, 24)[0]
                     tail = b"".join(rng.choice((new[i:i + 512], bytes(512))) for i in range(end, len(new), 512))
                     body = rng.choice((old[28:], new[28:end] + tail[:rng.randrange(len(new) - end + 1)]))
-                    cuts[f"{name}@mix{n}"] = rng.choice((old, new, old[:24] + bytes(4)))[:28] + body, ready
-            self.put(cuts)
+                    mixes[f"{name}@mix{n}"] = rng.choice((old, new, old[:24] + bytes(4)))[:28] + body, ready
+            self.put(mixes)
+            for name in mixes:
+                os.utime(self.card / name / NAMES[0])
+                os.utime(self.card / name / NAMES[1], ns=(AGE, AGE))
+            for moment in moments.iterdir():
+                moment.rename(self.card / moment.name)
+            moments.rmdir()
             self.repair(*options)
             for name, files in self.files().items():
                 self.assertEqual(files, whole[name.split("@")[0]], (options, name))
-            self.publish(f"repair {' '.join(options)}: {len(whole)} repairs cut off at {len(cuts)} moments")
+            self.publish(f"repair {' '.join(options)}: {len(whole)} repairs cut off at {len(cuts) + len(mixes)} moments")
 
     def test_medium_fails(self):
         """Full or broken from any change on: the command reports it, and the next repair gives what this would have."""

@@ -1,7 +1,7 @@
 /*
  * Preloaded into a program that repairs recordings, each in a directory of its own below $CASES: at each change that
- * it makes to a directory's files, that is before the change and in the middle of a write, it copies the directory to
- * $SNAPSHOTS/NAME@N. That is what a kill at this moment leaves. In a directory NAME~full=N the medium is full from the
+ * it makes to a directory's files, that is before the change and in the middle of a write, it copies the directory with
+ * its times to $SNAPSHOTS/NAME@N. That is what a kill at this moment leaves. In a directory NAME~full=N the medium is full from the
  * Nth change on, in NAME~bad=N the Nth change alone fails, in NAME~gap=N that
  * and the next: a write comes out short, and its continuation fails.
  */
@@ -11,11 +11,13 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
+#include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/sendfile.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
@@ -24,8 +26,10 @@
 static void copy(const char *from, const char *to)
 {
     int in = open(from, O_RDONLY), out = open(to, O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    if (in < 0 || out < 0) abort();
+    struct stat status;
+    if (in < 0 || out < 0 || fstat(in, &status) != 0) abort();
     while (sendfile(out, in, NULL, 1 << 20) > 0) continue;
+    REAL(futimens)(out, (struct timespec[]){status.st_atim, status.st_mtim});
     close(in);
     close(out);
 }
@@ -74,14 +78,29 @@ static int allowed_for(int fd)
     return readlink(link, path, sizeof path - 1) < 0 || allowed(path);
 }
 
-ssize_t write(int fd, const void *data, size_t length)
+static ssize_t put(int fd, const char *data, size_t length, off64_t at)
+{
+    return at < 0 ? REAL(write)(fd, data, length) : REAL(pwrite64)(fd, data, length, at);
+}
+
+static ssize_t put_halves(int fd, const char *data, size_t length, off64_t at)
 {
     const size_t half = length / 2;
     if (!allowed_for(fd)) return -1;
-    ssize_t written = half ? REAL(write)(fd, data, half) : 0;
+    ssize_t written = half ? put(fd, data, half, at) : 0;
     if (written < (ssize_t)half || (half && !allowed_for(fd))) return written;
-    ssize_t rest = REAL(write)(fd, (const char *)data + half, length - half);
+    ssize_t rest = put(fd, data + half, length - half, at < 0 ? at : at + (off64_t)half);
     return rest < 0 && half == 0 ? rest : written + (rest < 0 ? 0 : rest);
+}
+
+ssize_t write(int fd, const void *data, size_t length)
+{
+    return put_halves(fd, data, length, -1);
+}
+
+ssize_t pwrite64(int fd, const void *data, size_t length, off64_t at)
+{
+    return put_halves(fd, data, length, at);
 }
 
 ssize_t writev(int fd, const struct iovec *parts, int count)
@@ -106,5 +125,32 @@ ssize_t writev(int fd, const struct iovec *parts, int count)
 GUARDED(ftruncate, (int fd, off_t length), (fd, length), allowed_for(fd))
 GUARDED(ftruncate64, (int fd, off64_t length), (fd, length), allowed_for(fd))
 GUARDED(fsync, (int fd), (fd), allowed_for(fd))
+GUARDED(fchmod, (int fd, mode_t mode), (fd, mode), allowed_for(fd))
+GUARDED(futimens, (int fd, const struct timespec times[2]), (fd, times), allowed_for(fd))
 GUARDED(rename, (const char *from, const char *to), (from, to), allowed(from))
+GUARDED(renameat, (int from, const char *old, int to, const char *name), (from, old, to, name), allowed_for(to))
 GUARDED(unlink, (const char *path), (path), allowed(path) || errno == ENOSPC)
+GUARDED(unlinkat, (int at, const char *name, int flags), (at, name, flags), allowed_for(at) || errno == ENOSPC)
+GUARDED(linkat, (int from, const char *old, int to, const char *name, int flags), (from, old, to, name, flags),
+        allowed_for(to))
+GUARDED(mkdirat, (int at, const char *name, mode_t mode), (at, name, mode), allowed_for(at))
+
+int openat64(int at, const char *name, int flags, ...)
+{
+    va_list more;
+    va_start(more, flags);
+    const mode_t mode = flags & O_CREAT ? va_arg(more, mode_t) : 0;
+    va_end(more);
+    return flags & O_CREAT && !allowed_for(at) ? -1 : REAL(openat64)(at, name, flags, mode);
+}
+
+long syscall(long number, ...)
+{
+    long given[6];
+    va_list more;
+    va_start(more, number);
+    for (int i = 0; i < 6; i++) given[i] = va_arg(more, long);
+    va_end(more);
+    if (number == SYS_renameat2 && !allowed_for((int)given[2])) return -1;
+    return REAL(syscall)(number, given[0], given[1], given[2], given[3], given[4], given[5]);
+}
