@@ -18,8 +18,9 @@
  *    and the directory is synced.
  *
  * The modification time would be lost by a cut in step 2. So the new journal
- * carries it: a journal that ends with the mark of this very plan was left by
- * an earlier attempt, and its own modification time is the media's.
+ * carries it: a journal that ends with the mark of a repair was left by an
+ * earlier attempt, and its own modification time is the media's. One that ends
+ * with the mark of this very plan is in place already.
  */
 #include "apply.h"
 
@@ -168,17 +169,17 @@ private:
         const mediafiles_source &old = *journal_of(plan_);
         if (static_cast<uint64_t>(status.st_size) != old.size) throw has_changed();
 
+        const struct timespec time = continues_repair(plan_) ? status.st_mtim : media_time;
         const std::vector<uint8_t> mark = mark_record(false);
         std::vector<uint8_t> end(mark.size());
         if (old.size == info_.journal_end + mark.size() &&
             old.read(old.context, info_.journal_end, end.data(), static_cast<uint32_t>(end.size())) ==
                 static_cast<int64_t>(end.size()) &&
-            end == mark) {
+            end == mark)
             sync_directory(journal_->directory); // a kill may have come before
-            return status.st_mtim;
-        }
-        write_journal(media_time, mark);
-        return media_time;
+        else
+            write_journal(time, mark);
+        return time;
     }
 
     void write_journal(const struct timespec &time, const std::vector<uint8_t> &mark) const

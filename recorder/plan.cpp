@@ -64,6 +64,7 @@ struct mediafiles_plan {
     bad_samples ranges;
     repair_mark mark = {};
     bool head_alone = false;
+    bool continues = false; // an earlier repair
     bool out_of_memory = false;
 
 private:
@@ -462,6 +463,7 @@ void mediafiles_plan::decide_by_journal(journal_scan &scan, movie_header &header
         if (named < end && !ranges.add(named, end)) out_of_memory = true;
     }
     mark = {static_cast<uint32_t>(limit), drop || (begun && before.dropped_frame), false};
+    continues = marked;
     info.result = damaged || unnamed || ranges.count() != 0 ? MEDIAFILES_SALVAGED : MEDIAFILES_REPAIRED;
     info.journal = MEDIAFILES_JOURNAL_REMOVED;
     info.journal_end = chosen.record_end;
@@ -494,6 +496,11 @@ const mediafiles_source *journal_of(const mediafiles_plan &plan)
 bool writes_head_alone(const mediafiles_plan &plan)
 {
     return plan.head_alone;
+}
+
+bool continues_repair(const mediafiles_plan &plan)
+{
+    return plan.continues;
 }
 
 namespace {

@@ -17,5 +17,7 @@ const mediafiles_source *journal_of(const mediafiles_plan &plan); // NULL: there
 
 // Only the size of mdat is missing in the file: its head is written, nothing else changes.
 bool writes_head_alone(const mediafiles_plan &plan);
+// Whether an earlier repair has put its journal in place: that has the modification time of the media as it was found.
+bool continues_repair(const mediafiles_plan &plan);
 
 } // namespace mediafiles::recovery

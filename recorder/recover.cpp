@@ -18,6 +18,7 @@
 #include <mediafiles/caretaker.h>
 
 #include "apply.h"
+#include "plan.h"
 #include "safe-file.h"
 #include "search.h"
 #include "sha256.h"
@@ -400,7 +401,7 @@ private:
         write_result(sink);
         if (sink.writer->flush() != 0) throw system_failure();
         media_.check_unchanged();
-        set_modification_time(made, media_.status.st_mtim);
+        set_modification_time(made, (continues_repair(*plan_) ? journal_ : media_).status.st_mtim);
         sync_file(made);
         made.name(name.c_str());
         sync_directory(directory);

@@ -60,6 +60,7 @@ static int allowed(const char *path)
     struct stat status;
     if (!cases || !realpath(path, directory) || strncmp(directory, cases, strlen(cases)) != 0) return 1;
     if (stat(directory, &status) != 0 || !S_ISDIR(status.st_mode)) *strrchr(directory, '/') = 0;
+    if (directory[strlen(cases)] != '/') return 1;
     if (strcmp(directory, last) != 0) count = 0;
     strcpy(last, directory);
     ++count;
