@@ -11,6 +11,7 @@ constexpr uint32_t unmarked_tail = 4096;
 constexpr int64_t steady = 1'000'000; // ns by which a track's steps may differ and still be even
 constexpr uint32_t largest_payload = MEMENTO_MAX_SIZE - sizeof(memento);
 constexpr const char *unreadable_part = "a part that cannot be read";
+constexpr const char *unknown_kind = "a record of an unknown kind";
 
 // Fields of a MEMENTO_SAMPLE, little-endian as every machine that this is built for.
 namespace field {
@@ -189,6 +190,8 @@ bool journal_scan::next(record &out)
     if (!header_at(at, header)) return invalid(unreadable_part);
     if (header.length > largest_payload) return invalid("a record that is too long");
     record next = {header, at, nullptr};
+    /* A record that was cut off has its header. What has none is no sign that nothing was ever safe. */
+    if (!is_stored_kind(header.kind)) return invalid(unknown_kind);
     if (readable_size() - at < next.size())
         return may_be_torn(at) ? stop(MEDIAFILES_JOURNAL_CUT) : invalid("a record that is too long");
     zeros_follow_ = runs_into_zeros(next);
@@ -227,7 +230,7 @@ const char *journal_scan::take(const record &next)
     case MEMENTO_SEI: // no file holds what the journal has of it
         return nullptr;
     default:
-        return "a record of an unknown kind";
+        return unknown_kind;
     }
 }
 

@@ -18,8 +18,8 @@ from collections import namedtuple
 from support import judge
 
 Call = namedtuple("Call", "thread name text result begin end")
-# C: a file is created, D: its directory synced, w: media written, s: synced, a: the journal appended to, j: synced, u: removed
-ORDER = re.compile("CCD+w*(s+w*(a+w*j)?w*){4,}w+s+u")
+# C: file created, t: media cut, D: directory synced, w: media written, s: synced, a: journal appended to, j: synced, u: removed
+ORDER = re.compile("CCt?D+w*(s+w*(a+w*j)?w*){4,}w+s+u")
 SHIM, PROGRAM, DURABLE = sys.argv[1], sys.argv[2:], ("fsync", "fdatasync")
 
 
@@ -68,6 +68,8 @@ class Medium:
         elif call.name in DURABLE and path == self.directory:
             self.named |= self.created
             self.order += "D"
+        elif call.name == "ftruncate" and path == self.media:
+            self.order += "t"
         elif call.name == "lseek" and path == self.media:
             self.position = call.result
         elif call.name in ("write", "writev", "pwrite64"):
@@ -111,7 +113,8 @@ def record(fault="", **environment):
         clip.parent.mkdir()
         done = subprocess.run(
             ["strace", "-f", "-y", "-x", "-s", "1000000", "-o", trace, "-e",
-             "trace=openat,write,writev,pwrite64,lseek,fsync,fdatasync,unlink", *(["-e", f"inject={fault}"] if fault else []),
+             "trace=openat,write,writev,pwrite64,ftruncate,lseek,fsync,fdatasync,unlink",
+             *(["-e", f"inject={fault}"] if fault else []),
              *(f"-E{name}={value}".format(card=card) for name, value in environment.items()),
              *(word.format(clip=clip) for word in PROGRAM)], capture_output=True, check=False, timeout=100)
         calls, medium = list(calls_of(trace.read_text())), Medium(clip)
@@ -145,7 +148,7 @@ def cut_short(fault):
     return seen, ended
 
 
-changes = re.sub("[^Dwau]", "", cut_short("bad=0")[0].order)
+changes = re.sub("[^Dtwau]", "", cut_short("bad=0")[0].order)
 halves = [n + 1 for n, letter in enumerate(changes) if letter == "a"][1:-2:2]
 cut = [cut_short(f"{kind}={n}") for kind in ("bad", "gap") for n in (*halves[:2], halves[-1])]
 assert any(seen.torn and ended for seen, ended in cut), "no append has ended inside a record"
