@@ -13,6 +13,38 @@ constexpr uint32_t place_windows = 192u << 10; // bytes for the windows of all t
 constexpr uint32_t largest_window = 64u << 10;
 constexpr uint32_t smallest_window = 4096;
 
+// What the core puts into its containers, without those that hold no boxes.
+struct container {
+    const char *type;
+    uint32_t fields;      // bytes before the first box
+    const char *children; // their types, one after the other
+};
+constexpr container containers[] = {
+    {"moov", 0, "mvhdiodstrak"},
+    {"trak", 0, "tkhdedtsmdia"},
+    {"edts", 0, "elst"},
+    {"mdia", 0, "mdhdhdlrminf"},
+    {"minf", 0, "vmhdsmhdnmhddinfstbl"},
+    {"stbl", 0, "stsdsttsstcostssstscstsz"},
+    {"stsd", 8, "avc1hev1mp4a"},
+};
+
+bool is_child(const container &of, const char *type)
+{
+    for (const char *each = of.children; *each; each += 4)
+        if (memcmp(each, type, 4) == 0) return true;
+    return false;
+}
+
+// Characters, as types of boxes are; QuickTime's have a copyright sign. A sector that a power cut has emptied or erased
+// may begin between a box's size and its type.
+bool is_type(const char *type)
+{
+    for (int i = 0; i < 4; ++i)
+        if ((type[i] < ' ' || type[i] > '~') && type[i] != '\xA9') return false;
+    return true;
+}
+
 } // namespace
 
 bool track_places::begin_run()
@@ -94,7 +126,7 @@ bool movie_header::for_each_box(box_range range, Visit visit)
         if (size < box_header || size > range.end - at) return false;
         box each = {{}, at + box_header, at + size};
         memcpy(each.type, header + 4, sizeof each.type);
-        if (!visit(each)) return false;
+        if (!is_type(each.type) || !visit(each)) return false;
         at += size;
     }
     return true;
@@ -121,6 +153,26 @@ bool movie_header::read(uint64_t begin, uint64_t end)
     if (begin >= end || !for_each_box({begin, end}, in_file) || timescale_ == 0 || count_ == 0) return false;
     for (uint32_t i = 0; i < count_; ++i)
         if (!is_sound(tracks_[i])) return false;
+    return true;
+}
+
+bool movie_header::is_of_another_program(uint64_t begin, uint64_t end)
+{
+    bool found = false;
+    return for_each_box({begin, end}, [&](const box &each) { return each.is("moov") && is_whole(each, found); }) && found;
+}
+
+// Whether whole boxes fill this one and those in it. Notes whether one is not the core's.
+bool movie_header::is_whole(const box &outer, bool &unknown)
+{
+    for (const container &known : containers) {
+        if (!outer.is(known.type)) continue;
+        return outer.end - outer.begin >= known.fields &&
+               for_each_box({outer.begin + known.fields, outer.end}, [&](const box &each) {
+                   if (is_child(known, each.type)) return is_whole(each, unknown);
+                   return unknown = true;
+               });
+    }
     return true;
 }
 

@@ -80,6 +80,10 @@ public:
     // Whether a sound moov fills those bytes of the file.
     bool read(uint64_t begin, uint64_t end);
 
+    // Whether whole boxes fill those bytes, and the type of one is none of the core's: another program has written the
+    // header. To be asked where it is not sound.
+    bool is_of_another_program(uint64_t begin, uint64_t end);
+
     // Whether the samples of all tracks follow each other from the first byte to the last, without a gap.
     bool covers(uint64_t begin, uint64_t end);
 
@@ -106,6 +110,7 @@ private:
     };
     template <class Visit>
     bool for_each_box(box_range range, Visit visit);
+    bool is_whole(const box &outer, bool &unknown);
     bool read_track(const box &trak);
     bool read_edits(header_track &track, const box &edts);
     bool read_media(header_track &track, const box &mdia);

@@ -95,6 +95,7 @@ private:
         info.foreign = foreign;
         if (has_journal) info.journal = remove_journal ? MEDIAFILES_JOURNAL_REMOVED : MEDIAFILES_JOURNAL_KEPT;
     }
+    void not_ours() { info.result = MEDIAFILES_NOT_OURS; }
     bool refuse(uint32_t reason, uint32_t help = 0, int error = 0)
     {
         info.result = MEDIAFILES_REFUSED;
@@ -146,22 +147,24 @@ bool mediafiles_plan::is_zeros() const
 void mediafiles_plan::decide()
 {
     const bool ours = is_ours();
-    if (!ours && !(has_journal && (is_head_alone() || is_zeros()))) {
-        info.result = MEDIAFILES_NOT_OURS;
-        return;
-    }
-    if (media.size > UINT32_MAX) return void(refuse(MEDIAFILES_REASON_TOO_LARGE));
-
-    movie_header header(media);
+    if (!ours && !(has_journal && (is_head_alone() || is_zeros()))) return not_ours();
     uint8_t size[4] = {};
     if (ours) read_all(media, mdat_begin, size, sizeof size);
     mdat_size = be32(size);
+    if (mdat_size == 1) return not_ours(); // the size has 64 bits (ISO/IEC 14496-12 4.2), which the core never writes
+    if (media.size > UINT32_MAX) return void(refuse(MEDIAFILES_REASON_TOO_LARGE));
+
+    movie_header header(media);
     const uint64_t end = mdat_begin + uint64_t{mdat_size};
     /* What another program has appended does not matter. */
     uint8_t box[8];
     bool whole = mdat_size >= 8 && end < media.size && read_all(media, end, box, sizeof box);
-    whole =
-        whole && be32(box) <= media.size - end && header.read(end, end + be32(box)) && header.covers(media_begin, end);
+    whole = whole && be32(box) <= media.size - end;
+    if (whole) {
+        const uint64_t header_end = end + be32(box);
+        whole = header.read(end, header_end) && header.covers(media_begin, end);
+        if (!whole && header.is_of_another_program(end, header_end)) return not_ours();
+    }
     out_of_memory = out_of_memory || header.out_of_memory();
     if (!has_journal) return decide_without_journal(header, whole);
     if (journal.size > largest_journal)
@@ -175,7 +178,7 @@ void mediafiles_plan::decide()
     if (scan.samples == 0)
         decide_without_samples(scan, header, ours, whole);
     else if (!ours)
-        info.result = MEDIAFILES_NOT_OURS;
+        not_ours();
     else if (whole)
         decide_beside_finished(scan, header, end);
     else
@@ -204,7 +207,8 @@ void mediafiles_plan::decide_without_samples(journal_scan &scan, movie_header &h
         info.damage = scan.damage;
         return void(refuse(MEDIAFILES_REASON_JOURNAL_DAMAGED));
     }
-    const bool closed = mdat_begin + uint64_t{mdat_size} > media_begin;
+    constexpr uint32_t without_samples = 8; // the header of mdat alone
+    const bool closed = mdat_size != 0 && mdat_size != without_samples;
     if (closed || media.size > largest_leftover) return void(refuse(MEDIAFILES_REASON_NO_SAMPLES));
     info.result = MEDIAFILES_EMPTY_REMOVED;
     info.journal = MEDIAFILES_JOURNAL_REMOVED;

@@ -227,6 +227,31 @@ TEST(plan, decides_every_state_of_a_close)
             repaired, salvaged, refused);
 }
 
+/* Files that begin as ours, with a header that the core never writes: no journal changes them. */
+TEST(plan, leaves_alone_what_other_programs_have_written)
+{
+    const silence quiet;
+    const recorded &r = recordings().front();
+    const std::string text(r.closed.begin(), r.closed.end());
+    const auto at = [&](const char *box) { return text.find(box, r.open.size()); };
+    const bytes stale = first(r.journal, r.journal.size() / 2 / 28 * 28), empty;
+    const struct {
+        const char *what;
+        bytes file;
+        uint32_t result;
+    } cases[] = {{"a size of 64 bits", with(r.closed, 24, hex("00000001")), MEDIAFILES_NOT_OURS},
+                 {"ctts", with(r.closed, at("stss"), hex("'ctts'")), MEDIAFILES_NOT_OURS},
+                 {"hvc1", with(r.closed, at("avc1"), hex("'hvc1'")), MEDIAFILES_NOT_OURS},
+                 {"udta, and no samples", with(r.closed, at("mdia"), hex("'udta'")), MEDIAFILES_NOT_OURS},
+                 {"udta, and all samples", with(r.closed, at("iods"), hex("'udta'")), MEDIAFILES_FINISHED}};
+    for (const auto &c : cases)
+        for (const bytes *journal : {static_cast<const bytes *>(nullptr), &empty, &stale, &r.journal})
+            EXPECT_EQ(plan_of(c.file, journal).info.result, c.result) << c.what;
+    /* Damage: a sector was lost that begins at a type. */
+    EXPECT_EQ(plan_of(with(r.closed, at("stss"), hex("00000000")), &r.journal).file, r.closed);
+    EXPECT_EQ(plan_of(with(r.closed, 24, hex("00000005")), &empty).info.reason, MEDIAFILES_REASON_NO_SAMPLES);
+}
+
 /* ---- the end of a journal ---- */
 
 /** What stands in a journal from an offset on, after a cut. */
