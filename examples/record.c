@@ -219,6 +219,11 @@ int main(int argc, char **argv)
     r.media_fd = open(argv[1], O_RDWR | O_CREAT | O_CLOEXEC, 0644);
     /* The lock tells a repair that this file is being recorded. Only who has it may empty the files. */
     if (r.directory_fd < 0 || r.media_fd < 0 || flock(r.media_fd, LOCK_EX | LOCK_NB) != 0) goto failed;
+    struct stat media;
+    if (fstat(r.media_fd, &media) != 0 || media.st_nlink == 0) { /* until then, a repair could remove it */
+        errno = ESTALE;
+        goto failed;
+    }
     r.journal_fd = open(journal_path, O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644);
     if (r.journal_fd < 0 || ftruncate(r.media_fd, 0) != 0 || fsync(r.directory_fd) != 0) goto failed;
 

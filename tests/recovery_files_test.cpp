@@ -2,6 +2,8 @@
 #include <cstring>
 #include <filesystem>
 #include <map>
+#include <random>
+#include <set>
 #include <thread>
 
 #include <fcntl.h>
@@ -180,16 +182,16 @@ void copy_all(const card &from, const card &to)
 }
 
 /** Five recordings in the states that cuts leave. */
-void fill_with_cuts(const card &on)
+void fill_with_cuts(const card &on, const std::string &in = "")
 {
     bytes torn = open_media(), longer = open_media();
     torn.resize(torn.size() - 5);
     longer.resize(longer.size() + 5000, 0xE5);
-    on.put("a.mp4", open_media(), whole().journal, old_time + 5);
-    on.put("b.mp4", longer, journal_with(70), old_time + 4);
-    on.put("below/c.mp4", torn, whole().journal, old_time + 3);
-    on.put("d.mp4", whole().file, journal_with(20), old_time + 2);
-    on.put("e.mp4", {}, bytes(), old_time + 1);
+    on.put(in + "a.mp4", open_media(), whole().journal, old_time + 5);
+    on.put(in + "b.mp4", longer, journal_with(70), old_time + 4);
+    on.put(in + "below/c.mp4", torn, whole().journal, old_time + 3);
+    on.put(in + "d.mp4", whole().file, journal_with(20), old_time + 2);
+    on.put(in + "e.mp4", {}, bytes(), old_time + 1);
 }
 
 TEST(recovery_files, a_dry_run_says_what_is_done_and_changes_nothing)
@@ -283,6 +285,39 @@ TEST(recovery_files, a_kill_at_any_system_call_ends_in_the_same_bytes)
         if (stops == 0) GTEST_SKIP() << "no ptrace";
         EXPECT_GE(cuts, way.cuts);
     }
+}
+
+/* RECOVERY_PAIRS and RECOVERY_KILLS say how many. */
+TEST(recovery_files, a_kill_among_many_pairs_ends_in_the_same_bytes)
+{
+    const auto number = [](const char *name, int otherwise) {
+        const char *const value = getenv(name);
+        return value ? std::stoi(value) : otherwise;
+    };
+    const int pairs = number("RECOVERY_PAIRS", 10), kills = number("RECOVERY_KILLS", 5);
+    const card whole_run, counted, on;
+    for (int i = 0; i < pairs / 5; i++) fill_with_cuts(on, std::to_string(i) + "/");
+    copy_all(on, whole_run), copy_all(on, counted);
+    recover(whole_run);
+    const auto wanted = whole_run.state();
+    const int stops = trace_recovery(counted, 0, nullptr, [] {});
+    if (stops == 0) GTEST_SKIP() << "no ptrace";
+    EXPECT_EQ(counted.state(), wanted);
+
+    std::set<int> moments;
+    std::mt19937 random(5);
+    while (int(moments.size()) < kills) moments.insert(int(random() % unsigned(stops)));
+    int stop = 0, cuts = 0;
+    trace_recovery(on, 0, nullptr, [&] {
+        if (!moments.contains(stop++)) return;
+        const card cut;
+        copy_all(on, cut);
+        recover(cut);
+        EXPECT_EQ(cut.state(), wanted) << stop;
+        cuts++;
+    });
+    fprintf(stderr, "%d pairs, %d of %d moments\n", pairs, cuts, stops);
+    EXPECT_GE(cuts, kills - 1); // a name of a temporary file may be tried twice
 }
 
 TEST(recovery_files, a_hostile_card_is_left_alone)

@@ -27,14 +27,8 @@ def run(*command, **options):
 class Repair(judge.Test):
     @classmethod
     def setUpClass(cls):
-        cls.whole = {}  # the finished file, the same before it was finished, its journal (a round a frame), its samples
-        with tempfile.TemporaryDirectory() as directory:
-            for name, sources in SOURCES.items():
-                clip = pathlib.Path(directory, name)
-                run(GIVEN.tool, "record", *(GIVEN.media / s for s in sources), "-o", clip, "--keep-journal", "--sync", "0")
-                data, journal = clip.read_bytes(), pathlib.Path(f"{clip}.journal").read_bytes()
-                samples = list(judge.samples_of(journal))
-                cls.whole[name] = data, data[:24] + bytes(4) + data[28:samples[-1].end], journal, samples
+        cls.whole = {name: judge.record(GIVEN.tool, *(GIVEN.media / s for s in sources))
+                     for name, sources in SOURCES.items()}
 
     def put(self, media, journal, name="clip.mp4"):
         for path, data in ((self.directory / name, media), (self.directory / (name + ".journal"), journal)):

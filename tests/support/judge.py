@@ -23,6 +23,7 @@ from collections import namedtuple
 Unit = namedtuple("Unit", "data time_ns key")
 Packet = namedtuple("Packet", "size ticks key")
 Sample = namedtuple("Sample", "record_end track begin size end time key")
+Recorded = namedtuple("Recorded", "file open journal samples")
 PATIENCE = 60  # seconds
 MEMORY = "/dev/shm" if os.access("/dev/shm", os.W_OK) else None  # where a sync costs nothing
 USER, TRACK, SAMPLE, VPS, SPS, PPS, SEI = 0, 1, 2, 6, 7, 8, 9  # journal records
@@ -68,6 +69,17 @@ class Test(unittest.TestCase):
         """The recorded track is the elementary stream, unit by unit."""
         self.assertEqual(packets(self.clip, stream), expected_packets(units(source), source.suffix[1:], timescale))
         self.assertEqual(frame_checksums(self.clip, stream), frame_checksums(source))
+
+
+def record(tool, *sources, options=()):
+    """A finished file, the same before it was finished, its journal (a round a frame), its samples."""
+    with tempfile.TemporaryDirectory(dir=MEMORY) as directory:
+        clip = pathlib.Path(directory, "clip.mp4")
+        subprocess.run([tool, "record", *sources, "-o", clip, "--keep-journal", "--sync", "0", *options], check=True,
+                       capture_output=True, timeout=PATIENCE)
+        data, journal = clip.read_bytes(), pathlib.Path(f"{clip}.journal").read_bytes()
+    samples = list(samples_of(journal))
+    return Recorded(data, data[:24] + bytes(4) + data[28:samples[-1].end], journal, samples)
 
 
 def units(stream):

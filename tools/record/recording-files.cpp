@@ -48,6 +48,9 @@ locked_file::locked_file(std::string path, bool overwrite, const char *why_not) 
     } else if (flock(descriptor_, LOCK_EX | LOCK_NB) != 0) {
         others = errno == EWOULDBLOCK;
         problem = others ? "another process is recording it" : std::strerror(errno);
+    } else if (struct stat named; stat(path_.c_str(), &named) != 0 || !is_same(named, status())) {
+        others = true; // a repair removes what holds no frame
+        problem = "another process has removed it";
     }
     if (problem.empty()) return;
     if (made_ && !others) unlink(path_.c_str()); // a file that another process has locked meanwhile is its own
