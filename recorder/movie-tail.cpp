@@ -70,12 +70,13 @@ struct movie_tail::layout : mp4_stream {
     // A size that follows the last one: descriptors write theirs byte by byte.
     int add_patch(const void *bytes, uint32_t count)
     {
-        patch *last = *patch_count == 0 ? nullptr : &patches[*patch_count - 1];
-        if (!last || last->position + last->length != position || last->length + count > sizeof last->bytes) {
-            if (*patch_count == most_patches || count > sizeof last->bytes) return refuse(EINVAL);
-            last = &patches[(*patch_count)++];
-            *last = {position, 0, {}};
+        const bool follows = *patch_count != 0 && patches[*patch_count - 1].ends_at(position) &&
+                             patches[*patch_count - 1].length + count <= sizeof patches->bytes;
+        if (!follows) {
+            if (*patch_count == most_patches || count > sizeof patches->bytes) return refuse(EINVAL);
+            patches[(*patch_count)++] = {position, 0, {}};
         }
+        patch *last = &patches[*patch_count - 1];
         memcpy(last->bytes + last->length, bytes, count);
         last->length += count;
         return 0;

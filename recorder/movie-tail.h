@@ -36,6 +36,8 @@ private:
     struct patch {
         uint32_t position, length;
         uint8_t bytes[4];
+
+        bool ends_at(uint32_t where) const { return position + length == where; }
     };
     struct layout;
     static constexpr uint32_t most_patches = 256; // 4 sizes, and at most 26 for each of eight tracks
