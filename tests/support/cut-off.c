@@ -128,13 +128,10 @@ GUARDED(ftruncate64, (int fd, off64_t length), (fd, length), allowed_for(fd))
 GUARDED(fsync, (int fd), (fd), allowed_for(fd))
 GUARDED(fchmod, (int fd, mode_t mode), (fd, mode), allowed_for(fd))
 GUARDED(futimens, (int fd, const struct timespec times[2]), (fd, times), allowed_for(fd))
-GUARDED(rename, (const char *from, const char *to), (from, to), allowed(from))
 GUARDED(renameat, (int from, const char *old, int to, const char *name), (from, old, to, name), allowed_for(to))
 GUARDED(unlink, (const char *path), (path), allowed(path) || errno == ENOSPC)
 GUARDED(unlinkat, (int at, const char *name, int flags), (at, name, flags), allowed_for(at) || errno == ENOSPC)
-GUARDED(linkat, (int from, const char *old, int to, const char *name, int flags), (from, old, to, name, flags),
-        allowed_for(to))
-GUARDED(mkdirat, (int at, const char *name, mode_t mode), (at, name, mode), allowed_for(at))
+GUARDED(linkat, (int from, const char *a, int to, const char *b, int flags), (from, a, to, b, flags), allowed_for(to))
 
 int openat64(int at, const char *name, int flags, ...)
 {
