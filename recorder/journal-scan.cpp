@@ -31,6 +31,15 @@ bool is_stored_kind(uint8_t kind)
     return kind <= MEMENTO_SAMPLE || (kind >= MEMENTO_VPS && kind <= MEMENTO_SEI);
 }
 
+// Of the kinds that have one length.
+const char *wrong_length(const memento &header)
+{
+    if (header.kind == MEMENTO_SAMPLE && header.length != field::length) return "a sample record of a wrong length";
+    if (header.kind == MEMENTO_TRACK && header.length != sizeof(mp4_track_desc))
+        return "a track record of a wrong length";
+    return nullptr;
+}
+
 bool is_step(int64_t time, int64_t before, int64_t usual)
 {
     const int64_t difference = time - before - usual;
@@ -192,6 +201,7 @@ bool journal_scan::next(record &out)
     record next = {header, at, nullptr};
     /* A record that was cut off has its header. What has none is no sign that nothing was ever safe. */
     if (!is_stored_kind(header.kind)) return invalid(unknown_kind);
+    if (const char *wrong = wrong_length(header)) return invalid(wrong);
     if (readable_size() - at < next.size())
         return may_be_torn(at) ? stop(MEDIAFILES_JOURNAL_CUT) : invalid("a record that is too long");
     zeros_follow_ = runs_into_zeros(next);
@@ -236,7 +246,6 @@ const char *journal_scan::take(const record &next)
 
 const char *journal_scan::take_sample(const record &next)
 {
-    if (next.header.length != field::length) return "a sample record of a wrong length";
     const sample sample = next.as_sample();
     if (sample.track >= tracks) return "a sample of an unknown track";
     if (sample.size == 0) return "an empty sample";
@@ -261,7 +270,6 @@ const char *journal_scan::take_sample(const record &next)
 
 const char *journal_scan::take_track(const record &next)
 {
-    if (next.header.length != sizeof(mp4_track_desc)) return "a track record of a wrong length";
     const mp4_track_desc desc = next.as_track();
     if (!codec_of(desc.type)) return "a track of unknown type";
     if (tracks == MP4_MAX_TRACKS) return "more than eight tracks";
