@@ -358,18 +358,19 @@ private:
     void copy()
     {
         const std::vector<const char *> way = run_.files.way_to(found_.directory);
-        descriptor directory = open_output(way);
-        const bool is_own =
-            directory.is_open() && identity_of(status_of(directory)) == identity_of(status_of(directory_));
-        const std::string name = is_own ? name_beside(name_) : name_;
         std::string below;
         for (const char *part : way) below.append(part) += '/';
-        below += name;
         output_path_ = run_.options.output;
         if (output_path_.back() != '/') output_path_ += '/';
         output_path_ += below;
 
         try {
+            const descriptor directory = open_output(way);
+            const bool is_own =
+                directory.is_open() && identity_of(status_of(directory)) == identity_of(status_of(directory_));
+            const std::string name = is_own ? name_beside(name_) : name_;
+            below += name;
+            output_path_ += name;
             struct stat status;
             const bool is_there =
                 directory.is_open() && fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;

@@ -526,6 +526,13 @@ TEST(recovery_files, copies_never_take_a_name_that_is_there)
     EXPECT_EQ(recover(on, {own}, 0, own.c_str()),
               (lines{"1/a-recovered.mp4: finished", "1/a.mp4: refused: the output exists (EEXIST) because of 1/a-recovered.mp4, journal 1/a.mp4.journal"}));
     EXPECT_EQ(on.get("1/a.mp4"), open_media());
+
+    /* A link in the way leads nowhere. */
+    const card other;
+    fs::create_directory_symlink(on / "2", other / "2");
+    EXPECT_EQ(recover(on, {on.root, on / "1"}, 0, other.root.c_str()).back(),
+              "2/a.mp4: failed: a system call failed (ENOTDIR) because of " + (other / "2/") + ", journal 2/a.mp4.journal");
+    EXPECT_EQ(on.get("2/a.mp4"), open_media());
 }
 
 TEST(recovery_files, what_fails_leaves_no_temporary_and_can_be_repeated)
