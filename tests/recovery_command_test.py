@@ -168,6 +168,11 @@ class Recovery(judge.Test):
             gone = () if into else ("a/clip.mp4.journal", "b/clip.mp4.journal", "CLIP.MP4.JOURNAL")
             after = {**before, **({} if into else made)}
             self.assertEqual(self.files("card"), {name: data for name, data in after.items() if name not in gone})
+        forged = self.put("card/a/x.mp4\nb.mp4: repaired\x1b[1m\x9b1m.mp4", b"")
+        err = end(start(GIVEN.tool, "repair", forged, output / "no\nthing"))[2]
+        self.assertIn("/x.mp4?b.mp4: repaired?[1m", err)
+        self.assertTrue(all(" " <= c or c == "\n" for c in err) and err.count("\n") == 4 and "\x9b" not in err, err)
+        forged.unlink()
         self.put("card/clip.mp4", *cut)
         self.assertEqual(self.repair(*card.glob("*.*"), code=FAILED), {
             **{f"card/{name}": result for name, result in wanted.items() if "/" not in name}, "card/CLIP.MP4": "finished",

@@ -7,6 +7,8 @@
 
 #include <mediafiles/support/io.h>
 
+#include "tools/print.h"
+
 namespace tools {
 
 console::console(std::string command, bool quiet)
@@ -17,7 +19,7 @@ console::console(std::string command, bool quiet)
 void console::problem(const std::string &text)
 {
     clear_progress();
-    std::fprintf(stderr, "mediafiles: %s: %s\n", command_.c_str(), text.c_str());
+    std::fprintf(stderr, "mediafiles: %s: %s\n", command_.c_str(), printable(text).c_str());
 }
 
 bool console::result(int descriptor, const std::string &text)

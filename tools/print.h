@@ -19,6 +19,20 @@ namespace tools {
     return text;
 }
 
+/**
+ * On one line, without what a terminal would obey: names on a card may hold anything. Control characters, and those
+ * that UTF-8 has in two bytes, become question marks.
+ */
+inline std::string printable(std::string text)
+{
+    const auto byte = [&text](size_t i) { return i < text.size() ? static_cast<unsigned char>(text[i]) : 0xFF; };
+    for (size_t i = 0; i < text.size(); ++i) {
+        if (byte(i) < 0x20 || byte(i) == 0x7F) text[i] = '?';
+        if (byte(i) == 0xC2 && byte(i + 1) >= 0x80 && byte(i + 1) < 0xA0) text.replace(i, 2, "?");
+    }
+    return text;
+}
+
 } // namespace tools
 
 #endif

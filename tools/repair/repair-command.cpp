@@ -6,6 +6,7 @@
 #include "tools/command.h"
 #include "tools/console.h"
 #include "tools/failure.h"
+#include "tools/print.h"
 #include "tools/repair/repair-report.h"
 
 namespace tools {
@@ -104,7 +105,7 @@ struct repair_run {
         if (const std::string problem = problem_of(report); !problem.empty())
             out.problem(problem);
         else
-            out.note(to_text(report, dry_run()));
+            out.note(printable(to_text(report, dry_run())));
         if (given.json) files.push_back(to_json(report));
     }
 
