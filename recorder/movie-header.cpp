@@ -20,12 +20,8 @@ struct container {
     const char *children; // their types, one after the other
 };
 constexpr container containers[] = {
-    {"moov", 0, "mvhdiodstrak"},
-    {"trak", 0, "tkhdedtsmdia"},
-    {"edts", 0, "elst"},
-    {"mdia", 0, "mdhdhdlrminf"},
-    {"minf", 0, "vmhdsmhdnmhddinfstbl"},
-    {"stbl", 0, "stsdsttsstcostssstscstsz"},
+    {"moov", 0, "mvhdiodstrak"}, {"trak", 0, "tkhdedtsmdia"},         {"edts", 0, "elst"},
+    {"mdia", 0, "mdhdhdlrminf"}, {"minf", 0, "vmhdsmhdnmhddinfstbl"}, {"stbl", 0, "stsdsttsstcostssstscstsz"},
     {"stsd", 8, "avc1hev1mp4a"},
 };
 
@@ -159,7 +155,8 @@ bool movie_header::read(uint64_t begin, uint64_t end)
 bool movie_header::is_of_another_program(uint64_t begin, uint64_t end)
 {
     bool found = false;
-    return for_each_box({begin, end}, [&](const box &each) { return each.is("moov") && is_whole(each, found); }) && found;
+    const auto is_whole_moov = [&](const box &each) { return each.is("moov") && is_whole(each, found); };
+    return for_each_box({begin, end}, is_whole_moov) && found;
 }
 
 // Whether whole boxes fill this one and those in it. Notes whether one is not the core's.

@@ -1,6 +1,7 @@
 """The programs of recovery beside recorders and beside each other, on cards, and over files that are finished.
 
-    recovery_command_test.py --tool MEDIAFILES --example RECORD --recover RECOVER --media STREAMS [--finished N] [--seed S]
+    recovery_command_test.py --tool MEDIAFILES --example RECORD --recover RECOVER --media STREAMS
+                             [--finished N] [--seed S]
 """
 
 import fcntl
@@ -18,8 +19,8 @@ from collections import namedtuple
 from support import judge
 
 GIVEN = judge.given("tool", "example", "recover", "media", finished=120, seed=1)
-AV, HEVC, AAC = ([GIVEN.media / name for name in names] for names in (
-    ("h264_base_640x360_25.h264", "aac_lc_48000_2.aac"), ("h265_cra_2slices_640x360_30.h265",), ("aac_lc_48000_2.aac",)))
+AAC = [GIVEN.media / "aac_lc_48000_2.aac"]
+AV, HEVC = [GIVEN.media / "h264_base_640x360_25.h264", *AAC], [GIVEN.media / "h265_cra_2slices_640x360_30.h265"]
 DONE, FAILED, NOTHING = 0, 1, 3
 OURS = b"\0\0\0\x18ftypmp42\0\0\0\0mp42isom"
 EXAMPLE = AV[0], AV[0].with_suffix(".units.tsv"), 640, 360
