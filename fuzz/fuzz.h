@@ -1,6 +1,6 @@
 /**
  * What the fuzz targets share. A target is one file, fuzz_NAME.cpp, with one LLVMFuzzerTestOneInput and its property
- * at the top. It runs under libFuzzer (make fuzz), and over its seeds, corpus/NAME, in the tests (replay.cpp).
+ * at the top; fuzz_video.cpp is the targets h264 and h265. It runs under libFuzzer (make fuzz), and over its seeds, corpus/NAME, in the tests (replay.cpp).
  */
 #pragma once
 
@@ -8,13 +8,14 @@
 #include <cstring>
 #include <span>
 #include <string_view>
+#include <vector>
 
 #include <mediafiles/movie.h>
 
 #include "tests/support/codec-track.h" // exact
 #include "tests/support/descriptors.h"
 #include "tests/support/recording.h"
-#include "tools/reader/reader.h"
+#include "tests/support/repair-judge.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
 /** Silences standard output; the logger formats the lines of all levels and drops them. */
@@ -38,7 +39,19 @@ inline std::string_view text(std::span<const uint8_t> data)
 }
 
 /** Whether a file has no faults but such whose text contains one of these; others are printed. */
-bool sound_but_for(const mp4::file &file, std::initializer_list<std::string_view> excused = {});
+bool sound_but_for(const mp4::file &file, const std::vector<std::string_view> &excused = {});
+
+/** What the files of any journal beside any media may be faulted for. */
+inline const std::vector<std::string_view> any_content = {"uration",
+                                                          "the track plays to", // times may be any
+                                                          "NAL unit lengths",
+                                                          "arameter set",
+                                                          "avcC: profile", // so may media and sets
+                                                          "picture has no size",
+                                                          "timescale is 0"}; // and descriptions
+
+/** Boxes lie one after another inside their parents. */
+void check_boxes(const std::vector<mp4::box> &boxes, uint64_t begin, uint64_t end);
 
 /** A finished file of one track, as the strict reader has it, with the payload of its mdat and its journal. */
 struct recorded_file {
@@ -48,5 +61,9 @@ struct recorded_file {
 
 /** Records one frame, in a block of exactly its size, so many times. */
 recorded_file record(const mp4_track_desc &track, std::span<const uint8_t> frame, int times);
+
+/** Judges mp4_fix or mp4_fix2 with the journal alone and with the media. Returns the finished file, if there is one. */
+mp4::file check_repair(int version, const model::journal &content, std::span<const uint8_t> journal,
+                       std::span<const uint8_t> media);
 
 } // namespace fuzz

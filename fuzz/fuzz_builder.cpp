@@ -9,7 +9,7 @@
 #include <mediafiles/builder.h>
 #include <mediafiles/caretaker.h>
 
-#include "repair.h"
+#include "fuzz.h"
 
 using namespace fuzz;
 

@@ -8,7 +8,7 @@
 
 #include <mediafiles/caretaker.h>
 
-#include "repair.h"
+#include "fuzz.h"
 
 using namespace fuzz;
 
@@ -65,9 +65,6 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     check_reader(content, journal);
     check_writer(journal);
     for (const int version : {1, 2})
-        REQUIRE(sound_but_for(check_repair(version, content, journal, media),
-                              {"uration", "the track plays to",                     // times may be any
-                               "NAL unit lengths", "arameter set", "avcC: profile", // so may media and sets
-                               "picture has no size", "timescale is 0"}));          // and descriptions
+        REQUIRE(sound_but_for(check_repair(version, content, journal, media), any_content));
     return 0;
 }

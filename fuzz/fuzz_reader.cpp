@@ -6,14 +6,7 @@
 
 #include "fuzz.h"
 
-static void check_boxes(const std::vector<mp4::box> &boxes, uint64_t begin, uint64_t end)
-{
-    for (const mp4::box &box : boxes) {
-        REQUIRE(box.offset >= begin && box.offset <= end && box.size >= box.header && box.size <= end - box.offset);
-        begin = box.offset + box.size;
-        check_boxes(box.children, box.offset + box.header, begin);
-    }
-}
+using namespace fuzz;
 
 int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {

@@ -50,17 +50,30 @@ const struct good_journal {
     }
 } good;
 
-constexpr uint32_t extremes[] = {0,          1,          2,          3,           4,
-                                 5,          7,          8,          9,           10,
-                                 15,         16,         17,         23,          24,
-                                 25,         31,         32,         33,          52,
-                                 53, // kinds, lengths and places
-                                 127,        128,        255,        256,         505,
-                                 508,        509,        512,        0x101,       0x102,
-                                 0x201,      0x8101,                                             // lengths and types
-                                 0x7FFF,     0x8000,     0xFFFF,     999'999'999, 1'000'000'000, // times
-                                 0x7FFFFFFF, 0x80000000, 0xDFFFFFDE, 0xDFFFFFFF,  0xE0000000,
-                                 0xFFFFFFE0, 0xFFFFFFFF};
+/** Kinds, lengths and places, types, times. */
+constexpr uint32_t extremes[] = {0,           1,
+                                 2,           3,
+                                 4,           5,
+                                 7,           8,
+                                 9,           10,
+                                 15,          16,
+                                 17,          23,
+                                 24,          25,
+                                 31,          32,
+                                 33,          52,
+                                 53,          127,
+                                 128,         255,
+                                 256,         505,
+                                 508,         509,
+                                 512,         0x101,
+                                 0x102,       0x201,
+                                 0x8101,      0x7FFF,
+                                 0x8000,      0xFFFF,
+                                 999'999'999, 1'000'000'000,
+                                 0x7FFFFFFF,  0x80000000,
+                                 0xDFFFFFDE,  0xDFFFFFFF,
+                                 0xE0000000,  0xFFFFFFE0,
+                                 0xFFFFFFFF};
 
 std::mt19937 engine; // the same numbers everywhere, unlike the distributions
 

@@ -475,7 +475,7 @@ interrupted cut_recording()
 {
     bytes journal;
     const reference whole = without_faults({"", 512, 110, 105}, &journal);
-    const size_t end = size_t(std::get<0>(whole.samples[samples_of(journal).size()])) + 100, size = journal.size();
+    const size_t end = size_t(whole.samples[samples_of(journal).size()].offset) + 100, size = journal.size();
     bytes media(whole.media.begin(), whole.media.begin() + long(end));
     overlay(media, 24, bytes(4));
     journal.insert(journal.end(), &whole.journal[size], &whole.journal[size + 13]);

@@ -94,7 +94,7 @@ void expect_samples(int fd, const std::vector<placed> &samples)
     const mp4::file file = mp4::read(path_of(fd));
     EXPECT_TRUE(file.sound()) << file.problems.front().text;
     std::vector<placed> found;
-    for (const auto &[offset, track, size, time, key] : places(file)) found.emplace_back(offset, track, size);
+    for (const place &s : places(file)) found.emplace_back(s.offset, s.track, s.size);
     EXPECT_EQ(samples, found);
     EXPECT_EQ(std::get<0>(samples.back()) + std::get<2>(samples.back()), file.mdat.at(0).end);
 }

@@ -2,6 +2,9 @@
  * The plan of a repair: every state that a cut leaves of a file's end and of its journal's, damage, and hostile input.
  * The judges are the strict reader, what was recorded, and mp4_fix.
  */
+#include <map>
+#include <tuple>
+
 #include <malloc.h>
 
 #include <gtest/gtest.h>
@@ -25,6 +28,14 @@ const recipe recipes[] = {
     {"aac", {{"aac_lc_48000_2.aac", 0, aac}}, 512, 180, 5, 1},
 };
 
+/** The mark of a round. */
+bytes mark_of(uint32_t number, uint64_t media_size, const bytes &round)
+{
+    bytes mark(MEDIAFILES_ROUND_MARK_SIZE);
+    mediafiles_round_mark(mark.data(), number, media_size, round.data(), round.size());
+    return mark;
+}
+
 /** A recording with its journal, without and with the marks of rounds. */
 struct recorded : recording {
     bytes closed, journal, marked;
@@ -35,10 +46,7 @@ struct recorded : recording {
         for (const state &now : states) {
             if (now.journal.size() == journal.size()) continue;
             const bytes round(now.journal.begin() + std::ptrdiff_t(journal.size()), now.journal.end());
-            bytes mark(MEDIAFILES_ROUND_MARK_SIZE);
-            mediafiles_round_mark(mark.data(), uint32_t(rounds.size()), now.media.size(), round.data(), round.size());
-            overlay(marked, marked.size(), round);
-            overlay(marked, marked.size(), mark);
+            marked = joined({marked, round, mark_of(uint32_t(rounds.size()), now.media.size(), round)});
             rounds.push_back(marked.size());
             journal = now.journal;
         }
@@ -57,9 +65,9 @@ const std::vector<recorded> &recordings()
 }
 
 /** Keeps what the core prints away, but not what failed. */
-struct silence {
-    silence() { testing::internal::CaptureStdout(); }
-    ~silence()
+struct Plan : testing::Test {
+    Plan() { testing::internal::CaptureStdout(); }
+    ~Plan() override
     {
         const std::string said = testing::internal::GetCapturedStdout();
         const size_t failure = said.find("Failure");
@@ -75,17 +83,6 @@ Record sized()
     return record;
 }
 
-bytes first(const bytes &all, size_t count)
-{
-    return bytes(all.begin(), all.begin() + std::ptrdiff_t(std::min(count, all.size())));
-}
-
-bytes with(bytes all, size_t at, const bytes &data)
-{
-    overlay(all, at, data);
-    return all;
-}
-
 /** What the core's repair makes of both files; empty when it refuses. */
 bytes fixed(const bytes &media, const bytes &journal, int version = 1)
 {
@@ -96,26 +93,17 @@ bytes fixed(const bytes &media, const bytes &journal, int version = 1)
     return fix(path_of(file).c_str(), path_of(log).c_str(), nullptr, nullptr) == 0 ? file_content(file) : bytes();
 }
 
-/** The samples that a file shows, in its order: track, offset, size, key. */
-using shown = std::vector<std::tuple<uint64_t, size_t, uint32_t, bool>>;
-
-shown samples_of(const mp4::file &file)
-{
-    shown out;
-    for (size_t i = 0; i < file.tracks.size(); i++)
-        for (const mp4::sample &s : file.tracks[i].samples) out.emplace_back(s.offset, i, s.size, s.sync);
-    return std::ranges::sort(out), out;
-}
-
 /** How many samples of a recording the file holds, with the bytes that were recorded; -1 if it holds anything else. */
 long kept_of(const recording &r, const bytes &file)
 {
     const mp4::file read = mp4::read(file);
-    const shown got = samples_of(read);
+    const std::vector<place> got = places(read);
     if (!read.sound() || got.size() > r.samples.size()) return -1;
     for (size_t i = 0; i < got.size(); i++) {
         const sample &s = r.samples[i];
-        if (got[i] != shown::value_type{s.offset, s.track, s.size, s.key != 0}) return -1;
+        if (std::tie(got[i].offset, got[i].track, got[i].size, got[i].key) !=
+            std::tuple(s.offset, s.track, s.size, s.key != 0))
+            return -1;
         if (memcmp(&file[s.offset], &r.open[s.offset], s.size) != 0) return -1;
     }
     return static_cast<long>(got.size());
@@ -127,11 +115,28 @@ long named_in(const bytes &journal, size_t size)
     return std::ranges::count(model::read(first(journal, size)).records, MEMENTO_SAMPLE, &model::record::kind);
 }
 
+/** The result, and the reason where there is one. */
+std::string outcome_of(const planned &p)
+{
+    static const char *const results[] = {"none", "repaired", "salvaged", "finished", "removed", "not ours", "refused"};
+    static const char *const reasons[] = {"",
+                                          ": no journal",
+                                          ": no samples",
+                                          ": journal damaged",
+                                          ": media damaged",
+                                          ": foreign journal",
+                                          ": large cut",
+                                          ": large growth",
+                                          ": no frame left",
+                                          ": too large"};
+    const uint32_t reason = p.info.reason;
+    return results[p.info.result] + (reason < std::size(reasons) ? reasons[reason] : ": " + std::to_string(reason));
+}
+
 std::string text_of(const planned &p)
 {
-    return "result " + std::to_string(p.info.result) + ", reason " + std::to_string(p.info.reason) + ", samples " +
-           std::to_string(p.info.samples) + ", ranges " + std::to_string(p.info.ranges) + ", journal " +
-           std::to_string(p.info.journal) + ": " + (p.info.damage ? p.info.damage : "");
+    return outcome_of(p) + ", samples " + std::to_string(p.info.samples) + ", ranges " + std::to_string(p.info.ranges) +
+           ", journal " + std::to_string(p.info.journal) + ": " + (p.info.damage ? p.info.damage : "");
 }
 
 /* ---- the end of a file that was being closed ---- */
@@ -160,71 +165,69 @@ void for_each_close(const recorded &r, const bytes &other, const Use &use)
     }
 }
 
-TEST(plan, decides_every_state_of_a_close)
+struct beside {
+    const char *what;
+    const bytes *journal;
+    uint32_t then;            // what happens to the journal of a finished file
+    std::string closed, open; // the outcome where not all samples are found, with and without the size of mdat
+};
+
+/** Holds the plan for one state of a close against the strict reader and the core's repair. */
+void check_close(const recorded &r, const bytes &file, bool head, const beside &given, const planned &p)
 {
-    const silence quiet;
-    size_t cases = 0, finished = 0, repaired = 0, salvaged = 0, refused = 0;
+    const auto all = long(r.samples.size());
+    if (p.info.result == MEDIAFILES_FINISHED) {
+        ASSERT_TRUE(head && kept_of(r, file) == all);
+        ASSERT_EQ(given.then, p.info.journal);
+        return;
+    }
+    ASSERT_NE(r.closed, file);
+    const bytes with_size = with(file, 24, bytes(&r.closed[24], &r.closed[28]));
+    const bool complete = given.closed == "repaired", whole = complete || (!head && kept_of(r, with_size) == all);
+    const std::string due = whole ? "repaired" : head ? given.closed : given.open;
+    if (due == "any") return;
+    ASSERT_EQ(due, outcome_of(p));
+    if (!p.keeps()) return;
+    ASSERT_EQ(whole ? all : named_in(*given.journal, given.journal->size()), kept_of(r, p.file));
+    ASSERT_TRUE(p.file == (complete ? r.closed : whole ? p.file : fixed(file, *given.journal)));
+    if (due == "repaired") return;
+    ASSERT_EQ(1u, p.ranges.size());
+    ASSERT_TRUE(p.ranges[0].begin == p.info.media_end && p.ranges[0].end == r.open.size());
+}
+
+TEST_F(Plan, DecidesEveryStateOfAClose)
+{
+    constexpr uint32_t goes = MEDIAFILES_JOURNAL_REMOVED, stays = MEDIAFILES_JOURNAL_KEPT;
+    std::map<uint32_t, size_t> cases; // by result
+    size_t all = 0;
     for (size_t i = 0; i < recordings().size(); i++) {
-        const recorded &r = recordings()[i], &foreign = recordings()[(i + 1) % recordings().size()];
-        const bytes stale = first(r.journal, r.journal.size() * 2 / 3 / 28 * 28), empty, zeros(4096);
-        const bytes damaged = with(r.marked, r.rounds[r.rounds.size() / 2] + 3, hex("FF"));
-        const struct {
-            const char *what;
-            const bytes *journal;
-        } journals[] = {
-            {"complete", &r.journal}, {"marked", &r.marked}, {"stale", &stale}, {"empty", &empty},
-            {"zeros", &zeros},        {"damaged", &damaged}, {"none", nullptr}, {"foreign", &foreign.journal}};
-        for_each_close(r, foreign.closed, [&](const bytes &file, bool head) {
-            const mp4::file judged = mp4::read(file);
-            const bool whole = head && judged.sound() && kept_of(r, file) == long(r.samples.size());
-            const bool body =
-                kept_of(r, with(file, 24, first(bytes(&r.closed[24], &r.closed[28]), 4))) == long(r.samples.size());
-            for (const auto &[what, journal] : journals) {
-                cases++;
-                const planned p = plan_of(file, journal);
-                const std::string kind = what, told = r.name + ", " + what + " journal, " + (head ? "closed" : "open") +
-                                                      ", " + std::to_string(file.size()) + " of " +
-                                                      std::to_string(r.closed.size()) + ": " + text_of(p);
-                const uint32_t result = p.info.result;
-                finished += result == MEDIAFILES_FINISHED;
-                repaired += result == MEDIAFILES_REPAIRED;
-                salvaged += result == MEDIAFILES_SALVAGED;
-                refused += result == MEDIAFILES_REFUSED;
-                ASSERT_TRUE(file != r.closed || result == MEDIAFILES_FINISHED) << told;
-                if (result == MEDIAFILES_FINISHED) {
-                    ASSERT_TRUE(whole) << told;
-                    ASSERT_EQ(p.info.journal, !journal                                 ? MEDIAFILES_JOURNAL_NONE
-                                              : kind == "damaged" || kind == "foreign" ? MEDIAFILES_JOURNAL_KEPT
-                                                                                       : MEDIAFILES_JOURNAL_REMOVED)
-                        << told;
-                    continue;
-                }
-                const bool complete = kind == "complete" || kind == "marked";
-                if (complete || (!head && body)) {
-                    ASSERT_EQ(result, MEDIAFILES_REPAIRED) << told;
-                    ASSERT_EQ(kept_of(r, p.file), long(r.samples.size())) << told;
-                    ASSERT_TRUE(!complete || p.file == r.closed) << told;
-                } else if (kind == "stale") {
-                    ASSERT_EQ(result, head ? MEDIAFILES_SALVAGED : MEDIAFILES_REPAIRED) << told;
-                    ASSERT_TRUE(!head || (p.ranges.size() == 1 && p.ranges[0].begin == p.info.media_end &&
-                                          p.ranges[0].end == r.open.size()))
-                        << told;
-                    ASSERT_TRUE(p.file == fixed(file, stale)) << told;
-                    ASSERT_EQ(kept_of(r, p.file), named_in(stale, stale.size())) << told;
-                } else if (kind == "empty" || kind == "zeros") {
-                    ASSERT_EQ(result, head ? MEDIAFILES_REFUSED : MEDIAFILES_EMPTY_REMOVED) << told;
-                } else if (kind == "damaged") {
-                    ASSERT_EQ(p.info.reason, MEDIAFILES_REASON_JOURNAL_DAMAGED) << told;
-                } else if (kind == "none") {
-                    ASSERT_EQ(p.info.reason, MEDIAFILES_REASON_NO_JOURNAL) << told;
-                } else if (foreign.name != "aac") { // in sound alone nothing shows whose it is
-                    ASSERT_EQ(p.info.reason, MEDIAFILES_REASON_FOREIGN_JOURNAL) << told;
-                }
+        const recorded &r = recordings()[i], &other = recordings()[(i + 1) % recordings().size()];
+        const bytes old = first(r.journal, r.journal.size() * 2 / 3 / 28 * 28), empty, zeros(4096),
+                    damaged = with(r.marked, r.rounds[r.rounds.size() / 2] + 3, hex("FF"));
+        const std::string damage = "refused: journal damaged", none = "refused: no journal",
+                          foreign = other.name == "aac" ? "any" : "refused: foreign journal"; // sound shows no owner
+        const beside journals[] = {{"complete", &r.journal, goes, "repaired", "repaired"},
+                                   {"marked", &r.marked, goes, "repaired", "repaired"},
+                                   {"stale", &old, goes, "salvaged", "repaired"},
+                                   {"empty", &empty, goes, "refused: no samples", "removed"},
+                                   {"zeros", &zeros, goes, "refused: no samples", "removed"},
+                                   {"damaged", &damaged, stays, damage, damage},
+                                   {"no", nullptr, MEDIAFILES_JOURNAL_NONE, none, none},
+                                   {"foreign", &other.journal, stays, foreign, foreign}};
+        for_each_close(r, other.closed, [&](const bytes &file, bool head) {
+            for (const beside &given : journals) {
+                const planned p = plan_of(file, given.journal);
+                all++;
+                cases[p.info.result]++;
+                if (HasFatalFailure()) continue;
+                SCOPED_TRACE(r.name + ", " + given.what + " journal, " + std::to_string(file.size()) + text_of(p));
+                check_close(r, file, head, given, p);
             }
         });
     }
-    fprintf(stderr, "%zu states of a close: %zu finished, %zu repaired, %zu salvaged, %zu refused\n", cases, finished,
-            repaired, salvaged, refused);
+    fprintf(stderr, "%zu states of a close: %zu finished, %zu repaired, %zu salvaged, %zu refused\n", all,
+            cases[MEDIAFILES_FINISHED], cases[MEDIAFILES_REPAIRED], cases[MEDIAFILES_SALVAGED],
+            cases[MEDIAFILES_REFUSED]);
 }
 
 /* Files that begin as ours, with a header that the core never writes: no journal changes them. */
@@ -268,414 +271,458 @@ bytes torn(const bytes &journal, size_t at, const std::string &way, const bytes 
     return out;
 }
 
-TEST(plan, uses_the_valid_records_of_a_torn_journal)
+struct torn_counts {
+    size_t cases, lost, wrong;
+};
+
+/** Holds the plan with a torn journal against the records before the tear. */
+void check_torn(const recorded &r, const bytes &journal, size_t at, const std::string &way, const bytes &old,
+                torn_counts &counts)
 {
-    const silence quiet;
-    size_t cases = 0, lost = 0, wrong = 0;
-    for (size_t i = 0; i < recordings().size(); i++) {
-        const recorded &r = recordings()[i], &other = recordings()[(i + 2) % recordings().size()];
-        const size_t rounds = r.rounds.size();
-        for (const bool marked : {true, false}) {
-            const bytes &journal = marked ? r.marked : r.journal;
-            const size_t last = marked ? r.rounds[rounds - 2] : journal.size() - std::min<size_t>(journal.size(), 1000);
-            for (size_t at = last; at <= journal.size(); at++)
-                for (const std::string way : {"cut", "zeros", "junk", "old", "sector"}) {
-                    if (way == "sector" && at % 512 != 0) continue;
-                    const bytes left = torn(journal, at, way, marked ? other.marked : other.journal);
-                    const planned p = plan_of(r.open, &left);
-                    const long whole = named_in(journal, at), kept = kept_of(r, p.file);
-                    const std::string told = r.name + (marked ? ", marked, " : ", ") + way + " from " +
-                                             std::to_string(at) + " of " + std::to_string(journal.size()) + ": " +
-                                             text_of(p) + ", kept " + std::to_string(kept) + " of " +
-                                             std::to_string(whole);
-                    cases++;
-                    if (whole == 0) continue;
-                    ASSERT_EQ(p.info.result, MEDIAFILES_REPAIRED) << told;
-                    /* The record in which other bytes begin may be taken for what it is not, its place apart. */
-                    wrong += kept < 0;
-                    ASSERT_TRUE(kept >= whole || (kept < 0 && (way == "junk" || way == "old"))) << told;
-                    lost += size_t(kept >= 0 && kept < named_in(journal, journal.size()));
-                }
-        }
-    }
-    fprintf(stderr, "%zu torn journals: %zu without all samples, %zu with a last sample of wrong bytes\n", cases, lost,
-            wrong);
+    const bytes left = torn(journal, at, way, old);
+    const planned p = plan_of(r.open, &left);
+    const long whole = named_in(journal, at), kept = kept_of(r, p.file);
+    counts.cases++;
+    if (whole == 0) return;
+    SCOPED_TRACE(r.name + ", " + way + " from " + std::to_string(at) + ": " + text_of(p));
+    ASSERT_EQ("repaired", outcome_of(p));
+    /* The record in which other bytes begin may be taken for what it is not, its place apart. */
+    ASSERT_TRUE(kept >= whole || (kept < 0 && (way == "junk" || way == "old"))) << kept << " of " << whole;
+    counts.wrong += kept < 0;
+    counts.lost += kept >= 0 && kept < named_in(journal, journal.size());
 }
 
-TEST(plan, tells_damage_from_a_torn_end)
+TEST_F(Plan, UsesTheValidRecordsOfATornJournal)
 {
-    const silence quiet;
-    const recorded &r = recordings()[0], &other = recordings()[1];
-    const size_t rounds = r.rounds.size(), middle = r.rounds[rounds / 2], end = r.marked.size();
-    const auto mark = [](uint32_t number, uint64_t size, const bytes &round) {
-        bytes made(MEDIAFILES_ROUND_MARK_SIZE);
-        mediafiles_round_mark(made.data(), number, size, round.data(), round.size());
-        return made;
-    };
+    torn_counts counts = {};
+    for (size_t i = 0; i < recordings().size(); i++) {
+        const recorded &r = recordings()[i], &other = recordings()[(i + 2) % recordings().size()];
+        for (const bool marked : {true, false}) {
+            const bytes &journal = marked ? r.marked : r.journal, &old = marked ? other.marked : other.journal;
+            const size_t all = journal.size();
+            for (size_t at = marked ? *(r.rounds.end() - 2) : all - std::min<size_t>(all, 1000); at <= all; at++)
+                for (const char *way : {"cut", "zeros", "junk", "old", "sector"})
+                    if (at % 512 == 0 || way != std::string("sector")) check_torn(r, journal, at, way, old, counts);
+        }
+    }
+    fprintf(stderr, "%zu torn journals: %zu without all samples, %zu with a last sample of wrong bytes\n", counts.cases,
+            counts.lost, counts.wrong);
+}
+
+struct torn_or_damaged {
+    std::string what;
+    bytes journal;
+    bool damaged;
+};
+
+/** Journals of a recording, each changed in one way: near its end, or at an offset in the middle. */
+std::vector<torn_or_damaged> changed_journals(const recorded &r, size_t middle)
+{
+    const size_t rounds = r.rounds.size(), end = r.marked.size();
     const auto all = uint32_t(rounds); // above the last one's number
-    const bytes before = first(r.marked, middle), junk = random_bytes(600), none;
-    const auto then = [](bytes from, std::initializer_list<bytes> more) {
-        for (const bytes &each : more) overlay(from, from.size(), each);
-        return from;
-    };
-    const bytes user = hex("00000400 01020304");
-    const struct {
-        const char *what;
-        bytes journal;
-        bool damaged;
-    } cases[] = {
+    const bytes before = first(r.marked, middle), junk = random_bytes(600), none, user = hex("00000400 01020304"),
+                last_400(r.marked.end() - 400, r.marked.end()),
+                last_mark(r.marked.end() - MEDIAFILES_ROUND_MARK_SIZE, r.marked.end());
+    const uint64_t now = r.open.size(), more = 1u << 30;
+    const auto then = [&](std::initializer_list<bytes> rest) { return joined({before, joined(rest)}); };
+    return {
         {"a byte of a record", with(r.marked, middle + 20, hex("77")), true},
-        {"a length that is none", with(r.marked, middle + 2, hex("FFFF")), true},
+        {"an invalid length", with(r.marked, middle + 2, hex("FFFF")), true},
         {"a record that ends after the journal, rounds after it",
-         then(first(r.marked, r.rounds[rounds - 5]), {hex("0000FC01"), bytes(r.marked.end() - 400, r.marked.end())}),
-         true},
+         joined({first(r.marked, r.rounds[rounds - 5]), hex("0000FC01"), last_400}), true},
         {"the last round's mark", with(r.marked, end - 8, hex("77")), false},
         {"junk in the last round, whose mark is there", with(r.marked, r.rounds[rounds - 2], random_bytes(28)), false},
         {"old rounds of more media, in the places of records",
-         then(before, {mark(all + 5, 1u << 30, none), user, mark(all + 6, 1u << 30, user)}), false},
-        {"old rounds of lower numbers", then(before, {junk, mark(2, 900, none), user, mark(3, 950, user)}), false},
-        {"old rounds of less media", then(before, {junk, mark(all + 2, 40, none), user, mark(all + 3, 50, user)}),
-         false},
-        {"old rounds of more media", then(before, {junk, mark(all + 5, 1u << 30, none)}), false},
-        {"old rounds between records",
-         then(before, {user, mark(2, r.open.size(), none), user, mark(3, r.open.size(), user)}), false},
-        {"later rounds after junk", then(before, {junk, mark(all + 2, r.open.size(), none)}), true},
-        {"a mark twice", then(r.marked, {bytes(r.marked.end() - MEDIAFILES_ROUND_MARK_SIZE, r.marked.end())}), false},
-        {"4 KiB before the end, unmarked", with(r.journal, r.journal.size() - 4097 - 28 * 4, hex("77 77 77 77 77")),
-         true},
-        {"zeros after a torn record, unmarked", then(first(r.journal, 3000), {hex("02005000"), bytes(8192)}), false},
+         then({mark_of(all + 5, more, none), user, mark_of(all + 6, more, user)}), false},
+        {"old rounds of lower numbers", then({junk, mark_of(2, 900, none), user, mark_of(3, 950, user)}), false},
+        {"old rounds of less media", then({junk, mark_of(all + 2, 40, none), user, mark_of(all + 3, 50, user)}), false},
+        {"old rounds of more media", then({junk, mark_of(all + 5, more, none)}), false},
+        {"old rounds between records", then({user, mark_of(2, now, none), user, mark_of(3, now, user)}), false},
+        {"later rounds after junk", then({junk, mark_of(all + 2, now, none)}), true},
+        {"a mark twice", joined({r.marked, last_mark}), false},
+        {"4 KiB before the end, unmarked", with(r.journal, r.journal.size() - 4097 - 28 * 4, hex("77*5")), true},
+        {"zeros after a torn record, unmarked", joined({first(r.journal, 3000), hex("02005000"), bytes(8192)}), false},
     };
-    for (const auto &[what, journal, damaged] : cases) {
-        const planned p = plan_of(r.open, &journal);
-        EXPECT_EQ(p.info.result, damaged ? MEDIAFILES_REFUSED : MEDIAFILES_REPAIRED) << what << text_of(p);
-        EXPECT_EQ(p.info.reason, damaged ? MEDIAFILES_REASON_JOURNAL_DAMAGED : 0) << what;
-        EXPECT_EQ(p.info.help, damaged ? MEDIAFILES_SALVAGE : 0) << what;
-        EXPECT_TRUE(damaged || kept_of(r, p.file) > 0) << what;
-        const planned salvaged = plan_of(r.open, &journal, MEDIAFILES_SALVAGE);
-        EXPECT_EQ(salvaged.info.result, damaged ? MEDIAFILES_SALVAGED : MEDIAFILES_REPAIRED) << what;
-        const bytes &whole = std::string(what).ends_with("unmarked") ? r.journal : r.marked;
+}
+
+TEST_F(Plan, DistinguishesDamageFromATornEnd)
+{
+    const recorded &r = recordings()[0];
+    const size_t middle = r.rounds[r.rounds.size() / 2];
+    for (const auto &[what, journal, damaged] : changed_journals(r, middle)) {
+        SCOPED_TRACE(what);
+        const planned p = plan_of(r.open, &journal), salvaged = plan_of(r.open, &journal, MEDIAFILES_SALVAGE);
+        EXPECT_EQ(damaged ? "refused: journal damaged" : "repaired", outcome_of(p));
+        EXPECT_EQ(damaged ? MEDIAFILES_SALVAGE : 0, p.info.help);
+        EXPECT_TRUE(damaged || kept_of(r, p.file) > 0);
+        EXPECT_EQ(damaged ? "salvaged" : "repaired", outcome_of(salvaged));
+        const bytes &whole = what.ends_with("unmarked") ? r.journal : r.marked;
         const auto same = size_t(std::ranges::mismatch(journal, whole).in1 - journal.begin());
-        EXPECT_GE(kept_of(r, salvaged.file), named_in(journal, std::min(same, middle))) << what;
+        EXPECT_LE(named_in(journal, std::min(same, middle)), kept_of(r, salvaged.file));
     }
-    EXPECT_EQ(plan_of(r.open, &other.marked, MEDIAFILES_SALVAGE).info.reason, MEDIAFILES_REASON_FOREIGN_JOURNAL);
+    const bytes &foreign = recordings()[1].marked;
+    EXPECT_EQ("refused: foreign journal", outcome_of(plan_of(r.open, &foreign, MEDIAFILES_SALVAGE)));
 }
 
 /* ---- the media ---- */
 
-TEST(plan, keeps_what_the_media_holds)
+/** The last sample of video among the first ones. */
+size_t video_among(const recording &r, size_t count)
 {
-    const silence quiet;
-    const recorded &r = recordings()[0];
-    const size_t all = r.samples.size();
-    size_t bad = all / 2; // a video sample in the middle
-    while (r.samples[bad].track != 0) bad++;
-    const size_t at = r.samples[bad].offset, end = r.samples[bad].offset + r.samples[bad].size;
-    const bytes damaged = with(r.open, at, hex("7FFFFFFF")), foreign = with(r.open, 32, hex("7FFFFFFF"));
-    size_t latest = all;
-    while (r.samples[--latest].track != 0) {}
-    const bytes torn_media = with(r.open, r.samples[latest].offset, bytes(4));
-    const bytes open_head = first(r.open, 32), closed = with(r.open, 24, hex("0000FFFF")), none, zeros(100);
-    const struct {
-        const char *what;
-        const bytes &media;
-        const bytes *journal;
-        uint32_t options, result, reason;
-        size_t kept;
-    } cases[] = {
-        {"damage", damaged, &r.marked, MEDIAFILES_CHECK_ALL, MEDIAFILES_REFUSED, MEDIAFILES_REASON_MEDIA_DAMAGED, 0},
-        {"salvaged", damaged, &r.marked, MEDIAFILES_SALVAGE | MEDIAFILES_CHECK_ALL, MEDIAFILES_SALVAGED, 0, bad},
-        {"kept", damaged, &r.marked, MEDIAFILES_KEEP_DAMAGED | MEDIAFILES_CHECK_ALL, MEDIAFILES_SALVAGED, 0, all},
-        {"the first sample", foreign, &r.marked, MEDIAFILES_SALVAGE, MEDIAFILES_REFUSED,
-         MEDIAFILES_REASON_FOREIGN_JOURNAL, 0},
-        {"after the last whole round", torn_media, &r.journal, 0, MEDIAFILES_REPAIRED, 0, latest},
-        {"in the last whole round", torn_media, &r.marked, 0, MEDIAFILES_REFUSED, MEDIAFILES_REASON_MEDIA_DAMAGED, 0},
-        {"torn, but kept", torn_media, &r.journal, MEDIAFILES_KEEP_DAMAGED, MEDIAFILES_SALVAGED, 0, all},
-        {"no media at all", open_head, &r.journal, 0, MEDIAFILES_REFUSED, MEDIAFILES_REASON_MEDIA_DAMAGED, 0},
-        {"no journal", r.open, nullptr, 0, MEDIAFILES_REFUSED, MEDIAFILES_REASON_NO_JOURNAL, 0},
-        {"empty journal", r.open, &none, 0, MEDIAFILES_EMPTY_REMOVED, 0, 0},
-        {"empty journal, torn end", closed, &none, 0, MEDIAFILES_REFUSED, MEDIAFILES_REASON_NO_SAMPLES, 0},
-        {"both empty", none, &none, 0, MEDIAFILES_EMPTY_REMOVED, 0, 0},
-        {"zeros", zeros, &none, 0, MEDIAFILES_EMPTY_REMOVED, 0, 0},
-        {"zeros, a journal with samples", zeros, &r.journal, 0, MEDIAFILES_NOT_OURS, 0, 0},
-        {"an empty file alone", none, nullptr, 0, MEDIAFILES_NOT_OURS, 0, 0},
-        {"another file, an empty journal", foreign.size() ? r.journal : none, &none, 0, MEDIAFILES_NOT_OURS, 0, 0},
-    };
-    for (const auto &c : cases) {
-        const planned p = plan_of(c.media, c.journal, c.options);
-        EXPECT_EQ(p.info.result, c.result) << c.what << ": " << text_of(p);
-        EXPECT_EQ(p.info.reason, c.reason) << c.what;
-        EXPECT_EQ(p.info.samples, c.kept) << c.what;
-    }
-    for (size_t size = 0; size < 32; size++) {
-        const bytes part = first(r.open, size);
-        EXPECT_EQ(plan_of(part, &none).info.result, MEDIAFILES_EMPTY_REMOVED) << size;
-        EXPECT_EQ(plan_of(part, nullptr).info.result, MEDIAFILES_NOT_OURS) << size;
-    }
-    const uint32_t keep = MEDIAFILES_KEEP_DAMAGED | MEDIAFILES_CHECK_ALL,
-                   salvage = MEDIAFILES_SALVAGE | MEDIAFILES_CHECK_ALL;
-    const auto range = plan_of(damaged, &r.marked, keep).ranges, rest = plan_of(damaged, &r.marked, salvage).ranges;
-    ASSERT_TRUE(range.size() == 1 && rest.size() == 1);
-    EXPECT_TRUE(range[0].begin == at && range[0].end == end);
-    EXPECT_TRUE(rest[0].begin == at && rest[0].end == r.open.size());
-
-    /* Another program has added something; a journal reaches into a movie header that the size of mdat lacks. */
-    EXPECT_EQ(plan_of(with(r.closed, r.closed.size(), hex("00000008 'free'")), &r.journal).info.result,
-              MEDIAFILES_FINISHED);
-    const recorded &video = recordings()[2];
-    bytes reaching = video.journal;
-    reaching[reaching.size() - 20] ^= 0x40;
-    const planned own = plan_of(with(video.closed, 24, bytes(4)), &reaching);
-    EXPECT_TRUE(own.info.result == MEDIAFILES_REPAIRED && own.file == video.closed) << text_of(own);
-
-    /* What cannot be read is the end; a bad block before the end is damage. */
-    const auto unreadable = [&](mediafiles_range of_media, mediafiles_range of_journal, uint32_t options = 0) {
-        planned::input media = {r.open}, journal = {r.marked};
-        media.bad = of_media;
-        journal.bad = of_journal;
-        return planned(media, &journal, options);
-    };
-    const mediafiles_range nothing = {UINT64_MAX, UINT64_MAX};
-    const uint64_t half = r.open.size() / 2, mid = r.marked.size() / 2;
-    const planned chain = unreadable({half, UINT64_MAX}, nothing);
-    EXPECT_EQ(chain.info.result, MEDIAFILES_REPAIRED);
-    EXPECT_TRUE(chain.info.media_end >= half && chain.info.media_end < half + 3000 && chain.info.samples > 0);
-    EXPECT_EQ(unreadable({half, half + 512}, nothing, MEDIAFILES_CHECK_ALL).info.reason,
-              MEDIAFILES_REASON_MEDIA_DAMAGED);
-    EXPECT_EQ(unreadable({half, half + 512}, nothing, keep).info.samples, all);
-    EXPECT_EQ(unreadable(nothing, {mid, mid + 512}).info.reason, MEDIAFILES_REASON_JOURNAL_DAMAGED);
-    const planned part = unreadable(nothing, {mid, UINT64_MAX});
-    EXPECT_EQ(part.info.samples, uint64_t(named_in(first(r.marked, size_t(mid)), size_t(mid))));
-    EXPECT_EQ(part.info.result, MEDIAFILES_REPAIRED);
-    EXPECT_EQ(unreadable(nothing, {0, UINT64_MAX}).info.reason, MEDIAFILES_REASON_JOURNAL_DAMAGED);
-    EXPECT_EQ(unreadable({0, UINT64_MAX}, nothing).info.result, MEDIAFILES_NOT_OURS);
+    while (r.samples[--count].track != 0) {}
+    return count;
 }
 
-TEST(plan, asks_before_it_cuts_or_adds_a_lot)
+constexpr uint32_t check = MEDIAFILES_CHECK_ALL, salvage = MEDIAFILES_SALVAGE | check,
+                   keep = MEDIAFILES_KEEP_DAMAGED | check;
+constexpr mediafiles_range nowhere = {UINT64_MAX, UINT64_MAX};
+
+struct media_case {
+    const char *what;
+    bytes media;
+    const bytes *journal;
+    uint32_t options;
+    const char *outcome;
+    size_t samples;
+    mediafiles_range bad_media = nowhere, bad_journal = nowhere; // cannot be read
+};
+
+std::vector<media_case> media_cases(const recorded &r)
 {
-    const silence quiet;
+    static const bytes none;
+    const size_t all = r.samples.size(), bad = video_among(r, all / 2), latest = video_among(r, all);
+    const bytes damaged = with(r.open, r.samples[bad].offset, hex("7FFFFFFF")), foreign = with(r.open, 32, hex("7F")),
+                end = with(r.open, r.samples[latest].offset, bytes(4)), zeros(100);
+    const uint64_t half = r.open.size() / 2, mid = r.marked.size() / 2;
+    const auto readable = size_t(std::ranges::count_if(r.samples, [&](auto &s) { return s.offset + 4 <= half; })),
+               named = size_t(named_in(r.marked, size_t(mid)));
+    return {
+        {"damage", damaged, &r.marked, check, "refused: media damaged", 0},
+        {"salvaged", damaged, &r.marked, salvage, "salvaged", bad},
+        {"kept", damaged, &r.marked, keep, "salvaged", all},
+        {"the first sample", foreign, &r.marked, MEDIAFILES_SALVAGE, "refused: foreign journal", 0},
+        {"after the last whole round", end, &r.journal, 0, "repaired", latest},
+        {"in the last whole round", end, &r.marked, 0, "refused: media damaged", 0},
+        {"torn, but kept", end, &r.journal, MEDIAFILES_KEEP_DAMAGED, "salvaged", all},
+        {"no media at all", first(r.open, 32), &r.journal, 0, "refused: media damaged", 0},
+        {"no journal", r.open, nullptr, 0, "refused: no journal", 0},
+        {"empty journal", r.open, &none, 0, "removed", 0},
+        {"empty journal, torn end", with(r.open, 24, hex("0000FFFF")), &none, 0, "refused: no samples", 0},
+        {"both empty", none, &none, 0, "removed", 0},
+        {"zeros", zeros, &none, 0, "removed", 0},
+        {"zeros, a journal with samples", zeros, &r.journal, 0, "not ours", 0},
+        {"an empty file alone", none, nullptr, 0, "not ours", 0},
+        {"another file, an empty journal", r.journal, &none, 0, "not ours", 0},
+        {"something added to a whole file", joined({r.closed, hex("00000008 'free'")}), &r.journal, 0, "finished", 0},
+        /* What cannot be read is the end; a bad block before the end is damage. */
+        {"media that ends", r.open, &r.marked, 0, "repaired", readable, {half, UINT64_MAX}},
+        {"a bad block", r.open, &r.marked, check, "refused: media damaged", 0, {half, half + 512}},
+        {"a bad block is kept", r.open, &r.marked, keep, "salvaged", all, {half, half + 512}},
+        {"no media", r.open, &r.marked, 0, "not ours", 0, {0, UINT64_MAX}},
+        {"a journal that ends", r.open, &r.marked, 0, "repaired", named, nowhere, {mid, UINT64_MAX}},
+        {"a bad journal", r.open, &r.marked, 0, "refused: journal damaged", 0, nowhere, {mid, mid + 512}},
+        {"no journal to read", r.open, &r.marked, 0, "refused: journal damaged", 0, nowhere, {0, UINT64_MAX}},
+    };
+}
+
+TEST_F(Plan, KeepsWhatTheMediaHolds)
+{
+    const recorded &r = recordings()[0];
+    for (const media_case &c : media_cases(r)) {
+        planned::input media = {c.media, c.media.size(), c.bad_media}, journal;
+        if (c.journal) journal = {*c.journal, c.journal->size(), c.bad_journal};
+        const planned p(media, c.journal ? &journal : nullptr, c.options);
+        EXPECT_EQ(c.outcome, outcome_of(p)) << c.what << ": " << text_of(p);
+        EXPECT_EQ(c.samples, p.info.samples) << c.what;
+    }
+    for (size_t size = 0; size < 32; size++) {
+        const bytes part = first(r.open, size), none;
+        EXPECT_EQ("removed", outcome_of(plan_of(part, &none))) << size;
+        EXPECT_EQ("not ours", outcome_of(plan_of(part, nullptr))) << size;
+    }
+}
+
+TEST_F(Plan, ReportsTheRangesOfDamage)
+{
+    const recorded &r = recordings()[0];
+    const sample &bad = r.samples[video_among(r, r.samples.size() / 2)];
+    const bytes damaged = with(r.open, bad.offset, hex("7FFFFFFF"));
+    for (const auto &[options, end] : {std::pair{keep, uint64_t{bad.offset} + bad.size}, {salvage, r.open.size()}}) {
+        const auto ranges = plan_of(damaged, &r.marked, options).ranges;
+        ASSERT_EQ(1u, ranges.size());
+        EXPECT_EQ(bad.offset, ranges[0].begin);
+        EXPECT_EQ(end, ranges[0].end);
+    }
+}
+
+/* The size of mdat is missing alone. */
+TEST_F(Plan, TakesAWholeMovieHeaderIntoWhichTheJournalReaches)
+{
+    const recorded &r = recordings()[2];
+    bytes reaching = r.journal;
+    reaching[reaching.size() - 20] ^= 0x40;
+    const planned own = plan_of(with(r.closed, 24, bytes(4)), &reaching);
+    EXPECT_EQ("repaired", outcome_of(own)) << text_of(own);
+    EXPECT_EQ(r.closed, own.file);
+}
+
+TEST_F(Plan, AsksBeforeItCutsOrAddsALot)
+{
     const recorded &r = recordings()[0];
     const struct {
         uint64_t media;
-        uint32_t last, reason, option;
+        uint32_t last;
+        const char *outcome;
+        uint32_t help;
     } cases[] = {
-        {r.open.size() + (64u << 20), 0, 0, 0},
-        {r.open.size() + (64u << 20) + 1, 0, MEDIAFILES_REASON_LARGE_CUT, MEDIAFILES_FORCE},
-        {UINT32_MAX, 0, MEDIAFILES_REASON_LARGE_CUT, MEDIAFILES_FORCE},
-        {uint64_t{UINT32_MAX} + 1, 0, MEDIAFILES_REASON_TOO_LARGE, 0},
-        {r.open.size(), 64u << 20, 0, 0},
-        {r.open.size(), 65u << 20, MEDIAFILES_REASON_LARGE_GROWTH, MEDIAFILES_FORCE},
+        {r.open.size() + (64u << 20), 0, "repaired", 0},
+        {r.open.size() + (64u << 20) + 1, 0, "refused: large cut", MEDIAFILES_FORCE},
+        {UINT32_MAX, 0, "refused: large cut", MEDIAFILES_FORCE},
+        {uint64_t{UINT32_MAX} + 1, 0, "refused: too large", 0},
+        {r.open.size(), 64u << 20, "repaired", 0},
+        {r.open.size(), 65u << 20, "refused: large growth", MEDIAFILES_FORCE},
     };
     for (const auto &c : cases) {
-        bytes journal = r.journal, mark(MEDIAFILES_ROUND_MARK_SIZE);
+        bytes journal = r.journal;
         for (size_t i = 0; c.last && i < 4; i++) journal[journal.size() - 20 + i] = uint8_t(c.last >> 8 * i);
-        mediafiles_round_mark(mark.data(), 1, r.open.size(), journal.data(), journal.size());
-        overlay(journal, journal.size(), mark);
-        for (const uint32_t option : {0u, c.option}) {
-            planned::input media = {r.open, c.media}, beside = {journal};
+        const bytes marked = joined({journal, mark_of(1, r.open.size(), journal)});
+        for (const uint32_t option : {0u, c.help}) {
+            planned::input media = {r.open, c.media}, beside = {marked};
             const planned p(media, &beside, option);
-            EXPECT_EQ(p.info.reason, option ? 0 : c.reason) << c.media << text_of(p);
-            EXPECT_TRUE(option || p.info.help == c.option);
+            EXPECT_EQ(option ? "repaired" : c.outcome, outcome_of(p)) << c.media << text_of(p);
+            EXPECT_EQ(option ? 0 : c.help, p.info.help);
         }
     }
 }
 
-TEST(plan, leaves_out_the_last_frame_as_the_core_does)
+TEST_F(Plan, LeavesOutTheLastFrameAsTheCoreDoes)
 {
-    const silence quiet;
     size_t cases = 0;
     for (const recorded &r : recordings())
         for (size_t size = r.open.size(); size > 33; size -= std::min<size_t>(size - 32, r.open.size() / 40)) {
-            const bytes media = first(r.open, size), due = fixed(media, r.journal, 2);
+            const bytes media = first(r.open, size);
             const planned p = plan_of(media, &r.journal, MEDIAFILES_DROP_LAST_FRAME);
-            const bool same = p.keeps() ? p.file == due : p.info.reason == MEDIAFILES_REASON_NO_FRAME_LEFT;
-            EXPECT_TRUE(same) << r.name << size << text_of(p);
+            EXPECT_EQ(p.keeps() ? 0 : MEDIAFILES_REASON_NO_FRAME_LEFT, p.info.reason) << r.name << size << text_of(p);
+            EXPECT_EQ(p.keeps() ? fixed(media, r.journal, 2) : bytes(), p.file) << r.name << size;
             cases += p.keeps();
         }
-    EXPECT_GT(cases, 100u);
+    EXPECT_LT(100u, cases);
+}
+
+/** The journal while a plan is applied, or when it was applied and the journal stays. */
+bytes journal_during(const planned &due, const recorded &r, const bytes &media, uint32_t options, bool finished)
+{
+    bytes mark(mediafiles::recovery::repair_mark_size);
+    mediafiles::recovery::write_mark({uint32_t(media.size()), options != 0, finished}, mark.data());
+    return joined({first(r.marked, size_t(due.info.journal_end)), mark});
 }
 
 /** Each state that applying a plan in place goes through leads to the same file again. */
-TEST(plan, is_the_same_after_each_step_of_applying_it)
+TEST_F(Plan, IsTheSameAfterEachStepOfApplyingIt)
 {
-    const silence quiet;
     for (const recorded &r : recordings())
         for (const uint32_t options : {0u, MEDIAFILES_DROP_LAST_FRAME}) {
             const bytes media = first(r.open, r.open.size() * 3 / 4);
             const planned due = plan_of(media, &r.marked, options);
-            ASSERT_EQ(due.info.result, MEDIAFILES_REPAIRED);
-            bytes mark(mediafiles::recovery::repair_mark_size);
-            mediafiles::recovery::write_mark({uint32_t(media.size()), options != 0, false}, mark.data());
-            const bytes journal =
-                with(first(r.marked, size_t(due.info.journal_end)), size_t(due.info.journal_end), mark);
-            const auto end = size_t(due.info.media_end);
-            std::vector<bytes> states = {media, first(media, end), with(first(media, end), end, bytes())};
-            for (const size_t size : {end + 1, end + 512, due.file.size() - 1, due.file.size()}) {
-                states.push_back(first(due.file, size));
-                states.push_back(with(first(due.file, size), 24, bytes(4)));
-                states.push_back(with(due.file, end, bytes(std::min(size, due.file.size()) - end)));
+            ASSERT_EQ("repaired", outcome_of(due));
+            const bytes journal = journal_during(due, r, media, options, false);
+            const auto end = size_t(due.info.media_end), size = due.file.size();
+            std::vector<bytes> states = {media, with(first(media, end), end, bytes())};
+            for (const size_t written : {end + 1, end + 512, size - 1, size}) {
+                states.push_back(first(due.file, written));
+                states.push_back(with(first(due.file, written), 24, bytes(4)));
+                states.push_back(with(due.file, end, bytes(std::min(written, size) - end)));
             }
-            for (const bytes &state : states) {
-                bytes there = state;
-                if (there.size() < end) there.resize(end);
-                const planned again = plan_of(there, &journal, options);
-                EXPECT_EQ(again.info.result, MEDIAFILES_REPAIRED) << r.name << state.size() << text_of(again);
-                EXPECT_TRUE(again.file == due.file) << r.name << " " << state.size() << " of " << due.file.size();
-                EXPECT_EQ(again.info.journal_end, due.info.journal_end);
+            for (bytes &state : states) {
+                if (state.size() < end) state.resize(end);
+                const planned again = plan_of(state, &journal, options);
+                EXPECT_EQ("repaired", outcome_of(again)) << r.name << state.size() << text_of(again);
+                EXPECT_EQ(due.file, again.file) << r.name << " " << state.size() << " of " << size;
+                EXPECT_EQ(due.info.journal_end, again.info.journal_end);
             }
-            mediafiles::recovery::write_mark({uint32_t(media.size()), options != 0, true}, mark.data());
-            const bytes kept = with(journal, size_t(due.info.journal_end), mark);
+            const bytes kept = journal_during(due, r, media, options, true);
             const planned after = plan_of(due.file, &kept, options);
-            EXPECT_TRUE(after.info.result == MEDIAFILES_FINISHED && after.info.journal == MEDIAFILES_JOURNAL_KEPT);
+            EXPECT_EQ("finished", outcome_of(after));
+            EXPECT_EQ(MEDIAFILES_JOURNAL_KEPT, after.info.journal);
         }
 }
 
 /* ---- parameter sets, records ---- */
 
-TEST(plan, takes_large_parameter_sets_from_the_first_sample)
+struct codec_units {
+    uint32_t type;
+    uint8_t kind; // of the first set's record; the others follow
+    std::vector<bytes> sets;
+    bytes slice;
+};
+
+struct recorded_units {
+    bytes open, closed, journal;
+};
+
+/**
+ * Three key frames of stored samples, each with all parameter sets, one of which is too large for a journal. The
+ * journal has the last `journaled` of them.
+ */
+recorded_units record_units(const codec_units &codec, size_t journaled)
 {
-    const silence quiet;
-    const auto prefixed = [](const bytes &unit) {
-        bytes out = {0, 0, uint8_t(unit.size() >> 8), uint8_t(unit.size())};
-        overlay(out, 4, unit);
-        return out;
+    static constexpr decltype(&mp4_movie_set_track_sps) setters[] = {mp4_movie_set_track_vps, mp4_movie_set_track_sps,
+                                                                     mp4_movie_set_track_pps};
+    const descriptor out;
+    const journal_ptr caretaker(mediafile_caretaker_create());
+    const builder_ptr owner(mp4_builder_create());
+    mp4_builder *const b = owner.get();
+    const mp4_track_desc desc = {codec.type | MP4_TRACK_RAW, {{640, 360, 0}}};
+    EXPECT_EQ(0, b->add_track(b, &desc));
+    EXPECT_EQ(0, b->open(b, out, 0, caretaker.get()));
+    recorded_units made = {{}, {}, drain(caretaker)};
+    bytes sample;
+    const auto add = [&sample](const bytes &unit) {
+        sample = joined({sample, {0, 0, uint8_t(unit.size() >> 8), uint8_t(unit.size())}, unit});
     };
-    const struct {
-        uint32_t type;
-        std::vector<bytes> sets;
-        bytes slice;
-    } codecs[] = {
-        {MP4_TRACK_H264, {hex("6742c01e 80*600"), hex("68eeff3c")}, hex("65 11*40")},
+    for (size_t i = 0; i < codec.sets.size(); i++) {
+        const bytes &unit = codec.sets[i];
+        const auto kind = uint8_t(codec.kind + i);
+        EXPECT_EQ(0, setters[kind - MEMENTO_VPS](b->movie, 0, unit.data(), uint32_t(unit.size())));
+        add(unit);
+        if (i + journaled < codec.sets.size()) continue;
+        made.journal = joined({made.journal, {kind, 0, uint8_t(unit.size()), 0}, unit});
+        made.journal.resize((made.journal.size() + 3) / 4 * 4);
+    }
+    add(codec.slice);
+    for (int i = 0; i < 3; i++) {
+        const mp4_frame frame = {0, sample.data(), uint32_t(sample.size()), {i, 0}, 1};
+        EXPECT_EQ(0, b->add_frame(b, &frame));
+    }
+    made.journal = joined({made.journal, drain(caretaker)});
+    made.open = file_content(out);
+    EXPECT_EQ(0, b->close(b));
+    made.closed = file_content(out);
+    return made;
+}
+
+TEST_F(Plan, TakesLargeParameterSetsFromTheFirstSample)
+{
+    const codec_units codecs[] = {
+        {MP4_TRACK_H264, MEMENTO_SPS, {hex("6742c01e 80*600"), hex("68eeff3c")}, hex("65 11*40")},
         {MP4_TRACK_H265,
+         MEMENTO_VPS,
          {hex("40010c01ffff01600000030090000003000003003f928090"),
           hex("42010101600000030090000003000003003fa0050201696592a4932bc04040000003004000000642 80*600"),
           hex("4401c172b46240")},
          hex("2601 11*40")},
     };
-    for (const auto &[type, sets, slice] : codecs)
-        for (const size_t journaled : {size_t{0}, sets.size() - 1}) { // only the last one, or none
-            const descriptor out;
-            const journal_ptr caretaker(mediafile_caretaker_create());
-            mp4_builder *b = mp4_builder_create();
-            const mp4_track_desc desc = {type | MP4_TRACK_RAW, {{640, 360, 0}}};
-            ASSERT_EQ(b->add_track(b, &desc), 0);
-            ASSERT_EQ(b->open(b, out, 0, caretaker.get()), 0);
-            bytes journal = drain(caretaker), sample;
-            for (size_t i = 0; i < sets.size(); i++) {
-                const size_t kind = (type == MP4_TRACK_H264 ? size_t{MEMENTO_SPS} : size_t{MEMENTO_VPS}) + i;
-                const auto set = kind == MEMENTO_VPS   ? mp4_movie_set_track_vps
-                                 : kind == MEMENTO_SPS ? mp4_movie_set_track_sps
-                                                       : mp4_movie_set_track_pps;
-                const bytes &unit = sets[i];
-                ASSERT_EQ(set(b->movie, 0, unit.data(), uint32_t(unit.size())), 0);
-                overlay(sample, sample.size(), prefixed(unit));
-                if (journaled == 0 || i < journaled) continue;
-                overlay(journal, journal.size(), {uint8_t(kind), 0, uint8_t(unit.size()), 0});
-                overlay(journal, journal.size(), unit);
-                journal.resize((journal.size() + 3) / 4 * 4);
-            }
-            overlay(sample, sample.size(), prefixed(slice));
-            for (int i = 0; i < 3; i++) {
-                const mp4_frame frame = {0, sample.data(), uint32_t(sample.size()), {i, 0}, 1};
-                ASSERT_EQ(b->add_frame(b, &frame), 0);
-            }
-            overlay(journal, journal.size(), drain(caretaker));
-            const bytes open = file_content(out);
-            ASSERT_EQ(b->close(b), 0);
-            b->destroy(b);
-            const bytes closed = file_content(out);
+    for (const codec_units &codec : codecs)
+        for (const size_t journaled : {0, 1}) {
+            const auto [open, closed, journal] = record_units(codec, journaled);
             const planned p = plan_of(open, &journal);
-            EXPECT_TRUE(p.info.result == MEDIAFILES_REPAIRED && p.file == closed) << type << text_of(p);
-            EXPECT_EQ(p.info.info.tracks[0].desc.type, type | MP4_TRACK_RAW);
-            EXPECT_EQ(plan_of(closed, &journal).info.result, MEDIAFILES_FINISHED);
+            EXPECT_EQ("repaired", outcome_of(p)) << codec.type << text_of(p);
+            EXPECT_EQ(closed, p.file);
+            EXPECT_EQ(codec.type | MP4_TRACK_RAW, p.info.info.tracks[0].desc.type);
+            EXPECT_EQ("finished", outcome_of(plan_of(closed, &journal)));
+            if (!journaled) continue;
             /* A torn header may be sound but for a parameter set. */
             bytes torn_set = closed;
-            const size_t at =
-                size_t(std::ranges::search(std::span(torn_set).subspan(open.size()), sets.back()).begin() -
-                       std::span(torn_set).begin());
-            torn_set[at + sets.back().size() - 1] ^= 0x55;
+            const auto set = std::ranges::search(std::span(torn_set).subspan(open.size()), codec.sets.back());
+            set.back() ^= 0x55;
             const planned again = plan_of(torn_set, &journal);
-            EXPECT_TRUE(!journaled || (again.info.result == MEDIAFILES_REPAIRED && again.file == closed));
+            EXPECT_EQ("repaired", outcome_of(again));
+            EXPECT_EQ(closed, again.file);
         }
 }
 
-TEST(plan, hands_out_the_records_of_a_journal)
+/** A journal in memory that is being read. */
+struct reading {
+    planned::input input;
+    mediafiles_source source = input.source();
+    const std::unique_ptr<mediafiles_journal, destroy_by<mediafiles_journal_close>> journal{
+        mediafiles_journal_open(&source, nullptr)};
+
+    explicit reading(const bytes &stored, mediafiles_range bad = {UINT64_MAX, UINT64_MAX})
+        : input{stored, stored.size(), bad}
+    {
+    }
+    int next(mediafiles_journal_record &record) const { return mediafiles_journal_next(journal.get(), &record); }
+    mediafiles_journal_summary summary() const
+    {
+        auto all = sized<mediafiles_journal_summary>();
+        mediafiles_journal_get_summary(journal.get(), &all);
+        return all;
+    }
+};
+
+TEST_F(Plan, HandsOutTheRecordsOfAJournal)
 {
     const recorded &r = recordings()[1];
-    const model::journal due = model::read(r.marked);
-    planned::input input = {r.marked};
-    const mediafiles_source source = input.source();
-    for (const uint32_t size : {uint32_t(sizeof(mediafiles_journal_record)), 8u}) {
-        mediafiles_journal *journal = mediafiles_journal_open(&source, nullptr);
-        ASSERT_TRUE(journal);
-        uint64_t at = 0;
-        for (const model::record &each : due.records) {
-            mediafiles_journal_record record;
-            memset(&record, 0x5A, sizeof record);
-            record.size = size;
-            ASSERT_EQ(mediafiles_journal_next(journal, &record), 1);
-            ASSERT_TRUE(record.size == size && record.kind == each.kind && record.track == each.track &&
-                        record.length == each.payload.size());
-            if (size == 8) {
-                ASSERT_EQ(record.offset, 0x5A5A5A5A5A5A5A5Au); // an older caller's memory ends before it
-                continue;
-            }
-            ASSERT_TRUE(record.offset == at && std::equal(each.payload.begin(), each.payload.end(), record.payload));
-            at = record.end;
-        }
-        auto record = sized<mediafiles_journal_record>();
-        ASSERT_EQ(mediafiles_journal_next(journal, &record), 0);
-        auto summary = sized<mediafiles_journal_summary>();
-        mediafiles_journal_get_summary(journal, &summary);
-        EXPECT_TRUE(summary.ending == MEDIAFILES_JOURNAL_WHOLE && summary.end == r.marked.size() && summary.lost == 0 &&
-                    !summary.damage && summary.tracks == 2 && summary.rounds == r.rounds.size() - 1 &&
-                    summary.samples == r.samples.size() && summary.media_end == r.open.size() &&
-                    summary.track[0].type == MP4_TRACK_AAC);
-        mediafiles_journal_close(journal);
+    const reading whole(r.marked), older(r.marked);
+    mediafiles_journal_record record = {}, part;
+    uint64_t at = 0;
+    for (const model::record &each : model::read(r.marked).records) {
+        memset(&part, 0x5A, sizeof part);
+        record.size = sizeof record;
+        part.size = 8; // an older caller's memory ends before the offset
+        ASSERT_EQ(1, whole.next(record));
+        ASSERT_EQ(1, older.next(part));
+        for (const auto *got : {&record, &part})
+            ASSERT_EQ(std::tuple(each.kind, each.track, each.payload.size()),
+                      std::tuple(got->kind, got->track, got->length));
+        ASSERT_EQ(std::tuple(8u, 0x5A5A5A5A5A5A5A5Au), std::tuple(part.size, part.offset));
+        ASSERT_EQ(std::tuple(sizeof record, at), std::tuple(record.size, record.offset));
+        ASSERT_TRUE(std::equal(each.payload.begin(), each.payload.end(), record.payload));
+        at = record.end;
     }
+    EXPECT_EQ(0, whole.next(record));
+    const mediafiles_journal_summary all = whole.summary();
+    EXPECT_EQ(r.rounds.size() - 1, all.rounds);
+    EXPECT_EQ(r.samples.size(), all.samples);
+    EXPECT_EQ(r.open.size(), all.media_end);
+    EXPECT_EQ(2u, all.tracks);
+    EXPECT_EQ(MP4_TRACK_AAC, all.track[0].type);
+}
+
+TEST_F(Plan, SummarisesHowAJournalEnds)
+{
+    const recorded &r = recordings()[1];
     const struct {
         const char *what;
         bytes journal;
         uint32_t ending;
         uint64_t end;
-    } ends[] = {
+    } cases[] = {
+        {"whole", r.marked, MEDIAFILES_JOURNAL_WHOLE, r.marked.size()},
         {"cut", first(r.marked, 30), MEDIAFILES_JOURNAL_CUT, 20},
         {"torn", with(first(r.journal, 40), 40, hex("FF00FFFF")), MEDIAFILES_JOURNAL_TORN, 40},
         {"damaged", with(r.marked, r.rounds[1], hex("FF00FFFF")), MEDIAFILES_JOURNAL_DAMAGED, r.rounds[1]},
     };
-    for (const auto &[what, stored, ending, end] : ends) {
-        planned::input of = {stored};
-        const mediafiles_source from = of.source();
-        mediafiles_journal *journal = mediafiles_journal_open(&from, nullptr);
+    for (const auto &[what, stored, ending, end] : cases) {
+        const reading journal(stored);
         auto record = sized<mediafiles_journal_record>();
-        while (mediafiles_journal_next(journal, &record)) {}
-        auto summary = sized<mediafiles_journal_summary>();
-        mediafiles_journal_get_summary(journal, &summary);
-        EXPECT_EQ(summary.ending, ending) << what;
-        EXPECT_EQ(summary.end, end) << what;
-        EXPECT_EQ(summary.lost, stored.size() - end) << what;
-        mediafiles_journal_close(journal);
+        while (journal.next(record)) {}
+        const mediafiles_journal_summary summary = journal.summary();
+        EXPECT_EQ(std::tuple(ending, end, stored.size() - end), std::tuple(summary.ending, summary.end, summary.lost))
+            << what;
+        EXPECT_EQ(ending <= MEDIAFILES_JOURNAL_CUT, !summary.damage) << what;
     }
-    input.bad = {0, UINT64_MAX};
-    EXPECT_TRUE(!mediafiles_journal_open(&source, nullptr) && errno == EIO);
+    errno = 0;
+    const reading unreadable(r.marked, {0, UINT64_MAX});
+    EXPECT_FALSE(unreadable.journal);
+    EXPECT_EQ(EIO, errno);
+}
 
-    const bytes user = with(hex("00000800"), 4, bytes(8)), both = with(user, 12, r.journal);
-    EXPECT_EQ(mediafiles_is_journal(r.journal.data(), r.journal.size()), 1);
-    EXPECT_EQ(mediafiles_is_journal(both.data(), both.size()), 1);
-    EXPECT_EQ(mediafiles_is_journal(user.data(), user.size()), 0);
-    EXPECT_EQ(mediafiles_is_journal(r.closed.data(), r.closed.size()), 0);
-    EXPECT_EQ(mediafiles_is_journal(r.journal.data(), 19), 0);
-    const bytes zeros(100'000);
-    EXPECT_EQ(mediafiles_is_journal(zeros.data(), zeros.size()), 0);
+TEST_F(Plan, RecognisesAJournalByItsFirstTrack)
+{
+    const recorded &r = recordings()[1];
+    const bytes user = joined({hex("00000800"), bytes(8)});
+    const std::pair<bytes, int> cases[] = {{r.journal, 1}, {joined({user, r.journal}), 1}, {user, 0},
+                                           {r.closed, 0},  {first(r.journal, 19), 0},      {bytes(100'000), 0}};
+    for (const auto &[data, is] : cases) EXPECT_EQ(is, mediafiles_is_journal(data.data(), data.size())) << data.size();
 }
 
 /* ---- what it costs ---- */
 
-TEST(plan, takes_forty_bytes_a_sample)
+/** Adds samples of 8 and 9 bytes of two tracks, to the media and to the journal. */
+void add_samples(bytes &media, bytes &journal, uint32_t samples)
 {
-    const silence quiet;
-    constexpr uint32_t samples = 1'000'000;
-    bytes media = recordings()[0].open, journal = first(recordings()[0].journal, 40); // both tracks
-    media.resize(32);
     for (uint32_t i = 0; i < samples; i++) {
         const uint32_t track = i % 2, size = 8 + i / 2 % 2, at = uint32_t(media.size());
         bytes unit = {0, 0, 0, uint8_t(size - 4), 0x65, uint8_t(i)};
@@ -686,46 +733,45 @@ TEST(plan, takes_forty_bytes_a_sample)
              {MEMENTO_SAMPLE | track << 8 | 24u << 16, at, size, i / 100, 0u, nanoseconds, i / 2 % 2})
             for (int shift = 0; shift < 32; shift += 8) journal.push_back(uint8_t(word >> shift));
     }
+}
+
+TEST_F(Plan, TakesFortyBytesASample)
+{
+    constexpr uint32_t samples = 1'000'000;
+    bytes media = first(recordings()[0].open, 32), journal = first(recordings()[0].journal, 40); // both tracks
+    add_samples(media, journal, samples);
+    planned::input from = {media}, beside = {journal};
+    size_t peak = 0, passes = 0;
     const auto in_use = [] {
         const struct mallinfo2 heap = mallinfo2();
         return heap.uordblks + heap.hblkhd;
     };
-    planned::input from = {media}, beside = {journal};
-    size_t peak = 0, passes = 0;
     from.reading = [&](uint64_t) { peak = std::max(peak, in_use()); };
-    beside.reading = [&](uint64_t at) {
-        peak = std::max(peak, in_use());
+    beside.reading = [&, measure = from.reading](uint64_t at) {
+        measure(at);
         passes += at == 0;
     };
     const size_t before = in_use();
     const mediafiles_source media_source = from.source(), journal_source = beside.source();
     mediafiles_plan *plan = mediafiles_plan_create(&media_source, &journal_source, 0);
-    peak = std::max(peak, in_use());
+    const size_t taken = std::max(peak, in_use()) - before;
     auto info = sized<mediafiles_plan_info>();
     mediafiles_plan_get(plan, &info);
-    EXPECT_EQ(info.result, MEDIAFILES_REPAIRED);
-    EXPECT_EQ(info.samples, samples);
-    EXPECT_LE(beside.largest, 256u << 10);
-    EXPECT_LE(from.moved, 256 * 5 + 2000u);
-    EXPECT_LE(peak - std::min(peak, before), 40 * samples + (1u << 20));
-    fprintf(stderr, "%u samples: %.1f bytes each, %zu passes, %zu reads of media, %zu bytes\n", samples,
-            double(peak - std::min(peak, before)) / samples, passes, size_t(from.reads), size_t(from.moved));
     mediafiles_plan_destroy(plan);
+    EXPECT_EQ(MEDIAFILES_REPAIRED, info.result);
+    EXPECT_EQ(samples, info.samples);
+    EXPECT_GE(256u << 10, beside.largest);
+    EXPECT_GE(256 * 5 + 2000u, from.moved);
+    EXPECT_GE(40 * samples + (1u << 20), taken);
+    fprintf(stderr, "%u samples: %.1f bytes each, %zu passes, %zu reads of media, %zu bytes\n", samples,
+            double(taken) / samples, passes, size_t(from.reads), size_t(from.moved));
 
     /* It may change between two passes. */
-    beside.reading = [&, pass = size_t{0}](uint64_t at) mutable {
-        if (at == 0 && ++pass == passes) journal[journal.size() - 28 * 1000 + 4] ^= 0x40; // an offset
+    beside.reading = [&](uint64_t at) {
+        if (at == 0 && --passes == 0) journal[journal.size() - 28 * 1000 + 4] ^= 0x40; // an offset
     };
     const planned changed(from, &beside, 0);
-    EXPECT_EQ(changed.info.reason, MEDIAFILES_REASON_CHANGED) << text_of(changed);
-}
-
-bytes box(const char *type, std::initializer_list<bytes> parts)
-{
-    bytes out(8);
-    for (const bytes &part : parts) overlay(out, out.size(), part);
-    for (size_t i = 0; i < 4; i++) out[i] = uint8_t(out.size() >> (24 - 8 * i)), out[4 + i] = uint8_t(type[i]);
-    return out;
+    EXPECT_EQ(MEDIAFILES_REASON_CHANGED, changed.info.reason) << text_of(changed);
 }
 
 bytes words(std::initializer_list<uint32_t> numbers)
@@ -734,6 +780,18 @@ bytes words(std::initializer_list<uint32_t> numbers)
     for (const uint32_t number : numbers)
         for (int shift = 24; shift >= 0; shift -= 8) out.push_back(uint8_t(number >> shift));
     return out;
+}
+
+/** The size and the type of a box. */
+bytes box_head(size_t size, const std::string &type)
+{
+    return joined({words({uint32_t(size)}), hex("'" + type + "'")});
+}
+
+bytes box(const char *type, std::initializer_list<bytes> parts)
+{
+    const bytes body = joined(parts);
+    return joined({box_head(8 + body.size(), type), body});
 }
 
 /** A header of one sound track whose samples have one size and lie in one chunk. */
@@ -748,64 +806,74 @@ bytes header_of(uint32_t samples, uint32_t size, const bytes &more = {})
                         box("trak", {box("tkhd", {words({0, 0, 0, 1}), bytes(68)}), media})});
 }
 
-TEST(plan, takes_bounded_time_for_hostile_files)
+/** The result for a file of zeros that begins as a recording with so large an mdat, and ends in a header. */
+std::string result_of(const bytes &header, uint64_t media_size, uint32_t mdat)
 {
-    const silence quiet;
-    const bytes &head = recordings()[0].open;
-    const auto seconds = [from = clock()] { return double(clock() - from) / CLOCKS_PER_SEC; };
-    const auto judge = [&](const bytes &end, uint64_t media_size, uint32_t mdat) {
-        const bytes begin = with(first(head, 32), 24, words({mdat}));
-        planned::input media = {begin, media_size};
-        media.end = end;
-        const planned p(media, nullptr, 0);
-        EXPECT_LE(media.moved, 300'000'000u) << media_size;
-        return p.info.result;
-    };
-    /* Four thousand million samples of one byte. */
-    const bytes many = header_of(UINT32_MAX - 2000, 1);
-    EXPECT_EQ(judge(many, 32 + uint64_t{UINT32_MAX} - 2000 + many.size(), UINT32_MAX - 2000 + 8), MEDIAFILES_FINISHED);
-    /* More than the media holds. */
-    EXPECT_EQ(judge(many, 1000 + many.size(), 1000 - 24), MEDIAFILES_REFUSED);
-    /* Tables that do not speak of this media, or of its times. */
+    const bytes begin = with(first(recordings()[0].open, 32), 24, words({mdat}));
+    planned::input media = {begin, media_size + header.size()};
+    media.end = header;
+    const planned p(media, nullptr, 0);
+    EXPECT_GE(300'000'000u, media.moved) << media_size;
+    return outcome_of(p);
+}
+
+TEST_F(Plan, HoldsAHeaderAgainstTheMedia)
+{
+    EXPECT_EQ("finished", result_of(header_of(4, 10), 72, 48));
+    /* Tables of other media, or of other times. */
     const struct {
         const char *type;
         size_t field;
         uint32_t value;
-    } wrong[] = {{"'stsc'", 20, 2}, {"'stsc'", 16, 3}, {"'mdhd'", 20, 48000}, {"'stsz'", 12, 5}, {"'tkhd'", 16, 2}};
-    for (const auto &[type, field, value] : wrong) {
+    } cases[] = {{"'stsc'", 20, 2}, {"'stsc'", 16, 3}, {"'mdhd'", 20, 48000}, {"'stsz'", 12, 5}, {"'tkhd'", 16, 2}};
+    for (const auto &[type, field, value] : cases) {
         bytes header = header_of(4, 10);
-        EXPECT_EQ(judge(header, 72 + header.size(), 48), MEDIAFILES_FINISHED);
         const auto at = size_t(std::ranges::search(header, hex(type)).begin() - header.begin());
         overlay(header, at + field, words({value}));
-        EXPECT_EQ(judge(header, 72 + header.size(), 48), MEDIAFILES_REFUSED) << type << field;
+        EXPECT_EQ("refused: no journal", result_of(header, 72, 48)) << type << field;
     }
-    /* A million boxes in each other. */
-    bytes deep(8'000'000);
-    for (size_t i = 0; i < deep.size(); i += 8)
-        overlay(deep, i, with(words({uint32_t(deep.size() - i)}), 4, hex("'minf'")));
-    const bytes nested = header_of(4, 10, deep);
-    EXPECT_EQ(judge(nested, 72 + nested.size(), 48), MEDIAFILES_FINISHED); // boxes that nobody asked for
-    /* Half a million headers that all fit, and lead to the same large table. */
-    const bytes shared = header_of(4, 10, box("free", {bytes(1 << 20, 1)}));
-    bytes headers(8 << 20);
-    overlay(headers, headers.size(), bytes(shared.begin() + 8, shared.end()));
-    for (uint32_t i = 0; i < 8u << 20; i += 16) {
-        overlay(headers, i, with(words({uint32_t(headers.size()) - i}), 4, hex("'moov'")));
-        overlay(headers, i + 8, with(words({(8u << 20) - i - 8}), 4, hex("'free'")));
-    }
-    EXPECT_EQ(judge(headers, 1000 + headers.size(), 0), MEDIAFILES_REFUSED);
-    EXPECT_LT(seconds(), 15); // an emulator takes 5
+}
 
-    /* Journals of zeros, and of records of 4 bytes. */
-    const bytes mark = bytes(recordings()[0].marked.end() - 64, recordings()[0].marked.end());
-    for (const bool records : {false, true}) {
-        planned::input media = {head}, journal = {std::span<const uint8_t>(), records ? 16u << 20 : 512u << 20};
+/** Half a million headers that all fit, and lead to the same large table. */
+bytes overlapping_headers()
+{
+    constexpr uint32_t size = 8 << 20;
+    const bytes shared = header_of(4, 10, box("free", {bytes(1 << 20, 1)}));
+    bytes headers = joined({bytes(size), bytes(shared.begin() + 8, shared.end())});
+    for (uint32_t i = 0; i < size; i += 16) {
+        overlay(headers, i, box_head(headers.size() - i, "moov"));
+        overlay(headers, i + 8, box_head(size - i - 8, "free"));
+    }
+    return headers;
+}
+
+TEST_F(Plan, TakesBoundedTimeForHostileHeaders)
+{
+    const clock_t begin = clock();
+    constexpr uint32_t samples = UINT32_MAX - 2000; // of one byte
+    const bytes many = header_of(samples, 1);
+    EXPECT_EQ("finished", result_of(many, 32 + uint64_t{samples}, samples + 8));
+    EXPECT_EQ("refused: no journal", result_of(many, 1000, 1000 - 24)); // more than the media holds
+
+    bytes deep(8'000'000); // a million boxes in each other
+    for (size_t i = 0; i < deep.size(); i += 8) overlay(deep, i, box_head(deep.size() - i, "minf"));
+    EXPECT_EQ("finished", result_of(header_of(4, 10, deep), 72, 48)); // boxes that nobody asked for
+    EXPECT_EQ("refused: no journal", result_of(overlapping_headers(), 1000, 0));
+    EXPECT_GT(15, double(clock() - begin) / CLOCKS_PER_SEC); // an emulator takes 5
+}
+
+TEST_F(Plan, ReadsLongJournalsOfZerosAFewTimes)
+{
+    const recorded &r = recordings()[0];
+    const bytes mark(r.marked.end() - MEDIAFILES_ROUND_MARK_SIZE, r.marked.end()), none;
+    for (const bool records : {false, true}) { // of 4 bytes, with a mark after them
+        planned::input media = {r.open}, journal = {{}, records ? 16u << 20 : 512u << 20};
         if (records) journal.end = mark;
         const planned p(media, &journal, 0);
-        EXPECT_EQ(p.info.result, MEDIAFILES_EMPTY_REMOVED) << text_of(p);
-        EXPECT_LE(journal.moved, 4 * journal.size);
+        EXPECT_EQ("removed", outcome_of(p)) << text_of(p);
+        EXPECT_GE(4 * journal.size, journal.moved);
     }
-    planned::input media = {recordings()[0].closed}, large = {std::span<const uint8_t>(), (512u << 20) + 1};
-    EXPECT_EQ(planned(media, &large, 0).info.result, MEDIAFILES_FINISHED);
+    planned::input media = {r.closed}, large = {{}, (512u << 20) + 1};
+    EXPECT_EQ("finished", outcome_of(planned(media, &large, 0)));
 }
 } // namespace

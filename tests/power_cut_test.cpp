@@ -15,7 +15,7 @@
  *
  *     TRACK OFFSET SIZE NANOSECONDS KEY CRC32 KEPT
  *
- * the track from 0, the shown_sample in the file, the capture time since the epoch, the key flag as it was given, the CRC-32
+ * the track from 0, the place in the file, the capture time since the epoch, the key flag as it was given, the CRC-32
  * of the sample's bytes as zlib has it, and 1 for a sample that no repair may lose: up to the first one whose record or
  * bytes are not there in full. In each case that the order of writes and syncs allows (all but some of media, journal
  * and pair) these hold all samples that were synced.
@@ -30,6 +30,7 @@
 
 #include "support/planned.h"
 #include "support/power-cut.h"
+#include "support/repair-judge.h"
 
 namespace {
 
@@ -57,40 +58,23 @@ const recipe recipes[] = {
 };
 constexpr size_t least_cases = 70'000;
 
-/* ---- samples as a file shows them ---- */
-
-using shown_sample = std::tuple<uint64_t, size_t, uint64_t, uint64_t, bool, uint64_t>;
-// offset, track, size, ticks from the track's first sample, key, the track's delay in milliseconds
-
-std::vector<shown_sample> places(std::span<const sample> samples, const std::vector<mp4_track_desc> &tracks_of)
+/** Samples as a file has to show them. */
+std::vector<place> due_places(std::span<const sample> samples, const std::vector<mp4_track_desc> &tracks_of)
 {
     struct {
         uint64_t first, last, ticks;
     } tracks[8] = {};
     uint64_t start = UINT64_MAX;
-    std::vector<shown_sample> out;
+    std::vector<place> out;
     for (const sample &s : samples) {
         auto &t = tracks[s.track];
         if (t.first == 0) t = {s.time(), s.time(), 0};
         start = std::min(start, s.time());
         t.ticks += ((s.time() - t.last) * model::timescale(tracks_of[s.track]) + second / 2) / second;
         t.last = s.time();
-        out.emplace_back(s.offset, s.track, s.size, t.ticks, s.key != 0, 0);
+        out.push_back({s.offset, s.track, s.size, t.ticks, s.key != 0});
     }
-    for (shown_sample &p : out) std::get<5>(p) = (tracks[std::get<1>(p)].first - start) / 1'000'000;
-    return out;
-}
-
-std::vector<shown_sample> places(const mp4::file &file)
-{
-    std::vector<shown_sample> out;
-    for (size_t i = 0; i < file.tracks.size(); i++) {
-        const mp4::track &t = file.tracks[i];
-        const uint64_t delay = !t.edits.empty() && t.edits[0].media_time == -1 ? t.edits[0].duration : 0;
-        for (const mp4::sample &s : t.samples)
-            out.emplace_back(s.offset, i, s.size, s.time + s.duration, s.sync, delay);
-    }
-    std::ranges::sort(out);
+    for (place &p : out) p.delay = (tracks[p.track].first - start) / 1'000'000;
     return out;
 }
 
@@ -117,7 +101,6 @@ struct proof {
     std::string only = {}; // ID
     size_t cases = 0, recordings = 0, repaired = 0, planned_repairs = 0;
     std::map<std::string, size_t> failures = {}; // by check
-    descriptor file = {}, journal = {};
 
     void for_each(const std::function<void(const recording &, const power_cut &)> &use)
     {
@@ -140,58 +123,59 @@ struct proof {
             }
     }
 
+    /** Counts what a check has found wrong in a case, and prints the first ones. */
+    model::complaint complaints(const power_cut &c, const std::string &by)
+    {
+        return [this, &c, by](const char *check, const std::string &what) {
+            if (failures[check]++ < 5 && built_in == fault::none)
+                fprintf(stderr, "%s: %s, %s: %s\n", c.id.c_str(), by.c_str(), check, what.c_str());
+        };
+    }
+
+    /** What a repair has made of a case, by the core. */
     void judge(const recording &r, const power_cut &c, int version)
     {
-        const auto expect = [&](bool good, const char *check, const std::string &text) {
-            if (!good && failures[check]++ < 5 && built_in == fault::none)
-                fprintf(stderr, "%s: mp4_fix%s, %s: %s\n", c.id.c_str(), version == 1 ? "" : "2", check, text.c_str());
+        const model::complaint complain = complaints(c, version == 1 ? "mp4_fix" : "mp4_fix2");
+        const auto fix = [&](auto... arguments) {
+            faults::injection watch({.kind = faults::cutting, .nth = built_in == fault::cut ? 0 : -1, .pretend = true});
+            const int result = version == 1 ? mp4_fix(arguments...) : mp4_fix2(arguments...);
+            if (watch.held != 0) complain("leak", "memory");
+            return result;
         };
-        fill(file, c.media);
-        fill(journal, c.journal);
-        const int free_before = free_descriptor();
-        mp4_fix_info info = {};
-        faults::injection injection({.kind = faults::cutting, .nth = built_in == fault::cut ? 0 : -1, .pretend = true});
-        const auto fix = version == 1 ? mp4_fix : mp4_fix2;
-        const int result = fix(path_of(file).c_str(), path_of(journal).c_str(), nullptr, &info);
-        const int error = result == 0 ? 0 : result == -1 ? errno : INT_MIN;
-        expect(injection.held == 0 && free_descriptor() == free_before, "leak", "memory or a descriptor");
-
         const model::journal content = model::read(c.journal);
-        const model::result due = model::repair(content, c.media.size(), version);
-        expect(error == due.error, "result", std::to_string(error) + " instead of errno " + std::to_string(due.error));
-        if (c.spoilt || !error != !due.error) return;
-
-        const bytes after = file_content(file);
-        if (!due.finished) {
-            bytes before = c.media;
-            overlay(before, 0, hex("00000018 'ftypmp42' 00*4 'mp42isom' 00000000 'mdat'"));
-            expect(after == before, "refused", "more than the head has changed");
-            return;
-        }
+        const model::repaired got = model::judge(fix, version, content, c.journal, c.media, true, complain);
+        const model::result &due = got.due;
+        if (c.spoilt || !due.finished || got.content.empty()) return;
         repaired++;
-        const mp4::file got = mp4::read(after);
         const bool cut = due.end > model::head && due.end > c.media.size(); // the last sample: then zeros
-        for (const mp4::problem &p : got.problems)
-            expect(!p.fault || (cut && p.offset >= due.kept.back().offset && p.offset < due.end), "structure", p.text);
-        expect(got.boxes.size() == 3 && got.boxes[2].offset == due.end && info.fileSize == after.size() &&
-                   got.tracks.size() == due.tracks.size(),
-               "structure", "not head, media and moov in their places");
+        for (const mp4::problem &p : got.file.problems)
+            if (p.fault && !(cut && p.offset >= due.kept.back().offset && p.offset < due.end))
+                complain("structure", p.text);
+        if (places(got.file) != due_places(due.kept, due.tracks)) complain("prefix", "not as the journal has them");
 
-        const std::vector<shown_sample> shown = places(got);
-        expect(shown == places(due.kept, due.tracks), "prefix", "not the samples that the journal names");
-        const auto recorded = std::span(r.samples).first(std::min(shown.size(), r.samples.size()));
-        bytes media = r.open; // with zeros for what the cut took
-        media.resize(std::min(media.size(), c.media.size()));
-        media.resize(due.end);
-        const bool same = after.size() > due.end && std::equal(media.begin() + 32, media.end(), after.begin() + 32);
-        expect(shown == places(recorded, r.tracks) && same, "recorded", "not what was recorded");
-
-        size_t owed = intact(r, c);
+        size_t least = intact(r, c);
         if (c.possible) // then the journal names nothing that is not there in full
-            owed = std::max(
-                {owed, c.promised, size_t(std::ranges::count(content.records, MEMENTO_SAMPLE, &model::record::kind))});
-        expect(shown.size() >= std::min(owed, due.stop) && !(cut && c.possible), "durable",
-               "kept " + std::to_string(shown.size()) + " samples of " + std::to_string(owed));
+            least = std::max(
+                {least, c.promised, size_t(std::ranges::count(content.records, MEMENTO_SAMPLE, &model::record::kind))});
+        hold(r, c.media.size(), got.file, got.content, std::min(least, due.stop), "", complain);
+        if (cut && c.possible) complain("durable", "a part of a sample is kept");
+    }
+
+    /** A repaired file shows the first samples that were recorded, at least so many; so much media was present. */
+    static void hold(const recording &r, size_t present, const mp4::file &file, const bytes &content, size_t least,
+                     const std::string &prefix, const model::complaint &complain)
+    {
+        const std::vector<place> shown = places(file);
+        const auto recorded = std::span(r.samples).first(std::min(shown.size(), r.samples.size()));
+        bytes media = first(r.open, present); // then zeros
+        media.resize(recorded.empty() ? model::head : recorded.back().offset + recorded.back().size);
+        const bool same = content.size() > media.size() &&
+                          std::equal(media.begin() + model::head, media.end(), content.begin() + model::head);
+        if (shown != due_places(recorded, r.tracks) || !same)
+            complain((prefix + "recorded").c_str(), "not what was recorded");
+        if (shown.size() < least)
+            complain((prefix + "durable").c_str(),
+                     "kept " + std::to_string(shown.size()) + " samples of " + std::to_string(least));
     }
 
     /**
@@ -200,35 +184,26 @@ struct proof {
      */
     void judge_plan(const recording &r, const power_cut &c, uint32_t options)
     {
-        const auto expect = [&](bool good, const char *check, const std::string &text) {
-            if (!good && failures[check]++ < 5 && built_in == fault::none)
-                fprintf(stderr, "%s: plan%s, %s: %s\n", c.id.c_str(), options ? " without last frame" : "", check,
-                        text.c_str());
-        };
-        const model::journal told = model::read(c.journal);
-        const model::result due = model::repair(told, c.media.size(), options ? 2 : 1);
+        const model::complaint complain = complaints(c, options ? "plan without last frame" : "plan");
+        const model::result due = model::repair(model::read(c.journal), c.media.size(), options ? 2 : 1);
         const planned got = plan_of(c.media, &c.journal, options);
         const std::string what = "result " + std::to_string(got.info.result) + ", reason " +
                                  std::to_string(got.info.reason) + ", samples " + std::to_string(got.info.samples);
-        size_t owed = std::min(std::max(intact(r, c), c.possible ? c.promised : 0), due.stop);
-        if (c.spoilt && options) owed = 0; // the last frame that is left is not the model's
+        size_t least = std::min(std::max(intact(r, c), c.possible ? c.promised : 0), due.stop);
+        if (c.spoilt && options) least = 0; // the last frame that is left is not the model's
         if (got.info.result == MEDIAFILES_FINISHED) {
             const mp4::file whole = mp4::read(c.media);
-            expect(whole.sound() && places(whole) == places(r.samples, r.tracks), "plan-finished", what);
+            if (!whole.sound() || places(whole) != due_places(r.samples, r.tracks)) complain("plan-finished", what);
         } else if (got.keeps()) {
             planned_repairs++;
             const mp4::file made = mp4::read(got.file);
-            const std::vector<shown_sample> shown = places(made);
-            const auto recorded = std::span(r.samples).first(std::min(shown.size(), r.samples.size()));
-            const bool cut = got.info.added != 0;
-            for (const mp4::problem &p : made.problems) expect(!p.fault || cut, "plan-structure", p.text);
-            expect(shown == places(recorded, r.tracks), "plan-recorded", what);
-            expect(shown.size() >= owed, "plan-durable", what + " of " + std::to_string(owed));
-            if (c.spoilt || !due.finished || options) return;
-            expect(shown == places(due.kept, due.tracks), "plan-prefix",
-                   what + " of " + std::to_string(due.kept.size()));
-        } else {
-            expect(owed == 0 || got.info.reason == MEDIAFILES_REASON_NO_FRAME_LEFT, "plan-durable", what);
+            for (const mp4::problem &p : made.problems)
+                if (p.fault && got.info.added == 0) complain("plan-structure", p.text);
+            hold(r, c.media.size(), made, got.file, least, "plan-", complain);
+            if (!c.spoilt && due.finished && !options && places(made) != due_places(due.kept, due.tracks))
+                complain("plan-prefix", what + " of " + std::to_string(due.kept.size()));
+        } else if (least != 0 && got.info.reason != MEDIAFILES_REASON_NO_FRAME_LEFT) {
+            complain("plan-durable", what);
         }
     }
 

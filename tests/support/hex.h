@@ -1,6 +1,7 @@
 /** Bytes in tests: spelled, random, overlaid. */
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <random>
@@ -59,4 +60,22 @@ inline void overlay(bytes &all, size_t at, const bytes &data)
 {
     if (all.size() < at + data.size()) all.resize(at + data.size());
     std::copy(data.begin(), data.end(), all.begin() + static_cast<ptrdiff_t>(at));
+}
+
+inline bytes first(const bytes &all, size_t count)
+{
+    return bytes(all.begin(), all.begin() + static_cast<ptrdiff_t>(std::min(count, all.size())));
+}
+
+inline bytes with(bytes all, size_t at, const bytes &data)
+{
+    overlay(all, at, data);
+    return all;
+}
+
+inline bytes joined(std::initializer_list<bytes> parts)
+{
+    bytes all;
+    for (const bytes &part : parts) overlay(all, all.size(), part);
+    return all;
 }

@@ -17,7 +17,7 @@ struct planned {
         std::span<const uint8_t> content;
         uint64_t size = content.size();                  // beyond the content there are zeros
         mediafiles_range bad = {UINT64_MAX, UINT64_MAX}; // cannot be read
-        std::function<void(uint64_t)> reading = nullptr; // told of each read's offset
+        std::function<void(uint64_t)> reading = nullptr; // called with each read's offset
         std::span<const uint8_t> end = {};               // the last bytes
         uint64_t reads = 0, moved = 0, largest = 0;      // calls, bytes of all, of the largest
 
@@ -34,12 +34,14 @@ struct planned {
             if (at >= self.bad.begin && at < self.bad.end) return errno = EIO, -1;
             if (at < self.bad.begin) stop = std::min(stop, self.bad.begin);
             const auto got = static_cast<size_t>(stop - at);
-            const auto from = static_cast<size_t>(std::min<uint64_t>(at, self.content.size()));
-            const size_t there = std::min(got, self.content.size() - from);
-            auto *out = std::copy_n(self.content.data() + from, there, static_cast<uint8_t *>(to));
-            std::fill_n(out, got - there, uint8_t(0));
-            for (uint64_t i = std::max(at, self.size - self.end.size()); i < stop; i++)
-                static_cast<uint8_t *>(to)[i - at] = self.end[static_cast<size_t>(i + self.end.size() - self.size)];
+            auto *out = static_cast<uint8_t *>(to);
+            std::fill_n(out, got, uint8_t(0));
+            const auto lay = [&](uint64_t begin, std::span<const uint8_t> data) {
+                const uint64_t from = std::max(at, begin), end = std::min(stop, begin + data.size());
+                if (from < end) std::copy_n(&data[size_t(from - begin)], size_t(end - from), out + (from - at));
+            };
+            lay(0, self.content);
+            lay(self.size - self.end.size(), self.end);
             self.moved += got;
             self.largest = std::max<uint64_t>(self.largest, count);
             return static_cast<int64_t>(got);
@@ -69,8 +71,7 @@ struct planned {
             (mediafiles_plan_head(plan.get(), head) == 0) != keeps())
             std::abort();
         if (!keeps() || info.media_end > most) return;
-        file.assign(media.content.begin(),
-                    media.content.begin() + std::ptrdiff_t(std::min<uint64_t>(media.content.size(), info.media_end)));
+        file.assign(media.content.begin(), media.content.end());
         file.resize(static_cast<size_t>(info.media_end));
         std::copy(std::begin(head), std::end(head), file.begin());
         const mediafiles_sink append = [](void *context, const void *data, size_t count) {

@@ -18,13 +18,11 @@
 #include <fstream>
 #include <stdexcept>
 
-#include <mediafiles/builder.h>
-
 #include "descriptors.h"
 #include "faults.h"
+#include "places.h"
 #include "recording.h"
 #include "repair-model.h"
-#include "tools/reader/reader.h"
 
 using model::sample, model::second;
 
@@ -115,8 +113,7 @@ inline std::vector<recording> recordings_of(const recipe &p, const std::string &
         if (!good) throw std::runtime_error(std::string("cannot record ") + p.name);
     };
     const journal_ptr caretaker(mediafile_caretaker_create());
-    using release = decltype([](mp4_builder *made) { made->destroy(made); });
-    const std::unique_ptr<mp4_builder, release> b(mp4_builder_create());
+    const builder_ptr b(mp4_builder_create());
     for (const track_recipe &t : p.tracks) check(b->add_track(b.get(), &t.desc) >= 0);
 
     std::vector<recording> all;
@@ -219,7 +216,6 @@ void offer_cases(const recording &r, const Offer &offer)
     const auto id = [&r](const std::string &kind, auto... number) {
         return ((r.name + "-" + kind) + ... + ("-" + std::to_string(number)));
     };
-    const auto first = [](const bytes &file, size_t n) { return bytes(file.begin(), file.begin() + long(n)); };
 
     for (size_t k = 0; r.open.size() <= 8192 && k <= closed.size(); k++) {
         const bytes &media = k <= r.open.size() ? r.open : closed;

@@ -7,6 +7,7 @@
 #include <memory>
 #include <sstream>
 
+#include <mediafiles/builder.h>
 #include <mediafiles/caretaker.h>
 #include <mediafiles/support/array-stream.h>
 
@@ -62,6 +63,10 @@ struct destroy_by {
     void operator()(auto *object) const { Destroy(object); }
 };
 using journal_ptr = std::unique_ptr<mediafile_caretaker, destroy_by<mediafile_caretaker_destroy>>;
+struct builder_destroy {
+    void operator()(mp4_builder *builder) const { builder->destroy(builder); }
+};
+using builder_ptr = std::unique_ptr<mp4_builder, builder_destroy>;
 
 /** Adds records, whatever becomes of each; the first error. */
 inline int add(const journal_ptr &journal, const std::string &text)

@@ -1,18 +1,13 @@
-/** A recording of all three codecs, frame by frame, and what a reader finds of it. */
+/** A recording of all three codecs, frame by frame. */
 #pragma once
 
 #include <memory>
-#include <set>
-#include <tuple>
 
-#include <mediafiles/builder.h>
 #include <mediafiles/movie.h>
 
 #include "descriptors.h"
+#include "places.h"
 #include "recording.h"
-#include "tools/reader/reader.h"
-
-using builder_ptr = std::unique_ptr<mp4_builder, destroy_by<[](mp4_builder *builder) { builder->destroy(builder); }>>;
 
 constexpr mp4_track_desc three_tracks[] = {
     {MP4_TRACK_H264, {{640, 480, 0}}}, {MP4_TRACK_AAC, {{2, 8, 1000}}}, {MP4_TRACK_H265, {{640, 360, 0}}}};
@@ -45,21 +40,12 @@ inline recording record(int frames)
     const descriptor out;
     const builder_ptr builder(mp4_builder_create());
     mp4_builder *const b = builder.get();
-    for (const mp4_track_desc &track : three_tracks) if (b->add_track(b, &track) < 0) std::abort();
+    for (const mp4_track_desc &track : three_tracks)
+        if (b->add_track(b, &track) < 0) std::abort();
     if (b->open(b, out, 512, journal.get()) != 0) std::abort();
     for (int i = 0; i < frames; i++)
-        for (const int track : {0, 1, 2}) if (add_frame(b, track, i) != 0) std::abort();
+        for (const int track : {0, 1, 2})
+            if (add_frame(b, track, i) != 0) std::abort();
     if (b->close(b) != 0) std::abort();
     return {file_content(out), drain(journal)};
-}
-
-using place = std::tuple<uint64_t, size_t, uint32_t, uint64_t, bool>; // of a sample: offset, track, size, time, key
-
-/** In file order. */
-inline std::vector<place> places(const mp4::file &file)
-{
-    std::set<place> all;
-    for (size_t i = 0; i < file.tracks.size(); i++)
-        for (const mp4::sample &s : file.tracks[i].samples) all.emplace(s.offset, i, s.size, s.time, s.sync);
-    return std::vector<place>(all.begin(), all.end());
 }
