@@ -2,7 +2,11 @@
  * Feeds the journal target with journals that mean harm: hostile-journals COUNT [SEED]. First every field of every
  * record at its extremes, beside media of several sizes; then COUNT journals that are mutated or made up.
  */
+#include <iomanip>
+#include <iterator>
 #include <random>
+#include <sstream>
+#include <utility>
 
 #include <mediafiles/caretaker.h>
 
@@ -16,64 +20,33 @@ struct field {
 
 /** A good journal: three tracks with their parameter sets, a record of the application, six samples. */
 const struct good_journal {
-    bytes content;
+    bytes content = joined(
+        {::records("avc aac hevc"), hex("07000400 6742c01e 08000400 68ce3c80 06020400 40010c01 09020400 4e010105"),
+         hex("00090400 07000000"),
+         ::records("m0:32,20,1,32000,0 m1:52,21,1,52000,1 m2:73,22,2,73000,0 m0:95,20,3,95000,0 m1:115,21,3,115000,1 "
+                   "m0:136,20,4,136000,0")});
     std::vector<field> fields;
     std::vector<bytes> records;
 
-    void add(uint32_t kind, uint32_t track, const std::vector<uint32_t> &words)
-    {
-        const size_t begin = content.size();
-        const auto put = [this](uint32_t value, size_t width) {
-            fields.push_back({content.size(), width});
-            for (size_t i = 0; i < width; i++) content.push_back(static_cast<uint8_t>(value >> 8 * i));
-        };
-        put(kind, 1);
-        put(track, 1);
-        put(static_cast<uint32_t>(4 * words.size()), 2);
-        for (const uint32_t word : words) put(word, 4);
-        records.emplace_back(content.begin() + static_cast<ptrdiff_t>(begin), content.end());
-    }
     good_journal()
     {
-        for (const uint32_t type : {MP4_TRACK_H264, MP4_TRACK_AAC, MP4_TRACK_H265})
-            add(MEMENTO_TRACK, 0, {type, 640, 16, 48000});
-        add(MEMENTO_SPS, 0, {0x1EC04267});
-        add(MEMENTO_PPS, 0, {0x803CCE68});
-        add(MEMENTO_VPS, 2, {0x010C0140});
-        add(MEMENTO_SEI, 2, {0x0501014E});
-        add(MEMENTO_USER, 9, {7});
-        uint32_t offset = 32;
-        for (const uint32_t track : {0u, 1u, 2u, 0u, 1u, 0u}) {
-            add(MEMENTO_SAMPLE, track, {offset, 20 + track, offset / 30, 0, offset * 1000, track & 1});
-            offset += 20 + track;
+        for (size_t at = 0, end; at < content.size(); at = end) {
+            end = at + 4 + content[at + 2];
+            records.emplace_back(content.begin() + ptrdiff_t(at), content.begin() + ptrdiff_t(end));
+            for (const size_t width : {1, 1, 2}) fields.push_back({std::exchange(at, at + width), width});
+            for (; at < end; at += 4) fields.push_back({at, 4});
         }
     }
 } good;
 
 /** Kinds, lengths and places, types, times. */
-constexpr uint32_t extremes[] = {0,           1,
-                                 2,           3,
-                                 4,           5,
-                                 7,           8,
-                                 9,           10,
-                                 15,          16,
-                                 17,          23,
-                                 24,          25,
-                                 31,          32,
-                                 33,          52,
-                                 53,          127,
-                                 128,         255,
-                                 256,         505,
-                                 508,         509,
-                                 512,         0x101,
-                                 0x102,       0x201,
-                                 0x8101,      0x7FFF,
-                                 0x8000,      0xFFFF,
-                                 999'999'999, 1'000'000'000,
-                                 0x7FFFFFFF,  0x80000000,
-                                 0xDFFFFFDE,  0xDFFFFFFF,
-                                 0xE0000000,  0xFFFFFFE0,
-                                 0xFFFFFFFF};
+const std::vector<uint32_t> extremes = [] {
+    std::istringstream in(
+        "0 1 2 3 4 5 7 8 9 10 15 16 17 23 24 25 31 32 33 52 53 127 128 255 256 505 508 509 512 0x101 0x102 "
+        "0x201 0x8101 0x7FFF 0x8000 0xFFFF 999999999 1000000000 0x7FFFFFFF 0x80000000 0xDFFFFFDE 0xDFFFFFFF "
+        "0xE0000000 0xFFFFFFE0 0xFFFFFFFF ");
+    return std::vector<uint32_t>(std::istream_iterator<uint32_t>(in >> std::setbase(0)), {});
+}();
 
 std::mt19937 engine; // the same numbers everywhere, unlike the distributions
 
