@@ -368,7 +368,7 @@ reference without_faults(const way_of_recording &way, bytes *acknowledged = null
     return {r.media, r.journaled};
 }
 
-TEST(fault_sweep, recording)
+TEST(FaultSweep, Recording)
 {
     for (const way_of_recording &way : ways) {
         const reference good = without_faults(way);
@@ -386,7 +386,7 @@ void starve(const std::string &what, const Scenario &scenario)
 }
 
 /** Lists with more entries than there is room for on the stack, and tables that begin late. */
-TEST(fault_sweep, long_lists)
+TEST(FaultSweep, LongLists)
 {
     const bytes data(700000, 0xA5);
     const std::vector<iovec> entries(200, iovec{const_cast<uint8_t *>(data.data()), 8});
@@ -482,7 +482,7 @@ interrupted cut_recording()
     return {"an interrupted file", true, media, journal};
 }
 
-TEST(fault_sweep, repair)
+TEST(FaultSweep, Repair)
 {
     for (const int level : {4, 5, 8}) __logLevels[16 * level + 15] = 1;
     const interrupted file = cut_recording();

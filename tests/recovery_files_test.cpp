@@ -160,7 +160,7 @@ lines recover(const card &on, std::vector<std::string> paths = {}, uint32_t flag
     return heard.lines;
 }
 
-TEST(recovery_files, hashes_as_the_standard_does)
+TEST(RecoveryFiles, HashesAsTheStandardDoes)
 {
     const struct { std::string text, digits; } cases[] = { // FIPS 180-4 and its examples
         {"", "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855"},
@@ -194,7 +194,7 @@ void fill_with_cuts(const card &on, const std::string &in = "")
     on.put(in + "e.mp4", {}, bytes(), old_time + 1);
 }
 
-TEST(recovery_files, a_dry_run_says_what_is_done_and_changes_nothing)
+TEST(RecoveryFiles, ADryRunSaysWhatIsDoneAndChangesNothing)
 {
     const card on, out;
     fill_with_cuts(on);
@@ -256,7 +256,7 @@ int trace_recovery(const card &on, uint32_t flags, const char *output, Visit cha
     return stops;
 }
 
-TEST(recovery_files, a_kill_at_any_system_call_ends_in_the_same_bytes)
+TEST(RecoveryFiles, AKillAtAnySystemCallEndsInTheSameBytes)
 {
     const card pristine;
     fill_with_cuts(pristine);
@@ -288,7 +288,7 @@ TEST(recovery_files, a_kill_at_any_system_call_ends_in_the_same_bytes)
 }
 
 /* RECOVERY_PAIRS and RECOVERY_KILLS say how many. */
-TEST(recovery_files, a_kill_among_many_pairs_ends_in_the_same_bytes)
+TEST(RecoveryFiles, AKillAmongManyPairsEndsInTheSameBytes)
 {
     const auto number = [](const char *name, int otherwise) {
         const char *const value = getenv(name);
@@ -320,7 +320,7 @@ TEST(recovery_files, a_kill_among_many_pairs_ends_in_the_same_bytes)
     EXPECT_GE(cuts, kills - 1); // a name of a temporary file may be tried twice
 }
 
-TEST(recovery_files, a_hostile_card_is_left_alone)
+TEST(RecoveryFiles, AHostileCardIsLeftAlone)
 {
     const card on, elsewhere;
     elsewhere.put("victim.mp4", open_media());
@@ -390,7 +390,7 @@ TEST(recovery_files, a_hostile_card_is_left_alone)
     close(busy);
 }
 
-TEST(recovery_files, directories_that_cannot_be_searched_do_not_stop_the_others)
+TEST(RecoveryFiles, DirectoriesThatCannotBeSearchedDoNotStopTheOthers)
 {
     const card on;
     on.put("a.mp4", open_media(), whole().journal);
@@ -415,7 +415,7 @@ TEST(recovery_files, directories_that_cannot_be_searched_do_not_stop_the_others)
 }
 
 /* While a name changes between a recording and a link to a file elsewhere, that file is never touched. */
-TEST(recovery_files, what_is_swapped_between_look_and_open_is_not_followed)
+TEST(RecoveryFiles, WhatIsSwappedBetweenLookAndOpenIsNotFollowed)
 {
     const card on, elsewhere;
     elsewhere.put("victim.mp4", open_media());
@@ -449,7 +449,7 @@ TEST(recovery_files, what_is_swapped_between_look_and_open_is_not_followed)
     close(directory);
 }
 
-TEST(recovery_files, what_somebody_writes_is_left_alone)
+TEST(RecoveryFiles, WhatSomebodyWritesIsLeftAlone)
 {
     const card on;
     const std::string busy = ": refused: another process is recording or repairing it (EAGAIN)";
@@ -474,7 +474,7 @@ TEST(recovery_files, what_somebody_writes_is_left_alone)
     EXPECT_EQ(recover(on), lines{"a.mp4: repaired"});
 }
 
-TEST(recovery_files, journals_find_their_media)
+TEST(RecoveryFiles, JournalsFindTheirMedia)
 {
     const card on;
     const auto cut = [&](const char *media, const char *journal, time_t time) {
@@ -508,7 +508,7 @@ TEST(recovery_files, journals_find_their_media)
     EXPECT_FALSE(fs::exists(journal));
 }
 
-TEST(recovery_files, copies_never_take_a_name_that_is_there)
+TEST(RecoveryFiles, CopiesNeverTakeANameThatIsThere)
 {
     const card on, out;
     on.put("1/a.mp4", open_media(), whole().journal, 20), on.put("2/a.mp4", open_media(), whole().journal, 10);
@@ -535,7 +535,7 @@ TEST(recovery_files, copies_never_take_a_name_that_is_there)
     EXPECT_EQ(on.get("2/a.mp4"), open_media());
 }
 
-TEST(recovery_files, what_fails_leaves_no_temporary_and_can_be_repeated)
+TEST(RecoveryFiles, WhatFailsLeavesNoTemporaryAndCanBeRepeated)
 {
     const card on, out;
     on.put("a.mp4", open_media(), whole().journal);
@@ -577,7 +577,7 @@ TEST(recovery_files, what_fails_leaves_no_temporary_and_can_be_repeated)
 }
 
 /** The functions for one file, with descriptors that a caller has opened. */
-TEST(recovery_files, a_plan_is_applied_in_place_and_to_a_sink)
+TEST(RecoveryFiles, APlanIsAppliedInPlaceAndToASink)
 {
     const card on;
     on.put("a.mp4", open_media(), whole().journal);
