@@ -28,23 +28,15 @@ public:
 
     void run()
     {
-        for (int calls = 0; !input.empty() && calls < 120; calls++) switch (const size_t call = take(); call % 16) {
-            case 0:
-                add_track();
-                break;
-            case 1:
-                sync();
-                break;
-            case 2:
-                keep(drain(journal));
-                break;
-            case 3:
-                end_file(call & 16);
-                begin_file();
-                break;
-            default:
-                add_frame(call & 16);
-            }
+        for (int calls = 0; !input.empty() && calls < 120; calls++) {
+            const size_t call = take(), kind = call % 16;
+            if (kind == 0) add_track();
+            if (kind == 1) sync();
+            if (kind == 2) keep(drain(journal));
+            if (kind == 3) end_file(call & 16);
+            if (kind == 3) begin_file();
+            if (kind > 3) add_frame(call & 16);
+        }
     }
 
 private:

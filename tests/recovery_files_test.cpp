@@ -37,12 +37,9 @@ const recording &whole()
 }
 bytes open_media()
 {
-    bytes media = whole().file;
-    media.resize(24 + size_t(media[25] << 16 | media[26] << 8 | media[27]));
-    overlay(media, 24, bytes(4));
-    return media;
+    const bytes &media = whole().file;
+    return with(first(media, 24 + size_t(media[25] << 16 | media[26] << 8 | media[27])), 24, bytes(4));
 }
-bytes part(const bytes &all, size_t size) { return bytes(all.begin(), all.begin() + ptrdiff_t(size)); }
 
 /** The journal as far as it names so many samples. */
 bytes journal_with(size_t samples)
@@ -53,7 +50,7 @@ bytes journal_with(size_t samples)
         samples -= all[at] == MEMENTO_SAMPLE;
         at += (7 + (all[at + 2] | size_t{all[at + 3]} << 8)) & ~size_t{3};
     }
-    return part(all, at);
+    return first(all, at);
 }
 
 /** A directory that goes away with all that is in it. */
