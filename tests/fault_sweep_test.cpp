@@ -69,12 +69,8 @@ struct tally : testing::Environment {
         }
         std::string list;
         for (int kind = 0; kind < faults::kinds; kind++)
-            list += std::string(", ") + names[kind] + " " + grouped(by_kind[kind]);
-        printf("fault sweep: %s faults injected: %s\n", grouped(all).c_str(), list.c_str() + 2);
-    }
-    static std::string grouped(long n)
-    {
-        return n < 1000 ? text(n) : grouped(n / 1000) + "," + text(1000 + n % 1000).substr(1);
+            list += std::string(", ") + names[kind] + " " + text(by_kind[kind]);
+        printf("fault sweep: %s faults injected: %s\n", text(all).c_str(), list.c_str() + 2);
     }
 };
 [[maybe_unused]] const auto *const registered = testing::AddGlobalTestEnvironment(new tally);
@@ -378,13 +374,6 @@ TEST(FaultSweep, Recording)
     }
 }
 
-/** A sweep of the allocations alone. */
-template <class Scenario>
-void starve(const std::string &what, const Scenario &scenario)
-{
-    sweep(what, scenario, 0, memory);
-}
-
 /** Lists with more entries than there is room for on the stack, and tables that begin late. */
 TEST(FaultSweep, LongLists)
 {
@@ -392,7 +381,7 @@ TEST(FaultSweep, LongLists)
     const std::vector<iovec> entries(200, iovec{const_cast<uint8_t *>(data.data()), 8});
     const mp4_gather_list list = {entries.data(), 200, 0, 1600};
     for (const uint32_t cache : {0u, 64u})
-        starve("a file stream, cache " + text(cache), [&](faults::injection &injection) -> std::string {
+        sweep("a file stream, cache " + text(cache), [&](faults::injection &injection) -> std::string {
             const descriptor file;
             const stream_ptr stream(mp4_file_stream_create(file, cache));
             if (!stream) return errno == ENOMEM ? "" : " not reported";
@@ -403,8 +392,8 @@ TEST(FaultSweep, LongLists)
             stream->flush(stream.get());
             const bool all = stream->tell(stream.get()) == expected && file_content(file).size() == expected;
             return error == injection.cause && all ? "" : " " + text(error);
-        });
-    starve("a memory stream", [&](faults::injection &injection) -> std::string {
+        }, 0, memory);
+    sweep("a memory stream", [&](faults::injection &injection) -> std::string {
         const stream_ptr stream(mp4_memory_stream_create());
         fake_stream out;
         const int error = !stream ? errno
@@ -412,8 +401,8 @@ TEST(FaultSweep, LongLists)
                               ? ENOMEM
                               : error_of(stream->copy_to(stream.get(), &out));
         return error == injection.cause && out.content.size() == (error ? 0 : data.size()) ? "" : " " + text(error);
-    });
-    starve("a track", [&](faults::injection &injection) -> std::string {
+    }, 0, memory);
+    sweep("a track", [&](faults::injection &injection) -> std::string {
         std::unique_ptr<mp4_track, destroy_by<mp4_track_destroy>> track(
             mp4_track_create(1, MP4_MEDIA_AUDIO, 1000, 1000));
         if (!track) return errno == ENOMEM ? "" : " not reported";
@@ -427,7 +416,7 @@ TEST(FaultSweep, LongLists)
         if (error && injection.made[memory] && out.content.size() != written && out.content.size() != 2700)
             return " a part";
         return error == injection.cause ? "" : " " + text(error);
-    });
+    }, 0, memory);
 }
 
 /** Repairs while something fails, `good` being what comes of it when nothing does. */
@@ -476,8 +465,7 @@ interrupted cut_recording()
     bytes journal;
     const reference whole = without_faults({"", 512, 110, 105}, &journal);
     const size_t end = size_t(whole.samples[samples_of(journal).size()].offset) + 100, size = journal.size();
-    bytes media(whole.media.begin(), whole.media.begin() + long(end));
-    overlay(media, 24, bytes(4));
+    const bytes media = with(first(whole.media, end), 24, bytes(4));
     journal.insert(journal.end(), &whole.journal[size], &whole.journal[size + 13]);
     return {"an interrupted file", true, media, journal};
 }

@@ -76,14 +76,6 @@ struct Plan : testing::Test {
     }
 };
 
-template <class Record>
-Record sized()
-{
-    Record record = {};
-    record.size = sizeof record;
-    return record;
-}
-
 /** What the core's repair makes of both files; empty when it refuses. */
 bytes fixed(const bytes &media, const bytes &journal, int version = 1)
 {
@@ -469,12 +461,8 @@ TEST_F(Plan, TakesAWholeMovieHeaderIntoWhichTheJournalReaches)
 TEST_F(Plan, AsksBeforeItCutsOrAddsALot)
 {
     const recorded &r = recordings()[0];
-    const struct {
-        uint64_t media;
-        uint32_t last;
-        const char *outcome;
-        uint32_t help;
-    } cases[] = {
+    const std::tuple<uint64_t, uint32_t, const char *, uint32_t> cases[] = {
+        // sizes of media and of the last sample
         {r.open.size() + (64u << 20), 0, "repaired", 0},
         {r.open.size() + (64u << 20) + 1, 0, "refused: large cut", MEDIAFILES_FORCE},
         {UINT32_MAX, 0, "refused: large cut", MEDIAFILES_FORCE},
@@ -482,15 +470,15 @@ TEST_F(Plan, AsksBeforeItCutsOrAddsALot)
         {r.open.size(), 64u << 20, "repaired", 0},
         {r.open.size(), 65u << 20, "refused: large growth", MEDIAFILES_FORCE},
     };
-    for (const auto &c : cases) {
+    for (const auto &[size, last, outcome, help] : cases) {
         bytes journal = r.journal;
-        for (size_t i = 0; c.last && i < 4; i++) journal[journal.size() - 20 + i] = uint8_t(c.last >> 8 * i);
+        for (size_t i = 0; last && i < 4; i++) journal[journal.size() - 20 + i] = uint8_t(last >> 8 * i);
         const bytes marked = joined({journal, mark_of(1, r.open.size(), journal)});
-        for (const uint32_t option : {0u, c.help}) {
-            planned::input media = {r.open, c.media}, beside = {marked};
+        for (const uint32_t option : {0u, help}) {
+            planned::input media = {r.open, size}, beside = {marked};
             const planned p(media, &beside, option);
-            EXPECT_EQ(option ? "repaired" : c.outcome, outcome_of(p)) << c.media << text_of(p);
-            EXPECT_EQ(option ? 0 : c.help, p.info.help);
+            EXPECT_EQ(option ? "repaired" : outcome, outcome_of(p)) << size << text_of(p);
+            EXPECT_EQ(option ? 0 : help, p.info.help);
         }
     }
 }
@@ -639,7 +627,8 @@ struct reading {
     int next(mediafiles_journal_record &record) const { return mediafiles_journal_next(journal.get(), &record); }
     mediafiles_journal_summary summary() const
     {
-        auto all = sized<mediafiles_journal_summary>();
+        mediafiles_journal_summary all = {};
+        all.size = sizeof all;
         mediafiles_journal_get_summary(journal.get(), &all);
         return all;
     }
@@ -675,12 +664,7 @@ TEST_F(Plan, HandsOutTheRecordsOfAJournal)
 TEST_F(Plan, SummarisesHowAJournalEnds)
 {
     const recorded &r = recordings()[1];
-    const struct {
-        const char *what;
-        bytes journal;
-        uint32_t ending;
-        uint64_t end;
-    } cases[] = {
+    const std::tuple<const char *, bytes, uint32_t, uint64_t> cases[] = {
         {"whole", r.marked, MEDIAFILES_JOURNAL_WHOLE, r.marked.size()},
         {"cut", first(r.marked, 30), MEDIAFILES_JOURNAL_CUT, 20},
         {"torn", with(first(r.journal, 40), 40, hex("FF00FFFF")), MEDIAFILES_JOURNAL_TORN, 40},
@@ -688,7 +672,8 @@ TEST_F(Plan, SummarisesHowAJournalEnds)
     };
     for (const auto &[what, stored, ending, end] : cases) {
         const reading journal(stored);
-        auto record = sized<mediafiles_journal_record>();
+        mediafiles_journal_record record = {};
+        record.size = sizeof record;
         while (journal.next(record)) {}
         const mediafiles_journal_summary summary = journal.summary();
         EXPECT_EQ(std::tuple(ending, end, stored.size() - end), std::tuple(summary.ending, summary.end, summary.lost))
@@ -747,7 +732,8 @@ TEST_F(Plan, TakesFortyBytesASample)
     const mediafiles_source media_source = from.source(), journal_source = beside.source();
     mediafiles_plan *plan = mediafiles_plan_create(&media_source, &journal_source, 0);
     const size_t taken = std::max(peak, in_use()) - before;
-    auto info = sized<mediafiles_plan_info>();
+    mediafiles_plan_info info = {};
+    info.size = sizeof info;
     mediafiles_plan_get(plan, &info);
     mediafiles_plan_destroy(plan);
     EXPECT_EQ(MEDIAFILES_REPAIRED, info.result);
@@ -813,11 +799,8 @@ TEST_F(Plan, HoldsAHeaderAgainstTheMedia)
 {
     EXPECT_EQ("finished", result_of(header_of(4, 10), 72, 48));
     /* Tables of other media, or of other times. */
-    const struct {
-        const char *type;
-        size_t field;
-        uint32_t value;
-    } cases[] = {{"'stsc'", 20, 2}, {"'stsc'", 16, 3}, {"'mdhd'", 20, 48000}, {"'stsz'", 12, 5}, {"'tkhd'", 16, 2}};
+    const std::tuple<const char *, size_t, uint32_t> cases[] = {
+        {"'stsc'", 20, 2}, {"'stsc'", 16, 3}, {"'mdhd'", 20, 48000}, {"'stsz'", 12, 5}, {"'tkhd'", 16, 2}};
     for (const auto &[type, field, value] : cases) {
         bytes header = header_of(4, 10);
         const auto at = size_t(std::ranges::search(header, hex(type)).begin() - header.begin());
