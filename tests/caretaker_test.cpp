@@ -108,18 +108,20 @@ TEST(JournalWriter, EndsWithoutAHoleWhenMemoryEnds)
 {
     const std::string last = " m1:90,5,1 0/0";
     const bytes good = records(filler(4096 - 28) + "m0:40,4,1 m0:44,5,2 m0:49,6,3" + last);
-    bool hit = true;
-    for (long nth = 0; hit; nth++) { // the second sample of the chunk makes the buffer grow
-        SCOPED_TRACE(nth);
-        const journal_ptr journal(mediafile_caretaker_create());
-        const faults::injection injection({.nth = nth, .error = ENOMEM});
-        const int error = add(journal, "p0:1 p0:2 p0:3 s0:4 s0:5 s0:6 " + filler(4096 - 28) + "c0:40,3" + last);
-        hit = injection.hit;
-        EXPECT_EQ(hit ? ENOMEM : 0, error);
-        EXPECT_EQ(std::pair(error, 0), state(journal));
-        const bytes stored = drain(journal);
-        EXPECT_TRUE(std::equal(stored.begin(), stored.end(), good.begin()));
-        EXPECT_EQ(hit, stored.size() < good.size());
+    for (const std::string placed : {"c0:40,3", "w0:40,4 w0:44,5 w0:49,6"}) {
+        bool hit = true;
+        for (long nth = 0; hit; nth++) { // the second sample makes the buffer grow
+            SCOPED_TRACE(nth);
+            const journal_ptr journal(mediafile_caretaker_create());
+            const faults::injection injection({.nth = nth, .error = ENOMEM});
+            const int error = add(journal, "p0:1 p0:2 p0:3 s0:4 s0:5 s0:6 " + filler(4096 - 28) + placed + last);
+            hit = injection.hit;
+            EXPECT_EQ(hit ? ENOMEM : 0, error);
+            EXPECT_EQ(std::pair(error, 0), state(journal));
+            const bytes stored = drain(journal);
+            EXPECT_TRUE(std::equal(stored.begin(), stored.end(), good.begin()));
+            EXPECT_EQ(hit, stored.size() < good.size());
+        }
     }
 }
 
