@@ -110,7 +110,7 @@ TEST(Tree, EndsAtTheFirstFailure)
     film.video->sample_count = 6;
     film.audio->delay = 1;
     for (const auto &[writer, least] :
-         {std::pair<box_writer, int>(mp4_atom_ftyp_write, 8), {mp4_atom_moov_write, 200}}) {
+         {std::pair<box_writer, int>(mp4_atom_ftyp_write, 8), {mp4_atom_mdat_write, 4}, {mp4_atom_moov_write, 200}}) {
         for (int n = 0, result = -1; result != 0; ++n) {
             fake_stream out;
             out.fail_at = n;

@@ -139,6 +139,8 @@ TEST(JournalReader, DropsARecordThatTheEndOfTheFileCuts)
                 ASSERT_EQ(0, ftruncate(file, static_cast<off_t>(size)));
                 ASSERT_EQ(good, popped(reader)) << size;
                 ASSERT_EQ(std::pair(0, 1), state(reader)) << size;
+                ASSERT_EQ(0, ftruncate(file, static_cast<off_t>(all.size() + 4)));
+                ASSERT_EQ(bytes(), popped(reader)) << size; // it has ended
                 mediafile_caretaker_reset2(reader.get());
                 ASSERT_EQ(std::pair(0, 0), state(reader)) << size;
             }
