@@ -179,6 +179,11 @@ TEST(Descriptors, NestWithFourByteSizes)
     out.at = 3;
     EXPECT_EQ(0, mp4_descriptor_write_to_stream(root, &out));
     EXPECT_TRUE(expected == dump(out.content));
+    for (int n = 0; n < out.calls; ++n) {
+        fake_stream failing;
+        failing.fail_at = n;
+        EXPECT_EQ(-1, mp4_descriptor_write_to_stream(root, &failing)) << n;
+    }
     mp4_descriptor_destroy(root);
 }
 

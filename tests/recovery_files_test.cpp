@@ -151,6 +151,7 @@ lines recover(const card &on, std::vector<std::string> paths = {}, uint32_t flag
     for (const std::string &path : paths) pointers.push_back(path.c_str());
     const mediafiles_recover_options options = {sizeof options, flags, nullptr, output, nullptr, nullptr};
     said heard = {on.root, {}};
+    const without_stdin first; // the first file's descriptor is 0
     const int free_before = free_descriptor();
     const int result = mediafiles_recover(pointers.data(), pointers.size(), &options, said::take, &heard);
     EXPECT_EQ(error_of(result), error);
@@ -444,6 +445,15 @@ TEST(RecoveryFiles, WhatIsSwappedBetweenLookAndOpenIsNotFollowed)
     } catch (const obstacle &cause) {
         EXPECT_EQ(cause.reason, uint32_t{MEDIAFILES_REASON_CHANGED});
     }
+    /* And a copy whose name somebody takes while it is made. */
+    try {
+        mediafiles::recovery::temporary_file(directory, 0600).name("b.mp4");
+        ADD_FAILURE() << "the name is taken";
+    } catch (const obstacle &cause) {
+        EXPECT_EQ(cause.reason, uint32_t{MEDIAFILES_REASON_EXISTS});
+    }
+    char byte;
+    EXPECT_TRUE(mediafiles::recovery::read_at(directory, 0, &byte, 1) == -1 && errno == EISDIR);
     close(directory);
 }
 
@@ -479,7 +489,7 @@ TEST(RecoveryFiles, JournalsFindTheirMedia)
         on.put(media, open_media(), time), on.put(journal, whole().journal, time);
     };
     cut("CLIP.MP4", "CLIP.MP4.JOURNAL", 9);
-    cut("small.mp4", "Small.mp4.Journal", 8);
+    cut("a-z.mp4", "A-Z.mp4.Journal", 8);
     cut("x.mp4", "x.mp4.journal", 7), on.put("X.mp4", open_media(), 6), on.put("X.MP4.journal", {}, 6);
     cut("film.mov", "film.mov.journal", 5);
     on.put("no.mp4", open_media(), 4);
@@ -487,11 +497,11 @@ TEST(RecoveryFiles, JournalsFindTheirMedia)
     const std::string none = ": refused: it was cut off, and there is no journal that names its frames";
     /* Newest first; each once, whichever path leads to it; a journal stands for its media. */
     const lines dry = recover(on, {on / "x.mp4.journal", on / "no.mp4", on.root, on / "x.mp4"}, MEDIAFILES_DRY_RUN);
-    EXPECT_EQ(dry, (lines{"CLIP.MP4: repaired", "small.mp4: repaired", "x.mp4: repaired", "X.mp4: removed",
+    EXPECT_EQ(dry, (lines{"CLIP.MP4: repaired", "a-z.mp4: repaired", "x.mp4: repaired", "X.mp4: removed",
                           "film.mov: repaired", "no.mp4" + none}));
-    EXPECT_EQ(recover(on, {on / "Small.mp4.Journal", on / "others.journal", on / "no.mp4"}),
-              (lines{"small.mp4: repaired", "no.mp4" + none}));
-    EXPECT_EQ(on.get("small.mp4"), whole().file);
+    EXPECT_EQ(recover(on, {on / "A-Z.mp4.Journal", on / "others.journal", on / "no.mp4"}),
+              (lines{"a-z.mp4: repaired", "no.mp4" + none}));
+    EXPECT_EQ(on.get("a-z.mp4"), whole().file);
 
     /* The journal may be named, and lie elsewhere. */
     const card elsewhere;
