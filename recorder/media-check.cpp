@@ -60,10 +60,10 @@ check_result check_media(journal_scan &journal, const mediafiles_source &media, 
         const sample sample = next.as_sample();
         const bool video = is_video(journal.track[sample.track]);
         const uint64_t index = seen.video;
-        const bool looked_at = video && chosen.has(index);
-        if (looked_at && walk_units(media, sample, journal.track[sample.track].type, nullptr, nullptr)) {
+        const bool chosen_one = video && chosen.has(index);
+        if (chosen_one && walk_units(media, sample, journal.track[sample.track].type, nullptr, nullptr)) {
             result.torn = false;
-        } else if (looked_at) {
+        } else if (chosen_one) {
             if (!all) return check_media(journal, media, samples, true, bad);
             if (bad.count() == 0) {
                 result.before = seen;

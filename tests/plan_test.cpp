@@ -224,9 +224,8 @@ TEST_F(Plan, DecidesEveryStateOfAClose)
 }
 
 /* Files that begin as ours, with a header that the core never writes: no journal changes them. */
-TEST(plan, leaves_alone_what_other_programs_have_written)
+TEST_F(Plan, LeavesAloneWhatOtherProgramsHaveWritten)
 {
-    const silence quiet;
     const recorded &r = recordings().front();
     const std::string text(r.closed.begin(), r.closed.end());
     const auto at = [&](const char *box) { return text.find(box, r.open.size()); };
