@@ -384,7 +384,8 @@ std::vector<media_case> media_cases(const recorded &r)
     static const bytes none;
     const size_t all = r.samples.size(), bad = video_among(r, all / 2), latest = video_among(r, all);
     const bytes damaged = with(r.open, r.samples[bad].offset, hex("7FFFFFFF")), foreign = with(r.open, 32, hex("7F")),
-                end = with(r.open, r.samples[latest].offset, bytes(4)), zeros(100);
+                end = with(r.open, r.samples[latest].offset, bytes(4)), zeros(100),
+                almost = joined({bytes(300'000), {1}});
     const uint64_t half = r.open.size() / 2, mid = r.marked.size() / 2;
     const auto readable = size_t(std::ranges::count_if(r.samples, [&](auto &s) { return s.offset + 4 <= half; })),
                named = size_t(named_in(r.marked, size_t(mid)));
@@ -402,10 +403,10 @@ std::vector<media_case> media_cases(const recorded &r)
         {"empty journal, torn end", with(r.open, 24, hex("0000FFFF")), &none, 0, "refused: no samples", 0},
         {"both empty", none, &none, 0, "removed", 0},
         {"zeros", zeros, &none, 0, "removed", 0},
+        {"zeros and another byte", almost, &none, 0, "not ours", 0},
         {"zeros, a journal with samples", zeros, &r.journal, 0, "not ours", 0},
         {"an empty file alone", none, nullptr, 0, "not ours", 0},
         {"another file, an empty journal", r.journal, &none, 0, "not ours", 0},
-        {"something added to a whole file", joined({r.closed, hex("00000008 'free'")}), &r.journal, 0, "finished", 0},
         /* What cannot be read is the end; a bad block before the end is damage. */
         {"media that ends", r.open, &r.marked, 0, "repaired", readable, {half, UINT64_MAX}},
         {"a bad block", r.open, &r.marked, check, "refused: media damaged", 0, {half, half + 512}},
@@ -446,6 +447,21 @@ TEST_F(Plan, ReportsTheRangesOfDamage)
     }
 }
 
+TEST_F(Plan, LeavesAWholeFileAlone)
+{
+    for (const recorded &r : recordings()) {
+        const bytes added = joined({r.closed, hex("00000008 'free'")});
+        EXPECT_EQ("finished", outcome_of(plan_of(added, &r.journal))) << r.name;
+    }
+    /* A journal that ends before the media, with another parameter set. */
+    const recorded &r = recordings()[2];
+    const model::journal named = model::read(r.journal);
+    const auto set = std::ranges::find(named.records, MEMENTO_SPS, &model::record::kind)->payload;
+    const auto at = size_t(set.data() - r.journal.data());
+    const bytes before = with(first(r.journal, r.journal.size() / 2), at + 5, hex("A5A5"));
+    EXPECT_EQ("finished", outcome_of(plan_of(r.closed, &before)));
+}
+
 /* The size of mdat is missing alone. */
 TEST_F(Plan, TakesAWholeMovieHeaderIntoWhichTheJournalReaches)
 {
@@ -465,6 +481,8 @@ TEST_F(Plan, AsksBeforeItCutsOrAddsALot)
         {r.open.size() + (64u << 20), 0, "repaired", 0},
         {r.open.size() + (64u << 20) + 1, 0, "refused: large cut", MEDIAFILES_FORCE},
         {UINT32_MAX, 0, "refused: large cut", MEDIAFILES_FORCE},
+        {r.open.size() + (133u << 20), 66u << 20, "refused: large cut", MEDIAFILES_FORCE}, // more than half
+        {r.open.size() + (131u << 20), 66u << 20, "repaired", 0},
         {uint64_t{UINT32_MAX} + 1, 0, "refused: too large", 0},
         {r.open.size(), 64u << 20, "repaired", 0},
         {r.open.size(), 65u << 20, "refused: large growth", MEDIAFILES_FORCE},
@@ -475,7 +493,7 @@ TEST_F(Plan, AsksBeforeItCutsOrAddsALot)
         const bytes marked = joined({journal, mark_of(1, r.open.size(), journal)});
         for (const uint32_t option : {0u, help}) {
             planned::input media = {r.open, size}, beside = {marked};
-            const planned p(media, &beside, option);
+            const planned p(media, &beside, option, 0); // no bytes of the file are needed
             EXPECT_EQ(option ? "repaired" : outcome, outcome_of(p)) << size << text_of(p);
             EXPECT_EQ(option ? 0 : help, p.info.help);
         }
@@ -544,7 +562,7 @@ struct codec_units {
 };
 
 /**
- * Three key frames of stored samples, each with all parameter sets, one of which is too large for a journal. The
+ * Three key frames of stored samples, the first with all parameter sets, one of which is too large for a journal. The
  * journal has the last `journaled` of them. Returns the file before and after the close, and the journal.
  */
 std::array<bytes, 3> record_units(const codec_units &codec, size_t journaled)
@@ -575,6 +593,8 @@ std::array<bytes, 3> record_units(const codec_units &codec, size_t journaled)
     for (int i = 0; i < 3; i++) {
         const mp4_frame frame = {0, sample.data(), uint32_t(sample.size()), {i, 0}, 1};
         EXPECT_EQ(0, b->add_frame(b, &frame));
+        sample.clear();
+        add(codec.slice);
     }
     journal = joined({journal, drain(caretaker)});
     const bytes open = file_content(out);
@@ -588,13 +608,13 @@ TEST_F(Plan, TakesLargeParameterSetsFromTheFirstSample)
         {MP4_TRACK_H264, MEMENTO_SPS, {hex("6742c01e 80*600"), hex("68eeff3c")}, hex("65 11*40")},
         {MP4_TRACK_H265,
          MEMENTO_VPS,
-         {hex("40010c01ffff01600000030090000003000003003f928090"),
-          hex("42010101600000030090000003000003003fa0050201696592a4932bc04040000003004000000642 80*600"),
+         {hex("40010c01ffff01600000030090000003000003003f928090 80*600"),
+          hex("42010101600000030090000003000003003fa0050201696592a4932bc04040000003004000000642"),
           hex("4401c172b46240")},
          hex("2601 11*40")},
     };
     for (const codec_units &codec : codecs)
-        for (const size_t journaled : {0, 1}) {
+        for (size_t journaled = 0; journaled < codec.sets.size(); journaled++) {
             const auto [open, closed, journal] = record_units(codec, journaled);
             const planned p = plan_of(open, &journal);
             EXPECT_EQ("repaired", outcome_of(p)) << codec.type << text_of(p);
@@ -624,10 +644,10 @@ struct reading {
     {
     }
     int next(mediafiles_journal_record &record) const { return mediafiles_journal_next(journal.get(), &record); }
-    mediafiles_journal_summary summary() const
+    mediafiles_journal_summary summary(uint32_t size = sizeof(mediafiles_journal_summary)) const
     {
         mediafiles_journal_summary all = {};
-        all.size = sizeof all;
+        all.size = size;
         mediafiles_journal_get_summary(journal.get(), &all);
         return all;
     }
@@ -658,18 +678,22 @@ TEST_F(Plan, HandsOutTheRecordsOfAJournal)
     EXPECT_EQ(std::tuple(r.rounds.size() - 1, r.samples.size(), r.open.size(), 2u),
               std::tuple(all.rounds, all.samples, all.media_end, all.tracks));
     EXPECT_EQ(MP4_TRACK_AAC, all.track[0].type);
+    EXPECT_EQ(0u, whole.summary(8).samples); // an older caller's ends before them
 }
 
 TEST_F(Plan, SummarisesHowAJournalEnds)
 {
     const recorded &r = recordings()[1];
-    const std::tuple<const char *, bytes, uint32_t, uint64_t> cases[] = {
-        {"whole", r.marked, MEDIAFILES_JOURNAL_WHOLE, r.marked.size()},
-        {"cut", first(r.marked, 30), MEDIAFILES_JOURNAL_CUT, 20},
-        {"torn", with(first(r.journal, 40), 40, hex("FF00FFFF")), MEDIAFILES_JOURNAL_TORN, 40},
-        {"damaged", with(r.marked, r.rounds[1], hex("FF00FFFF")), MEDIAFILES_JOURNAL_DAMAGED, r.rounds[1]},
+    const std::tuple<const char *, bytes, uint32_t, uint64_t, bool> cases[] = {
+        // with the bytes before the end, and whether something is wrong there
+        {"whole", r.marked, MEDIAFILES_JOURNAL_WHOLE, r.marked.size(), false},
+        {"cut", first(r.marked, 30), MEDIAFILES_JOURNAL_CUT, 20, false},
+        {"torn", with(first(r.journal, 40), 40, hex("FF00FFFF")), MEDIAFILES_JOURNAL_TORN, 40, true},
+        {"zeros in a record that is no sample", joined({first(r.journal, 20), hex("00000400 01000000 00*99")}),
+         MEDIAFILES_JOURNAL_TORN, 20, false},
+        {"damaged", with(r.marked, r.rounds[1], hex("FF00FFFF")), MEDIAFILES_JOURNAL_DAMAGED, r.rounds[1], true},
     };
-    for (const auto &[what, stored, ending, end] : cases) {
+    for (const auto &[what, stored, ending, end, invalid] : cases) {
         const reading journal(stored);
         mediafiles_journal_record record = {};
         record.size = sizeof record;
@@ -677,7 +701,7 @@ TEST_F(Plan, SummarisesHowAJournalEnds)
         const mediafiles_journal_summary summary = journal.summary();
         EXPECT_EQ(std::tuple(ending, end, stored.size() - end), std::tuple(summary.ending, summary.end, summary.lost))
             << what;
-        EXPECT_EQ(ending <= MEDIAFILES_JOURNAL_CUT, !summary.damage) << what;
+        EXPECT_EQ(invalid, summary.damage != nullptr) << what;
     }
     errno = 0;
     const reading unreadable(r.marked, {0, UINT64_MAX});
@@ -688,9 +712,14 @@ TEST_F(Plan, SummarisesHowAJournalEnds)
 TEST_F(Plan, RecognisesAJournalByItsFirstTrack)
 {
     const recorded &r = recordings()[1];
-    const bytes user = joined({hex("00000800"), bytes(8)});
-    const std::pair<bytes, int> cases[] = {{r.journal, 1}, {joined({user, r.journal}), 1}, {user, 0},
-                                           {r.closed, 0},  {first(r.journal, 19), 0},      {bytes(100'000), 0}};
+    const bytes user = joined({hex("00000800"), bytes(8)}), sample = joined({hex("02001800"), bytes(24)});
+    const std::pair<bytes, int> cases[] = {{r.journal, 1},
+                                           {joined({user, r.journal}), 1},
+                                           {joined({sample, r.journal}), 0},
+                                           {user, 0},
+                                           {r.closed, 0},
+                                           {first(r.journal, 19), 0},
+                                           {bytes(100'000), 0}};
     for (const auto &[data, is] : cases) EXPECT_EQ(is, mediafiles_is_journal(data.data(), data.size())) << data.size();
 }
 
@@ -775,9 +804,10 @@ bytes box(const char *type, std::initializer_list<bytes> parts)
 bytes header_of(uint32_t samples, uint32_t size, const bytes &more = {})
 {
     const bytes entry = box("mp4a", {bytes(28), box("esds", {bytes(30)})});
-    const bytes tables = box("stbl", {box("stsd", {words({0, 1}), entry}), box("stts", {words({0, 1, samples, 0})}),
-                                      box("stsc", {words({0, 1, 1, samples, 1})}), box("stco", {words({0, 1, 32})}),
-                                      box("stsz", {words({0, size, samples})})});
+    const bytes tables =
+        box("stbl", {box("stsd", {words({0, 1}), entry}), box("stts", {words({0, 2, 1, 0, samples - 1, 0})}),
+                     box("stsc", {words({0, 1, 1, samples, 1})}), box("stco", {words({0, 1, 32})}),
+                     box("stsz", {words({0, size, samples})}), box("stss", {words({0, 2, 1, 4})})});
     const bytes media = box("mdia", {box("mdhd", {words({0, 0, 0, 48000, 0, 0})}), box("minf", {tables, more})});
     return box("moov", {box("mvhd", {words({0, 0, 0, 1000}), bytes(84)}),
                         box("trak", {box("tkhd", {words({0, 0, 0, 1}), bytes(68)}), media})});
@@ -798,14 +828,19 @@ TEST_F(Plan, HoldsAHeaderAgainstTheMedia)
 {
     EXPECT_EQ("finished", result_of(header_of(4, 10), 72, 48));
     /* Tables of other media, or of other times. */
-    const std::tuple<const char *, size_t, uint32_t> cases[] = {
-        {"'stsc'", 20, 2}, {"'stsc'", 16, 3}, {"'mdhd'", 20, 48000}, {"'stsz'", 12, 5}, {"'tkhd'", 16, 2}};
+    const std::tuple<const char *, size_t, bytes> cases[] = {
+        {"'stsc'", 20, words({2})}, {"'stsc'", 16, words({3})}, {"'mdhd'", 20, words({48000})},
+        {"'stsz'", 12, words({5})}, {"'tkhd'", 16, words({2})}, {"'stts'", 12, words({0, 0, 4})},
+        {"'stss'", 12, words({0})}, {"'stss'", 12, words({4})}, {"'stss'", 16, words({5})}};
     for (const auto &[type, field, value] : cases) {
         bytes header = header_of(4, 10);
         const auto at = size_t(std::ranges::search(header, hex(type)).begin() - header.begin());
-        overlay(header, at + field, words({value}));
+        overlay(header, at + field, value);
         EXPECT_EQ("refused: no journal", result_of(header, 72, 48)) << type << field;
     }
+    /* Its beginning lies across two windows of the search. */
+    const size_t rest = header_of(4, 10, box("free", {})).size();
+    EXPECT_EQ("repaired", result_of(header_of(4, 10, box("free", {bytes((256u << 10) + 1 - rest)})), 72, 0));
 }
 
 /** Half a million headers that all fit, and lead to the same large table. */
