@@ -161,16 +161,19 @@ lines recover(const card &on, std::vector<std::string> paths = {}, uint32_t flag
 
 TEST(RecoveryFiles, HashesAsTheStandardDoes)
 {
-    const struct { std::string text, digits; } cases[] = { // FIPS 180-4 and its examples
-        {"", "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855"},
-        {"abc", "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"},
-        {"abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq",
-         "248d6a61d20638b8e5c026930c3e6039a33ce45964ff2167f6ecedd419db06c1"},
-        {std::string(1000000, 'a'), "cdc76e5c9914fb9281a1c7e284d73e67f1809a48a497200e046d39ccc7112cd0"}};
+    const struct {
+        std::string text, digits;
+    } cases[] = {// FIPS 180-4 and its examples
+                 {"", "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855"},
+                 {"abc", "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"},
+                 {"abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq",
+                  "248d6a61d20638b8e5c026930c3e6039a33ce45964ff2167f6ecedd419db06c1"},
+                 {std::string(1000000, 'a'), "cdc76e5c9914fb9281a1c7e284d73e67f1809a48a497200e046d39ccc7112cd0"}};
     for (const auto &c : cases)
         for (const size_t step : {1, 55, 64, 1000, 1 << 20}) {
             mediafiles::recovery::sha256 hash;
-            for (size_t at = 0; at < c.text.size(); at += step) hash.add(&c.text[at], std::min(step, c.text.size() - at));
+            for (size_t at = 0; at < c.text.size(); at += step)
+                hash.add(&c.text[at], std::min(step, c.text.size() - at));
             EXPECT_EQ(hash.digits(), c.digits);
         }
 }
@@ -243,7 +246,8 @@ int trace_recovery(const card &on, uint32_t flags, const char *output, Visit cha
         raise(SIGSTOP);
         const char *const paths[] = {on.root.c_str()};
         const mediafiles_recover_options options = {sizeof options, flags, nullptr, output, nullptr, nullptr};
-        mediafiles_recover(paths, 1, &options, [](void *, const mediafiles_report *) { return 0; }, nullptr);
+        mediafiles_recover(
+            paths, 1, &options, [](void *, const mediafiles_report *) { return 0; }, nullptr);
         _exit(0);
     }
     int status = 0, stops = 0;
@@ -259,8 +263,11 @@ TEST(RecoveryFiles, AKillAtAnySystemCallEndsInTheSameBytes)
 {
     const card pristine;
     fill_with_cuts(pristine);
-    const struct { uint32_t flags; bool output; size_t files, cuts; } ways[] = {
-        {0, false, 5, 30}, {MEDIAFILES_KEEP_JOURNAL, false, 9, 35}, {0, true, 4, 12}};
+    const struct {
+        uint32_t flags;
+        bool output;
+        size_t files, cuts;
+    } ways[] = {{0, false, 5, 30}, {MEDIAFILES_KEEP_JOURNAL, false, 9, 35}, {0, true, 4, 12}};
     for (const auto &way : ways) {
         const card whole_run, copies, on, out;
         copy_all(pristine, whole_run), copy_all(pristine, on);
@@ -347,7 +354,8 @@ TEST(RecoveryFiles, AHostileCardIsLeftAlone)
     on.put("other.journal", hex("'text'")), on.put("lonely.mp4.journal", whole().journal);
     on.put("gone.mp4.journal", {}), on.put("gone.journal", {});
     on.put(".mediafiles-0123abcd.tmp", bytes(9)), on.put(".mediafiles-0123abcd.tmp.mp4x", bytes(9));
-    on.put("mine.tmp", bytes(9)), on.put("new\nline\x1b.mp4.journal.new", bytes(9)), on.put(".mediafiles-0123ABCD.tmp", {});
+    on.put("mine.tmp", bytes(9)), on.put("new\nline\x1b.mp4.journal.new", bytes(9)),
+        on.put(".mediafiles-0123ABCD.tmp", {});
     symlink((elsewhere / "victim.mp4").c_str(), (on / ".mediafiles-00000000.tmp").c_str());
     on.put("busy/.mediafiles-00000001.tmp", bytes(9)), on.put("busy/a.mp4", open_media(), whole().journal);
     const int busy = open((on / "busy/.mediafiles-00000001.tmp").c_str(), O_RDONLY | O_CLOEXEC);
@@ -363,14 +371,16 @@ TEST(RecoveryFiles, AHostileCardIsLeftAlone)
     lines wanted = {"._a.mp4: not ours, journal ._a.mp4.journal",
                     "busy/a.mp4: repaired",
                     "dangling.mp4" + not_regular + " (ELOOP)",
-                    "fifo-journal.mp4: refused" + no_file + " (ELOOP) because of fifo-journal.mp4.journal, journal fifo-journal.mp4.journal",
+                    "fifo-journal.mp4: refused" + no_file +
+                        " (ELOOP) because of fifo-journal.mp4.journal, journal fifo-journal.mp4.journal",
                     "fifo.mp4" + not_regular + " (ELOOP)",
                     "finished.mp4: finished, journal finished.mp4.journal",
                     "gone.mp4.journal: removed",
                     "hard.mp4" + not_regular + " (ELOOP)",
                     "huge.mp4: refused: it is larger than a recording can be, journal huge.mp4.journal",
                     "link.mp4" + not_regular + " (ELOOP)",
-                    "linked-journal.mp4: refused" + no_file + " (ELOOP) because of linked-journal.mp4.journal, journal linked-journal.mp4.journal",
+                    "linked-journal.mp4: refused" + no_file +
+                        " (ELOOP) because of linked-journal.mp4.journal, journal linked-journal.mp4.journal",
                     "lonely.mp4.journal: refused: its media file is missing (ENOENT), journal lonely.mp4.journal",
                     "new\nline\x1b.mp4: repaired",
                     "self.mp4" + not_regular + " (ELOOP)",
@@ -383,8 +393,9 @@ TEST(RecoveryFiles, AHostileCardIsLeftAlone)
     fs::remove(on / "self.mp4"); // the iterator of the test does not get past it
     const auto after = on.state();
     EXPECT_FALSE(after.contains(".mediafiles-0123abcd.tmp"));
-    for (const char *kept : {".mediafiles-0123abcd.tmp.mp4x", "mine.tmp", ".mediafiles-0123ABCD.tmp", "gone.journal",
-                             ".mediafiles-00000000.tmp", "busy/.mediafiles-00000001.tmp", "new\nline\x1b.mp4.journal.new"})
+    for (const char *kept :
+         {".mediafiles-0123abcd.tmp.mp4x", "mine.tmp", ".mediafiles-0123ABCD.tmp", "gone.journal",
+          ".mediafiles-00000000.tmp", "busy/.mediafiles-00000001.tmp", "new\nline\x1b.mp4.journal.new"})
         EXPECT_TRUE(after.contains(kept)) << kept;
     close(busy);
 }
@@ -406,7 +417,8 @@ TEST(RecoveryFiles, DirectoriesThatCannotBeSearchedDoNotStopTheOthers)
     ASSERT_EQ(reports.size(), 5u);
     EXPECT_EQ(reports[0], "nowhere: failed: a system call failed (ENOENT)");
     EXPECT_EQ(reports[1], "link: refused: it is a link, has several names, or is no regular file (ELOOP)");
-    EXPECT_EQ(reports[2], "deep/d/d/d/d/d/d/d/d: not ours: it is a link, has several names, or is no regular file (ENAMETOOLONG)");
+    EXPECT_EQ(reports[2],
+              "deep/d/d/d/d/d/d/d/d: not ours: it is a link, has several names, or is no regular file (ENAMETOOLONG)");
     EXPECT_EQ(reports[3], "a.mp4: repaired");
     EXPECT_EQ(reports[4], "deep/a.mp4: repaired");
     /* What removes it for the test does not know such depths. */
@@ -422,7 +434,8 @@ TEST(RecoveryFiles, WhatIsSwappedBetweenLookAndOpenIsNotFollowed)
     symlink((elsewhere / "victim.mp4").c_str(), (on / "link").c_str());
     std::jthread swapping([&](std::stop_token stop) {
         const std::string a = on / "a.mp4", b = on / "link";
-        while (!stop.stop_requested()) syscall(SYS_renameat2, AT_FDCWD, a.c_str(), AT_FDCWD, b.c_str(), 2 /* EXCHANGE */);
+        while (!stop.stop_requested())
+            syscall(SYS_renameat2, AT_FDCWD, a.c_str(), AT_FDCWD, b.c_str(), 2 /* EXCHANGE */);
     });
     int looked = 0;
     for (int i = 0; i < 300; i++) {
@@ -464,7 +477,8 @@ TEST(RecoveryFiles, WhatSomebodyWritesIsLeftAlone)
     on.put("a.mp4", open_media(), whole().journal);
     const auto before = on.state();
     for (const char *name : {"a.mp4", "a.mp4.journal"}) {
-        const std::string because = name == std::string("a.mp4") ? "" : " because of a.mp4.journal, journal a.mp4.journal";
+        const std::string because =
+            name == std::string("a.mp4") ? "" : " because of a.mp4.journal, journal a.mp4.journal";
         const int locker = open((on / name).c_str(), O_RDONLY | O_CLOEXEC);
         flock(locker, LOCK_EX);
         EXPECT_EQ(recover(on), lines{"a.mp4" + busy + because});
@@ -521,7 +535,8 @@ TEST(RecoveryFiles, CopiesNeverTakeANameThatIsThere)
     const card on, out;
     on.put("1/a.mp4", open_media(), whole().journal, 20), on.put("2/a.mp4", open_media(), whole().journal, 10);
     const lines wanted = {"1/a.mp4: repaired as " + (out / "a.mp4") + ", journal 1/a.mp4.journal",
-                          "2/a.mp4: refused: the output exists (EEXIST) because of " + (out / "a.mp4") + ", journal 2/a.mp4.journal"};
+                          "2/a.mp4: refused: the output exists (EEXIST) because of " + (out / "a.mp4") +
+                              ", journal 2/a.mp4.journal"};
     for (const uint32_t flags : {MEDIAFILES_DRY_RUN, 0u})
         EXPECT_EQ(recover(on, {on / "1", on / "2"}, flags, out.root.c_str()), wanted);
     EXPECT_EQ(out.get("a.mp4"), whole().file);
@@ -529,17 +544,21 @@ TEST(RecoveryFiles, CopiesNeverTakeANameThatIsThere)
 
     /* Into its own directory it gets another name; and is found, finished, by the next run. */
     const std::string own = on / "1";
-    EXPECT_EQ(recover(on, {own}, 0, own.c_str()), lines{"1/a.mp4: repaired as 1/a-recovered.mp4, journal 1/a.mp4.journal"});
-    EXPECT_EQ(on.get("1/a-recovered.mp4"), whole().file);
     EXPECT_EQ(recover(on, {own}, 0, own.c_str()),
-              (lines{"1/a-recovered.mp4: finished", "1/a.mp4: refused: the output exists (EEXIST) because of 1/a-recovered.mp4, journal 1/a.mp4.journal"}));
+              lines{"1/a.mp4: repaired as 1/a-recovered.mp4, journal 1/a.mp4.journal"});
+    EXPECT_EQ(on.get("1/a-recovered.mp4"), whole().file);
+    EXPECT_EQ(
+        recover(on, {own}, 0, own.c_str()),
+        (lines{"1/a-recovered.mp4: finished",
+               "1/a.mp4: refused: the output exists (EEXIST) because of 1/a-recovered.mp4, journal 1/a.mp4.journal"}));
     EXPECT_EQ(on.get("1/a.mp4"), open_media());
 
     /* A link in the way leads nowhere. */
     const card other;
     fs::create_directory_symlink(on / "2", other / "2");
     EXPECT_EQ(recover(on, {on.root, on / "1"}, 0, other.root.c_str()).back(),
-              "2/a.mp4: failed: a system call failed (ENOTDIR) because of " + (other / "2/") + ", journal 2/a.mp4.journal");
+              "2/a.mp4: failed: a system call failed (ENOTDIR) because of " + (other / "2/") +
+                  ", journal 2/a.mp4.journal");
     EXPECT_EQ(on.get("2/a.mp4"), open_media());
 }
 
@@ -590,11 +609,13 @@ TEST(RecoveryFiles, APlanIsAppliedInPlaceAndToASink)
     const card on;
     on.put("a.mp4", open_media(), whole().journal);
     const int directory = open(on.root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    int files[] = {open((on / "a.mp4").c_str(), O_RDONLY | O_CLOEXEC), open((on / "a.mp4.journal").c_str(), O_RDONLY | O_CLOEXEC)};
+    int files[] = {open((on / "a.mp4").c_str(), O_RDONLY | O_CLOEXEC),
+                   open((on / "a.mp4.journal").c_str(), O_RDONLY | O_CLOEXEC)};
     const auto read = [](void *file, uint64_t offset, void *to, uint32_t count) {
         return int64_t{pread(*static_cast<int *>(file), to, count, off_t(offset))};
     };
-    const mediafiles_source media = {&files[0], file_size(files[0]), read}, journal = {&files[1], file_size(files[1]), read};
+    const mediafiles_source media = {&files[0], file_size(files[0]), read},
+                            journal = {&files[1], file_size(files[1]), read};
     mediafiles_plan *plan = mediafiles_plan_create(&media, &journal, 0);
     bytes made;
     const auto collect = [](void *to, const void *from, size_t count) {

@@ -270,8 +270,8 @@ bool print_text(const open_file &file, std::FILE *to)
 bool print_json(const open_file &file, std::FILE *to)
 {
     listing all(file);
-    const std::string opened = json_text(
-        {{"path", file.path()}, {"kind", "journal"}, {"error", nullptr}, {"bytes", all.source.size}});
+    const std::string opened =
+        json_text({{"path", file.path()}, {"kind", "journal"}, {"error", nullptr}, {"bytes", all.source.size}});
     std::fprintf(to, "%s,\n  \"records\": [", opened.substr(0, opened.size() - 2).c_str());
     const char *separator = "\n    ";
     const journal_summary journal = all.for_each([&](const journal_record &record) {
@@ -283,14 +283,10 @@ bool print_json(const open_file &file, std::FILE *to)
     for (uint32_t i = 0; i < journal.tracks; ++i) tracks.push_back(to_json(i, journal.track[i], all.tracks[i]));
     if (!sound) damage = {{"at", journal.end}, {"text", journal.damage}};
     const ordered_json end = {
-        {"tracks", tracks},
-        {"frames", journal.samples},
-        {"rounds", journal.rounds},
-        {"ending", ending_names[journal.ending]},
-        {"valid_bytes", journal.end},
-        {"lost_bytes", journal.lost},
-        {"damage", damage},
-        {"sound", sound},
+        {"tracks", tracks},           {"frames", journal.samples},
+        {"rounds", journal.rounds},   {"ending", ending_names[journal.ending]},
+        {"valid_bytes", journal.end}, {"lost_bytes", journal.lost},
+        {"damage", damage},           {"sound", sound},
     };
     std::fprintf(to, "\n  ],\n%s\n", json_text(end).substr(2).c_str());
     return sound;

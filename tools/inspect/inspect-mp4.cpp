@@ -144,7 +144,8 @@ std::optional<std::string> journal_beside(const std::string &media, bool &exists
         const open_file file("", path, O_RDONLY);
         exists = true;
         std::vector<uint8_t> begin(std::min<uint64_t>(file.size(), 4096));
-        return file.read(0, begin) && mediafiles_is_journal(begin.data(), begin.size()) != 0 ? std::optional(path) : std::nullopt;
+        return file.read(0, begin) && mediafiles_is_journal(begin.data(), begin.size()) != 0 ? std::optional(path)
+                                                                                             : std::nullopt;
     } catch (const failure &) {
         return {};
     }

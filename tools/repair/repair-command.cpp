@@ -44,7 +44,8 @@ constexpr flag flags[] = {
     {"--drop-last-frame", MEDIAFILES_DROP_LAST_FRAME,
      "Leave out the last video frame, which may be incomplete, and what was recorded after it"},
     {"--salvage", MEDIAFILES_SALVAGE, "Where journal or media is damaged, keep what stands before that"},
-    {"--keep-damaged", MEDIAFILES_KEEP_DAMAGED, "Keep all frames that the journal names, and list those that are damaged"},
+    {"--keep-damaged", MEDIAFILES_KEEP_DAMAGED,
+     "Keep all frames that the journal names, and list those that are damaged"},
     {"--force", MEDIAFILES_FORCE, "Cut off or add even more than 64 MiB and half of the media"},
     {"--check-all", MEDIAFILES_CHECK_ALL, "Look into every video frame, not only into 256 of them"},
     {"--dry-run", MEDIAFILES_DRY_RUN, "Change nothing; say what would come out"},
@@ -62,7 +63,8 @@ void describe(CLI::App &line, repair_line &given)
         ->type_name("DIR");
     for (const flag &each : flags) {
         const uint32_t value = each.value;
-        line.add_flag_callback(each.name, [&given, value] { given.flags |= value; }, each.text);
+        line.add_flag_callback(
+            each.name, [&given, value] { given.flags |= value; }, each.text);
     }
     line.add_flag("--json", given.json, "Print the results as a JSON object on standard output");
     line.add_flag("--quiet", given.quiet, "Say nothing but what went wrong");
@@ -143,7 +145,8 @@ int run(const repair_line &given, int result_descriptor)
     std::vector<const char *> paths;
     for (const std::string &path : given.paths) paths.push_back(path.c_str());
     const bool searched = mediafiles_recover(paths.data(), paths.size(), &options, take_report, &all) == 0;
-    if (!searched) all.out.problem(std::string(stopped ? "stopped" : "cannot search: ") + (stopped ? "" : std::strerror(errno)));
+    if (!searched)
+        all.out.problem(std::string(stopped ? "stopped" : "cannot search: ") + (stopped ? "" : std::strerror(errno)));
 
     all.out.note(total_of(all.counts, all.dry_run()));
     if (given.json && !all.out.result(result_descriptor, to_json(all.files, all.counts, all.dry_run()))) return failed;

@@ -11,8 +11,8 @@ namespace tools {
 
 namespace {
 
-constexpr const char *names[] = {"",         "repaired", "salvaged", "finished",
-                                 "empty_removed", "not_ours", "refused",  "failed"};
+constexpr const char *names[] = {"",         "repaired", "salvaged", "finished", "empty_removed",
+                                 "not_ours", "refused",  "failed"};
 static_assert(std::size(names) == MEDIAFILES_FAILED + 1);
 
 bool has_movie(const mediafiles_report &report)
@@ -133,13 +133,14 @@ std::string total_of(const repair_counts &counts, bool dry_run)
     uint64_t all = 0;
     for (const uint64_t count : counts.of) all += count;
     const auto count = [&](int result) { return uintmax_t{counts.of[result]}; };
-    std::string text = print("%ju files: %ju %s", uintmax_t{all},
-                             count(MEDIAFILES_REPAIRED) + count(MEDIAFILES_SALVAGED),
-                             dry_run ? "can be repaired" : "repaired");
+    std::string text =
+        print("%ju files: %ju %s", uintmax_t{all}, count(MEDIAFILES_REPAIRED) + count(MEDIAFILES_SALVAGED),
+              dry_run ? "can be repaired" : "repaired");
     if (counts.of[MEDIAFILES_SALVAGED] != 0) text += print(" (%ju with damage)", count(MEDIAFILES_SALVAGED));
-    text += print(", %ju finished properly, %ju not repaired", count(MEDIAFILES_FINISHED),
-                  uintmax_t{counts.troubled()});
-    if (counts.of[MEDIAFILES_EMPTY_REMOVED] != 0) text += print(", %ju without a frame", count(MEDIAFILES_EMPTY_REMOVED));
+    text +=
+        print(", %ju finished properly, %ju not repaired", count(MEDIAFILES_FINISHED), uintmax_t{counts.troubled()});
+    if (counts.of[MEDIAFILES_EMPTY_REMOVED] != 0)
+        text += print(", %ju without a frame", count(MEDIAFILES_EMPTY_REMOVED));
     if (counts.of[MEDIAFILES_NOT_OURS] != 0) text += print(", %ju of another kind", count(MEDIAFILES_NOT_OURS));
     return text;
 }
