@@ -180,7 +180,9 @@ struct repaired {
 
     size_t end() const // of the media
     {
-        return media.size() < 28 ? 0 : 24 + (media[24] << 24 | media[25] << 16 | media[26] << 8 | media[27]);
+        return media.size() < 28
+                   ? 0
+                   : 24u + (size_t{media[24]} << 24 | size_t{media[25]} << 16 | size_t{media[26]} << 8 | media[27]);
     }
 };
 

@@ -143,7 +143,7 @@ void for_each_close(const recorded &r, const bytes &other, const Use &use)
         const bytes whole = head ? r.closed : with(r.closed, 24, bytes(4));
         for (size_t size = begin; size <= end; size++)
             if (size % 64 < 2 || end - size < 64 || size - begin < 64) use(first(whole, size), head);
-        for (const size_t unit : {512, 4096})
+        for (const size_t unit : {size_t{512}, size_t{4096}})
             for (size_t from = begin / unit * unit; from < end; from += unit)
                 for (const size_t to : {from + unit, end})
                     for (const std::string way : {"zero", "old", "alone"}) {
@@ -624,8 +624,10 @@ TEST_F(Plan, TakesLargeParameterSetsFromTheFirstSample)
             if (!journaled) continue;
             /* A torn header may be sound but for a parameter set. */
             bytes torn_set = closed;
-            const auto set = std::ranges::search(std::span(torn_set).subspan(open.size()), codec.sets.back());
-            set.back() ^= 0x55;
+            const bytes &last = codec.sets.back();
+            const auto set =
+                std::search(torn_set.begin() + long(open.size()), torn_set.end(), last.begin(), last.end());
+            set[long(last.size()) - 1] ^= 0x55;
             const planned again = plan_of(torn_set, &journal);
             EXPECT_EQ("repaired", outcome_of(again));
             EXPECT_EQ(closed, again.file);
@@ -834,7 +836,8 @@ TEST_F(Plan, HoldsAHeaderAgainstTheMedia)
         {"'stss'", 12, words({0})}, {"'stss'", 12, words({4})}, {"'stss'", 16, words({5})}};
     for (const auto &[type, field, value] : cases) {
         bytes header = header_of(4, 10);
-        const auto at = size_t(std::ranges::search(header, hex(type)).begin() - header.begin());
+        const bytes name = hex(type);
+        const auto at = size_t(std::search(header.begin(), header.end(), name.begin(), name.end()) - header.begin());
         overlay(header, at + field, value);
         EXPECT_EQ("refused: no journal", result_of(header, 72, 48)) << type << field;
     }

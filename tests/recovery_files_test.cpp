@@ -170,7 +170,7 @@ TEST(RecoveryFiles, HashesAsTheStandardDoes)
                   "248d6a61d20638b8e5c026930c3e6039a33ce45964ff2167f6ecedd419db06c1"},
                  {std::string(1000000, 'a'), "cdc76e5c9914fb9281a1c7e284d73e67f1809a48a497200e046d39ccc7112cd0"}};
     for (const auto &c : cases)
-        for (const size_t step : {1, 55, 64, 1000, 1 << 20}) {
+        for (const size_t step : std::initializer_list<size_t>{1, 55, 64, 1000, 1 << 20}) {
             mediafiles::recovery::sha256 hash;
             for (size_t at = 0; at < c.text.size(); at += step)
                 hash.add(&c.text[at], std::min(step, c.text.size() - at));

@@ -37,8 +37,8 @@ struct planned {
             auto *out = static_cast<uint8_t *>(to);
             std::fill_n(out, got, uint8_t(0));
             const auto lay = [&](uint64_t begin, std::span<const uint8_t> data) {
-                const uint64_t from = std::max(at, begin), end = std::min(stop, begin + data.size());
-                if (from < end) std::copy_n(&data[size_t(from - begin)], size_t(end - from), out + (from - at));
+                const uint64_t from = std::max(at, begin), until = std::min(stop, begin + data.size());
+                if (from < until) std::copy_n(&data[size_t(from - begin)], size_t(until - from), out + (from - at));
             };
             lay(0, self.content);
             lay(self.size - self.end.size(), self.end);

@@ -56,7 +56,7 @@ repaired judge(const fixer &fix, int version, const journal &content, std::span<
     wanted.resize(due.end); // with zeros for what is not there
     const auto begin = std::min<size_t>(head, due.end);
     expect(out.content.size() >= due.end &&
-               std::equal(wanted.begin() + begin, wanted.end(), out.content.begin() + begin),
+               std::equal(wanted.begin() + long(begin), wanted.end(), out.content.begin() + long(begin)),
            "media", "other bytes");
     out.file = mp4::read(out.content);
     if (!expect(out.file.boxes.size() == 3 && out.file.boxes[2].offset == due.end &&
