@@ -33,7 +33,7 @@ const struct good_journal {
         for (size_t at = 0, end; at < content.size(); at = end) {
             end = at + 4 + content[at + 2];
             records.emplace_back(content.begin() + ptrdiff_t(at), content.begin() + ptrdiff_t(end));
-            for (const size_t width : {1, 1, 2}) fields.push_back({std::exchange(at, at + width), width});
+            for (const unsigned width : {1u, 1u, 2u}) fields.push_back({std::exchange(at, at + width), width});
             for (; at < end; at += 4) fields.push_back({at, 4});
         }
     }
