@@ -50,7 +50,7 @@ class Victim:
             done = subprocess.run([GIVEN.tool, "repair", self.clip, "--json", "--force"], capture_output=True,
                                   timeout=60, check=False)
             report = json.loads(done.stdout)["files"][0]
-            assert report["result"] == ("repaired" if named else "refused"), report
+            assert report["result"] in (("repaired",) if named else ("empty_removed", "not_ours")), report
             assert [t["frames"] for t in report.get("tracks", [])] == (frames if named else []), (report, frames)
             cut = report.get("cut_bytes", 0)
         for track, (source, count) in enumerate(zip(self.sources, frames)):
