@@ -12,7 +12,7 @@
 
 #include <mediafiles/fix.h>
 
-#include "recorder/journal-marks.h"
+#include "recorder/recovery/journal-marks.h"
 #include "support/planned.h"
 #include "support/power-cut.h"
 

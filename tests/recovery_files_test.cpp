@@ -19,7 +19,7 @@
 #include <mediafiles/recovery.h>
 
 #include "recorder/safe-file.h"
-#include "recorder/sha256.h"
+#include "recorder/recovery/sha256.h"
 #include "support/three-codecs.h"
 
 namespace {
