@@ -1,0 +1,641 @@
+/** What the recorder is made of: names, the times of a file's samples, frames as they are pushed. */
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <random>
+
+#include <gtest/gtest.h>
+
+#include "recorder/recording/adts.h"
+#include "recorder/recording/frame.h"
+#include "recorder/recording/names.h"
+#include "recorder/recording/picture-size.h"
+#include "recorder/recording/timeline.h"
+#include "support/three-codecs.h"
+
+namespace {
+
+using namespace mediafiles::recorder;
+
+/* ---- Names ---- */
+
+TEST(Names, FollowTheirPattern)
+{
+    constexpr int64_t leap_day = 951'827'696; // 2000-02-29 12:34:56
+    const struct {
+        const char *pattern;
+        uint64_t number;
+        int64_t seconds;
+        const char *name;
+    } cases[] = {
+        {"{number}.mp4", 1, 0, "00000001.mp4"},
+        {"{number:1}.MP4", 42, 0, "42.MP4"},
+        {"{number:10}.mp4", largest_number, 0, "9999999999.mp4"},
+        {"{number:2}.mp4", 1234, 0, "1234.mp4"},
+        {"%Y/%m-%d/cam_{number:3}%H%M%S.mp4", 7, leap_day, "2000/02-29/cam_007123456.mp4"},
+        {"%Y%m%d.mp4", 1, -1, "19700101.mp4"},
+        {"%Y%m%dT%H%M%S.mp4", 1, INT64_MAX, "99991231T235959.mp4"},
+        {"ride %Y.mp4", 2, leap_day, "ride 2000-2.mp4"},
+        {"dir/ride.Mp4", 30, 0, "dir/ride-30.Mp4"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.pattern);
+        const auto pattern = name_pattern::parse(c.pattern);
+        ASSERT_TRUE(pattern);
+        EXPECT_EQ(pattern->make(c.number, c.seconds), c.name);
+        EXPECT_EQ(pattern->match(c.name), c.number);
+        EXPECT_EQ(pattern->is_numbered(), strstr(c.pattern, "{number") != nullptr);
+    }
+}
+
+TEST(Names, PatternsThatLeadAstrayAreRefused)
+{
+    const std::string long_part(190, 'x');
+    for (const std::string pattern : {"",
+                                      ".mp4",
+                                      "a/.mp4",
+                                      "a",
+                                      "a.mov",
+                                      "a.mp4/b",
+                                      "/a.mp4",
+                                      "../a.mp4",
+                                      "a/../b.mp4",
+                                      "./a.mp4",
+                                      "a//b.mp4",
+                                      "a./b.mp4",
+                                      "a /b.mp4",
+                                      "a\nb.mp4",
+                                      "a\x7f.mp4",
+                                      "%T.mp4",
+                                      "%.mp4",
+                                      "%%.mp4",
+                                      "a%",
+                                      "{number.mp4",
+                                      "{number:}.mp4",
+                                      "{number:0}.mp4",
+                                      "{number:11}.mp4",
+                                      "{number:08}.mp4",
+                                      "{number:-1}.mp4",
+                                      "{Number}.mp4",
+                                      "a}.mp4",
+                                      "{}.mp4",
+                                      "{number}{number}.mp4",
+                                      "1/2/3/4/5/6/7/8/9/a.mp4"})
+        EXPECT_FALSE(name_pattern::parse(pattern)) << pattern;
+    EXPECT_FALSE(name_pattern::parse(std::string("a\0b.mp4", 7)));
+    EXPECT_FALSE(name_pattern::parse(long_part + "{number}.mp4"));
+    EXPECT_TRUE(name_pattern::parse("1/2/3/4/5/6/7/8/{number}.mp4"));
+    EXPECT_TRUE(name_pattern::parse("..a/...b.mp4"));
+    EXPECT_TRUE(name_pattern::parse(default_pattern));
+}
+
+TEST(Names, OnlyWhatAPatternMakesIsMatched)
+{
+    const struct {
+        const char *pattern;
+        std::vector<const char *> foreign;
+    } cases[] = {
+        {"{number}.mp4",
+         {"0000001.mp4", "000000001.mp4", "00000000.mp4", "99999999999.mp4", "00000001.MP4", "00000001.mp4.journal",
+          "0000000a.mp4", "00000001-recovered.mp4", "99999999999999999999999999.mp4", ".mp4", "", "x/00000001.mp4"}},
+        {"c{number:1}-%S.mp4", {"c-10.mp4", "c1-60.mp4", "c01-10.mp4", "c1-1.mp4", "d1-10.mp4", "c 1-10.mp4"}},
+        {"%Y/%Y%m%d_{number:1}.mp4",
+         {"2001/20000101_1.mp4", "2001/20010229_1.mp4", "2001/20011301_1.mp4", "2001/20010100_1.mp4",
+          "2001/20010431_1.mp4", "1969/19690101_1.mp4", "2100/21000229_1.mp4", "2001/20010001_1.mp4"}},
+        {"%H%M.mp4",
+         {"2400.mp4", "1260.mp4", "1200-1.mp4", "1200-02.mp4", "1200-.mp4", "1200x2.mp4", "1200-99999999999.mp4"}},
+    };
+    for (const auto &c : cases)
+        for (const char *name : c.foreign)
+            EXPECT_FALSE(name_pattern::parse(c.pattern).value().match(name)) << c.pattern << ' ' << name;
+    EXPECT_EQ(name_pattern::parse("%d.mp4")->match("31-7.mp4"), 7u);
+    EXPECT_EQ(name_pattern::parse("%m%d.mp4")->match("0229.mp4"), 1u);
+}
+
+TEST(Names, DatesAreThoseOfTheSystem)
+{
+    const auto pattern = name_pattern::parse("%Y%m%d%H%M%S.mp4").value();
+    std::mt19937_64 random(1);
+    for (int i = 0; i < 20000; i++) {
+        const auto seconds = static_cast<time_t>(random() % (sizeof(time_t) == 4 ? INT32_MAX : 253'402'300'800));
+        struct tm parts;
+        char text[32];
+        strftime(text, sizeof text, "%Y%m%d%H%M%S.mp4", gmtime_r(&seconds, &parts));
+        ASSERT_EQ(pattern.make(1, seconds), text);
+        ASSERT_EQ(pattern.match(text), 1u);
+    }
+}
+
+TEST(Names, DirectoriesOutermostFirst)
+{
+    EXPECT_EQ(directories_of("a/b/c.mp4"), (std::vector<std::string_view>{"a", "a/b"}));
+    EXPECT_TRUE(directories_of("c.mp4").empty());
+}
+
+/* ---- Times ---- */
+
+constexpr int64_t second = 1'000'000'000;
+constexpr mp4_track_desc camera = {MP4_TRACK_H264 | MP4_TRACK_RAW, {{640, 360, 0}}};
+constexpr mp4_track_desc microphone(uint32_t rate)
+{
+    return {MP4_TRACK_AAC | MP4_TRACK_RAW, {{2, 16, rate}}};
+}
+
+struct capture {
+    uint32_t track;
+    int64_t time;
+};
+
+/** A builder over a file in memory, with the samples that a timeline holds back. */
+class open_file {
+public:
+    open_file(std::span<const mp4_track_desc> tracks, const timeline &before, int64_t begin) : line(before)
+    {
+        for (const mp4_track_desc &track : tracks) builder_->add_track(builder_.get(), &track);
+        if (builder_->open(builder_.get(), file_, 65536, nullptr) != 0) std::abort();
+        const bytes sps = hex("6742c01e"), pps = hex("68eeff3c");
+        mp4_movie_set_track_sps(builder_->movie, 0, sps.data(), uint32_t(sps.size()));
+        mp4_movie_set_track_pps(builder_->movie, 0, pps.data(), uint32_t(pps.size()));
+        line.begin(begin);
+    }
+    void take(capture sample)
+    {
+        ASSERT_TRUE(line.has_room_for(sample.track, sample.time));
+        if (!line.has_started(sample.track)) return hand_over(sample.track, line.start(sample.track, sample.time));
+        if (const auto time = line.follow(sample.track, sample.time)) hand_over(sample.track, *time);
+    }
+    mp4::file finish(int64_t end)
+    {
+        for (uint32_t i = 0; i + 1 < builder_->movie->next_track_id; i++)
+            if (const auto time = line.finish(i, end)) hand_over(i, *time);
+        if (builder_->close(builder_.get()) != 0) std::abort();
+        return mp4::read(file_content(file_));
+    }
+    void hand_over(uint32_t track, mp4_time time)
+    {
+        static const bytes sample = hex("00000002 6580");
+        const mp4_frame frame = {int32_t(track), sample.data(), uint32_t(sample.size()), time, 1};
+        ASSERT_EQ(error_of(builder_->add_frame(builder_.get(), &frame)), 0);
+    }
+
+    timeline line;
+
+private:
+    descriptor file_;
+    builder_ptr builder_{mp4_builder_create()};
+};
+
+/** When a sample begins, after the file's beginning. */
+int64_t begin_of(const mp4::track &track, const mp4::sample &sample)
+{
+    const bool delayed = !track.edits.empty() && track.edits[0].media_time == -1;
+    const int64_t delay = delayed ? int64_t(track.edits[0].duration) * 1'000'000 : 0;
+    return delay + int64_t(sample.time / track.timescale) * second +
+           int64_t(sample.time % track.timescale) * second / track.timescale;
+}
+
+/** The largest distance of a sample, the second left out, from its capture, in nanoseconds. */
+int64_t most_off(const mp4::track &track, int64_t file_begin, std::span<const int64_t> captured)
+{
+    if (track.samples.size() != captured.size()) return INT64_MAX;
+    int64_t most = 0;
+    for (size_t i = 2; i < captured.size(); i++)
+        most = std::max(most, std::abs(file_begin + begin_of(track, track.samples[i]) - captured[i]));
+    return most;
+}
+
+struct pace {
+    const char *what;
+    mp4_track_desc track;
+    int64_t num, den; // seconds between frames
+    int64_t jitter;   // nanoseconds, to both sides
+    int64_t hours;
+    int64_t most_off; // nanoseconds
+};
+
+std::vector<int64_t> times_of(const pace &pace, int64_t from)
+{
+    std::mt19937 random(7);
+    std::vector<int64_t> all;
+    for (int64_t i = 0; i * pace.num < pace.hours * 3600 * pace.den; i++) {
+        const int64_t jitter = pace.jitter == 0 ? 0 : static_cast<int64_t>(random()) % (2 * pace.jitter) - pace.jitter;
+        const int64_t whole = i * pace.num / pace.den, rest = i * pace.num % pace.den;
+        all.push_back(from + whole * second + rest * second / pace.den + jitter);
+    }
+    return all;
+}
+
+TEST(Times, StayOnTheirFramesForHours)
+{
+    constexpr int64_t half_tick = 5'556 + 1, sound_tick = second / 44100 + 1, half_frame = 10'666'667;
+    const pace cases[] = {
+        {"1 a second", camera, 1, 1, 0, 10, half_tick},
+        {"5 a second with jitter, ten hours", camera, 1, 5, 90'000'000, 10, half_tick},
+        {"25 a second", camera, 1, 25, 15'000'000, 1, half_tick},
+        {"29.97 a second", camera, 1001, 30000, 1'000'000, 1, half_tick},
+        {"60 a second", camera, 1, 60, 3'000'000, 1, half_tick},
+        {"one in ten minutes", camera, 600, 1, 1'000'000'000, 200, half_tick},
+        {"sound, 44100", microphone(44100), 1024, 44100, 0, 10, sound_tick},
+        {"sound, 48000, in bursts", microphone(48000), 1024, 48000, 10'000'000, 1, half_frame + sound_tick},
+    };
+    for (const pace &c : cases) {
+        SCOPED_TRACE(c.what);
+        const int64_t from = -5 * second + 123'456; // any origin
+        const std::vector<int64_t> times = times_of(c, from);
+        const mp4_track_desc tracks[] = {c.track};
+        open_file file(tracks, timeline(tracks), times[0]);
+        for (const int64_t time : times) file.take({0, time});
+        const int64_t end = file.line.usual_next(0), begin = file.line.beginning();
+        const mp4::file read = file.finish(end);
+        EXPECT_EQ(int64_t(read.duration) * 1'000'000, whole_millisecond(end) - whole_millisecond(times[0]));
+        EXPECT_LE(most_off(read.tracks[0], begin, times), c.most_off);
+        EXPECT_TRUE(c.most_off != sound_tick || read.tracks[0].stts.size() == 4); // 0, 2048, 1024 ..., the last
+    }
+}
+
+/** Recorded as files that each begin with the frame that has such an index. */
+struct segments {
+    std::vector<mp4::file> files;
+    std::vector<int64_t> begins;                   // of the files, and the end
+    std::vector<std::vector<int64_t>> captured[2]; // by track and file
+};
+
+segments record_segments(std::vector<int64_t> video, std::vector<int64_t> sound, std::span<const size_t> cuts)
+{
+    const mp4_track_desc tracks[] = {camera, microphone(48000)};
+    segments out;
+    timeline line(tracks);
+    size_t heard = 0;
+    for (size_t file = 0; file + 1 < cuts.size(); file++) {
+        open_file open(tracks, line, video[cuts[file]]);
+        out.begins.push_back(open.line.beginning());
+        for (auto &track : out.captured) track.emplace_back();
+        for (size_t i = cuts[file]; i < cuts[file + 1]; i++) {
+            const int64_t end = video[cuts[file + 1]];
+            open.take({0, video[i]});
+            out.captured[0].back().push_back(video[i]);
+            for (; heard < sound.size() && sound[heard] < video[i + 1]; heard++) {
+                if (!open.line.is_before(1, sound[heard], end)) break;
+                open.take({1, sound[heard]});
+                out.captured[1].back().push_back(sound[heard]);
+            }
+        }
+        out.files.push_back(open.finish(video[cuts[file + 1]]));
+        line = open.line;
+    }
+    out.begins.push_back(whole_millisecond(video[cuts.back()]));
+    return out;
+}
+
+TEST(Times, LengthsOfFilesAddUp)
+{
+    const pace frames = {"", camera, 1001, 30000, 2'000'000, 1, 0},
+               beeps = {"", microphone(48000), 1024, 48000, 300'000, 1, 0};
+    const std::vector<int64_t> video = times_of(frames, 77'777'777'777), sound = times_of(beeps, 77'790'000'001);
+    std::mt19937 random(3);
+    std::vector<size_t> cuts = {0};
+    for (int i = 0; i < 60; i++) cuts.push_back(cuts.back() + 2 + random() % 700);
+    const segments out = record_segments(video, sound, cuts);
+
+    size_t samples[2] = {};
+    for (size_t i = 0; i < 60; i++) {
+        SCOPED_TRACE(i);
+        const int64_t length = out.begins[i + 1] - out.begins[i];
+        EXPECT_TRUE(out.files[i].sound());
+        EXPECT_EQ(int64_t(out.files[i].duration) * 1'000'000, length);
+        for (size_t track = 0; track < 2; track++) {
+            const mp4::track &read = out.files[i].tracks[track];
+            samples[track] += read.samples.size();
+            EXPECT_LE(most_off(read, out.begins[i], out.captured[track][i]), track == 0 ? 5557 : 1'000'000);
+            EXPECT_EQ(int64_t(read.track_duration) * 1'000'000, length); // with the delay
+        }
+    }
+    EXPECT_EQ(samples[0], cuts.back());
+    EXPECT_GE(out.captured[1].back().back(), out.begins.back() - 24'000'000); // no sound was left out before it
+    EXPECT_EQ(samples[1], size_t(std::ranges::lower_bound(sound, out.captured[1].back().back()) - sound.begin()) + 1);
+}
+
+std::string text_of(std::optional<mp4_time> time)
+{
+    if (!time) return "-";
+    return std::to_string(time->seconds) + "." + std::to_string(1'000'000'000 + int64_t(time->nanoseconds)).substr(1);
+}
+
+TEST(Times, LateSuccessorsMakeUpForWhatWasGuessed)
+{
+    constexpr int64_t ms = 1'000'000;
+    const mp4_track_desc tracks[] = {camera};
+    timeline line(tracks);
+    line.begin(7 * second);
+    EXPECT_EQ(text_of(line.start(0, 7 * second)), "0.000000000");
+    EXPECT_EQ(text_of(line.release(0)), "-");                      // the first is not held
+    EXPECT_EQ(text_of(line.follow(0, 7 * second + 40 * ms)), "-"); // held from here on
+    EXPECT_EQ(text_of(line.release(0)), "0.080000000");            // as long as the first
+    EXPECT_EQ(text_of(line.release(0)), "-");
+    EXPECT_EQ(text_of(line.follow(0, 7 * second + 1000 * ms)), "-"); // begins at 80 ms
+    EXPECT_EQ(line.made_up(), 920 * ms);
+    EXPECT_EQ(text_of(line.follow(0, 7 * second + 1010 * ms)), "1.010000000"); // exact again
+    EXPECT_EQ(text_of(line.follow(0, 7 * second + 1020 * ms)), "1.020000000");
+    EXPECT_EQ(line.usual_next(0), 7 * second + 1030 * ms);
+    EXPECT_EQ(text_of(line.release(0)), "1.030000000");
+    EXPECT_EQ(text_of(line.follow(0, 7 * second + 1025 * ms)), "-");           // before the guess
+    EXPECT_EQ(text_of(line.follow(0, 7 * second + 1028 * ms)), "1.030000000"); // never back
+    EXPECT_EQ(line.made_up(), 925 * ms);
+    EXPECT_EQ(text_of(line.finish(0, 7 * second + 2000 * ms + 499'999)), "2.000000000");
+    EXPECT_EQ(text_of(line.finish(0, 9 * second)), "-");
+}
+
+TEST(Times, SamplesNearTheEndAreTheNextFiles)
+{
+    constexpr int64_t ms = 1'000'000, end = second;
+    const mp4_track_desc tracks[] = {camera, microphone(48000)};
+    timeline line(tracks);
+    line.begin(0);
+    EXPECT_TRUE(line.is_before(1, end - 2 * ms, end));
+    EXPECT_FALSE(line.is_before(1, end - ms - 400'000, end));
+    line.start(1, end - 32 * ms); // its next one is counted at 10.667 ms before the end
+    EXPECT_TRUE(line.is_before(1, end - ms, end));
+    EXPECT_FALSE(line.is_before(1, end + ms, end)); // more than half a frame away
+    line.follow(1, end - 2 * ms);
+    EXPECT_EQ(text_of(line.finish(1, end)), "1.000000000");
+
+    line.begin(end); // sound that began before it begins with it, and goes on where it was captured
+    EXPECT_EQ(text_of(line.start(1, end - 1'500'000)), "0.000000000");
+    line.follow(1, end + 20 * ms);
+    EXPECT_EQ(text_of(line.follow(1, end + 42 * ms)), "0.041166667"); // 1976 samples: 2048 after its capture
+}
+
+TEST(Times, WhatTheCoreCannotHoldNeedsANewFile)
+{
+    const mp4_track_desc tracks[] = {camera, microphone(8000)};
+    timeline line(tracks);
+    line.begin(earliest_time);
+    EXPECT_FALSE(line.has_room_for(0, latest_time));
+    line.begin(latest_time);
+    EXPECT_FALSE(line.has_room_for(0, earliest_time));
+    line.begin(0);
+    EXPECT_TRUE(line.has_room_for(0, second * 2'000'000'000));
+    EXPECT_FALSE(line.has_room_for(0, second * 2'147'483'000));
+    line.start(0, 0);
+    EXPECT_TRUE(line.has_room_for(0, 3600 * second));
+    EXPECT_TRUE(line.has_room_for(0, 23'860 * second));
+    EXPECT_FALSE(line.has_room_for(0, 23'861 * second)); // 2^31 ticks of 1/90000 s
+    line.follow(0, second);
+    EXPECT_EQ(text_of(line.finish(0, second * 1'000'000)), "2.000000000"); // as long as usual
+}
+
+/* ---- Frames ---- */
+
+constexpr mp4_track_desc h264 = {MP4_TRACK_H264, {}}, h265 = {MP4_TRACK_H265, {}},
+                         aac = {MP4_TRACK_AAC, {{2, 16, 48000}}};
+
+/** What a frame is in a word each, and its sample; "| fault N" for a fault. */
+std::string outcome(const mp4_track_desc &track, frame_pieces pieces, bytes &sample)
+{
+    const frame_facts facts = look_at_frame(track, pieces);
+    if (facts.fault != frame_fault::none) return std::string("fault: ") + text(facts.fault);
+    sample.assign(facts.stored_size + 1, 0xEE);
+    store_frame(track, pieces, facts, sample.data());
+    EXPECT_EQ(sample.back(), 0xEE);
+    sample.pop_back();
+    std::string out;
+    if (facts.key) out += " key";
+    if (facts.recovery_point) out += " recovery";
+    if (facts.has_slices) out += facts.begins_picture ? " picture" : " goes-on";
+    set_reader sets(track, sample);
+    while (const auto set = sets.next()) out += " " + std::to_string(set->kind) + "#" + std::to_string(set->id);
+    return out.empty() ? out : out.substr(1);
+}
+
+iovec piece(const bytes &data, size_t begin, size_t end)
+{
+    return {const_cast<uint8_t *>(data.data()) + begin, end - begin};
+}
+
+const struct {
+    const char *what;
+    const mp4_track_desc &track;
+    const char *pushed, *outcome, *sample;
+} frames[] = {
+    {"key frame with its sets", h264, "00000001 6742c01e80 000001 68eeff3c 000001 6588", "key picture 7#0 8#0",
+     "00000005 6742c01e80 00000004 68eeff3c 00000002 6588"},
+    {"delimiter, filler and zeros between", h264, "0000000001 0910 0000000000000001 41e0 000001 0cff80 0000", "picture",
+     "00000002 0910 00000002 41e0 00000003 0cff80"},
+    {"slices that go on with a picture", h264, "000001 4140 000001 41a0", "goes-on", "00000002 4140 00000002 41a0"},
+    {"sets alone", h264, "000001 6742c01e50 000001 684a", "7#1 8#1", "00000005 6742c01e50 00000002 684a"},
+    {"a zero that belongs to a unit", h264, "000001 41e0000003 000001 41e000", "picture",
+     "00000005 41e0000003 00000002 41e0"},
+    {"recovery point after a long message", h264, "000001 0605ff0a aa*255 aa*10 060180 80 000001 41e0",
+     "recovery picture", nullptr},
+    {"another message with a 6 in it", h264, "000001 06050306060680 000001 41e0", "picture", nullptr},
+    {"prevented emulation inside a message", h264, "000001 06050400000306 0680 000001 41e0", "picture", nullptr},
+    {"a message that is cut", h264, "000001 060506 000001 41e0", "picture", nullptr},
+    {"H.265, with sets of an upper layer", h265, "000001 40010c 000001 40090c 000001 4401c0 000001 260180",
+     "key picture 6#0 8#0", nullptr},
+    {"H.265, second slice", h265, "000001 020140", "goes-on", nullptr},
+    {"H.265, picture of an upper layer alone", h265, "000001 260980", "", "00000003 260980"},
+    {"H.265 recovery point", h265, "000001 4e01060180 80 000001 0201d0", "recovery picture", nullptr},
+    {"nothing", h264, "", "fault: it is empty", nullptr},
+    {"no start code", h264, "6588", "fault: it does not begin with a start code", nullptr},
+    {"something before it", h264, "00ff000001 6588", "fault: it does not begin with a start code", nullptr},
+    {"zeros", h264, "00000000", "fault: it does not begin with a start code", nullptr},
+    {"start code at the end", h264, "000001 6588 000001", "fault: a NAL unit header is cut off", nullptr},
+    {"slice without a header", h264, "000001 65", "fault: a NAL unit header is cut off", nullptr},
+    {"H.265, half a header", h265, "000001 26 000001 260180", "fault: a NAL unit header is cut off", nullptr},
+    {"set without a number", h264, "000001 6742c01e 000001 6588", "fault: a parameter set has no valid number",
+     nullptr},
+    {"number too high", h264, "000001 6742c01e0420 000001 6588", "fault: a parameter set has no valid number", nullptr},
+    {"sound", aac, "2100494c", "key picture", "2100494c"},
+    {"sound with a header", aac, "fff14c8001 3ffc 2100", "key picture", "2100"},
+    {"sound with a header and a check", aac, "fff04c8001 9ffc 1234 210049", "key picture", "210049"},
+    {"two frames at once", aac, "fff14c8001 3ffc 2100 fff14c8001 3ffc 2100", "fault: its ADTS header is damaged",
+     nullptr},
+    {"header alone", aac, "fff14c8000 fffc", "fault: its ADTS header is damaged", nullptr},
+    {"header cut", aac, "fff14c80", "fault: its ADTS header is damaged", nullptr},
+    {"another rate", aac, "fff1508001 3ffc 2100", "fault: its ADTS header does not fit the track", nullptr},
+    {"one channel", aac, "fff14c4001 3ffc 2100", "fault: its ADTS header does not fit the track", nullptr},
+    {"another profile", aac, "fff10c8001 3ffc 2100", "fault: its ADTS header does not fit the track", nullptr},
+    {"two blocks", aac, "fff14c8001 3ffd 2100", "fault: its ADTS header does not fit the track", nullptr},
+};
+
+TEST(Frames, AreTakenApart)
+{
+    for (const auto &c : frames) {
+        SCOPED_TRACE(c.what);
+        const bytes pushed = hex(c.pushed);
+        bytes sample;
+        const iovec whole[] = {piece(pushed, 0, pushed.size())};
+        EXPECT_EQ(outcome(c.track, whole, sample), c.outcome);
+        EXPECT_TRUE(!c.sample || sample == hex(c.sample));
+    }
+}
+
+TEST(Frames, AreTheSameHoweverTheyAreCut)
+{
+    for (const auto &c : frames) {
+        SCOPED_TRACE(c.what);
+        const bytes pushed = hex(c.pushed);
+        bytes expected, sample;
+        const iovec whole[] = {piece(pushed, 0, pushed.size())};
+        outcome(c.track, whole, expected);
+        for (size_t i = 0; i <= pushed.size(); i++)
+            for (size_t j = i; j <= std::min(pushed.size(), i + 8); j++) {
+                const iovec pieces[] = {piece(pushed, 0, i), piece(pushed, i, j), {}, piece(pushed, j, pushed.size())};
+                ASSERT_EQ(outcome(c.track, pieces, sample), c.outcome) << i << ' ' << j;
+                ASSERT_EQ(sample, expected) << i << ' ' << j;
+            }
+        std::vector<iovec> single;
+        for (size_t i = 0; i < pushed.size(); i++) single.push_back(piece(pushed, i, i + 1));
+        EXPECT_EQ(outcome(c.track, single, sample), c.outcome);
+        EXPECT_EQ(sample, expected);
+    }
+}
+
+/** Units of a byte stream after their lengths, found by the plainest search. */
+bytes plain_split(const bytes &stream)
+{
+    bytes out;
+    for (size_t at = 0; at + 3 <= stream.size(); at++) {
+        if (stream[at] != 0 || stream[at + 1] != 0 || stream[at + 2] != 1) continue;
+        size_t end = at + 3;
+        while (end < stream.size() &&
+               !(end + 3 <= stream.size() && stream[end] == 0 && stream[end + 1] == 0 && stream[end + 2] <= 1))
+            end++;
+        while (stream[end - 1] == 0) end--;
+        for (int shift = 24; shift >= 0; shift -= 8) out.push_back(uint8_t((end - at - 3) >> shift));
+        out.insert(out.end(), stream.begin() + ptrdiff_t(at) + 3, stream.begin() + ptrdiff_t(end));
+        at = end - 1;
+    }
+    return out;
+}
+
+TEST(Frames, HaveAnyNumberOfUnits)
+{
+    for (const char *name : {"h264_high_aud_4slices_640x360_30.h264", "ext_intel_176x96_30.h264",
+                             "h265_cra_2slices_640x360_30.h265", "h265_aud_sei_640x360_25.h265"}) {
+        SCOPED_TRACE(name);
+        std::ifstream in(std::string(STREAMS "/") + name, std::ios::binary);
+        const bytes stream{std::istreambuf_iterator<char>(in), {}};
+        ASSERT_GT(stream.size(), 1000u);
+        const size_t third = stream.size() / 3;
+        const iovec pieces[] = {piece(stream, 0, third), piece(stream, third, stream.size())};
+        bytes sample;
+        EXPECT_TRUE(outcome(name[2] == '6' && name[3] == '5' ? h265 : h264, pieces, sample).starts_with("key"));
+        EXPECT_TRUE(sample == plain_split(stream));
+    }
+}
+
+TEST(Frames, SoundThatATrackCanState)
+{
+    for (const uint32_t rate : {7350u, 8000u, 44100u, 64000u}) EXPECT_TRUE(can_state({6, 16, rate}));
+    for (const uint32_t rate : {0u, 88200u, 96000u, 44101u}) EXPECT_FALSE(can_state({2, 16, rate}));
+    EXPECT_FALSE(can_state({0, 16, 48000}));
+    EXPECT_FALSE(can_state({7, 16, 48000}));
+}
+
+/** Encoded by x264 and x265 at these sizes. */
+const struct {
+    const char *what;
+    uint32_t type;
+    const char *sps;
+    uint32_t width, height;
+} pictures[] = {
+    {"baseline", 0x101, "6742c00bd902c4ec0440000003004000000c83c50a92", 176, 144},
+    {"cropped", 0x101, "6764001eacd940a42fe224c044000003000400000300c83c58b658", 642, 362},
+    {"4:4:4", 0x8101, "67f4001e919b281485fc21360220000003002000000641e2c5b2c0", 641, 363},
+    {"4:2:2", 0x101, "677a001ebcd940a42fe226c044000003000400000300c83c58b658", 642, 363},
+    {"grey", 0x101, "6764001ef3650290bf8426c05b20000003002000000641e2c5b2c0", 641, 363},
+    {"interlaced", 0x101, "6764001facd940b426fc460220000003002000000643e2c5b2c0", 720, 580},
+    {"scaling lists", 0x101, "6764001eacd940a02ff97011000003000100000300320f162d96", 640, 360},
+    {"H.265, cropped", 0x102,
+     "42010101600000030090000003000003003fa005120171c9265959a4932bc05a020000030002000003003210", 642, 362},
+    {"H.265, 4:4:4", 0x8102, "4201010408000003009e0800000300003f9000a2402e3889b2cacd24995e02d0100000030010000003019080",
+     641, 363},
+    {"H.265, 4:2:2", 0x102, "4201010408000003009d0800000300003fb005120171c9365959a4932bc05a020000030002000003003210",
+     642, 363},
+    {"H.265, two temporal layers", 0x102,
+     "42010201600000030090000003000003003f0000a005020171659598acd24995e02d010000030001000003001908", 640, 368},
+    {"H.265, 10 bits", 0x102, "420101022000000300900000030000030096a001e020021c4d96566924caf0168080000003008000000c84",
+     3840, 2160},
+};
+
+TEST(Pictures, HaveTheirSize)
+{
+    for (const auto &c : pictures) {
+        SCOPED_TRACE(c.what);
+        const bytes sps = hex(c.sps);
+        const auto size = read_picture_size(c.type, sps);
+        ASSERT_TRUE(size);
+        EXPECT_EQ(size->width, c.width);
+        EXPECT_EQ(size->height, c.height);
+        for (size_t length = 0; length < 7; length++) { // exact blocks, for the sanitizers
+            const bytes cut(sps.begin(), sps.begin() + ptrdiff_t(length));
+            EXPECT_FALSE(read_picture_size(c.type, cut)) << length;
+        }
+        EXPECT_FALSE(read_picture_size(c.type ^ 3, sps)); // the other codec's
+        EXPECT_FALSE(read_picture_size(MP4_TRACK_AAC, sps));
+    }
+}
+
+/** An H.264 SPS of the baseline profile: "1" is ue(v) of 0. */
+bytes sps_of(const std::string &bits)
+{
+    bytes out = hex("6742c01e");
+    for (size_t i = 0; i < bits.size(); i += 8) {
+        int byte = 0;
+        for (size_t j = i; j < i + 8; j++) byte = byte * 2 + (j < bits.size() && bits[j] == '1');
+        out.push_back(uint8_t(byte));
+    }
+    return out;
+}
+std::string ue(uint64_t value)
+{
+    std::string bits;
+    for (++value; value != 0; value /= 2) bits.insert(bits.begin(), char('0' + value % 2));
+    return std::string(bits.size() - 1, '0') + bits;
+}
+
+TEST(Pictures, OfAbsurdSizesAreRefused)
+{
+    const struct {
+        const char *what;
+        uint64_t columns, rows, left, top; // macroblocks; cropped in pairs of luma samples
+        bool taken;
+    } cases[] = {
+        {"one macroblock", 1, 1, 0, 0, true},    {"16880", 1055, 1, 0, 0, true},
+        {"16896", 1056, 1, 0, 0, false},         {"16896, cropped", 1056, 1, 4, 0, true},
+        {"too high", 1, 1056, 0, 0, false},      {"2^32 columns", 4294967295, 1, 0, 0, false},
+        {"cropped to 2", 1, 1, 7, 7, true},      {"cropped to nothing", 1, 1, 8, 0, false},
+        {"cropped beyond", 1, 1, 0, 100, false}, {"cropped by 2^32", 1, 1, 4294967290, 0, false},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        // id, frame_num, order count type 2, references, gaps; size; frames only, direct 8x8; cropping
+        const bytes sps = sps_of("1"
+                                 "1"
+                                 "011"
+                                 "1"
+                                 "0" +
+                                 ue(c.columns - 1) + ue(c.rows - 1) +
+                                 "11"
+                                 "1" +
+                                 ue(c.left) + "1" + ue(c.top) +
+                                 "1"
+                                 "01");
+        const auto size = read_picture_size(MP4_TRACK_H264, sps);
+        EXPECT_EQ(size.has_value(), c.taken);
+        EXPECT_TRUE(!size || size->width == c.columns * 16 - 2 * c.left);
+    }
+    EXPECT_FALSE(read_picture_size(MP4_TRACK_H264, sps_of("1"
+                                                          "1"
+                                                          "00100"
+                                                          "1"
+                                                          "0"
+                                                          "1"
+                                                          "1"
+                                                          "11"
+                                                          "0"
+                                                          "1"))); // order count type 3
+}
+
+} // namespace
