@@ -9,7 +9,7 @@ import subprocess
 import sys
 
 
-RECORDER = {"recovery.h"}  # headers; the others are the core's
+RECORDER = {"recorder.h", "recovery.h"}  # headers; the others are the core's
 
 
 def declared(include, recorder):

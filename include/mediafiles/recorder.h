@@ -1,0 +1,223 @@
+/**
+ * The recorder: frames in, a directory of MP4 files out, each of them safe up
+ * to its last round of syncs.
+ *
+ * One recorder has one directory and two threads, which alone touch the
+ * medium: one writes, the other syncs and finishes files. No call here waits
+ * for the medium, except start (it opens and locks the directory) and stop.
+ * Any thread may call anything at any time until destroy; frames of one track
+ * come in their order. Nothing here calls back: what happens is taken as
+ * events. Not async-signal-safe; not to be used after fork.
+ *
+ *     mediafiles_recorder *recorder = mediafiles_recorder_start(&options);
+ *     mediafiles_recorder_push(recorder, 0, data, len, time, 0);    for each frame
+ *     mediafiles_recorder_stop(recorder, patience);
+ *     mediafiles_recorder_destroy(recorder);
+ *
+ * All times are nanoseconds. Strings given are copied. Functions that return
+ * int give -1 with errno on failure.
+ *
+ * Every record that a caller fills or receives begins with its size, which the
+ * caller sets with sizeof. The library neither reads nor writes beyond it; what
+ * an older caller does not have counts as 0.
+ *
+ * A file begins with a frame where decoding can begin, of the first video track
+ * where there is one: nothing is stored before that track's first key frame. The
+ * first two samples of a track in a file begin at the same time: the format
+ * gives the first sample no duration. All others begin at their capture times,
+ * rounded to a tick of their track.
+ *
+ * One frame of each track is held back until the next one says how long it
+ * lasts, at most for the time between two rounds of syncs: what is held back
+ * is not safe yet. When a file is finished the core prints lines to standard
+ * output for its video tracks.
+ */
+#ifndef MEDIAFILES_RECORDER_H
+#define MEDIAFILES_RECORDER_H
+
+#include <stddef.h>
+#include <stdint.h>
+#include <sys/uio.h>
+
+#include <mediafiles/movie.h>
+#include <mediafiles/recovery.h>
+
+MEDIAFILES_BEGIN_DECLS
+
+typedef struct mediafiles_recorder mediafiles_recorder; /* opaque */
+
+/* Flags of the options, beside MEDIAFILES_KEEP_JOURNAL (mediafiles/recovery.h): keep the journals of finished files */
+#define MEDIAFILES_ANY_START 1u  /* where no key frame comes, begin a file at a recovery point (intra refresh) */
+#define MEDIAFILES_OVERWRITE 2u  /* a pattern without {number}: replace the recording that is there */
+#define MEDIAFILES_JOIN_STEPS 4u /* where capture times step, join the times on instead of beginning a file */
+
+/**
+ * In the numbers 0 is the default, which stands with each, and -1 is "never" or
+ * "without limit".
+ *
+ * To keep to quota_bytes and keep_free_bytes the oldest finished files of the
+ * pattern are deleted, by their number; those without write permission are
+ * protected. When none can go, the running file is finished, and recording goes
+ * on when there is room.
+ *
+ * Not built yet, and refused by start with ENOTSUP: protected_bytes, event mode,
+ * MEDIAFILES_OVERWRITE where the recording is there. Room is not reserved ahead
+ * of the media: when others fill the file system within two rounds, the running
+ * file is given up to recovery, which completes it when there is room. A medium
+ * that is taken away is not told from other errors.
+ */
+typedef struct mediafiles_recorder_options {
+    uint32_t size;
+    uint32_t track_count;         /* 1 to 8 */
+    const mp4_track_desc *tracks; /* video of width 0: taken from its parameter sets. Copied */
+    const char *directory;        /* exists and is no link */
+    const char *pattern;          /* with {number} and %Y %m %d %H %M %S (UTC); NULL: "{number}.mp4" */
+    int64_t sync_ns;              /* between two rounds of syncs; 1 s */
+    int64_t segment_ns;           /* length of a file; 0: up to the format's limit */
+    int64_t segment_bytes;        /* likewise */
+    int64_t longest_gap_ns;       /* between two frames of a track; a longer one begins a file; 10 s */
+    int64_t quota_bytes;          /* for all files of the pattern in the directory; 0: no quota */
+    int64_t keep_free_bytes;      /* of the file system; 64 MiB */
+    int64_t protected_bytes;      /* beyond it the oldest protected files go, too; 0: never */
+    int64_t queue_bytes;          /* allocated at start; also the largest frame; 8 MiB */
+    int64_t pre_event_ns;         /* above 0: event mode, files are made by trigger alone */
+    int64_t pre_event_bytes;      /* allocated at start; needed in event mode */
+    uint32_t file_mode;           /* of new files, before umask; 0640 */
+    uint32_t flags;               /* MEDIAFILES_ANY_START | ... */
+} mediafiles_recorder_options;
+
+/* Flags of a frame */
+#define MEDIAFILES_KEY 1u  /* decoding can begin with it; without the flag the recorder looks at the NAL units */
+#define MEDIAFILES_DISC 2u /* its time does not continue those before: a new file */
+
+/**
+ * Allocates everything, locks the directory, starts the threads and returns.
+ * Recordings that were interrupted are completed beside the new one, newest
+ * first.
+ *
+ * @return owned by the caller, released by destroy; NULL with errno
+ *           EINVAL   an option out of range; a pattern with other fields, or one that leaves the directory
+ *           EBUSY    another recorder numbers files in this directory
+ *           EEXIST   a pattern without {number}, and the file is there
+ *           ENOTSUP  a codec, rate or size that no track can hold; what is not built yet
+ *           other    from opening the directory, ENOMEM or EAGAIN
+ */
+MEDIAFILES_API mediafiles_recorder *mediafiles_recorder_start(const mediafiles_recorder_options *options);
+
+/**
+ * Takes a frame: an Annex-B access unit or a part of one, or an AAC frame with
+ * or without ADTS header. It is copied. Parts of an access unit have the same
+ * time. No system call is made but to wake a thread.
+ *
+ * @param time  capture time on a monotonic clock that all tracks share
+ * @param flags MEDIAFILES_KEY | MEDIAFILES_DISC
+ * @return 0 taken; 1 not stored, counted in stats and reported by an event; -1 with errno
+ *           EINVAL     no such track, no bytes, unknown flag
+ *           EMSGSIZE   larger than the queue
+ *           ESHUTDOWN  after stop
+ */
+MEDIAFILES_API int mediafiles_recorder_push(mediafiles_recorder *, uint32_t track, const void *data, size_t len,
+                                            int64_t time, uint32_t flags);
+/** The same for a frame in pieces, at least one. */
+MEDIAFILES_API int mediafiles_recorder_pushv(mediafiles_recorder *, uint32_t track, const struct iovec *pieces,
+                                             int count, int64_t time, uint32_t flags);
+
+/** The next key frame begins a file. ESHUTDOWN after stop. */
+MEDIAFILES_API int mediafiles_recorder_split(mediafiles_recorder *);
+
+/** What has happened since start. */
+typedef struct mediafiles_recorder_stats {
+    uint32_t size;
+    uint32_t files;                  /* begun */
+    uint64_t frames_in;              /* pushed */
+    uint64_t frames_out;             /* samples that were stored; the parts of an access unit are one */
+    uint64_t frames_dropped;         /* for want of room in the queue or on the medium, or after an error */
+    uint64_t frames_refused;         /* that no file can hold, or before the first key frame */
+    uint64_t bytes_in, bytes_out;    /* out: given to the kernel */
+    uint64_t safe[MP4_MAX_TRACKS];   /* samples of each track that survive a power cut now */
+    int64_t unsafe_ns;               /* of media that would be lost now, what is queued included */
+    uint64_t queue_used, queue_most; /* bytes */
+    int64_t worst_push, worst_write, worst_sync;
+    int64_t free_bytes; /* of the file system, at the last round of syncs */
+} mediafiles_recorder_stats;
+
+/** @param stats  its size is set */
+MEDIAFILES_API int mediafiles_recorder_get_stats(mediafiles_recorder *, mediafiles_recorder_stats *stats);
+
+/** Why a frame was refused. */
+enum {
+    MEDIAFILES_REFUSED_EMPTY = 1,
+    MEDIAFILES_REFUSED_TOO_LARGE,        /* its sample would have 2^31 bytes or more */
+    MEDIAFILES_REFUSED_NO_START_CODE,    /* video that does not begin with a start code */
+    MEDIAFILES_REFUSED_TRUNCATED_HEADER, /* a start code, and then less than a NAL unit's header */
+    MEDIAFILES_REFUSED_BAD_SET,          /* a parameter set whose number cannot be read */
+    MEDIAFILES_REFUSED_BAD_ADTS,         /* an ADTS header that is cut, or has another length than the frame */
+    MEDIAFILES_REFUSED_OTHER_FORMAT,     /* an ADTS header of another profile, rate or channel count than the track's */
+    MEDIAFILES_REFUSED_BEFORE_KEY,       /* no file has begun for it: the first key frame is awaited */
+    MEDIAFILES_REFUSED_NO_SETS,          /* a key frame before the parameter sets that say its size */
+    MEDIAFILES_REFUSED_TIME              /* more than 146 years from 0 */
+};
+
+/** Kinds of events; callers pass over those that they do not know. Fields that are not named are 0. */
+enum {
+    MEDIAFILES_EVENT_BEGUN = 1,     /* number, path */
+    MEDIAFILES_EVENT_FINISHED,      /* number, path; from, to: its capture times; count: its bytes */
+    MEDIAFILES_EVENT_RECOVERED,     /* path, result: MEDIAFILES_REPAIRED ...; count: its samples */
+    MEDIAFILES_EVENT_NOT_RECOVERED, /* path, result, reason: MEDIAFILES_REASON_, error */
+    MEDIAFILES_EVENT_DELETED,       /* number, path; count: its bytes */
+    MEDIAFILES_EVENT_STALLED,       /* the medium does not keep up: half of the queue is used */
+    MEDIAFILES_EVENT_DROPPED,       /* track; count: frames; from, to: their times. Reported when the gap ends */
+    MEDIAFILES_EVENT_REFUSED,       /* track, reason: MEDIAFILES_REFUSED_; once for each track and reason */
+    MEDIAFILES_EVENT_FULL,          /* nothing can be recorded for want of room */
+    MEDIAFILES_EVENT_NO_MEDIUM,     /* the directory cannot be used: error */
+    MEDIAFILES_EVENT_WRITE_ERROR,   /* number, path, error: the file is given up, recovery completes it */
+    MEDIAFILES_EVENT_GOES_ON,       /* after STALLED, FULL, NO_MEDIUM */
+    MEDIAFILES_EVENT_CLOCK,         /* track; from, to: the capture times before and after a step */
+    MEDIAFILES_EVENT_KEY_WANTED,    /* track: a file waits for a key frame */
+    MEDIAFILES_EVENT_LOST           /* count: events that nobody took; the latest ones are kept */
+};
+
+typedef struct mediafiles_recorder_event {
+    uint32_t size, kind;
+    uint32_t track;
+    uint32_t result; /* MEDIAFILES_REPAIRED to MEDIAFILES_FAILED */
+    uint32_t reason;
+    int32_t error;          /* errno, or 0 */
+    uint64_t number, count; /* number: of the file */
+    int64_t from, to;       /* capture times */
+    const char *path;       /* below the directory of the options; NULL, or valid until the next call of next_event */
+} mediafiles_recorder_event;
+
+/** Readable while an event waits: for poll, not to be read or closed. It lives until destroy. */
+MEDIAFILES_API int mediafiles_recorder_event_descriptor(mediafiles_recorder *);
+
+/**
+ * Takes the oldest event. One thread at a time.
+ *
+ * @param event       its size is set
+ * @param timeout_ms  0: do not wait; -1: wait for ever
+ * @return 1 with an event; 0 when none came in time, or when all are taken after stop
+ */
+MEDIAFILES_API int mediafiles_recorder_next_event(mediafiles_recorder *, mediafiles_recorder_event *event,
+                                                  int32_t timeout_ms);
+
+/**
+ * Stores what was pushed, finishes the files and ends the threads. Again: 0,
+ * once they have ended.
+ *
+ * @param patience  for the medium; -1: without limit
+ * @return 0; -1 with errno
+ *           ETIMEDOUT  the medium did not answer in time; recovery completes the files
+ */
+MEDIAFILES_API int mediafiles_recorder_stop(mediafiles_recorder *, int64_t patience);
+
+/**
+ * Releases the recorder, NULL too. Unless it was stopped, what is on its way
+ * is given up: recovery completes the files. A thread that the kernel holds
+ * releases its part itself when the kernel returns.
+ */
+MEDIAFILES_API void mediafiles_recorder_destroy(mediafiles_recorder *);
+
+MEDIAFILES_END_DECLS
+
+#endif

@@ -1,0 +1,202 @@
+#include "queue.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace mediafiles::recorder {
+
+namespace {
+
+/* An entry that fills the ring up to its end. */
+constexpr uint16_t padding = UINT16_MAX;
+
+constexpr uint64_t rounded(uint64_t bytes)
+{
+    return (bytes + sizeof(queue::entry) - 1) / sizeof(queue::entry) * sizeof(queue::entry);
+}
+
+} // namespace
+
+/* The header of one frame of the full size, and room for start codes of three bytes, which grow by one. */
+queue::queue(uint64_t bytes, uint32_t video)
+    : video_(video), memory_(static_cast<size_t>(rounded(bytes + 4096) / sizeof(entry)))
+{
+}
+
+queue::entry *queue::find_room(uint32_t track, uint64_t room)
+{
+    for (;;) {
+        if (begin_ == end_) begin_ = next_ = end_ = (end_ + capacity() - 1) / capacity() * capacity();
+        if (entry *const found = room_at_end(room)) return found;
+        if (is_video(track) || !drop_newest_group()) return nullptr;
+    }
+}
+
+/* Where the next entry begins; padding up to the end of the ring is made on the way. */
+queue::entry *queue::room_at_end(uint64_t room)
+{
+    const uint64_t size = sizeof(entry) + rounded(room);
+    const uint64_t left = capacity() - end_ % capacity(), free = capacity() - (end_ - begin_);
+    if (size <= left) return size <= free ? &at(end_) : nullptr;
+    if (left + size > free) return nullptr;
+    at(end_) = {static_cast<uint32_t>(left), 0, padding, 0, 0, 0, {}};
+    end_ += left;
+    return &at(end_);
+}
+
+void queue::append(entry &filled)
+{
+    filled.size = static_cast<uint32_t>(sizeof(entry) + rounded(filled.length));
+    end_ += filled.size;
+}
+
+void queue::drop(uint32_t track, int64_t time)
+{
+    track_state &state = tracks_[track];
+    state.is_dropping = true;
+    if (state.dropped.count == 0) {
+        state.dropped.from = time;
+        state.is_torn = is_video(track) && time == state.last;
+    }
+    ++state.dropped.count;
+    state.dropped.to = time;
+}
+
+void queue::skip_padding(uint64_t &position)
+{
+    while (position < end_ && at(position).track == padding) position += at(position).size;
+}
+
+/*
+ * Takes the video of one track away from the start of the newest group on that
+ * no thread has seen, or from its first frame, and closes the ranks. An entry
+ * never moves towards the end: where one does not fit before the end of the
+ * ring, it lay at or after the ring's beginning before.
+ */
+bool queue::drop_newest_group()
+{
+    uint64_t from = UINT64_MAX;
+    bool is_group = false;
+    for (uint64_t position = next_; position < end_; position += at(position).size) {
+        const entry &each = at(position);
+        if (each.track == padding || !is_video(each.track)) continue;
+        if (!starts_group(each) && from != UINT64_MAX) continue;
+        if (is_group && !starts_group(each)) continue;
+        is_group = starts_group(each);
+        from = position;
+    }
+    if (from == UINT64_MAX) return false;
+
+    const uint32_t track = at(from).track;
+    const uint64_t end = end_;
+    gap newer = tracks_[track].dropped; // these were dropped after what goes now
+    tracks_[track].dropped = {};
+    tracks_[track].last = INT64_MIN;
+    for (uint64_t position = next_; position < from; position += at(position).size)
+        if (at(position).track == track) tracks_[track].last = at(position).time;
+
+    end_ = from;
+    for (uint64_t position = from; position < end;) {
+        const entry header = at(position);
+        if (header.track == track) {
+            drop(track, header.time);
+        } else if (header.track != padding) {
+            entry *const to = room_at_end(header.length);
+            std::memmove(static_cast<void *>(to), &at(position), sizeof(entry) + header.length);
+            append(*to);
+        }
+        position += header.size;
+    }
+    if (newer.count != 0) {
+        tracks_[track].dropped.count += newer.count;
+        tracks_[track].dropped.to = newer.to;
+    }
+    return true;
+}
+
+bool queue::note_use()
+{
+    const uint64_t used = end_ - begin_;
+    most_used_ = std::max(most_used_, used);
+    if (is_stalled_ || used <= capacity() / 2) return false;
+    return is_stalled_ = true;
+}
+
+bool queue::goes_on()
+{
+    const std::lock_guard guard(lock_);
+    if (!is_stalled_ || end_ - begin_ > capacity() / 4) return false;
+    is_stalled_ = false;
+    return true;
+}
+
+queue::taken queue::next(clock::time_point deadline)
+{
+    std::unique_lock guard(lock_);
+    const auto is_due = [this] {
+        skip_padding(next_);
+        return next_ < end_ || is_woken_ || is_closed_;
+    };
+    if (deadline == clock::time_point::max())
+        wake_.wait(guard, is_due);
+    else
+        wake_.wait_until(guard, deadline, is_due);
+    is_woken_ = false;
+    if (next_ == end_) return {};
+    const taken found = {&at(next_), next_};
+    next_ += found.frame->size;
+    return found;
+}
+
+void queue::release(uint64_t position)
+{
+    const std::lock_guard guard(lock_);
+    begin_ = std::min(position, next_);
+}
+
+void queue::wake()
+{
+    {
+        const std::lock_guard guard(lock_);
+        is_woken_ = true;
+    }
+    wake_.notify_one();
+}
+
+void queue::close()
+{
+    {
+        const std::lock_guard guard(lock_);
+        is_closed_ = true;
+    }
+    wake_.notify_one();
+}
+
+bool queue::is_closed()
+{
+    const std::lock_guard guard(lock_);
+    return is_closed_;
+}
+
+bool queue::is_drained()
+{
+    const std::lock_guard guard(lock_);
+    skip_padding(next_);
+    return is_closed_ && next_ == end_;
+}
+
+gap queue::open_gap(uint32_t track)
+{
+    const std::lock_guard guard(lock_);
+    return tracks_[track].dropped;
+}
+
+queue::use queue::in_use()
+{
+    const std::lock_guard guard(lock_);
+    use found = {end_ - begin_, most_used_, 0};
+    for (const track_state &each : tracks_) found.dropped += each.dropped.count;
+    return found;
+}
+
+} // namespace mediafiles::recorder

@@ -1,0 +1,182 @@
+/**
+ * Frames on their way from the callers to the writing thread: a ring of bytes
+ * that is allocated once.
+ *
+ * A frame lies in one piece, in the form in which it is stored. Entries are
+ * taken in order; their bytes stay where they are until they are released, so
+ * that the writer can hold frames back without a copy. The lock is held for
+ * copies in memory only, never while the medium is used.
+ *
+ * When the ring is full, groups of pictures go: a video frame that finds no
+ * room, and those that follow it up to the next start of a group that has room.
+ * Sound without room takes the place of the newest groups of pictures that
+ * wait; it goes only when no video is left.
+ */
+#pragma once
+
+#include <array>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <vector>
+
+#include <mediafiles/movie.h>
+
+namespace mediafiles::recorder {
+
+using clock = std::chrono::steady_clock;
+
+/** What is known of a frame from its bytes; bits of queue::entry::flags. */
+enum frame_flag : uint16_t {
+    frame_is_key = 1,      // decoding can begin with it
+    frame_has_picture = 2, // or part of one; sound always
+    frame_has_sets = 4,    // parameter sets
+    frame_is_recovery = 8, // a recovery point
+    frame_steps = 16,      // the caller says that its time does not continue those before
+    frame_after_gap = 32,  // frames of its track that came before it were dropped
+    frame_after_tear = 64, // likewise, parts of the access unit before the gap among them
+};
+
+/** Frames of one track that were dropped one after another. */
+struct gap {
+    uint64_t count = 0;
+    int64_t from = 0, to = 0; // capture times of the first and last of them
+};
+
+class queue {
+public:
+    struct entry {
+        uint32_t size;   // of header, bytes and padding
+        uint32_t length; // bytes of the frame
+        uint16_t track;
+        uint16_t flags;
+        uint32_t unused;
+        int64_t time;
+        clock::time_point pushed;
+
+        uint8_t *bytes() { return reinterpret_cast<uint8_t *>(this + 1); }
+        const uint8_t *bytes() const { return reinterpret_cast<const uint8_t *>(this + 1); }
+    };
+    static_assert(sizeof(entry) == 32);
+
+    enum class outcome { taken, dropped, refused, too_large, closed };
+    struct result {
+        outcome what;
+        gap ended;   // of the track, when this frame ends one
+        bool stalls; // half of the ring is used, and was not at the frame before
+    };
+
+    /** @param video  a bit for each track: 1 for video */
+    queue(uint64_t bytes, uint32_t video);
+
+    /**
+     * Adds a frame.
+     *
+     * @param room  bytes that fill may write
+     * @param fill  (uint8_t *to, entry &) sets length and flags; false: the frame is refused. Called with the lock held
+     */
+    template <class Fill>
+    result push(uint32_t track, int64_t time, uint64_t room, uint32_t flags, Fill fill)
+    {
+        result made = {outcome::taken, {}, false};
+        const clock::time_point now = clock::now();
+        {
+            const std::lock_guard guard(lock_);
+            if (is_closed_) return {outcome::closed, {}, false};
+            if (room > memory_.size() * sizeof(entry) - sizeof(entry)) return {outcome::too_large, {}, false};
+            entry *const to = find_room(track, room);
+            if (!to) {
+                drop(track, time);
+                return {outcome::dropped, {}, false};
+            }
+            *to = {0, 0, static_cast<uint16_t>(track), static_cast<uint16_t>(flags), 0, time, now};
+            if (!fill(to->bytes(), *to)) return {outcome::refused, {}, false};
+            track_state &state = tracks_[track];
+            if (state.is_dropping) {
+                if (is_video(track) && !starts_group(*to)) {
+                    drop(track, time);
+                    return {outcome::dropped, {}, false};
+                }
+                to->flags |= frame_after_gap;
+                if (state.is_torn) to->flags |= frame_after_tear;
+                made.ended = state.dropped;
+                state.dropped = {};
+                state.is_dropping = state.is_torn = false;
+            }
+            state.last = time;
+            append(*to);
+            made.stalls = note_use();
+        }
+        wake_.notify_one();
+        return made;
+    }
+
+    /** Whether more than half of the ring was used and no more than a quarter is: once for each `stalls`. */
+    bool goes_on();
+
+    /** An entry that next gave; it stays in place until it is released. */
+    struct taken {
+        const entry *frame = nullptr;
+        uint64_t position = 0;
+    };
+    /** The next entry; none when none comes until the deadline, after wake, or when the ring is closed and empty. */
+    taken next(clock::time_point deadline);
+
+    /** What lies before this position is not needed any more; `everything`: all that next gave. */
+    void release(uint64_t position);
+    static constexpr uint64_t everything = UINT64_MAX;
+
+    /** Makes next return. */
+    void wake();
+
+    /** No frame is taken any more. */
+    void close();
+    bool is_closed();
+    bool is_drained();
+
+    /** The gap of a track that no frame has ended. */
+    gap open_gap(uint32_t track);
+
+    struct use {
+        uint64_t bytes, most;
+        uint64_t dropped; // frames, in gaps that no frame has ended
+    };
+    use in_use();
+
+private:
+    struct track_state {
+        bool is_dropping = false, is_torn = false;
+        int64_t last = INT64_MIN; // time of the last entry
+        gap dropped;
+    };
+    /* Positions count bytes from the beginning of time; an entry lies at the position modulo the ring's size. */
+    uint64_t capacity() const { return memory_.size() * sizeof(entry); }
+    entry &at(uint64_t position) { return memory_[static_cast<size_t>(position % capacity() / sizeof(entry))]; }
+    bool is_video(uint32_t track) const { return video_ >> track & 1; }
+    static bool starts_group(const entry &each)
+    {
+        return each.flags & (frame_is_key | frame_has_sets | frame_is_recovery);
+    }
+
+    entry *find_room(uint32_t track, uint64_t room);
+    entry *room_at_end(uint64_t room);
+    void append(entry &filled);
+    void drop(uint32_t track, int64_t time);
+    bool drop_newest_group();
+    void skip_padding(uint64_t &position);
+    bool note_use();
+
+    const uint32_t video_;
+    std::vector<entry> memory_; // entries and the bytes between them
+    std::mutex lock_;
+    std::condition_variable wake_;
+    uint64_t begin_ = 0; // oldest entry that is not released
+    uint64_t next_ = 0;  // entry that next gives
+    uint64_t end_ = 0;
+    uint64_t most_used_ = 0;
+    bool is_stalled_ = false, is_woken_ = false, is_closed_ = false;
+    std::array<track_state, MP4_MAX_TRACKS> tracks_;
+};
+
+} // namespace mediafiles::recorder

@@ -1,0 +1,299 @@
+/**
+ * The recorder's C functions. A recorder is a handle on what it shares with its
+ * two threads; each of the three owns a share, so that a thread which the
+ * kernel holds outlives the handle.
+ */
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <memory>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+
+#include <mediafiles/recorder.h>
+
+#include "frame.h"
+#include "options.h"
+#include "syncer.h"
+#include "timeline.h"
+#include "writer.h"
+
+using namespace mediafiles::recorder;
+namespace recovery = mediafiles::recovery;
+
+struct mediafiles_recorder {
+    std::shared_ptr<state> shared;
+};
+
+namespace {
+
+/* destroy gives threads that the kernel does not hold the time to end. */
+constexpr auto last_wait = std::chrono::milliseconds(200);
+
+static_assert(MEDIAFILES_REFUSED_OTHER_FORMAT == static_cast<int>(frame_fault::other_format));
+
+/* A record of the caller, which may be shorter or longer than ours. */
+template <class Record>
+Record take_record(const Record *given)
+{
+    Record taken = {};
+    if (!given || given->size < sizeof given->size) throw recovery::system_failure(EINVAL);
+    std::memcpy(&taken, given, std::min<size_t>(given->size, sizeof taken));
+    return taken;
+}
+
+template <class Record>
+void give_record(Record *to, Record made)
+{
+    const uint32_t size = to->size;
+    made.size = size;
+    std::memcpy(to, &made, std::min<size_t>(size, sizeof made));
+}
+
+/* No two recorders number the same directory. */
+recovery::descriptor open_directory(const settings &options)
+{
+    recovery::descriptor opened =
+        recovery::open_at(AT_FDCWD, options.directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
+    if (!opened.is_open()) throw recovery::system_failure();
+    if (options.names.is_numbered()) {
+        if (flock(opened, LOCK_EX | LOCK_NB) != 0) throw recovery::system_failure(errno == EWOULDBLOCK ? EBUSY : errno);
+        return opened;
+    }
+    struct stat status;
+    const std::string name = options.names.make(1, std::time(nullptr));
+    if (fstatat(opened, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0)
+        throw recovery::system_failure(options.has(MEDIAFILES_OVERWRITE) ? ENOTSUP : EEXIST);
+    return opened;
+}
+
+void abandon(state &shared)
+{
+    shared.is_abandoned = true;
+    shared.frames.close();
+}
+
+/* The body of a thread. For want of memory a recorder ends as if it were destroyed: recovery completes the files. */
+template <class Body>
+void start_thread(const std::shared_ptr<state> &shared, Body body)
+{
+    {
+        const std::lock_guard guard(shared->lock);
+        ++shared->threads;
+    }
+    try {
+        std::thread([shared, body = std::move(body)]() mutable {
+            try {
+                body->run();
+            } catch (...) {
+                abandon(*shared);
+                shared->report({.kind = MEDIAFILES_EVENT_WRITE_ERROR, .error = ENOMEM});
+            }
+            body.reset();
+            const std::lock_guard guard(shared->lock);
+            if (--shared->threads == 0) {
+                shared->directory = recovery::descriptor(); // and its lock
+                shared->events.end();
+            }
+            shared->ended.notify_all();
+        }).detach();
+    } catch (...) {
+        const std::lock_guard guard(shared->lock);
+        --shared->threads;
+        throw;
+    }
+}
+
+/* The writing thread, and after it, whatever happens, the end of the syncing thread. */
+struct writing {
+    std::shared_ptr<syncer> syncs;
+    std::unique_ptr<writer> writes;
+
+    writing(std::shared_ptr<state> shared, std::shared_ptr<syncer> with)
+        : syncs(with), writes(std::make_unique<writer>(std::move(shared), std::move(with)))
+    {
+    }
+    ~writing() { syncs->end(); }
+    void run() { writes->run(); }
+};
+
+int refuse(int error)
+{
+    errno = error;
+    return -1;
+}
+
+int64_t unsafe_time(const counters &count, uint32_t tracks)
+{
+    int64_t longest = 0;
+    for (uint32_t track = 0; track < tracks; ++track)
+        if (count.has_pushed[track]) longest = std::max(longest, count.pushed_to[track] - count.safe_to[track]);
+    return longest;
+}
+
+} // namespace
+
+mediafiles_recorder *mediafiles_recorder_start(const mediafiles_recorder_options *options)
+{
+    std::unique_ptr<mediafiles_recorder> made;
+    const int result = recovery::guarded([&] {
+        settings given = complete(take_record(options));
+        recovery::descriptor directory = open_directory(given);
+        made = std::make_unique<mediafiles_recorder>();
+        made->shared = std::make_shared<state>(std::move(given), std::move(directory));
+        const auto &shared = made->shared;
+        auto syncs = std::make_shared<syncer>(shared);
+        auto writes = std::make_unique<writing>(shared, syncs);
+        try {
+            start_thread(shared, syncs);
+            start_thread(shared, std::move(writes));
+        } catch (const std::system_error &cause) {
+            abandon(*shared);
+            syncs->end();
+            throw recovery::system_failure(cause.code().value());
+        }
+    });
+    return result == 0 ? made.release() : nullptr;
+}
+
+int mediafiles_recorder_pushv(mediafiles_recorder *recorder, uint32_t track, const struct iovec *pieces, int count,
+                              int64_t time, uint32_t flags)
+{
+    state &shared = *recorder->shared;
+    const clock::time_point begin = clock::now();
+    if (track >= shared.options.track_count() || count <= 0 || !pieces || flags & ~(MEDIAFILES_KEY | MEDIAFILES_DISC))
+        return refuse(EINVAL);
+    const mp4_track_desc &description = shared.options.tracks[track];
+    const frame_pieces frame(pieces, static_cast<size_t>(count));
+    uint64_t size = 0;
+    for (const iovec &piece : frame) size += piece.iov_len;
+    if (size == 0) return refuse(EINVAL);
+    if (size > static_cast<uint64_t>(shared.options.queue_bytes)) return refuse(EMSGSIZE);
+
+    const frame_facts facts = look_at_frame(description, frame);
+    if (facts.fault != frame_fault::none || time > latest_time || time < earliest_time) {
+        if (shared.frames.is_closed()) return refuse(ESHUTDOWN);
+        ++shared.count.frames_in;
+        shared.count.bytes_in += size;
+        shared.refuse(track,
+                      facts.fault != frame_fault::none ? static_cast<uint32_t>(facts.fault)
+                                                       : uint32_t{MEDIAFILES_REFUSED_TIME},
+                      time);
+        return 1;
+    }
+    const bool is_video = shared.options.is_video(track);
+    const bool is_key = facts.key || flags & MEDIAFILES_KEY;
+    const auto known =
+        static_cast<uint32_t>((is_key ? frame_is_key : 0) | (facts.has_slices || !is_video ? frame_has_picture : 0) |
+                              (facts.has_sets ? frame_has_sets : 0) | (facts.recovery_point ? frame_is_recovery : 0) |
+                              (flags & MEDIAFILES_DISC ? frame_steps : 0));
+    const queue::result made =
+        shared.frames.push(track, time, facts.stored_size, known, [&](uint8_t *to, queue::entry &entry) {
+            store_frame(description, frame, facts, to);
+            entry.length = facts.stored_size;
+            return true;
+        });
+    if (made.what == queue::outcome::closed) return refuse(ESHUTDOWN);
+    if (made.what == queue::outcome::too_large) return refuse(EMSGSIZE);
+    ++shared.count.frames_in;
+    shared.count.bytes_in += size;
+    if (made.stalls) shared.report({.kind = MEDIAFILES_EVENT_STALLED});
+    shared.report_gap(track, made.ended);
+    shared.count.frames_dropped += made.ended.count;
+    if (!shared.count.has_pushed[track]) {
+        shared.count.safe_to[track] = time;
+        shared.count.has_pushed[track] = true;
+    }
+    shared.count.pushed_to[track] = time;
+    shared.count.push.note(begin);
+    return made.what == queue::outcome::taken ? 0 : 1;
+}
+
+int mediafiles_recorder_push(mediafiles_recorder *recorder, uint32_t track, const void *data, size_t len, int64_t time,
+                             uint32_t flags)
+{
+    const iovec piece = {const_cast<void *>(data), data ? len : 0};
+    return mediafiles_recorder_pushv(recorder, track, &piece, 1, time, flags);
+}
+
+int mediafiles_recorder_split(mediafiles_recorder *recorder)
+{
+    if (recorder->shared->frames.is_closed()) return refuse(ESHUTDOWN);
+    recorder->shared->wants_split = true;
+    return 0;
+}
+
+int mediafiles_recorder_get_stats(mediafiles_recorder *recorder, mediafiles_recorder_stats *stats)
+{
+    if (!stats || stats->size < sizeof stats->size) return refuse(EINVAL);
+    state &shared = *recorder->shared;
+    const counters &count = shared.count;
+    const queue::use use = shared.frames.in_use();
+    mediafiles_recorder_stats made = {};
+    made.files = count.files;
+    made.frames_in = count.frames_in;
+    made.frames_out = count.frames_out;
+    made.frames_dropped = count.frames_dropped + use.dropped;
+    made.frames_refused = count.frames_refused;
+    made.bytes_in = count.bytes_in;
+    made.bytes_out = count.bytes_out;
+    std::ranges::copy(count.safe, made.safe);
+    made.unsafe_ns = unsafe_time(count, shared.options.track_count());
+    made.queue_used = use.bytes;
+    made.queue_most = use.most;
+    made.worst_push = count.push.get();
+    made.worst_write = count.write.get();
+    made.worst_sync = count.sync.get();
+    made.free_bytes = count.free_bytes;
+    give_record(stats, made);
+    return 0;
+}
+
+int mediafiles_recorder_event_descriptor(mediafiles_recorder *recorder)
+{
+    return recorder->shared->events.descriptor();
+}
+
+int mediafiles_recorder_next_event(mediafiles_recorder *recorder, mediafiles_recorder_event *event, int32_t timeout_ms)
+{
+    if (!event || event->size < sizeof event->size) return refuse(EINVAL);
+    mediafiles_recorder_event taken = {};
+    if (!recorder->shared->events.take(taken, timeout_ms)) return 0;
+    give_record(event, taken);
+    return 1;
+}
+
+int mediafiles_recorder_stop(mediafiles_recorder *recorder, int64_t patience)
+{
+    if (patience < -1) return refuse(EINVAL);
+    state &shared = *recorder->shared;
+    shared.frames.close();
+    std::unique_lock guard(shared.lock);
+    const auto has_ended = [&] { return shared.threads == 0; };
+    if (patience == -1)
+        shared.ended.wait(guard, has_ended);
+    else if (!shared.ended.wait_for(guard, std::chrono::nanoseconds(std::min(patience, never / 4)), has_ended)) {
+        guard.unlock();
+        abandon(shared);
+        return refuse(ETIMEDOUT);
+    }
+    return 0;
+}
+
+void mediafiles_recorder_destroy(mediafiles_recorder *recorder)
+{
+    if (!recorder) return;
+    state &shared = *recorder->shared;
+    abandon(shared);
+    {
+        std::unique_lock guard(shared.lock);
+        shared.ended.wait_for(guard, last_wait, [&] { return shared.threads == 0; });
+    }
+    delete recorder;
+}

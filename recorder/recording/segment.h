@@ -1,0 +1,108 @@
+/**
+ * One file of a recording, with its journal.
+ *
+ * The writing thread begins it, adds samples and takes rounds; the syncing
+ * thread makes rounds safe and, once the writing thread has let go, finishes
+ * it. The two share the descriptors and the names alone, which do not change.
+ *
+ * A round keeps the order that makes the journal true: the builder's flush and
+ * directly after it the journal's records; then, on the other thread, a sync of
+ * the media; these records and the round's mark appended; a sync of the journal.
+ * The journal file never names a sample that is not on the medium.
+ */
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "muxer.h"
+#include "safe-file.h"
+
+namespace mediafiles::recorder {
+
+using recovery::descriptor;
+
+/** What the writing thread has given to the kernel, for the syncing thread to make safe. */
+struct round {
+    std::vector<uint8_t> records; // of the journal, its mark included
+    std::array<uint64_t, MP4_MAX_TRACKS> samples = {};
+    std::array<int64_t, MP4_MAX_TRACKS> reached = {}; // capture times up to which the tracks are in the file
+};
+
+class segment {
+public:
+    /**
+     * Makes the files, locked, and the directories on their way.
+     *
+     * @param directory  stays the caller's
+     * @param name       below the directory
+     * Throws recovery::obstacle, EEXIST where one of the names is taken.
+     */
+    segment(int directory, std::string name, uint64_t number, uint32_t mode);
+    segment(const segment &) = delete;
+    segment &operator=(const segment &) = delete;
+
+    const std::string &name() const { return name_; }
+    uint64_t number() const { return number_; }
+
+    /* ---- On the writing thread: 0, or -1 with errno ---- */
+
+    /** The muxer's tracks begin in the file. */
+    int begin(std::unique_ptr<muxer> muxer);
+    muxer &tracks() { return *muxer_; }
+
+    /** A parameter set (NAL unit), before the track's first sample: into the header, and into the journal where it fits. */
+    int give_set(uint32_t track, uint8_t kind, std::span<const uint8_t> set);
+
+    /** @param time  as the movie is to have it; @param reached  capture time up to which the track then is in the file */
+    int add(uint32_t track, std::span<const uint8_t> sample, mp4_time time, bool key, int64_t reached);
+
+    /** Writes out what is cached and takes what that makes true. */
+    int take_round(round &to);
+    bool has_news() const { return has_news_; }
+
+    /** Bytes of media that were accepted. */
+    uint64_t bytes() const;
+    uint64_t sample_bytes() const { return muxer_->builder()->movie->bytes; }
+
+    /* ---- On the syncing thread: 0, or -1 with errno ---- */
+
+    /** Not after a failure: what a sync has lost stays lost. */
+    int sync(round &made);
+
+    /** The movie header, and its sync; then, unless it is kept, the journal goes. Nothing may be added any more. */
+    int finish(bool keep_journal);
+
+    /** Ends the use of the files as they are, for recovery. */
+    void give_up();
+
+    /** For the next file, once this one is finished or given up. */
+    std::unique_ptr<muxer> take_tracks() { return std::move(muxer_); }
+
+    /** Bytes of the finished file. */
+    uint64_t size() const { return size_; }
+
+private:
+    void open_directory(int directory, uint32_t mode);
+    int append_journal();
+
+    const std::string name_;
+    const uint64_t number_;
+    std::string media_name_, journal_name_; // in directory_
+    descriptor directory_, media_, journal_;
+    std::unique_ptr<muxer> muxer_;
+    bool has_news_ = false;
+    round counted_; // of samples that no round has taken
+
+    uint32_t rounds_ = 0;
+    bool is_named_ = false;          // the directory was synced since the files were made
+    std::vector<uint8_t> unwritten_; // the rest of a short append goes first
+    uint64_t size_ = 0;
+};
+
+} // namespace mediafiles::recorder

@@ -1,0 +1,111 @@
+/** What the callers and the two threads of a recorder share. It lives as long as any of them. */
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <mediafiles/recorder.h>
+
+#include "codec.h"
+#include "events.h"
+#include "names.h"
+#include "queue.h"
+#include "safe-file.h"
+
+namespace mediafiles::recorder {
+
+constexpr int64_t never = INT64_MAX;
+
+/** The options, with their defaults in place; `never` stands for "without limit". */
+struct settings {
+    std::vector<mp4_track_desc> tracks; // without the raw flag
+    uint32_t video = 0;                 // a bit for each track
+    std::string directory;
+    name_pattern names;
+    int64_t sync, segment, segment_bytes, longest_gap;
+    int64_t queue_bytes, quota, keep_free;
+    uint32_t file_mode, flags;
+
+    bool has(uint32_t flag) const { return flags & flag; }
+    bool is_video(uint32_t track) const { return video >> track & 1; }
+    uint32_t track_count() const { return static_cast<uint32_t>(tracks.size()); }
+};
+
+/** The largest of what was measured. */
+class worst {
+public:
+    void note(clock::time_point begin)
+    {
+        const int64_t took = std::chrono::nanoseconds(clock::now() - begin).count();
+        int64_t known = value_.load(std::memory_order_relaxed);
+        while (took > known && !value_.compare_exchange_weak(known, took, std::memory_order_relaxed)) {}
+    }
+    int64_t get() const { return value_.load(std::memory_order_relaxed); }
+
+private:
+    std::atomic<int64_t> value_ = 0;
+};
+
+struct counters {
+    std::atomic<uint32_t> files = 0;
+    std::atomic<uint64_t> frames_in = 0, frames_out = 0, frames_dropped = 0, frames_refused = 0, bytes_in = 0,
+                          bytes_out = 0;
+    std::atomic<int64_t> free_bytes = 0;
+    std::array<std::atomic<uint64_t>, MP4_MAX_TRACKS> safe = {};
+    std::array<std::atomic<int64_t>, MP4_MAX_TRACKS> pushed_to = {}, safe_to = {}; // capture times; see has_pushed
+    std::array<std::atomic<bool>, MP4_MAX_TRACKS> has_pushed = {};
+    worst push, write, sync;
+};
+
+struct state {
+    state(settings given, recovery::descriptor opened)
+        : options(std::move(given)), directory(std::move(opened)),
+          frames(static_cast<uint64_t>(options.queue_bytes), options.video)
+    {
+    }
+
+    void report(const happening &what, std::string path = {}) { events.add(what, std::move(path)); }
+
+    const settings options;
+    recovery::descriptor directory; // until both threads have ended
+    queue frames;
+    event_list events;
+    counters count;
+    std::atomic<bool> wants_split = false;
+    std::atomic<bool> is_full = false;         // the syncing thread found no room: no file may grow
+    std::atomic<uint64_t> running_bytes = 0;   // of the files that are recorded
+    std::atomic<uint64_t> running_samples = 0; // likewise
+    std::atomic<bool> is_abandoned = false;    // the threads end as soon as the kernel lets them
+    std::array<std::atomic<uint32_t>, MP4_MAX_TRACKS> refused_why = {}; // a bit for each reason that was reported
+
+    /** A frame that cannot be stored is counted, and reported once for each track and reason. */
+    void refuse(uint32_t track, uint32_t reason, int64_t time)
+    {
+        count.frames_refused.fetch_add(1, std::memory_order_relaxed);
+        if (refused_why[track].fetch_or(1u << reason, std::memory_order_relaxed) >> reason & 1) return;
+        report({.kind = MEDIAFILES_EVENT_REFUSED, .track = track, .reason = reason, .from = time, .to = time});
+    }
+
+    void report_gap(uint32_t track, const gap &dropped)
+    {
+        if (dropped.count == 0) return;
+        report({.kind = MEDIAFILES_EVENT_DROPPED,
+                .track = track,
+                .count = dropped.count,
+                .from = dropped.from,
+                .to = dropped.to});
+    }
+
+    /* Threads that have not ended. */
+    std::mutex lock;
+    std::condition_variable ended;
+    int threads = 0;
+};
+
+} // namespace mediafiles::recorder

@@ -1,0 +1,75 @@
+#include "survey.h"
+
+#include <algorithm>
+#include <string_view>
+#include <utility>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include "safe-file.h"
+
+namespace mediafiles::recorder {
+
+namespace {
+
+constexpr std::string_view journal_end = ".journal";
+constexpr int deepest = 8; // directories in a pattern
+
+struct search {
+    const name_pattern &names;
+    std::vector<std::pair<uint64_t, std::string>> journals;
+    std::vector<kept_file> media;
+    uint64_t highest = 0;
+
+    void go_through(int parent, const char *name, const std::string &path, int depth)
+    {
+        const recovery::descriptor directory = recovery::open_at(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
+        if (!directory.is_open()) return;
+        recovery::directory_reader reader(directory);
+        while (const dirent *found = reader.next()) {
+            const std::string below = path + found->d_name;
+            struct stat status;
+            if (fstatat(directory, found->d_name, &status, AT_SYMLINK_NOFOLLOW) != 0) continue;
+            if (S_ISDIR(status.st_mode) && depth < deepest)
+                go_through(directory, found->d_name, below + '/', depth + 1);
+            else if (S_ISREG(status.st_mode))
+                note(below, static_cast<uint64_t>(status.st_size));
+        }
+    }
+
+    void note(std::string_view path, uint64_t bytes)
+    {
+        const bool is_journal = path.ends_with(journal_end);
+        if (is_journal) path.remove_suffix(journal_end.size());
+        const auto number = names.match(path);
+        if (!number) return;
+        highest = std::max(highest, *number);
+        if (is_journal)
+            journals.emplace_back(*number, path);
+        else
+            media.push_back({*number, std::string(path), bytes});
+    }
+};
+
+} // namespace
+
+found_files find_files(int directory, const name_pattern &names)
+{
+    search search = {names, {}, {}, 0};
+    try {
+        search.go_through(directory, ".", "", 0);
+    } catch (const recovery::obstacle &) { // a directory that cannot be read; what was seen counts
+    }
+    std::ranges::sort(search.journals, std::greater<>());
+    found_files found = {search.highest, {}, {}};
+    for (kept_file &each : search.media) {
+        const auto has_journal = std::pair(each.number, each.name); // the journals are sorted
+        if (!std::ranges::binary_search(search.journals, has_journal, std::greater<>()))
+            found.finished.push_back(std::move(each));
+    }
+    for (auto &each : search.journals) found.interrupted.push_back(std::move(each.second));
+    return found;
+}
+
+} // namespace mediafiles::recorder

@@ -1,0 +1,22 @@
+/** What a recorder's directory holds when it starts. */
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "kept-files.h"
+#include "names.h"
+
+namespace mediafiles::recorder {
+
+struct found_files {
+    uint64_t highest = 0;                 // number; 0: none
+    std::vector<std::string> interrupted; // files with a journal, newest first
+    std::vector<kept_file> finished;      // the others
+};
+
+/** Only regular files that the pattern makes are seen. What cannot be read is passed over. */
+found_files find_files(int directory, const name_pattern &names);
+
+} // namespace mediafiles::recorder

@@ -1,0 +1,83 @@
+/**
+ * The syncing thread: makes rounds safe, finishes files, removes journals, and
+ * recovers what was interrupted. It takes its work in order, except that
+ * recovery waits until nothing else is to do.
+ */
+#pragma once
+
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "kept-files.h"
+#include "segment.h"
+#include "state.h"
+
+namespace mediafiles::recorder {
+
+/** A file between the two threads. */
+struct shared_file {
+    shared_file(int directory, std::string name, uint64_t number, uint32_t mode)
+        : files(directory, std::move(name), number, mode)
+    {
+    }
+
+    segment files;
+    round pending, last;               // the syncing thread's while is_busy; the last one from finish on
+    std::atomic<bool> is_busy = false; // pending is on its way
+    std::atomic<int> error = 0;        // of a sync: the writing thread gives the file up
+    int64_t from = 0, to = 0;          // capture times, set before finish
+};
+using file_ptr = std::shared_ptr<shared_file>;
+
+class syncer {
+public:
+    explicit syncer(std::shared_ptr<state> shared) : shared_(std::move(shared)) {}
+
+    /** The body of the thread: until `end` was called and all is done, or the recorder is abandoned. */
+    void run();
+
+    /* From the writing thread. */
+    void sync(file_ptr file);    // pending
+    void finish(file_ptr file);  // last, then the movie header
+    void give_up(file_ptr file); // recovery completes it
+    void recover(std::vector<std::string> names);
+    void know(std::vector<kept_file> finished);
+    void end();
+
+    /** Tracks that a finished file has left; nullptr when there are none. */
+    std::unique_ptr<muxer> take_tracks();
+
+private:
+    enum class task { sync, finish, give_up };
+    struct job {
+        task what;
+        file_ptr file;
+    };
+    void add(job);
+    void carry_out(job &);
+    bool complete(shared_file &);
+    void make_safe(shared_file &, round &);
+    void recover_file(const std::string &name);
+    bool has_room();
+    void make_room();
+    void add_kept(const std::string &name);
+
+    const std::shared_ptr<state> shared_;
+    std::mutex lock_; // never held while the medium is used
+    std::condition_variable wake_;
+    std::vector<job> jobs_;
+    std::vector<std::string> to_recover_; // the last one is next
+    std::vector<kept_file> found_;        // at start
+    std::unique_ptr<muxer> idle_;
+    bool is_last_ = false;
+
+    /* Of the thread alone. */
+    kept_files kept_;
+    std::vector<std::string> lacking_room_; // files that could not be completed
+    uint64_t round_bytes_ = 0, bytes_before_ = 0;
+};
+
+} // namespace mediafiles::recorder

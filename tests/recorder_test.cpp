@@ -1,0 +1,807 @@
+/** The recorder: nothing is lost between files, nothing that was safe is lost with the power, no caller waits for a card. */
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <mutex>
+#include <sstream>
+#include <thread>
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <mediafiles/recorder.h>
+
+#include "tools/reader/reader.h"
+
+namespace fs = std::filesystem;
+using bytes = std::vector<uint8_t>;
+
+/* ---- A card that stalls and fails -------------------------------------- */
+
+namespace {
+
+class gate {
+public:
+    void close() { set(true); }
+    void open() { set(false); }
+    void pass()
+    {
+        std::unique_lock guard(lock_);
+        ++waiting_;
+        moved_.notify_all();
+        moved_.wait(guard, [this] { return !closed_; });
+        --waiting_;
+    }
+    void await_someone()
+    {
+        std::unique_lock guard(lock_);
+        moved_.wait(guard, [this] { return waiting_ != 0; });
+    }
+
+private:
+    void set(bool closed)
+    {
+        const std::lock_guard guard(lock_);
+        closed_ = closed;
+        moved_.notify_all();
+    }
+    std::mutex lock_;
+    std::condition_variable moved_;
+    bool closed_ = false;
+    int waiting_ = 0;
+};
+gate &syncs = *new gate, &writes = *new gate; // threads that a test abandons outlive it
+std::atomic<int> failing_sync = 0;            // errno
+std::atomic<int64_t> free_room = -1;          // bytes; -1: what there is
+
+} // namespace
+
+extern "C" {
+int __real_fdatasync(int file);
+ssize_t __real_writev(int file, const struct iovec *pieces, int count);
+ssize_t __real_write(int file, const void *data, size_t size);
+int __wrap_fdatasync(int file)
+{
+    syncs.pass();
+    if ((errno = failing_sync.exchange(0)) != 0) return -1;
+    return __real_fdatasync(file);
+}
+int __real_fstatvfs64(int file, struct statvfs *room);
+int __wrap_fstatvfs64(int file, struct statvfs *room)
+{
+    const int result = __real_fstatvfs64(file, room);
+    if (free_room >= 0) room->f_bavail = static_cast<fsblkcnt_t>(free_room / static_cast<int64_t>(room->f_frsize));
+    return result;
+}
+ssize_t __wrap_writev(int file, const struct iovec *pieces, int count)
+{
+    writes.pass();
+    return __real_writev(file, pieces, count);
+}
+}
+
+namespace {
+
+/* ---- Streams, as an encoder delivers them ------------------------------ */
+
+constexpr int64_t second = 1'000'000'000, millisecond = 1'000'000;
+
+struct frame {
+    bytes data;
+    int64_t time;
+    bool key;
+};
+using stream = std::vector<frame>;
+
+stream load(const std::string &name, const std::string &extension)
+{
+    std::ifstream media(std::string(STREAMS "/") + name + extension, std::ios::binary);
+    std::ifstream units(std::string(STREAMS "/") + name + ".units.tsv");
+    std::string line;
+    getline(units, line);
+    stream all;
+    while (getline(units, line)) {
+        std::istringstream in(line);
+        size_t index, offset, length;
+        frame next = {};
+        in >> index >> offset >> length >> next.time >> next.key;
+        next.data.resize(length);
+        media.seekg(static_cast<std::streamoff>(offset));
+        media.read(reinterpret_cast<char *>(next.data.data()), static_cast<std::streamsize>(length));
+        all.push_back(std::move(next));
+    }
+    EXPECT_FALSE(all.empty());
+    return all;
+}
+
+/** One run after the other; a frame between them lasts as long as the last two are apart. */
+stream repeated(const stream &once, int times, int64_t from = 0)
+{
+    const int64_t length = 2 * once.back().time - once[once.size() - 2].time;
+    stream all;
+    for (int run = 0; run < times; ++run)
+        for (frame each : once) {
+            each.time += from + run * length;
+            all.push_back(std::move(each));
+        }
+    return all;
+}
+
+/** The NAL units of an Annex-B frame, each after its length; sound as it is. */
+bytes sample_of(const frame &given, bool video)
+{
+    const bytes &data = given.data;
+    if (!video) return bytes(data.begin() + 7, data.end()); /* the streams have ADTS headers of 7 bytes */
+    const auto is_code = [&](size_t at) {
+        return at + 3 <= data.size() && data[at] == 0 && data[at + 1] == 0 && data[at + 2] == 1;
+    };
+    bytes sample;
+    for (size_t at = 0; at < data.size();) {
+        while (!is_code(at)) ++at;
+        at += 3;
+        size_t end = at;
+        while (end < data.size() && !is_code(end)) ++end;
+        const size_t next = end;
+        while (end > at && data[end - 1] == 0) --end;
+        for (int shift = 24; shift >= 0; shift -= 8) sample.push_back(static_cast<uint8_t>((end - at) >> shift));
+        sample.insert(sample.end(), data.begin() + ptrdiff_t(at), data.begin() + ptrdiff_t(end));
+        at = next;
+    }
+    return sample;
+}
+
+/* ---- Recordings -------------------------------------------------------- */
+
+struct source {
+    mp4_track_desc track;
+    stream frames;
+    bool video() const { return (track.type & 0x200) == 0; }
+};
+
+mp4_track_desc h264()
+{
+    return {.type = MP4_TRACK_H264, .video = {}};
+}
+mp4_track_desc h265(uint32_t width = 0, uint32_t height = 0)
+{
+    return {.type = MP4_TRACK_H265, .video = {width, height, 0}};
+}
+mp4_track_desc aac(uint32_t rate)
+{
+    mp4_track_desc track = {};
+    track.type = MP4_TRACK_AAC;
+    track.audio = {2, 16, rate};
+    return track;
+}
+
+class card {
+public:
+    card()
+    {
+        std::string name = (access("/dev/shm", W_OK) == 0 ? "/dev/shm/" : testing::TempDir()) + "card-XXXXXX";
+        root_ = mkdtemp(name.data());
+    }
+    ~card() { fs::remove_all(root_); }
+    std::string path() const { return root_.string(); }
+    std::vector<std::string> names() const
+    {
+        std::vector<std::string> all;
+        for (const auto &each : fs::recursive_directory_iterator(root_))
+            if (each.is_regular_file()) all.push_back(fs::relative(each.path(), root_).string());
+        std::ranges::sort(all);
+        return all;
+    }
+
+private:
+    fs::path root_;
+};
+
+struct recorder_ptr {
+    mediafiles_recorder *recorder = nullptr;
+    ~recorder_ptr() { mediafiles_recorder_destroy(recorder); }
+    operator mediafiles_recorder *() const { return recorder; }
+};
+
+mediafiles_recorder_options options_for(const card &on, const std::vector<mp4_track_desc> &tracks)
+{
+    static std::string directory;
+    directory = on.path();
+    mediafiles_recorder_options options = {};
+    options.size = sizeof options;
+    options.track_count = static_cast<uint32_t>(tracks.size());
+    options.tracks = tracks.data();
+    options.directory = directory.c_str();
+    options.keep_free_bytes = -1; /* whatever the machine has */
+    return options;
+}
+
+mediafiles_recorder_stats stats_of(mediafiles_recorder *recorder)
+{
+    mediafiles_recorder_stats stats = {};
+    stats.size = sizeof stats;
+    EXPECT_EQ(mediafiles_recorder_get_stats(recorder, &stats), 0);
+    return stats;
+}
+
+/** The events that wait: how many of each kind. */
+std::map<uint32_t, uint64_t> events_of(mediafiles_recorder *recorder)
+{
+    std::map<uint32_t, uint64_t> seen;
+    mediafiles_recorder_event event = {};
+    event.size = sizeof event;
+    while (mediafiles_recorder_next_event(recorder, &event, 0) == 1) ++seen[event.kind];
+    return seen;
+}
+
+/** Until something is true, for ten seconds at most. */
+template <class Condition>
+bool comes_true(Condition condition)
+{
+    for (int i = 0; i < 2000; ++i) {
+        if (condition()) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return false;
+}
+
+/** All sources, in the order of their times. A frame is pushed again while the queue is full if it may wait. */
+void push_all(mediafiles_recorder *recorder, const std::vector<source> &sources)
+{
+    std::vector<size_t> next(sources.size());
+    for (;;) {
+        size_t first = sources.size();
+        for (size_t i = 0; i < sources.size(); ++i)
+            if (next[i] < sources[i].frames.size() &&
+                (first == sources.size() || sources[i].frames[next[i]].time < sources[first].frames[next[first]].time))
+                first = i;
+        if (first == sources.size()) return;
+        const frame &each = sources[first].frames[next[first]++];
+        ASSERT_EQ(mediafiles_recorder_push(recorder, uint32_t(first), each.data.data(), each.data.size(), each.time, 0),
+                  0);
+        if (stats_of(recorder).queue_used > 4 << 20) /* faster than any camera */
+            comes_true([&] { return stats_of(recorder).queue_used < 1 << 20; });
+    }
+}
+
+struct played {
+    std::vector<mp4::file> files;
+    std::map<uint32_t, std::vector<bytes>> samples; // of each track ID, over all files
+};
+
+/** All files of a card, by the strict reader. */
+played play(const card &on)
+{
+    played all;
+    for (const std::string &name : on.names()) {
+        SCOPED_TRACE(name);
+        const std::string path = on.path() + "/" + name;
+        mp4::file file = mp4::read(path);
+        for (const auto &problem : file.problems) EXPECT_FALSE(problem.fault) << problem.text;
+        std::ifstream media(path, std::ios::binary);
+        for (const mp4::track &track : file.tracks) {
+            for (const mp4::sample &sample : track.samples) {
+                bytes data(sample.size);
+                media.seekg(static_cast<std::streamoff>(sample.offset));
+                media.read(reinterpret_cast<char *>(data.data()), sample.size);
+                all.samples[track.id].push_back(std::move(data));
+            }
+            EXPECT_TRUE(track.samples.empty() || track.samples[0].sync);
+        }
+        all.files.push_back(std::move(file));
+    }
+    return all;
+}
+
+void expect_all_samples(const played &all, const std::vector<source> &sources)
+{
+    for (size_t i = 0; i < sources.size(); ++i) {
+        SCOPED_TRACE("track " + std::to_string(i));
+        const auto found = all.samples.find(uint32_t(i) + 1);
+        ASSERT_NE(found, all.samples.end());
+        EXPECT_EQ(found->second.size(), sources[i].frames.size());
+        for (size_t n = 0; n < std::min(found->second.size(), sources[i].frames.size()); ++n)
+            ASSERT_EQ(found->second[n], sample_of(sources[i].frames[n], sources[i].video())) << "sample " << n;
+    }
+}
+
+/* ---- Tests ------------------------------------------------------------- */
+
+TEST(recorder, loses_nothing_between_files)
+{
+    const stream base = load("h264_base_640x360_25", ".h264"),
+                 slices = load("h264_high_aud_4slices_640x360_30", ".h264"),
+                 hevc = load("h265_aud_sei_640x360_25", ".h265"), cra = load("h265_cra_2slices_640x360_30", ".h265"),
+                 sound = load("aac_lc_48000_2", ".aac");
+    const int64_t late = 3'600 * second + 123'456'789; // a clock does not begin at 0
+    const struct {
+        const char *what;
+        std::vector<source> sources;
+        int64_t segment;
+        size_t files;
+    } cases[] = {
+        {"one file", {{h264(), base}}, 0, 1},
+        {"a file each second", {{h264(), base}}, second, 4},
+        {"an odd length, with sound",
+         {{h264(), repeated(base, 3, late)}, {aac(48000), repeated(sound, 2, late)}},
+         1'700 * millisecond,
+         6},
+        {"four slices", {{h264(), repeated(slices, 2)}, {aac(48000), sound}}, second, 6},
+        {"H.265", {{h265(), repeated(hevc, 2)}, {aac(48000), sound}}, second, 8},
+        {"open groups", {{h265(), repeated(cra, 2)}}, 2 * second, 3},
+        {"sound alone", {{aac(48000), repeated(sound, 4)}}, 1'500 * millisecond, 14},
+        {"two cameras",
+         {{h264(), repeated(base, 2)}, {h265(640, 360), repeated(cra, 2, 300 * millisecond)}, {aac(48000), sound}},
+         second,
+         8},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        const card on;
+        std::vector<mp4_track_desc> tracks;
+        for (const source &each : c.sources) tracks.push_back(each.track);
+        mediafiles_recorder_options options = options_for(on, tracks);
+        options.segment_ns = c.segment;
+        const recorder_ptr recorder = {mediafiles_recorder_start(&options)};
+        ASSERT_TRUE(recorder) << strerror(errno);
+        push_all(recorder, c.sources);
+        ASSERT_EQ(mediafiles_recorder_stop(recorder, -1), 0);
+
+        const played all = play(on);
+        EXPECT_EQ(all.files.size(), c.files);
+        expect_all_samples(all, c.sources);
+        const mediafiles_recorder_stats stats = stats_of(recorder);
+        EXPECT_EQ(stats.frames_dropped + stats.frames_refused, 0u);
+        EXPECT_EQ(stats.files, c.files);
+        for (size_t i = 0; i < c.sources.size(); ++i) EXPECT_EQ(stats.safe[i], c.sources[i].frames.size()) << i;
+        EXPECT_EQ(events_of(recorder)[MEDIAFILES_EVENT_FINISHED], c.files);
+    }
+}
+
+/** Ten frames of a group each: the first is a key frame of the size that is asked for, the others are small. */
+stream camera(int groups, size_t key_size, int64_t from = 0)
+{
+    static const stream real = load("h264_base_640x360_25", ".h264");
+    stream all;
+    for (int n = 0; n < 10 * groups; ++n) {
+        frame each = real[size_t(n % 10)];
+        each.time = from + n * 40 * millisecond;
+        if (each.key) each.data.resize(key_size, 0x55);
+        all.push_back(std::move(each));
+    }
+    return all;
+}
+
+TEST(recorder, lengths_of_files_add_up)
+{
+    const stream base = load("h264_base_640x360_25", ".h264");
+    const struct {
+        const char *what;
+        double rate;
+        int64_t jitter, segment;
+    } cases[] = {
+        {"25 a second", 25, 0, 1'500 * millisecond},
+        {"29.97 a second", 30000 / 1001.0, 0, 2'300 * millisecond},
+        {"a jittering clock", 30, 7 * millisecond, second},
+        {"5 a second", 5, 0, 7 * second},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        stream video = repeated(base, 12, 0);
+        for (size_t i = 0; i < video.size(); ++i)
+            video[i].time = 77'777'777 + int64_t(double(i) * 1e9 / c.rate) + int64_t(i * 7919 % 13) * c.jitter / 13;
+        const card on;
+        const std::vector<mp4_track_desc> tracks = {h264()};
+        mediafiles_recorder_options options = options_for(on, tracks);
+        options.segment_ns = c.segment;
+        const recorder_ptr recorder = {mediafiles_recorder_start(&options)};
+        push_all(recorder, {{h264(), video}});
+        ASSERT_EQ(mediafiles_recorder_stop(recorder, -1), 0);
+
+        const played all = play(on);
+        ASSERT_GT(all.files.size(), 5u);
+        uint64_t length = 0;
+        size_t at = 0;
+        for (const mp4::file &file : all.files) {
+            const int64_t begin = video[at].time;
+            for (size_t i = 2; i < file.tracks[0].samples.size(); ++i) {
+                const int64_t since = int64_t(file.tracks[0].samples[i].time) * 100'000 / 9;
+                EXPECT_NEAR(double(since), double(video[at + i].time - begin), 600'000)
+                    << i; /* half a millisecond, a tick */
+            }
+            at += file.tracks[0].samples.size();
+            length += file.duration;
+            const int64_t end = at < video.size() ? video[at].time : 0;
+            if (end) { EXPECT_NEAR(double(file.duration) * 1e6, double(end - begin), 1e6); }
+        }
+        const int64_t whole = video.back().time - video[0].time; /* and the last frame, as long as the one before it */
+        EXPECT_NEAR(double(length) * 1e6, double(whole + video.back().time - video[video.size() - 2].time), 1e6);
+    }
+}
+
+TEST(recorder, a_new_file_begins_where_it_must)
+{
+    const stream base = load("h264_base_640x360_25", ".h264");
+    const stream other = load("ext_MPS_MW_A_176x144_30", ".h264"); /* other parameter sets of the same numbers */
+    const auto after = [](stream first, const stream &then, int64_t gap) {
+        const int64_t from = first.back().time + gap - then[0].time;
+        for (frame each : then) {
+            each.time += from;
+            first.push_back(std::move(each));
+        }
+        return first;
+    };
+    const int64_t frame_time = 40 * millisecond;
+    const struct {
+        const char *what;
+        stream video;
+        uint32_t flags;
+        size_t files, clocks;
+        uint64_t seconds; // of all files
+    } cases[] = {
+        {"a second back", after(base, base, -second), 0, 2, 1, 8},
+        {"54 years on", after(base, base, 54LL * 365 * 86400 * second), 0, 2, 1, 8},
+        {"from zero again", after(repeated(base, 1, 90'000 * second), base, -90'000 * second), 0, 2, 1, 8},
+        {"joined on", after(base, base, -second), MEDIAFILES_JOIN_STEPS, 1, 1, 8},
+        {"a gap that is not too long", after(base, base, 5 * second), 0, 1, 0, 13},
+        {"other parameter sets", after(base, other, frame_time), 0, 2, 0, 9},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        const card on;
+        const std::vector<mp4_track_desc> tracks = {h264()};
+        mediafiles_recorder_options options = options_for(on, tracks);
+        options.flags = c.flags;
+        const recorder_ptr recorder = {mediafiles_recorder_start(&options)};
+        push_all(recorder, {{h264(), c.video}});
+        ASSERT_EQ(mediafiles_recorder_stop(recorder, -1), 0);
+        const played all = play(on);
+        EXPECT_EQ(all.files.size(), c.files);
+        expect_all_samples(all, {{h264(), c.video}});
+        EXPECT_EQ(events_of(recorder)[MEDIAFILES_EVENT_CLOCK], c.clocks);
+        uint64_t length = 0;
+        for (const mp4::file &file : all.files) length += file.duration;
+        EXPECT_NEAR(double(length), double(c.seconds) * 1000, 100);
+    }
+}
+
+TEST(recorder, takes_an_access_unit_in_parts)
+{
+    const stream slices = load("h264_high_aud_4slices_640x360_30", ".h264");
+    const card on;
+    const std::vector<mp4_track_desc> tracks = {h264()};
+    mediafiles_recorder_options options = options_for(on, tracks);
+    options.segment_ns = second;
+    const recorder_ptr recorder = {mediafiles_recorder_start(&options)};
+    for (const frame &each : slices) {
+        size_t begin = 0;
+        for (size_t at = 4; at <= each.data.size(); ++at) {
+            const bool is_code = at + 4 <= each.data.size() && !each.data[at] && !each.data[at + 1] &&
+                                 !each.data[at + 2] && each.data[at + 3] == 1;
+            if (!is_code && at != each.data.size()) continue;
+            ASSERT_EQ(mediafiles_recorder_push(recorder, 0, &each.data[begin], at - begin, each.time, 0), 0);
+            begin = at;
+        }
+    }
+    ASSERT_EQ(mediafiles_recorder_stop(recorder, -1), 0);
+    const played all = play(on);
+    EXPECT_EQ(all.files.size(), 3u);
+    expect_all_samples(all, {{h264(), slices}});
+}
+
+TEST(recorder, refuses_what_it_cannot_store)
+{
+    const card on;
+    std::vector<mp4_track_desc> tracks = {h264(), aac(48000)};
+    const auto error_of = [&](auto change) {
+        mediafiles_recorder_options options = options_for(on, tracks);
+        change(options);
+        const recorder_ptr recorder = {mediafiles_recorder_start(&options)};
+        return recorder ? 0 : errno;
+    };
+    using options = mediafiles_recorder_options;
+    mp4_track_desc wrong_rate = aac(96000), unknown = {.type = 0x103, .video = {}};
+    EXPECT_EQ(error_of([](options &) {}), 0);
+    EXPECT_EQ(error_of([](options &o) { o.track_count = 9; }), EINVAL);
+    EXPECT_EQ(error_of([](options &o) { o.pattern = "../{number}.mp4"; }), EINVAL);
+    EXPECT_EQ(error_of([](options &o) { o.sync_ns = -2; }), EINVAL);
+    EXPECT_EQ(error_of([](options &o) { o.directory = "/nowhere"; }), ENOENT);
+    EXPECT_EQ(error_of([&](options &o) { o.track_count = 1, o.tracks = &wrong_rate; }), ENOTSUP);
+    EXPECT_EQ(error_of([&](options &o) { o.track_count = 1, o.tracks = &unknown; }), ENOTSUP);
+
+    options given = options_for(on, tracks);
+    given.queue_bytes = 64 << 10;
+    const recorder_ptr recorder = {mediafiles_recorder_start(&given)};
+    ASSERT_TRUE(recorder);
+    EXPECT_EQ(error_of([](options &) {}), EBUSY);
+    const bytes large(100'000, 1), garbage(100, 7), sound(300, 0x21);
+    const auto push = [&](uint32_t track, const bytes &data, size_t size, uint32_t flags = 0) {
+        const int result = mediafiles_recorder_push(recorder, track, data.data(), size, 0, flags);
+        return result < 0 ? errno : result == 1 ? -1 : 0;
+    };
+    EXPECT_EQ(push(2, sound, 300), EINVAL);
+    EXPECT_EQ(push(0, sound, 0), EINVAL);
+    EXPECT_EQ(push(1, sound, 300, 4), EINVAL);
+    EXPECT_EQ(push(1, large, large.size()), EMSGSIZE);
+    EXPECT_EQ(push(0, garbage, garbage.size()), -1);
+    EXPECT_EQ(push(0, garbage, garbage.size()), -1);
+    EXPECT_EQ(push(1, sound, 300), 0); /* before the first key frame */
+    ASSERT_EQ(mediafiles_recorder_stop(recorder, -1), 0);
+    EXPECT_EQ(mediafiles_recorder_stop(recorder, 0), 0);
+    EXPECT_EQ(push(1, sound, 300), ESHUTDOWN);
+    EXPECT_EQ(stats_of(recorder).frames_refused, 3u);
+    EXPECT_EQ(events_of(recorder)[MEDIAFILES_EVENT_REFUSED], 2u);
+    EXPECT_TRUE(on.names().empty());
+}
+
+TEST(recorder, no_caller_waits_for_a_stalled_card)
+{
+    const struct {
+        const char *what;
+        gate &closed;
+        size_t queue;
+        bool drops;
+    } cases[] = {
+        {"a sync, room enough", syncs, 0, false},
+        {"a write, room enough", writes, 0, false},
+        {"a write, a small queue", writes, 256 << 10, true},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        const card on;
+        const std::vector<mp4_track_desc> tracks = {h264(), aac(48000)};
+        mediafiles_recorder_options options = options_for(on, tracks);
+        options.queue_bytes = int64_t(c.queue);
+        options.sync_ns = 10 * millisecond;
+        const recorder_ptr recorder = {mediafiles_recorder_start(&options)};
+        const std::vector<source> begin = {{h264(), camera(1, 20'000)}, {aac(48000), {}}};
+        push_all(recorder, begin);
+        ASSERT_TRUE(comes_true([&] { return stats_of(recorder).safe[0] >= 10; }));
+
+        /* Five seconds while nothing can be written. */
+        c.closed.close();
+        const stream video = camera(12, 20'000, 400 * millisecond);
+        stream sound = repeated(load("aac_lc_48000_2", ".aac"), 4, 400 * millisecond);
+        std::erase_if(sound, [&](const frame &each) { return each.time > video.back().time; });
+        size_t sound_taken = 0, video_taken = 0, at = 0;
+        for (const frame &each : video) {
+            for (; at < sound.size() && sound[at].time <= each.time; ++at)
+                sound_taken += !mediafiles_recorder_push(recorder, 1, sound[at].data.data(), sound[at].data.size(),
+                                                         sound[at].time, 0);
+            video_taken += !mediafiles_recorder_push(recorder, 0, each.data.data(), each.data.size(), each.time, 0);
+        }
+        c.closed.await_someone();
+        EXPECT_EQ(video_taken == video.size(), !c.drops);
+        EXPECT_LT(stats_of(recorder).worst_push, second / 2); /* a sync that is waited for would never end */
+        c.closed.open();
+        ASSERT_TRUE(comes_true([&] { return stats_of(recorder).queue_used < 100'000; }));
+        const std::vector<source> after = {{h264(), camera(2, 20'000, 6 * second)}};
+        push_all(recorder, after);
+        ASSERT_EQ(mediafiles_recorder_stop(recorder, -1), 0);
+
+        const mediafiles_recorder_stats stats = stats_of(recorder);
+        const played all = play(on);
+        size_t pushed = 10 + video.size() + 20, stored = all.samples.at(1).size();
+        EXPECT_EQ(stats.frames_out, stored + all.samples.at(2).size());
+        EXPECT_EQ(stats.frames_out + stats.frames_dropped + stats.frames_refused, pushed + sound.size());
+        EXPECT_EQ(sound_taken, sound.size()) << "sound goes when no video is left";
+        if (!c.drops) { EXPECT_EQ(stored, pushed); }
+        auto events = events_of(recorder);
+        EXPECT_EQ(events[MEDIAFILES_EVENT_DROPPED] != 0, c.drops);
+
+        /* Groups of pictures are whole from their beginning: each frame follows the one that it was coded after. */
+        const std::vector<bytes> &samples = all.samples.at(1);
+        std::vector<bytes> group;
+        for (const frame &each : camera(1, 20'000)) group.push_back(sample_of(each, true));
+        for (size_t n = 0, in_group = 0; n < samples.size(); ++n) {
+            in_group = samples[n] == group[0] ? 0 : in_group + 1;
+            ASSERT_LT(in_group, group.size());
+            ASSERT_EQ(samples[n], group[in_group]) << n;
+        }
+    }
+}
+
+TEST(recorder, stop_keeps_to_its_patience)
+{
+    const card on;
+    const std::vector<mp4_track_desc> tracks = {h264()};
+    const mediafiles_recorder_options options = options_for(on, tracks);
+    {
+        const recorder_ptr recorder = {mediafiles_recorder_start(&options)};
+        syncs.close();
+        push_all(recorder, {{h264(), camera(3, 5'000)}});
+        syncs.await_someone();
+        const auto begin = std::chrono::steady_clock::now();
+        EXPECT_EQ(mediafiles_recorder_stop(recorder, 50 * millisecond), -1);
+        EXPECT_EQ(errno, ETIMEDOUT);
+        EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2));
+        EXPECT_EQ(mediafiles_recorder_push(recorder, 0, "x", 1, 0, 0), -1);
+    }
+    syncs.open();
+
+    /* The next recorder finds what is left, once the kernel has let go of it. */
+    recorder_ptr next;
+    ASSERT_TRUE(comes_true([&] { return (next.recorder = mediafiles_recorder_start(&options)) != nullptr; }));
+    ASSERT_EQ(mediafiles_recorder_stop(next, -1), 0);
+    EXPECT_EQ(events_of(next)[MEDIAFILES_EVENT_RECOVERED], 1u);
+    play(on);
+}
+
+TEST(recorder, a_failed_sync_costs_its_file_alone)
+{
+    const card on;
+    const std::vector<mp4_track_desc> tracks = {h264()};
+    mediafiles_recorder_options options = options_for(on, tracks);
+    options.sync_ns = 5 * millisecond;
+    const recorder_ptr recorder = {mediafiles_recorder_start(&options)};
+    push_all(recorder, {{h264(), camera(2, 5'000)}});
+    ASSERT_TRUE(comes_true([&] { return stats_of(recorder).safe[0] >= 19; }));
+    const uint64_t safe = stats_of(recorder).safe[0];
+    failing_sync = EIO;
+    push_all(recorder, {{h264(), camera(1, 5'000, second)}});
+    ASSERT_TRUE(comes_true([&] { return failing_sync == 0; }));
+    ASSERT_TRUE(comes_true([&] { return events_of(recorder)[MEDIAFILES_EVENT_RECOVERED] != 0; }));
+    push_all(recorder, {{h264(), camera(1, 5'000, 2 * second)}});
+    ASSERT_EQ(mediafiles_recorder_stop(recorder, -1), 0);
+    const played all = play(on);
+    ASSERT_EQ(all.files.size(), 2u);
+    EXPECT_GE(all.files[0].tracks[0].samples.size(), safe);
+    EXPECT_EQ(all.files[1].tracks[0].samples.size(), 10u);
+}
+
+TEST(recorder, the_oldest_files_make_room)
+{
+    const card on;
+    const std::vector<mp4_track_desc> tracks = {h264()};
+    mediafiles_recorder_options options = options_for(on, tracks);
+    options.segment_ns = 400 * millisecond;
+    const int64_t file_size = 120'000;
+    const auto record = [&](int groups, int64_t from) {
+        const recorder_ptr recorder = {mediafiles_recorder_start(&options)};
+        for (int group = 0; group < groups; ++group) {
+            push_all(recorder, {{h264(), camera(1, 100'000, from + group * 400 * millisecond)}});
+            const uint64_t safe = uint64_t(10 * group); /* as slowly as the card takes it */
+            EXPECT_TRUE(comes_true([&] { return stats_of(recorder).safe[0] >= safe; }));
+        }
+        EXPECT_EQ(mediafiles_recorder_stop(recorder, -1), 0);
+        return events_of(recorder);
+    };
+    EXPECT_EQ(record(4, 0)[MEDIAFILES_EVENT_DELETED], 0u);
+    chmod((on.path() + "/00000002.mp4").c_str(), 0444);
+    std::ofstream(on.path() + "/somebody.mp4") << "else's";
+    options.quota_bytes = 5 * file_size;
+    auto events = record(8, 0);
+    EXPECT_EQ(events[MEDIAFILES_EVENT_FULL], 0u);
+    const std::vector<std::string> names = on.names();
+    EXPECT_EQ(events[MEDIAFILES_EVENT_DELETED], 12 + 1 - names.size());
+    EXPECT_GE(names.size(), 4u);
+    EXPECT_LE(names.size(), 6u);
+    EXPECT_EQ(names.front(), "00000002.mp4") << "it is protected";
+    EXPECT_EQ(names.back(), "somebody.mp4");
+    for (size_t i = 1; i + 1 < names.size(); ++i)
+        EXPECT_EQ(std::stoul(names[i]), 12 - (names.size() - 2 - i)) << "the latest ones are there";
+}
+
+TEST(recorder, a_full_card_ends_the_file_until_there_is_room)
+{
+    const card on;
+    const std::vector<mp4_track_desc> tracks = {h264()};
+    mediafiles_recorder_options options = options_for(on, tracks);
+    options.sync_ns = 5 * millisecond;
+    const recorder_ptr recorder = {mediafiles_recorder_start(&options)};
+    push_all(recorder, {{h264(), camera(1, 5'000)}});
+    ASSERT_TRUE(comes_true([&] { return stats_of(recorder).safe[0] >= 9; }));
+    chmod((on.path() + "/00000001.mp4").c_str(), 0444);
+    free_room = 0;
+    push_all(recorder, {{h264(), camera(1, 5'000, 400 * millisecond)}});
+    std::map<uint32_t, uint64_t> seen;
+    const auto sees = [&](uint32_t kind) {
+        for (const auto &[each, count] : events_of(recorder)) seen[each] += count;
+        return seen[kind] != 0;
+    };
+    EXPECT_TRUE(comes_true([&] { return sees(MEDIAFILES_EVENT_FULL) && sees(MEDIAFILES_EVENT_FINISHED); }));
+    push_all(recorder, {{h264(), camera(1, 5'000, 800 * millisecond)}});
+    EXPECT_TRUE(comes_true([&] { return stats_of(recorder).frames_dropped >= 9; }));
+    free_room = -1;
+    EXPECT_TRUE(comes_true([&] { return sees(MEDIAFILES_EVENT_GOES_ON); }));
+    push_all(recorder, {{h264(), camera(1, 5'000, 1'200 * millisecond)}});
+    ASSERT_EQ(mediafiles_recorder_stop(recorder, -1), 0);
+    EXPECT_FALSE(sees(MEDIAFILES_EVENT_DELETED));
+    const played all = play(on);
+    ASSERT_EQ(all.files.size(), 2u);
+    EXPECT_EQ(all.files[1].tracks[0].samples.size(), 10u);
+}
+
+TEST(recorder, any_thread_calls_anything)
+{
+    for (int run = 0; run < 5; ++run) {
+        const card on;
+        const std::vector<mp4_track_desc> tracks = {h264(), h264(), aac(48000), aac(48000)};
+        const stream sound = load("aac_lc_48000_2", ".aac");
+        mediafiles_recorder_options options = options_for(on, tracks);
+        options.sync_ns = 2 * millisecond;
+        const recorder_ptr recorder = {mediafiles_recorder_start(&options)};
+        std::atomic<bool> is_over = false;
+        std::vector<std::thread> threads;
+        for (uint32_t track = 0; track < 4; ++track)
+            threads.emplace_back([&, track] {
+                for (const frame &each : track < 2 ? camera(20, 3'000) : sound) {
+                    mediafiles_recorder_push(recorder, track, each.data.data(), each.data.size(), each.time, 0);
+                    usleep(200);
+                }
+            });
+        threads.emplace_back([&] {
+            for (int i = 0; !is_over; ++i, usleep(1'000)) {
+                if (i % 10 == 0) mediafiles_recorder_split(recorder);
+                stats_of(recorder);
+            }
+        });
+        threads.emplace_back([&] {
+            mediafiles_recorder_event event = {};
+            event.size = sizeof event;
+            while (mediafiles_recorder_next_event(recorder, &event, -1) == 1) {}
+        });
+        usleep(useconds_t(20'000 * run));
+        EXPECT_EQ(mediafiles_recorder_stop(recorder, -1), 0);
+        is_over = true;
+        for (std::thread &each : threads) each.join();
+        play(on);
+    }
+}
+
+/** What stats called safe is there after the process is killed. */
+TEST(recorder, what_was_safe_survives_a_kill)
+{
+    for (int run = 0; run < 12; ++run) {
+        SCOPED_TRACE(run);
+        const card on;
+        const std::vector<mp4_track_desc> tracks = {h264(), aac(48000)};
+        mediafiles_recorder_options options = options_for(on, tracks);
+        options.sync_ns = 3 * millisecond;
+        options.segment_ns = second;
+        auto *const safe =
+            static_cast<uint64_t *>(mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+        const stream video = repeated(load("h264_base_640x360_25", ".h264"), 20),
+                     sound = repeated(load("aac_lc_48000_2", ".aac"), 16);
+        const pid_t child = fork();
+        if (child == 0) {
+            mediafiles_recorder *const recorder = mediafiles_recorder_start(&options);
+            size_t at = 0;
+            for (const frame &each : video) {
+                for (; at < sound.size() && sound[at].time <= each.time; ++at)
+                    mediafiles_recorder_push(recorder, 1, sound[at].data.data(), sound[at].data.size(), sound[at].time,
+                                             0);
+                mediafiles_recorder_push(recorder, 0, each.data.data(), each.data.size(), each.time, 0);
+                const mediafiles_recorder_stats stats = stats_of(recorder);
+                safe[0] = stats.safe[0], safe[1] = stats.safe[1];
+                usleep(300);
+            }
+            pause();
+        }
+        ASSERT_TRUE(comes_true([&] { return safe[0] != 0 && safe[1] != 0; }));
+        usleep(useconds_t(run * 37'000));
+        kill(child, SIGKILL);
+        waitpid(child, nullptr, 0);
+        const std::string path = on.path();
+        const char *const paths[] = {path.c_str()};
+        ASSERT_EQ(mediafiles_recover(
+                      paths, 1, nullptr, [](void *, const mediafiles_report *) { return 0; }, nullptr),
+                  0);
+        played all = play(on);
+        ASSERT_GE(all.samples[1].size(), safe[0]);
+        ASSERT_GE(all.samples[2].size(), safe[1]);
+        for (size_t n = 0; n < all.samples[1].size(); ++n) ASSERT_EQ(all.samples[1][n], sample_of(video[n], true)) << n;
+        munmap(safe, 4096);
+    }
+}
+
+} // namespace
