@@ -40,6 +40,11 @@ struct open_file {
     segment &files() { return shared->files; }
 };
 
+inline clock::time_point later(clock::time_point from, int64_t by)
+{
+    return by == never ? clock::time_point::max() : from + std::chrono::nanoseconds(by);
+}
+
 class writer {
 public:
     writer(std::shared_ptr<state> shared, std::shared_ptr<syncer> syncs);
@@ -48,46 +53,50 @@ public:
     void run();
 
 private:
-    using unit_ref = access_unit &;
-
+    /* writer.cpp: what comes when */
     void survey();
     void take(const queue::taken &);
     void pass_on(bool all);
     bool may_go(uint32_t track, const queue::taken &) const;
+    void release_late(clock::time_point now);
+    void make_rounds(clock::time_point now);
+    void release();
+    clock::time_point deadline() const;
+
+    /* writer-units.cpp: access units, from their parts to the file */
     void feed(uint32_t track, const queue::taken &);
-    void place(uint32_t track, access_unit &unit);
+    void drop(uint32_t track, access_unit &unit);
     bool continues_clock(uint32_t track, const access_unit &unit, int64_t &time);
+    void place(uint32_t track, access_unit &unit);
+    void hand_over(uint32_t track, mp4_time time, int64_t reached);
+
+    /* writer-choice.cpp: which file */
+    bool is_since(const open_file &, const track_input &, int64_t time) const;
+    bool has_room(const open_file &, uint64_t size) const;
+    bool is_cut_due(const open_file &, const track_input &, uint32_t track, int64_t time, uint64_t size) const;
+    void want_key(open_file *, uint32_t track);
     open_file *choose_for_leader(uint32_t track, const access_unit &, int64_t time, bool is_key, bool new_sets);
     open_file *choose_for_video(uint32_t track, int64_t time, bool is_key, bool new_sets);
     open_file *choose_for_sound(uint32_t track, int64_t time);
-    bool is_cut_due(const open_file &, const track_input &, uint32_t track, int64_t time, uint64_t size) const;
-    bool has_room(const open_file &, uint64_t size) const;
-    bool is_since(const open_file &, const track_input &, int64_t time) const;
 
-    open_file *begin_file(uint32_t track, int64_t time);
+    /* writer-files.cpp: their beginning and end */
+    bool complete_description(uint32_t track);
     std::unique_ptr<muxer> ready_tracks();
     void note_order(uint32_t track);
-    bool complete_description(uint32_t track);
-    void want_key(open_file *, uint32_t track);
+    open_file *begin_file(uint32_t track, int64_t time);
+    void report_failure(int error);
     void enter(uint32_t track, open_file &);
     void leave(uint32_t track, int64_t end);
     void leave_all(open_file &);
-    void hand_over(uint32_t track, mp4_time time, int64_t reached);
-    void drop(uint32_t track, access_unit &unit);
-
-    void release_late(clock::time_point now);
     void end_old_files(clock::time_point now, bool all);
-    void make_rounds(clock::time_point now);
     void give_up_failed();
-    void release();
-    clock::time_point deadline() const;
-    void report_failure(int error);
 
     const std::shared_ptr<state> shared_;
     const std::shared_ptr<syncer> syncs_;
     const settings &options_;
     const uint32_t leader_;
     const std::chrono::nanoseconds patience_; // for successors, and between rounds
+    const int64_t old_files_wait_;            // for the tracks that have not left them
 
     std::vector<track_input> tracks_;
     std::vector<std::unique_ptr<open_file>> files_; // in their order; the last one is current, if it has no end

@@ -1,0 +1,90 @@
+/* Which file an access unit goes to, and when the next file is due. */
+#include "writer.h"
+
+#include <utility>
+
+namespace mediafiles::recorder {
+
+namespace {
+
+constexpr int64_t closest = 2'000'000; // a sample nearer to the end of a file is the next file's
+constexpr uint64_t format_limit = MP4_MAX_RECORD_BYTES;
+constexpr uint64_t near_limit = format_limit - format_limit / 16;
+
+} // namespace
+
+bool writer::is_since(const open_file &file, const track_input &input, int64_t time) const
+{
+    return input.steps > file.steps || (input.steps == file.steps && time >= file.line.beginning() - closest);
+}
+
+bool writer::has_room(const open_file &file, uint64_t size) const
+{
+    return file.shared->files.sample_bytes() + size <= format_limit;
+}
+
+bool writer::is_cut_due(const open_file &file, const track_input &input, uint32_t track, int64_t time,
+                        uint64_t size) const
+{
+    if (shared_->wants_split || input.bridges) return true;
+    /* Half a frame early is not too early: times that jitter must not double a file's length. */
+    const int64_t usual = file.line.has_started(track) ? file.line.usual_next(track) - file.line.last(track) : 0;
+    if (options_.segment != never && time - file.line.beginning() + usual / 2 >= options_.segment) return true;
+    const uint64_t bytes = file.shared->files.bytes() + size;
+    return bytes > static_cast<uint64_t>(options_.segment_bytes) || bytes > near_limit ||
+           !file.line.has_room_for(track, time);
+}
+
+void writer::want_key(open_file *file, uint32_t track)
+{
+    if (!options_.is_video(track) || (file && std::exchange(file->wants_key, true))) return;
+    shared_->report({.kind = MEDIAFILES_EVENT_KEY_WANTED, .track = track});
+}
+
+open_file *writer::choose_for_leader(uint32_t track, const access_unit &unit, int64_t time, bool is_key, bool new_sets)
+{
+    track_input &input = tracks_[track];
+    if (!current_) return is_key ? begin_file(track, time) : nullptr;
+    if (input.file != current_) return is_key && is_since(*current_, input, time) ? current_ : input.file;
+
+    if (new_sets || is_cut_due(*current_, input, track, time, unit.size())) {
+        if (is_key) {
+            if (open_file *const next = begin_file(track, time)) return next;
+        } else {
+            want_key(current_, track);
+        }
+    }
+    if (has_room(*current_, unit.size()) && current_->line.has_room_for(track, time)) return current_;
+    leave_all(*current_);
+    return is_key ? begin_file(track, time) : nullptr;
+}
+
+open_file *writer::choose_for_video(uint32_t track, int64_t time, bool is_key, bool new_sets)
+{
+    track_input &input = tracks_[track];
+    if (!is_key || !current_) return input.file;
+    if (input.file == current_ && new_sets) return begin_file(track, time);
+    return is_since(*current_, input, time) ? current_ : input.file;
+}
+
+/* By its time. Sound whose clock has not stepped where the file's has belongs to the file before. */
+open_file *writer::choose_for_sound(uint32_t track, int64_t time)
+{
+    const track_input &input = tracks_[track];
+    open_file *chosen = nullptr;
+    for (const auto &each : files_) {
+        if (!chosen) {
+            if (each.get() == input.file || (!input.file && is_since(*each, input, time))) chosen = each.get();
+            continue;
+        }
+        const bool has_stepped = each->steps != chosen->steps;
+        const bool is_after = input.steps != each->steps ? input.steps > each->steps
+                              : has_stepped              ? is_since(*each, input, time)
+                                                         : !chosen->line.is_before(track, time, chosen->end);
+        if (!is_after) break;
+        chosen = each.get();
+    }
+    return chosen;
+}
+
+} // namespace mediafiles::recorder

@@ -1,0 +1,233 @@
+/* The beginning of a file, and its end: tracks enter and leave it, then it goes to the syncing thread. */
+#include "writer.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <utility>
+
+#include "picture-size.h"
+
+namespace mediafiles::recorder {
+
+namespace {
+
+constexpr auto between_tries = std::chrono::seconds(1);
+constexpr int names_to_try = 1000;
+
+bool is_same(const mp4_track_desc &a, const mp4_track_desc &b)
+{
+    return std::memcmp(&a, &b, sizeof a) == 0;
+}
+
+} // namespace
+
+bool writer::complete_description(uint32_t track)
+{
+    mp4_track_desc &description = tracks_[track].description;
+    if (!options_.is_video(track) || options_.tracks[track].video.width != 0) return true;
+    const auto size = read_picture_size(description.type, tracks_[track].sets.first(MEMENTO_SPS));
+    if (size) description.video = {size->width, size->height, 0};
+    return description.video.width != 0;
+}
+
+/*
+ * Used ones, if they still describe the tracks; with all tracks that can be
+ * described, in an order that stays: those whose size comes late follow.
+ */
+std::unique_ptr<muxer> writer::ready_tracks()
+{
+    for (uint32_t track = 0; track < options_.track_count(); ++track)
+        if (!options_.is_video(track) || tracks_[track].description.video.width != 0) note_order(track);
+    std::unique_ptr<muxer> ready = syncs_->take_tracks();
+    for (const uint32_t track : order_)
+        if (ready && ready->has(track) && !is_same(ready->description(track), tracks_[track].description))
+            ready.reset();
+    if (!ready) ready = std::make_unique<muxer>();
+    for (const uint32_t track : order_)
+        if (!ready->has(track) && ready->add(track, tracks_[track].description) != 0) throw recovery::system_failure();
+    return ready;
+}
+
+void writer::note_order(uint32_t track)
+{
+    if (std::ranges::find(order_, track) == order_.end()) order_.push_back(track);
+}
+
+/* The next file, open before the one before it ends. nullptr where none can be made: the old one goes on. */
+open_file *writer::begin_file(uint32_t track, int64_t time)
+{
+    const clock::time_point now = clock::now();
+    if (is_failing_ && now - tried_ < between_tries) return nullptr;
+    if (shared_->is_full) return nullptr;
+    tried_ = now;
+    std::unique_ptr<open_file> made;
+    try {
+        if (first_second_ == 0 || options_.names.is_numbered()) first_second_ = std::time(nullptr);
+        for (int tries = 0; !made; ++tries) {
+            const uint64_t number = next_number_++;
+            try {
+                made = std::make_unique<open_file>(
+                    std::make_shared<shared_file>(shared_->directory, options_.names.make(number, first_second_),
+                                                  number, options_.file_mode),
+                    current_ ? current_->line : times_);
+            } catch (const recovery::obstacle &cause) {
+                if (cause.error != EEXIST || tries == names_to_try) {
+                    --next_number_;
+                    throw;
+                }
+            }
+        }
+        if (made->files().begin(ready_tracks()) != 0) throw recovery::system_failure();
+    } catch (const recovery::obstacle &cause) {
+        if (made) syncs_->give_up(made->shared);
+        report_failure(cause.error);
+        return nullptr;
+    }
+    if (std::exchange(is_failing_, false)) shared_->report({.kind = MEDIAFILES_EVENT_GOES_ON});
+
+    track_input &input = tracks_[track];
+    if (current_) {
+        current_->end = input.bridges && input.file == current_ ? current_->line.usual_next(track) : time;
+        current_->has_end = true;
+        current_->ended = now;
+    }
+    made->line.begin(time);
+    made->steps = input.steps;
+    made->last_round = now;
+    shared_->wants_split = false;
+    ++shared_->count.files;
+    files_.push_back(std::move(made));
+    current_ = files_.back().get();
+    shared_->report({.kind = MEDIAFILES_EVENT_BEGUN, .number = current_->files().number(), .from = time},
+                    current_->files().name());
+    return current_;
+}
+
+void writer::report_failure(int error)
+{
+    if (std::exchange(is_failing_, true)) return;
+    const bool is_full = error == ENOSPC || error == EDQUOT;
+    shared_->report(
+        {.kind = is_full ? uint32_t{MEDIAFILES_EVENT_FULL} : uint32_t{MEDIAFILES_EVENT_NO_MEDIUM}, .error = error});
+}
+
+void writer::enter(uint32_t track, open_file &file)
+{
+    track_input &input = tracks_[track];
+    input.file = &file;
+    input.bridges = false;
+    if (input.steps < file.steps) input.steps = file.steps;
+    muxer &tracks = file.files().tracks();
+    note_order(track);
+    bool is_good = tracks.has(track) || tracks.add(track, input.description) == 0;
+    for (uint8_t kind = MEMENTO_VPS; is_good && options_.is_video(track) && kind <= MEMENTO_PPS; ++kind)
+        if (const auto set = input.sets.first(kind); !set.empty())
+            is_good = file.files().give_set(track, kind, set) == 0;
+    if (is_good) return;
+    file.has_failed = true;
+    file.shared->error = errno;
+}
+
+void writer::leave(uint32_t track, int64_t end)
+{
+    track_input &input = tracks_[track];
+    if (!input.file) return;
+    timeline &line = input.file->line;
+    if (!input.held.empty() && !line.has_started(track)) {
+        hand_over(track, line.start(track, input.held_time), input.held_time);
+    } else if (!input.held.empty()) {
+        const auto given = line.finish(track, end);
+        if (given) hand_over(track, *given, end);
+    }
+    input.file->shared->to = std::max(input.file->shared->to, end);
+    input.file = nullptr;
+}
+
+/* Without a next file. */
+void writer::leave_all(open_file &file)
+{
+    for (uint32_t track = 0; track < options_.track_count(); ++track) {
+        track_input &input = tracks_[track];
+        if (input.file != &file) continue;
+        if (!input.held.empty() && !file.line.has_started(track))
+            hand_over(track, file.line.start(track, input.held_time), input.held_time);
+        leave(track, file.line.usual_next(track));
+        input.needs_key = options_.is_video(track);
+    }
+    file.end = file.shared->to;
+    file.has_end = true;
+    file.ended = clock::now();
+    if (&file == current_) {
+        times_ = file.line;
+        current_ = nullptr;
+    }
+}
+
+/* Files that all tracks have left go to the syncing thread. */
+void writer::end_old_files(clock::time_point now, bool all)
+{
+    bool is_awaited = false; // by sound that is still in a file before
+    for (auto each = files_.begin(); each != files_.end();) {
+        open_file &file = **each;
+        if (!file.has_end) break;
+        const track_input &leader = tracks_[leader_];
+        const bool is_over =
+            all || now >= later(file.ended, old_files_wait_) ||
+            (leader.file && leader.file != &file && leader.steps == leader.file->steps &&
+             leader.file->steps == file.steps && leader.time > file.end && leader.time - file.end > old_files_wait_);
+        bool is_used = false;
+        for (uint32_t track = 0; track < options_.track_count(); ++track) {
+            track_input &input = tracks_[track];
+            if (input.file != &file) continue;
+            if (is_over) {
+                leave(track, std::max(file.end, file.line.has_started(track) ? file.line.last(track) : file.end));
+                input.needs_key = options_.is_video(track);
+                if (current_ && input.steps < current_->steps) input.steps = current_->steps;
+                continue;
+            }
+            is_used = true;
+            if (!options_.is_video(track)) is_awaited = true;
+        }
+        if (is_used || is_awaited) {
+            ++each;
+            continue;
+        }
+        file.shared->from = file.line.beginning();
+        file.shared->to = std::max(file.shared->to, file.end);
+        if (!file.has_failed && file.files().take_round(file.shared->last) != 0) {
+            int none = 0;
+            file.shared->error.compare_exchange_strong(none, errno);
+        }
+        syncs_->finish(std::move(file.shared));
+        each = files_.erase(each);
+    }
+}
+
+void writer::give_up_failed()
+{
+    for (auto each = files_.begin(); each != files_.end();) {
+        open_file &file = **each;
+        if (!file.has_failed && file.shared->error == 0) {
+            ++each;
+            continue;
+        }
+        for (uint32_t track = 0; track < options_.track_count(); ++track) {
+            track_input &input = tracks_[track];
+            if (input.file != &file) continue;
+            drop(track, input.held);
+            input.file = nullptr;
+            input.needs_key = options_.is_video(track);
+        }
+        if (&file == current_) {
+            times_ = file.line;
+            current_ = nullptr;
+            want_key(nullptr, leader_);
+        }
+        syncs_->give_up(std::move(file.shared));
+        each = files_.erase(each);
+    }
+}
+
+} // namespace mediafiles::recorder

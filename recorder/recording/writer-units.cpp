@@ -1,0 +1,148 @@
+/* Access units: put together, placed in time, and handed over once it is known how long they last. */
+#include "writer.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+namespace mediafiles::recorder {
+
+void writer::feed(uint32_t track, const queue::taken &part)
+{
+    track_input &input = tracks_[track];
+    const queue::entry &frame = *part.frame;
+    if (options_.is_video(track)) {
+        if (frame.flags & frame_after_tear && !input.held.empty()) {
+            input.held.clear();
+            shared_->count.frames_dropped += 1;
+        }
+        if (frame.flags & frame_after_gap) input.needs_key = true;
+        if (!input.held.empty() && frame.time == input.held.time()) {
+            input.held.add(part);
+            return;
+        }
+        if (input.held.empty() && frame.time == input.stored_time) { // the rest of it is on its way to the medium
+            shared_->count.frames_dropped += 1;
+            return;
+        }
+        input.incoming.add(part);
+        if (!(frame.flags & frame_has_picture)) return;
+    } else {
+        input.incoming.add(part);
+    }
+    place(track, input.incoming);
+    input.incoming.clear();
+}
+
+void writer::drop(uint32_t track, access_unit &unit)
+{
+    if (unit.empty()) return;
+    tracks_[track].needs_key = options_.is_video(track);
+    shared_->count.frames_dropped += unit.count();
+    unit.clear();
+}
+
+/* Whether its time continues those before; where times are joined, it is made so. */
+bool writer::continues_clock(uint32_t track, const access_unit &unit, int64_t &time)
+{
+    track_input &input = tracks_[track];
+    time = unit.time() + input.offset;
+    if (!input.has_time) return true;
+    const int64_t passed = time - input.time;
+    if (passed >= 0 && passed <= options_.longest_gap && !unit.has(frame_steps)) return true;
+    shared_->report(
+        {.kind = MEDIAFILES_EVENT_CLOCK, .track = track, .from = input.time - input.offset, .to = unit.time()});
+    ++input.steps;
+    if (!options_.has(MEDIAFILES_JOIN_STEPS)) return false;
+    /* The first track that steps says by how much; the others follow it. */
+    for (const track_input &other : tracks_) {
+        if (&other == &input || other.steps != input.steps) continue;
+        if (const int64_t joined = unit.time() + other.offset; joined >= input.time) {
+            input.offset = other.offset;
+            time = joined;
+            return true;
+        }
+    }
+    const int64_t usual =
+        input.file && input.file->line.has_started(track) ? input.file->line.usual_next(track) : input.time + 1;
+    input.offset = std::max(usual, input.time) - unit.time();
+    time = unit.time() + input.offset;
+    return true;
+}
+
+void writer::place(uint32_t track, access_unit &unit)
+{
+    track_input &input = tracks_[track];
+    const bool is_video = options_.is_video(track);
+    if (input.file && !input.held.empty() && !input.file->line.has_started(track))
+        hand_over(track, input.file->line.start(track, input.held_time), input.held_time);
+
+    int64_t time;
+    if (!continues_clock(track, unit, time)) input.bridges = input.file != nullptr;
+    input.time = time;
+    input.has_time = true;
+
+    const bool new_sets = is_video && unit.has(frame_has_sets) && input.sets.update(options_.tracks[track], unit);
+    const bool is_key =
+        !is_video || unit.has(frame_is_key) || (options_.has(MEDIAFILES_ANY_START) && unit.has(frame_is_recovery));
+    if (is_key && !complete_description(track)) {
+        shared_->refuse(track, MEDIAFILES_REFUSED_NO_SETS, unit.time());
+        return;
+    }
+    if (input.needs_key && !is_key) {
+        shared_->count.frames_dropped += unit.count();
+        return;
+    }
+
+    open_file *const to = track == leader_ ? choose_for_leader(track, unit, time, is_key, new_sets)
+                          : is_video       ? choose_for_video(track, time, is_key, new_sets)
+                                           : choose_for_sound(track, time);
+    if (!to) {
+        if (is_failing_ || shared_->is_full)
+            shared_->count.frames_dropped += unit.count();
+        else
+            shared_->refuse(track, MEDIAFILES_REFUSED_BEFORE_KEY, unit.time());
+        return;
+    }
+    input.needs_key = false;
+    if (to != input.file) {
+        if (input.file)
+            leave(track, !is_video && input.file->has_end ? input.file->end
+                         : input.bridges                  ? input.file->line.usual_next(track)
+                                                          : time);
+        enter(track, *to);
+    }
+    timeline &line = to->line;
+    const int64_t placed = input.bridges && line.has_started(track) ? line.usual_next(track) : time;
+    if (line.has_started(track)) {
+        const auto given = line.follow(track, placed);
+        if (given && !input.held.empty()) hand_over(track, *given, placed);
+    }
+    std::swap(input.held, unit);
+    input.held_time = placed;
+}
+
+void writer::hand_over(uint32_t track, mp4_time time, int64_t reached)
+{
+    track_input &input = tracks_[track];
+    open_file &file = *input.file;
+    const clock::time_point begin = clock::now();
+    const auto bytes = input.held.bytes(scratch_);
+    if (!file.has_failed && file.files().add(track, bytes, time, input.held.has(frame_is_key), reached) != 0) {
+        file.has_failed = true;
+        int none = 0;
+        file.shared->error.compare_exchange_strong(none, errno);
+    }
+    shared_->count.write.note(begin);
+    if (file.has_failed) {
+        shared_->count.frames_dropped += input.held.count();
+    } else {
+        ++shared_->count.frames_out;
+        shared_->count.bytes_out += bytes.size();
+        ++file.samples;
+    }
+    input.stored_time = input.held.time();
+    input.held.clear();
+}
+
+} // namespace mediafiles::recorder
