@@ -1,322 +1,19 @@
 /** The recorder: nothing is lost between files, nothing that was safe is lost with the power, no caller waits for a card. */
-#include <atomic>
-#include <chrono>
-#include <condition_variable>
 #include <csignal>
-#include <filesystem>
 #include <fstream>
-#include <map>
-#include <mutex>
-#include <sstream>
 #include <thread>
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <poll.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
-#include <sys/statvfs.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <mediafiles/recorder.h>
+#include <gtest/gtest.h>
 
-#include "tools/reader/reader.h"
-
-namespace fs = std::filesystem;
-using bytes = std::vector<uint8_t>;
-
-/* ---- A card that stalls and fails -------------------------------------- */
+#include "support/recorder-harness.h"
 
 namespace {
 
-class gate {
-public:
-    void close() { set(true); }
-    void open() { set(false); }
-    void pass()
-    {
-        std::unique_lock guard(lock_);
-        ++waiting_;
-        moved_.notify_all();
-        moved_.wait(guard, [this] { return !closed_; });
-        --waiting_;
-    }
-    void await_someone()
-    {
-        std::unique_lock guard(lock_);
-        moved_.wait(guard, [this] { return waiting_ != 0; });
-    }
-
-private:
-    void set(bool closed)
-    {
-        const std::lock_guard guard(lock_);
-        closed_ = closed;
-        moved_.notify_all();
-    }
-    std::mutex lock_;
-    std::condition_variable moved_;
-    bool closed_ = false;
-    int waiting_ = 0;
-};
-gate &syncs = *new gate, &writes = *new gate; // threads that a test abandons outlive it
-std::atomic<int> failing_sync = 0;            // errno
-std::atomic<int64_t> free_room = -1;          // bytes; -1: what there is
-
-} // namespace
-
-extern "C" {
-int __real_fdatasync(int file);
-ssize_t __real_writev(int file, const struct iovec *pieces, int count);
-ssize_t __real_write(int file, const void *data, size_t size);
-int __wrap_fdatasync(int file)
-{
-    syncs.pass();
-    if ((errno = failing_sync.exchange(0)) != 0) return -1;
-    return __real_fdatasync(file);
-}
-int __real_fstatvfs64(int file, struct statvfs *room);
-int __wrap_fstatvfs64(int file, struct statvfs *room)
-{
-    const int result = __real_fstatvfs64(file, room);
-    if (free_room >= 0) room->f_bavail = static_cast<fsblkcnt_t>(free_room / static_cast<int64_t>(room->f_frsize));
-    return result;
-}
-ssize_t __wrap_writev(int file, const struct iovec *pieces, int count)
-{
-    writes.pass();
-    return __real_writev(file, pieces, count);
-}
-}
-
-namespace {
-
-/* ---- Streams, as an encoder delivers them ------------------------------ */
-
-constexpr int64_t second = 1'000'000'000, millisecond = 1'000'000;
-
-struct frame {
-    bytes data;
-    int64_t time;
-    bool key;
-};
-using stream = std::vector<frame>;
-
-stream load(const std::string &name, const std::string &extension)
-{
-    std::ifstream media(std::string(STREAMS "/") + name + extension, std::ios::binary);
-    std::ifstream units(std::string(STREAMS "/") + name + ".units.tsv");
-    std::string line;
-    getline(units, line);
-    stream all;
-    while (getline(units, line)) {
-        std::istringstream in(line);
-        size_t index, offset, length;
-        frame next = {};
-        in >> index >> offset >> length >> next.time >> next.key;
-        next.data.resize(length);
-        media.seekg(static_cast<std::streamoff>(offset));
-        media.read(reinterpret_cast<char *>(next.data.data()), static_cast<std::streamsize>(length));
-        all.push_back(std::move(next));
-    }
-    EXPECT_FALSE(all.empty());
-    return all;
-}
-
-/** One run after the other; a frame between them lasts as long as the last two are apart. */
-stream repeated(const stream &once, int times, int64_t from = 0)
-{
-    const int64_t length = 2 * once.back().time - once[once.size() - 2].time;
-    stream all;
-    for (int run = 0; run < times; ++run)
-        for (frame each : once) {
-            each.time += from + run * length;
-            all.push_back(std::move(each));
-        }
-    return all;
-}
-
-/** The NAL units of an Annex-B frame, each after its length; sound as it is. */
-bytes sample_of(const frame &given, bool video)
-{
-    const bytes &data = given.data;
-    if (!video) return bytes(data.begin() + 7, data.end()); /* the streams have ADTS headers of 7 bytes */
-    const auto is_code = [&](size_t at) {
-        return at + 3 <= data.size() && data[at] == 0 && data[at + 1] == 0 && data[at + 2] == 1;
-    };
-    bytes sample;
-    for (size_t at = 0; at < data.size();) {
-        while (!is_code(at)) ++at;
-        at += 3;
-        size_t end = at;
-        while (end < data.size() && !is_code(end)) ++end;
-        const size_t next = end;
-        while (end > at && data[end - 1] == 0) --end;
-        for (int shift = 24; shift >= 0; shift -= 8) sample.push_back(static_cast<uint8_t>((end - at) >> shift));
-        sample.insert(sample.end(), data.begin() + ptrdiff_t(at), data.begin() + ptrdiff_t(end));
-        at = next;
-    }
-    return sample;
-}
-
-/* ---- Recordings -------------------------------------------------------- */
-
-struct source {
-    mp4_track_desc track;
-    stream frames;
-    bool video() const { return (track.type & 0x200) == 0; }
-};
-
-mp4_track_desc h264()
-{
-    return {.type = MP4_TRACK_H264, .video = {}};
-}
-mp4_track_desc h265(uint32_t width = 0, uint32_t height = 0)
-{
-    return {.type = MP4_TRACK_H265, .video = {width, height, 0}};
-}
-mp4_track_desc aac(uint32_t rate)
-{
-    mp4_track_desc track = {};
-    track.type = MP4_TRACK_AAC;
-    track.audio = {2, 16, rate};
-    return track;
-}
-
-class card {
-public:
-    card()
-    {
-        std::string name = (access("/dev/shm", W_OK) == 0 ? "/dev/shm/" : testing::TempDir()) + "card-XXXXXX";
-        root_ = mkdtemp(name.data());
-    }
-    ~card() { fs::remove_all(root_); }
-    std::string path() const { return root_.string(); }
-    std::vector<std::string> names() const
-    {
-        std::vector<std::string> all;
-        for (const auto &each : fs::recursive_directory_iterator(root_))
-            if (each.is_regular_file()) all.push_back(fs::relative(each.path(), root_).string());
-        std::ranges::sort(all);
-        return all;
-    }
-
-private:
-    fs::path root_;
-};
-
-struct recorder_ptr {
-    mediafiles_recorder *recorder = nullptr;
-    ~recorder_ptr() { mediafiles_recorder_destroy(recorder); }
-    operator mediafiles_recorder *() const { return recorder; }
-};
-
-mediafiles_recorder_options options_for(const card &on, const std::vector<mp4_track_desc> &tracks)
-{
-    static std::string directory;
-    directory = on.path();
-    mediafiles_recorder_options options = {};
-    options.size = sizeof options;
-    options.track_count = static_cast<uint32_t>(tracks.size());
-    options.tracks = tracks.data();
-    options.directory = directory.c_str();
-    options.keep_free_bytes = -1; /* whatever the machine has */
-    return options;
-}
-
-mediafiles_recorder_stats stats_of(mediafiles_recorder *recorder)
-{
-    mediafiles_recorder_stats stats = {};
-    stats.size = sizeof stats;
-    EXPECT_EQ(mediafiles_recorder_get_stats(recorder, &stats), 0);
-    return stats;
-}
-
-/** The events that wait: how many of each kind. */
-std::map<uint32_t, uint64_t> events_of(mediafiles_recorder *recorder)
-{
-    std::map<uint32_t, uint64_t> seen;
-    mediafiles_recorder_event event = {};
-    event.size = sizeof event;
-    while (mediafiles_recorder_next_event(recorder, &event, 0) == 1) ++seen[event.kind];
-    return seen;
-}
-
-/** Until something is true, for ten seconds at most. */
-template <class Condition>
-bool comes_true(Condition condition)
-{
-    for (int i = 0; i < 2000; ++i) {
-        if (condition()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return false;
-}
-
-/** All sources, in the order of their times. A frame is pushed again while the queue is full if it may wait. */
-void push_all(mediafiles_recorder *recorder, const std::vector<source> &sources)
-{
-    std::vector<size_t> next(sources.size());
-    for (;;) {
-        size_t first = sources.size();
-        for (size_t i = 0; i < sources.size(); ++i)
-            if (next[i] < sources[i].frames.size() &&
-                (first == sources.size() || sources[i].frames[next[i]].time < sources[first].frames[next[first]].time))
-                first = i;
-        if (first == sources.size()) return;
-        const frame &each = sources[first].frames[next[first]++];
-        ASSERT_EQ(mediafiles_recorder_push(recorder, uint32_t(first), each.data.data(), each.data.size(), each.time, 0),
-                  0);
-        if (stats_of(recorder).queue_used > 4 << 20) /* faster than any camera */
-            comes_true([&] { return stats_of(recorder).queue_used < 1 << 20; });
-    }
-}
-
-struct played {
-    std::vector<mp4::file> files;
-    std::map<uint32_t, std::vector<bytes>> samples; // of each track ID, over all files
-};
-
-/** All files of a card, by the strict reader. */
-played play(const card &on)
-{
-    played all;
-    for (const std::string &name : on.names()) {
-        SCOPED_TRACE(name);
-        const std::string path = on.path() + "/" + name;
-        mp4::file file = mp4::read(path);
-        for (const auto &problem : file.problems) EXPECT_FALSE(problem.fault) << problem.text;
-        std::ifstream media(path, std::ios::binary);
-        for (const mp4::track &track : file.tracks) {
-            for (const mp4::sample &sample : track.samples) {
-                bytes data(sample.size);
-                media.seekg(static_cast<std::streamoff>(sample.offset));
-                media.read(reinterpret_cast<char *>(data.data()), sample.size);
-                all.samples[track.id].push_back(std::move(data));
-            }
-            EXPECT_TRUE(track.samples.empty() || track.samples[0].sync);
-        }
-        all.files.push_back(std::move(file));
-    }
-    return all;
-}
-
-void expect_all_samples(const played &all, const std::vector<source> &sources)
-{
-    for (size_t i = 0; i < sources.size(); ++i) {
-        SCOPED_TRACE("track " + std::to_string(i));
-        const auto found = all.samples.find(uint32_t(i) + 1);
-        ASSERT_NE(found, all.samples.end());
-        EXPECT_EQ(found->second.size(), sources[i].frames.size());
-        for (size_t n = 0; n < std::min(found->second.size(), sources[i].frames.size()); ++n)
-            ASSERT_EQ(found->second[n], sample_of(sources[i].frames[n], sources[i].video())) << "sample " << n;
-    }
-}
-
-/* ---- Tests ------------------------------------------------------------- */
-
-TEST(recorder, loses_nothing_between_files)
+TEST(Recorder, LosesNothingBetweenFiles)
 {
     const stream base = load("h264_base_640x360_25", ".h264"),
                  slices = load("h264_high_aud_4slices_640x360_30", ".h264"),
@@ -367,21 +64,7 @@ TEST(recorder, loses_nothing_between_files)
     }
 }
 
-/** Ten frames of a group each: the first is a key frame of the size that is asked for, the others are small. */
-stream camera(int groups, size_t key_size, int64_t from = 0)
-{
-    static const stream real = load("h264_base_640x360_25", ".h264");
-    stream all;
-    for (int n = 0; n < 10 * groups; ++n) {
-        frame each = real[size_t(n % 10)];
-        each.time = from + n * 40 * millisecond;
-        if (each.key) each.data.resize(key_size, 0x55);
-        all.push_back(std::move(each));
-    }
-    return all;
-}
-
-TEST(recorder, lengths_of_files_add_up)
+TEST(Recorder, LengthsOfFilesAddUp)
 {
     const stream base = load("h264_base_640x360_25", ".h264");
     const struct {
@@ -428,7 +111,7 @@ TEST(recorder, lengths_of_files_add_up)
     }
 }
 
-TEST(recorder, a_new_file_begins_where_it_must)
+TEST(Recorder, ANewFileBeginsWhereItMust)
 {
     const stream base = load("h264_base_640x360_25", ".h264");
     const stream other = load("ext_MPS_MW_A_176x144_30", ".h264"); /* other parameter sets of the same numbers */
@@ -474,7 +157,7 @@ TEST(recorder, a_new_file_begins_where_it_must)
     }
 }
 
-TEST(recorder, takes_an_access_unit_in_parts)
+TEST(Recorder, TakesAnAccessUnitInParts)
 {
     const stream slices = load("h264_high_aud_4slices_640x360_30", ".h264");
     const card on;
@@ -498,7 +181,7 @@ TEST(recorder, takes_an_access_unit_in_parts)
     expect_all_samples(all, {{h264(), slices}});
 }
 
-TEST(recorder, refuses_what_it_cannot_store)
+TEST(Recorder, RefusesWhatItCannotStore)
 {
     const card on;
     std::vector<mp4_track_desc> tracks = {h264(), aac(48000)};
@@ -543,7 +226,7 @@ TEST(recorder, refuses_what_it_cannot_store)
     EXPECT_TRUE(on.names().empty());
 }
 
-TEST(recorder, no_caller_waits_for_a_stalled_card)
+TEST(Recorder, NoCallerWaitsForAStalledCard)
 {
     const struct {
         const char *what;
@@ -574,10 +257,8 @@ TEST(recorder, no_caller_waits_for_a_stalled_card)
         std::erase_if(sound, [&](const frame &each) { return each.time > video.back().time; });
         size_t sound_taken = 0, video_taken = 0, at = 0;
         for (const frame &each : video) {
-            for (; at < sound.size() && sound[at].time <= each.time; ++at)
-                sound_taken += !mediafiles_recorder_push(recorder, 1, sound[at].data.data(), sound[at].data.size(),
-                                                         sound[at].time, 0);
-            video_taken += !mediafiles_recorder_push(recorder, 0, each.data.data(), each.data.size(), each.time, 0);
+            for (; at < sound.size() && sound[at].time <= each.time; ++at) sound_taken += !push(recorder, 1, sound[at]);
+            video_taken += !push(recorder, 0, each);
         }
         c.closed.await_someone();
         EXPECT_EQ(video_taken == video.size(), !c.drops);
@@ -610,7 +291,7 @@ TEST(recorder, no_caller_waits_for_a_stalled_card)
     }
 }
 
-TEST(recorder, stop_keeps_to_its_patience)
+TEST(Recorder, StopKeepsToItsPatience)
 {
     const card on;
     const std::vector<mp4_track_desc> tracks = {h264()};
@@ -636,7 +317,7 @@ TEST(recorder, stop_keeps_to_its_patience)
     play(on);
 }
 
-TEST(recorder, a_failed_sync_costs_its_file_alone)
+TEST(Recorder, AFailedSyncCostsItsFileAlone)
 {
     const card on;
     const std::vector<mp4_track_desc> tracks = {h264()};
@@ -658,7 +339,7 @@ TEST(recorder, a_failed_sync_costs_its_file_alone)
     EXPECT_EQ(all.files[1].tracks[0].samples.size(), 10u);
 }
 
-TEST(recorder, the_oldest_files_make_room)
+TEST(Recorder, TheOldestFilesMakeRoom)
 {
     const card on;
     const std::vector<mp4_track_desc> tracks = {h264()};
@@ -691,7 +372,7 @@ TEST(recorder, the_oldest_files_make_room)
         EXPECT_EQ(std::stoul(names[i]), 12 - (names.size() - 2 - i)) << "the latest ones are there";
 }
 
-TEST(recorder, a_full_card_ends_the_file_until_there_is_room)
+TEST(Recorder, AFullCardEndsTheFileUntilThereIsRoom)
 {
     const card on;
     const std::vector<mp4_track_desc> tracks = {h264()};
@@ -721,7 +402,7 @@ TEST(recorder, a_full_card_ends_the_file_until_there_is_room)
     EXPECT_EQ(all.files[1].tracks[0].samples.size(), 10u);
 }
 
-TEST(recorder, any_thread_calls_anything)
+TEST(Recorder, AnyThreadCallsAnything)
 {
     for (int run = 0; run < 5; ++run) {
         const card on;
@@ -735,7 +416,7 @@ TEST(recorder, any_thread_calls_anything)
         for (uint32_t track = 0; track < 4; ++track)
             threads.emplace_back([&, track] {
                 for (const frame &each : track < 2 ? camera(20, 3'000) : sound) {
-                    mediafiles_recorder_push(recorder, track, each.data.data(), each.data.size(), each.time, 0);
+                    push(recorder, track, each);
                     usleep(200);
                 }
             });
@@ -759,7 +440,7 @@ TEST(recorder, any_thread_calls_anything)
 }
 
 /** What stats called safe is there after the process is killed. */
-TEST(recorder, what_was_safe_survives_a_kill)
+TEST(Recorder, WhatWasSafeSurvivesAKill)
 {
     for (int run = 0; run < 12; ++run) {
         SCOPED_TRACE(run);
@@ -777,10 +458,8 @@ TEST(recorder, what_was_safe_survives_a_kill)
             mediafiles_recorder *const recorder = mediafiles_recorder_start(&options);
             size_t at = 0;
             for (const frame &each : video) {
-                for (; at < sound.size() && sound[at].time <= each.time; ++at)
-                    mediafiles_recorder_push(recorder, 1, sound[at].data.data(), sound[at].data.size(), sound[at].time,
-                                             0);
-                mediafiles_recorder_push(recorder, 0, each.data.data(), each.data.size(), each.time, 0);
+                for (; at < sound.size() && sound[at].time <= each.time; ++at) push(recorder, 1, sound[at]);
+                push(recorder, 0, each);
                 const mediafiles_recorder_stats stats = stats_of(recorder);
                 safe[0] = stats.safe[0], safe[1] = stats.safe[1];
                 usleep(300);

@@ -1,0 +1,232 @@
+#include "recorder-harness.h"
+
+#include <fstream>
+#include <sstream>
+
+#include <sys/statvfs.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+namespace fs = std::filesystem;
+
+/* ---- A card that stalls and fails ---- */
+
+gate &syncs = *new gate, &writes = *new gate; // threads that a test abandons outlive it
+std::atomic<int> failing_sync = 0;
+std::atomic<int64_t> free_room = -1;
+
+void gate::pass()
+{
+    std::unique_lock guard(lock_);
+    ++waiting_;
+    moved_.notify_all();
+    moved_.wait(guard, [this] { return !closed_; });
+    --waiting_;
+}
+
+void gate::await_someone()
+{
+    std::unique_lock guard(lock_);
+    moved_.wait(guard, [this] { return waiting_ != 0; });
+}
+
+void gate::set(bool closed)
+{
+    const std::lock_guard guard(lock_);
+    closed_ = closed;
+    moved_.notify_all();
+}
+
+extern "C" {
+int __real_fdatasync(int file);
+ssize_t __real_writev(int file, const struct iovec *pieces, int count);
+int __real_fstatvfs64(int file, struct statvfs *room);
+
+int __wrap_fdatasync(int file)
+{
+    syncs.pass();
+    if ((errno = failing_sync.exchange(0)) != 0) return -1;
+    return __real_fdatasync(file);
+}
+ssize_t __wrap_writev(int file, const struct iovec *pieces, int count)
+{
+    writes.pass();
+    return __real_writev(file, pieces, count);
+}
+int __wrap_fstatvfs64(int file, struct statvfs *room)
+{
+    const int result = __real_fstatvfs64(file, room);
+    if (free_room >= 0) room->f_bavail = static_cast<fsblkcnt_t>(free_room / static_cast<int64_t>(room->f_frsize));
+    return result;
+}
+}
+
+card::card() : path_((access("/dev/shm", W_OK) == 0 ? "/dev/shm/" : testing::TempDir()) + "card-XXXXXX")
+{
+    if (!mkdtemp(path_.data())) std::abort();
+}
+
+std::vector<std::string> card::names() const
+{
+    std::vector<std::string> all;
+    for (const auto &each : fs::recursive_directory_iterator(path_))
+        if (each.is_regular_file()) all.push_back(fs::relative(each.path(), path_).string());
+    std::ranges::sort(all);
+    return all;
+}
+
+/* ---- Streams ---- */
+
+stream load(const std::string &name, const std::string &extension)
+{
+    std::ifstream media(std::string(STREAMS "/") + name + extension, std::ios::binary);
+    std::ifstream units(std::string(STREAMS "/") + name + ".units.tsv");
+    std::string line;
+    getline(units, line);
+    stream all;
+    while (getline(units, line)) {
+        std::istringstream in(line);
+        size_t index, offset, length;
+        frame next = {};
+        in >> index >> offset >> length >> next.time >> next.key;
+        next.data.resize(length);
+        media.seekg(static_cast<std::streamoff>(offset));
+        media.read(reinterpret_cast<char *>(next.data.data()), static_cast<std::streamsize>(length));
+        all.push_back(std::move(next));
+    }
+    EXPECT_FALSE(all.empty());
+    return all;
+}
+
+stream repeated(const stream &once, int times, int64_t from)
+{
+    const int64_t length = 2 * once.back().time - once[once.size() - 2].time;
+    stream all;
+    for (int run = 0; run < times; ++run)
+        for (frame each : once) {
+            each.time += from + run * length;
+            all.push_back(std::move(each));
+        }
+    return all;
+}
+
+stream camera(int groups, size_t key_size, int64_t from)
+{
+    static const stream real = load("h264_base_640x360_25", ".h264");
+    stream all;
+    for (int n = 0; n < 10 * groups; ++n) {
+        frame each = real[size_t(n % 10)];
+        each.time = from + n * 40 * millisecond;
+        if (each.key) each.data.resize(key_size, 0x55);
+        all.push_back(std::move(each));
+    }
+    return all;
+}
+
+bytes sample_of(const frame &given, bool video)
+{
+    const bytes &data = given.data;
+    if (!video) return bytes(data.begin() + 7, data.end()); /* the streams have ADTS headers of 7 bytes */
+    const auto is_code = [&](size_t at) {
+        return at + 3 <= data.size() && data[at] == 0 && data[at + 1] == 0 && data[at + 2] == 1;
+    };
+    bytes sample;
+    for (size_t at = 0; at < data.size();) {
+        while (!is_code(at)) ++at;
+        at += 3;
+        size_t end = at;
+        while (end < data.size() && !is_code(end)) ++end;
+        const size_t next = end;
+        while (end > at && data[end - 1] == 0) --end;
+        for (int shift = 24; shift >= 0; shift -= 8) sample.push_back(static_cast<uint8_t>((end - at) >> shift));
+        sample.insert(sample.end(), data.begin() + ptrdiff_t(at), data.begin() + ptrdiff_t(end));
+        at = next;
+    }
+    return sample;
+}
+
+/* ---- Recordings ---- */
+
+mediafiles_recorder_options options_for(const card &on, const std::vector<mp4_track_desc> &tracks)
+{
+    mediafiles_recorder_options options = {};
+    options.size = sizeof options;
+    options.track_count = static_cast<uint32_t>(tracks.size());
+    options.tracks = tracks.data();
+    options.directory = on.path().c_str();
+    options.keep_free_bytes = -1; /* whatever the machine has */
+    return options;
+}
+
+mediafiles_recorder_stats stats_of(mediafiles_recorder *recorder)
+{
+    mediafiles_recorder_stats stats = {};
+    stats.size = sizeof stats;
+    EXPECT_EQ(mediafiles_recorder_get_stats(recorder, &stats), 0);
+    return stats;
+}
+
+std::map<uint32_t, uint64_t> events_of(mediafiles_recorder *recorder)
+{
+    std::map<uint32_t, uint64_t> seen;
+    mediafiles_recorder_event event = {};
+    event.size = sizeof event;
+    while (mediafiles_recorder_next_event(recorder, &event, 0) == 1) ++seen[event.kind];
+    return seen;
+}
+
+void push_all(mediafiles_recorder *recorder, const std::vector<source> &sources)
+{
+    std::vector<size_t> next(sources.size());
+    for (;;) {
+        size_t first = sources.size();
+        for (size_t i = 0; i < sources.size(); ++i)
+            if (next[i] < sources[i].frames.size() &&
+                (first == sources.size() || sources[i].frames[next[i]].time < sources[first].frames[next[first]].time))
+                first = i;
+        if (first == sources.size()) return;
+        const frame &each = sources[first].frames[next[first]++];
+        ASSERT_EQ(0, push(recorder, uint32_t(first), each));
+        if (stats_of(recorder).queue_used > 4 << 20) /* faster than any camera */
+            comes_true([&] { return stats_of(recorder).queue_used < 1 << 20; });
+    }
+}
+
+/* ---- What was stored ---- */
+
+played play(const card &on)
+{
+    played all;
+    for (const std::string &name : on.names()) {
+        SCOPED_TRACE(name);
+        const std::string path = on.path() + "/" + name;
+        mp4::file file = mp4::read(path);
+        for (const auto &problem : file.problems) EXPECT_FALSE(problem.fault) << problem.text;
+        std::ifstream media(path, std::ios::binary);
+        for (const mp4::track &track : file.tracks) {
+            for (const mp4::sample &sample : track.samples) {
+                bytes data(sample.size);
+                media.seekg(static_cast<std::streamoff>(sample.offset));
+                media.read(reinterpret_cast<char *>(data.data()), sample.size);
+                all.samples[track.id].push_back(std::move(data));
+            }
+            EXPECT_TRUE(track.samples.empty() || track.samples[0].sync);
+        }
+        all.files.push_back(std::move(file));
+    }
+    return all;
+}
+
+void expect_all_samples(const played &all, const std::vector<source> &sources)
+{
+    for (size_t i = 0; i < sources.size(); ++i) {
+        SCOPED_TRACE("track " + std::to_string(i));
+        const auto found = all.samples.find(uint32_t(i) + 1);
+        ASSERT_NE(found, all.samples.end());
+        EXPECT_EQ(found->second.size(), sources[i].frames.size());
+        for (size_t n = 0; n < std::min(found->second.size(), sources[i].frames.size()); ++n)
+            ASSERT_EQ(found->second[n], sample_of(sources[i].frames[n], sources[i].video())) << "sample " << n;
+    }
+}

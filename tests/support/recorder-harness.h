@@ -1,0 +1,139 @@
+/** What tests of the recorder share: a card that stalls and fails, streams as an encoder delivers them, what was stored. */
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <filesystem>
+#include <map>
+#include <mutex>
+#include <thread>
+
+#include <mediafiles/recorder.h>
+
+#include "hex.h"
+#include "tools/reader/reader.h"
+
+constexpr int64_t second = 1'000'000'000, millisecond = 1'000'000;
+
+/* ---- A card that stalls and fails ---- */
+
+/** Calls wait here while it is closed. */
+class gate {
+public:
+    void close() { set(true); }
+    void open() { set(false); }
+    void pass();
+    void await_someone();
+
+private:
+    void set(bool closed);
+    std::mutex lock_;
+    std::condition_variable moved_;
+    bool closed_ = false;
+    int waiting_ = 0;
+};
+extern gate &syncs, &writes;
+extern std::atomic<int> failing_sync;  // errno of the next fdatasync
+extern std::atomic<int64_t> free_room; // bytes; -1: what there is
+
+/** A directory for a test. */
+class card {
+public:
+    card();
+    ~card() { std::filesystem::remove_all(path_); }
+    card(const card &) = delete;
+    card &operator=(const card &) = delete;
+    const std::string &path() const { return path_; }
+    std::vector<std::string> names() const; // of all files, sorted
+
+private:
+    std::string path_;
+};
+
+/* ---- Streams, as an encoder delivers them ---- */
+
+struct frame {
+    bytes data;
+    int64_t time; // nanoseconds
+    bool key;
+};
+using stream = std::vector<frame>;
+
+/** A stream of testdata/. */
+stream load(const std::string &name, const std::string &extension);
+
+/** One run after the other; a frame between them lasts as long as the last two are apart. */
+stream repeated(const stream &once, int times, int64_t from = 0);
+
+/** Ten frames of a group each: the first is a key frame of the size that is asked for, the others are small. */
+stream camera(int groups, size_t key_size, int64_t from = 0);
+
+/** The NAL units of an Annex-B frame, each after its length; sound without its header. */
+bytes sample_of(const frame &given, bool video);
+
+struct source {
+    mp4_track_desc track;
+    stream frames;
+    bool video() const { return (track.type & 0x200) == 0; }
+};
+inline mp4_track_desc h264()
+{
+    return {.type = MP4_TRACK_H264, .video = {}};
+}
+inline mp4_track_desc h265(uint32_t width = 0, uint32_t height = 0)
+{
+    return {.type = MP4_TRACK_H265, .video = {width, height, 0}};
+}
+inline mp4_track_desc aac(uint32_t rate)
+{
+    return {MP4_TRACK_AAC, {{2, 16, rate}}};
+}
+
+/* ---- Recordings ---- */
+
+struct recorder_ptr {
+    mediafiles_recorder *recorder = nullptr;
+    ~recorder_ptr() { mediafiles_recorder_destroy(recorder); }
+    operator mediafiles_recorder *() const { return recorder; }
+};
+
+/** They borrow the card's path and the tracks. */
+mediafiles_recorder_options options_for(const card &on, const std::vector<mp4_track_desc> &tracks);
+
+mediafiles_recorder_stats stats_of(mediafiles_recorder *recorder);
+
+/** The events that wait: how many of each kind. */
+std::map<uint32_t, uint64_t> events_of(mediafiles_recorder *recorder);
+
+/** Until something is true, for ten seconds at most. */
+template <class Condition>
+bool comes_true(Condition condition)
+{
+    for (int i = 0; i < 2000; ++i) {
+        if (condition()) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return false;
+}
+
+inline int push(mediafiles_recorder *recorder, uint32_t track, const frame &given)
+{
+    return mediafiles_recorder_push(recorder, track, given.data.data(), given.data.size(), given.time, 0);
+}
+
+/** All sources, in the order of their times, as fast as the recorder stores them. */
+void push_all(mediafiles_recorder *recorder, const std::vector<source> &sources);
+
+/* ---- What was stored ---- */
+
+struct played {
+    std::vector<mp4::file> files;
+    std::map<uint32_t, std::vector<bytes>> samples; // of each track ID, over all files
+};
+
+/** All files of a card, by the strict reader: they are sound, and each begins with a key frame. */
+played play(const card &on);
+
+/** Each frame of each source is there, and nothing else. */
+void expect_all_samples(const played &all, const std::vector<source> &sources);
