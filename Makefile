@@ -55,7 +55,7 @@ soak:
 	cmake --preset test
 	cmake --build out/test -j $(JOBS)
 	python3 tests/kill_test.py --tool out/test/tools/mediafiles --media testdata --count $(KILLS) $(SEED:%=--seed %)
-	RECOVERY_PAIRS=200 RECOVERY_KILLS=$(KILLS) out/test/tests/recovery_files_test --gtest_filter='*many_pairs*'
+	RECOVERY_PAIRS=200 RECOVERY_KILLS=$(KILLS) out/test/tests/recovery_files_test --gtest_filter='*ManyPairs*'
 	python3 tests/recovery_command_test.py --tool out/test/tools/mediafiles --example out/test/examples/example-record \
 	    --recover out/test/examples/example-recover --media testdata --finished 500 $(SEED:%=--seed %)
 	cmake --preset sanitizers
