@@ -3,6 +3,7 @@
 #include <fstream>
 #include <iterator>
 #include <random>
+#include <sstream>
 
 #include <gtest/gtest.h>
 
@@ -22,12 +23,7 @@ using namespace mediafiles::recorder;
 TEST(Names, FollowTheirPattern)
 {
     constexpr int64_t leap_day = 951'827'696; // 2000-02-29 12:34:56
-    const struct {
-        const char *pattern;
-        uint64_t number;
-        int64_t seconds;
-        const char *name;
-    } cases[] = {
+    const std::tuple<const char *, uint64_t, int64_t, const char *> cases[] = {
         {"{number}.mp4", 1, 0, "00000001.mp4"},
         {"{number:1}.MP4", 42, 0, "42.MP4"},
         {"{number:10}.mp4", largest_number, 0, "9999999999.mp4"},
@@ -38,52 +34,26 @@ TEST(Names, FollowTheirPattern)
         {"ride %Y.mp4", 2, leap_day, "ride 2000-2.mp4"},
         {"dir/ride.Mp4", 30, 0, "dir/ride-30.Mp4"},
     };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.pattern);
-        const auto pattern = name_pattern::parse(c.pattern);
+    for (const auto &[text, number, seconds, name] : cases) {
+        SCOPED_TRACE(text);
+        const auto pattern = name_pattern::parse(text);
         ASSERT_TRUE(pattern);
-        EXPECT_EQ(pattern->make(c.number, c.seconds), c.name);
-        EXPECT_EQ(pattern->match(c.name), c.number);
-        EXPECT_EQ(pattern->is_numbered(), strstr(c.pattern, "{number") != nullptr);
+        EXPECT_EQ(name, pattern->make(number, seconds));
+        EXPECT_EQ(number, pattern->match(name));
+        EXPECT_EQ(strstr(text, "{number") != nullptr, pattern->is_numbered());
     }
 }
 
 TEST(Names, PatternsThatLeadAstrayAreRefused)
 {
-    const std::string long_part(190, 'x');
-    for (const std::string pattern : {"",
-                                      ".mp4",
-                                      "a/.mp4",
-                                      "a",
-                                      "a.mov",
-                                      "a.mp4/b",
-                                      "/a.mp4",
-                                      "../a.mp4",
-                                      "a/../b.mp4",
-                                      "./a.mp4",
-                                      "a//b.mp4",
-                                      "a./b.mp4",
-                                      "a /b.mp4",
-                                      "a\nb.mp4",
-                                      "a\x7f.mp4",
-                                      "%T.mp4",
-                                      "%.mp4",
-                                      "%%.mp4",
-                                      "a%",
-                                      "{number.mp4",
-                                      "{number:}.mp4",
-                                      "{number:0}.mp4",
-                                      "{number:11}.mp4",
-                                      "{number:08}.mp4",
-                                      "{number:-1}.mp4",
-                                      "{Number}.mp4",
-                                      "a}.mp4",
-                                      "{}.mp4",
-                                      "{number}{number}.mp4",
-                                      "1/2/3/4/5/6/7/8/9/a.mp4"})
-        EXPECT_FALSE(name_pattern::parse(pattern)) << pattern;
+    std::istringstream patterns(
+        "|.mp4|a/.mp4|a|a.mov|a.mp4/b|/a.mp4|../a.mp4|a/../b.mp4|./a.mp4|a//b.mp4|a./b.mp4|"
+        "a /b.mp4|a\nb.mp4|a\x7f.mp4|%T.mp4|%.mp4|%%.mp4|a%|{number.mp4|{number:}.mp4|"
+        "{number:0}.mp4|{number:11}.mp4|{number:08}.mp4|{number:-1}.mp4|{Number}.mp4|a}.mp4|{}.mp4|"
+        "{number}{number}.mp4|1/2/3/4/5/6/7/8/9/a.mp4");
+    for (std::string pattern; getline(patterns, pattern, '|');) EXPECT_FALSE(name_pattern::parse(pattern)) << pattern;
     EXPECT_FALSE(name_pattern::parse(std::string("a\0b.mp4", 7)));
-    EXPECT_FALSE(name_pattern::parse(long_part + "{number}.mp4"));
+    EXPECT_FALSE(name_pattern::parse(std::string(190, 'x') + "{number}.mp4"));
     EXPECT_TRUE(name_pattern::parse("1/2/3/4/5/6/7/8/{number}.mp4"));
     EXPECT_TRUE(name_pattern::parse("..a/...b.mp4"));
     EXPECT_TRUE(name_pattern::parse(default_pattern));
@@ -91,10 +61,7 @@ TEST(Names, PatternsThatLeadAstrayAreRefused)
 
 TEST(Names, OnlyWhatAPatternMakesIsMatched)
 {
-    const struct {
-        const char *pattern;
-        std::vector<const char *> foreign;
-    } cases[] = {
+    const std::pair<const char *, std::vector<const char *>> cases[] = {
         {"{number}.mp4",
          {"0000001.mp4", "000000001.mp4", "00000000.mp4", "99999999999.mp4", "00000001.MP4", "00000001.mp4.journal",
           "0000000a.mp4", "00000001-recovered.mp4", "99999999999999999999999999.mp4", ".mp4", "", "x/00000001.mp4"}},
@@ -105,9 +72,9 @@ TEST(Names, OnlyWhatAPatternMakesIsMatched)
         {"%H%M.mp4",
          {"2400.mp4", "1260.mp4", "1200-1.mp4", "1200-02.mp4", "1200-.mp4", "1200x2.mp4", "1200-99999999999.mp4"}},
     };
-    for (const auto &c : cases)
-        for (const char *name : c.foreign)
-            EXPECT_FALSE(name_pattern::parse(c.pattern).value().match(name)) << c.pattern << ' ' << name;
+    for (const auto &[pattern, foreign] : cases)
+        for (const char *name : foreign)
+            EXPECT_FALSE(name_pattern::parse(pattern).value().match(name)) << pattern << ' ' << name;
     EXPECT_EQ(name_pattern::parse("%d.mp4")->match("31-7.mp4"), 7u);
     EXPECT_EQ(name_pattern::parse("%m%d.mp4")->match("0229.mp4"), 1u);
 }
@@ -458,55 +425,27 @@ const struct {
     {"two blocks", aac, "fff14c8001 3ffd 2100", "fault: its ADTS header does not fit the track", nullptr},
 };
 
-TEST(Frames, AreTakenApart)
-{
-    for (const auto &c : frames) {
-        SCOPED_TRACE(c.what);
-        const bytes pushed = hex(c.pushed);
-        bytes sample;
-        const iovec whole[] = {piece(pushed, 0, pushed.size())};
-        EXPECT_EQ(outcome(c.track, whole, sample), c.outcome);
-        EXPECT_TRUE(!c.sample || sample == hex(c.sample));
-    }
-}
-
-TEST(Frames, AreTheSameHoweverTheyAreCut)
+/* In one piece, in up to four, and in one for each byte. */
+TEST(Frames, AreTakenApartHoweverTheyAreCut)
 {
     for (const auto &c : frames) {
         SCOPED_TRACE(c.what);
         const bytes pushed = hex(c.pushed);
         bytes expected, sample;
         const iovec whole[] = {piece(pushed, 0, pushed.size())};
-        outcome(c.track, whole, expected);
+        EXPECT_EQ(c.outcome, outcome(c.track, whole, expected));
+        EXPECT_TRUE(!c.sample || expected == hex(c.sample));
         for (size_t i = 0; i <= pushed.size(); i++)
             for (size_t j = i; j <= std::min(pushed.size(), i + 8); j++) {
                 const iovec pieces[] = {piece(pushed, 0, i), piece(pushed, i, j), {}, piece(pushed, j, pushed.size())};
-                ASSERT_EQ(outcome(c.track, pieces, sample), c.outcome) << i << ' ' << j;
-                ASSERT_EQ(sample, expected) << i << ' ' << j;
+                ASSERT_EQ(c.outcome, outcome(c.track, pieces, sample)) << i << ' ' << j;
+                ASSERT_EQ(expected, sample) << i << ' ' << j;
             }
         std::vector<iovec> single;
         for (size_t i = 0; i < pushed.size(); i++) single.push_back(piece(pushed, i, i + 1));
-        EXPECT_EQ(outcome(c.track, single, sample), c.outcome);
-        EXPECT_EQ(sample, expected);
+        EXPECT_EQ(c.outcome, outcome(c.track, single, sample));
+        EXPECT_EQ(expected, sample);
     }
-}
-
-/** Units of a byte stream after their lengths, found by the plainest search. */
-bytes plain_split(const bytes &stream)
-{
-    bytes out;
-    for (size_t at = 0; at + 3 <= stream.size(); at++) {
-        if (stream[at] != 0 || stream[at + 1] != 0 || stream[at + 2] != 1) continue;
-        size_t end = at + 3;
-        while (end < stream.size() &&
-               !(end + 3 <= stream.size() && stream[end] == 0 && stream[end + 1] == 0 && stream[end + 2] <= 1))
-            end++;
-        while (stream[end - 1] == 0) end--;
-        for (int shift = 24; shift >= 0; shift -= 8) out.push_back(uint8_t((end - at - 3) >> shift));
-        out.insert(out.end(), stream.begin() + ptrdiff_t(at) + 3, stream.begin() + ptrdiff_t(end));
-        at = end - 1;
-    }
-    return out;
 }
 
 TEST(Frames, HaveAnyNumberOfUnits)
@@ -521,7 +460,7 @@ TEST(Frames, HaveAnyNumberOfUnits)
         const iovec pieces[] = {piece(stream, 0, third), piece(stream, third, stream.size())};
         bytes sample;
         EXPECT_TRUE(outcome(name[2] == '6' && name[3] == '5' ? h265 : h264, pieces, sample).starts_with("key"));
-        EXPECT_TRUE(sample == plain_split(stream));
+        EXPECT_TRUE(sample == sized_units(stream));
     }
 }
 
@@ -611,31 +550,13 @@ TEST(Pictures, OfAbsurdSizesAreRefused)
     for (const auto &c : cases) {
         SCOPED_TRACE(c.what);
         // id, frame_num, order count type 2, references, gaps; size; frames only, direct 8x8; cropping
-        const bytes sps = sps_of("1"
-                                 "1"
-                                 "011"
-                                 "1"
-                                 "0" +
-                                 ue(c.columns - 1) + ue(c.rows - 1) +
-                                 "11"
-                                 "1" +
-                                 ue(c.left) + "1" + ue(c.top) +
-                                 "1"
-                                 "01");
+        const bytes sps =
+            sps_of("1101110" + ue(c.columns - 1) + ue(c.rows - 1) + "111" + ue(c.left) + "1" + ue(c.top) + "101");
         const auto size = read_picture_size(MP4_TRACK_H264, sps);
         EXPECT_EQ(size.has_value(), c.taken);
         EXPECT_TRUE(!size || size->width == c.columns * 16 - 2 * c.left);
     }
-    EXPECT_FALSE(read_picture_size(MP4_TRACK_H264, sps_of("1"
-                                                          "1"
-                                                          "00100"
-                                                          "1"
-                                                          "0"
-                                                          "1"
-                                                          "1"
-                                                          "11"
-                                                          "0"
-                                                          "1"))); // order count type 3
+    EXPECT_FALSE(read_picture_size(MP4_TRACK_H264, sps_of("110010010111101"))); // order count type 3
 }
 
 } // namespace

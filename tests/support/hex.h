@@ -79,3 +79,22 @@ inline bytes joined(std::initializer_list<bytes> parts)
     for (const bytes &part : parts) overlay(all, all.size(), part);
     return all;
 }
+
+/** The NAL units of an Annex-B stream, each after its length of 4 bytes, found by the plainest search. */
+inline bytes sized_units(const bytes &stream)
+{
+    bytes out;
+    const auto ends = [&](size_t at) { // a unit: before 0 0 0 or 0 0 1
+        return at + 3 <= stream.size() && !stream[at] && !stream[at + 1] && stream[at + 2] <= 1;
+    };
+    for (size_t at = 0; at + 3 <= stream.size(); at++) {
+        if (!ends(at) || stream[at + 2] != 1) continue;
+        size_t end = at + 3;
+        while (end < stream.size() && !ends(end)) end++;
+        while (stream[end - 1] == 0) end--;
+        for (int shift = 24; shift >= 0; shift -= 8) out.push_back(uint8_t((end - at - 3) >> shift));
+        out.insert(out.end(), stream.begin() + ptrdiff_t(at) + 3, stream.begin() + ptrdiff_t(end));
+        at = end - 1;
+    }
+    return out;
+}

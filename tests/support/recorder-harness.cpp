@@ -127,24 +127,7 @@ stream camera(int groups, size_t key_size, int64_t from)
 
 bytes sample_of(const frame &given, bool video)
 {
-    const bytes &data = given.data;
-    if (!video) return bytes(data.begin() + 7, data.end()); /* the streams have ADTS headers of 7 bytes */
-    const auto is_code = [&](size_t at) {
-        return at + 3 <= data.size() && data[at] == 0 && data[at + 1] == 0 && data[at + 2] == 1;
-    };
-    bytes sample;
-    for (size_t at = 0; at < data.size();) {
-        while (!is_code(at)) ++at;
-        at += 3;
-        size_t end = at;
-        while (end < data.size() && !is_code(end)) ++end;
-        const size_t next = end;
-        while (end > at && data[end - 1] == 0) --end;
-        for (int shift = 24; shift >= 0; shift -= 8) sample.push_back(static_cast<uint8_t>((end - at) >> shift));
-        sample.insert(sample.end(), data.begin() + ptrdiff_t(at), data.begin() + ptrdiff_t(end));
-        at = next;
-    }
-    return sample;
+    return video ? sized_units(given.data) : bytes(given.data.begin() + 7, given.data.end()); // ADTS has 7 bytes
 }
 
 /* ---- Recordings ---- */
