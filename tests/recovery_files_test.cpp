@@ -60,35 +60,31 @@ public:
     {
         /* Where a sync costs nothing. */
         const bool memory = access("/dev/shm", W_OK) == 0 && !getenv("TEST_TMPDIR");
-        std::string name = (memory ? "/dev/shm/" : testing::TempDir()) + "card-XXXXXX";
-        root = mkdtemp(name.data());
+        root = mkdtemp(((memory ? "/dev/shm/" : testing::TempDir()) + "card-XXXXXX").data());
     }
     ~card() { fs::remove_all(root); }
     std::string operator/(const std::string &name) const { return (root / name).string(); }
+    int open(const std::string &name, int flags = O_RDONLY) const
+    {
+        return ::open((*this / name).c_str(), flags | O_CLOEXEC, 0644);
+    }
 
     void put(const std::string &name, const bytes &content, time_t time = old_time) const
     {
         fs::create_directories((root / name).parent_path());
-        const int file = open((*this / name).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-        fill(file, content);
+        const descriptor file{open(name, O_WRONLY | O_CREAT | O_TRUNC)};
         const struct timespec times[2] = {{time, 5}, {time, 123456789}};
+        fill(file, content);
         futimens(file, times);
-        close(file);
     }
     void put(const std::string &name, const bytes &media, const bytes &journal, time_t time = old_time) const
     {
         put(name, media, time);
         put(name + ".journal", journal, time + 1);
     }
-    bytes get(const std::string &name) const
-    {
-        const int file = open((root / name).c_str(), O_RDONLY | O_CLOEXEC);
-        bytes content = file_content(file);
-        close(file);
-        return content;
-    }
+    bytes get(const std::string &name) const { return file_content(descriptor{open(name)}); }
     /** Every name with what it is, media files with their times: the same when nothing has changed. */
-    std::map<std::string, std::string> state(bool access_times = false) const
+    std::map<std::string, std::string> state() const
     {
         std::map<std::string, std::string> all;
         for (const auto &entry : fs::recursive_directory_iterator(root)) {
@@ -96,14 +92,13 @@ public:
             lstat(entry.path().c_str(), &status);
             std::string text = std::to_string(status.st_mode) + " " + std::to_string(status.st_size);
             if (S_ISREG(status.st_mode) && status.st_size < 10'000'000) {
-                const bytes content = get(entry.path());
+                const bytes content = get(entry.path().lexically_relative(root));
                 const std::string_view characters(reinterpret_cast<const char *>(content.data()), content.size());
                 text += " " + std::to_string(std::hash<std::string_view>{}(characters));
             }
             if (entry.path().extension() == ".mp4")
                 text += " " + std::to_string(status.st_mtim.tv_sec) + "." + std::to_string(status.st_mtim.tv_nsec);
             if (S_ISDIR(status.st_mode)) text = "directory";
-            if (access_times) text += " " + std::to_string(status.st_atim.tv_sec);
             all[entry.path().lexically_relative(root)] = text;
         }
         return all;
@@ -143,19 +138,27 @@ struct said {
 
 using lines = std::vector<std::string>;
 
-lines recover(const card &on, std::vector<std::string> paths = {}, uint32_t flags = 0, const char *output = nullptr,
-              int error = 0)
+/** How to recover; a report is taken from a result on. */
+struct order {
+    uint32_t flags = 0;
+    const char *output = nullptr, *journal = nullptr;
+    mediafiles_progress progress = nullptr;
+    size_t stop_after = SIZE_MAX;
+    int error = 0; // that is due
+};
+
+lines recover(const card &on, std::vector<std::string> paths = {}, const order &how = {})
 {
     if (paths.empty()) paths = {on.root};
     std::vector<const char *> pointers;
     for (const std::string &path : paths) pointers.push_back(path.c_str());
-    const mediafiles_recover_options options = {sizeof options, flags, nullptr, output, nullptr, nullptr};
-    said heard = {on.root, {}};
+    const mediafiles_recover_options options = {sizeof options, how.flags,    how.journal,
+                                                how.output,     how.progress, nullptr};
+    said heard = {on.root, {}, how.stop_after};
     const without_stdin first; // the first file's descriptor is 0
     const int free_before = free_descriptor();
-    const int result = mediafiles_recover(pointers.data(), pointers.size(), &options, said::take, &heard);
-    EXPECT_EQ(error_of(result), error);
-    EXPECT_EQ(free_descriptor(), free_before);
+    EXPECT_EQ(how.error, error_of(mediafiles_recover(pointers.data(), pointers.size(), &options, said::take, &heard)));
+    EXPECT_EQ(free_before, free_descriptor());
     return heard.lines;
 }
 
@@ -209,10 +212,10 @@ TEST(RecoveryFiles, ADryRunSaysWhatIsDoneAndChangesNothing)
             const card copy, made;
             copy_all(on, copy);
             const char *target = output ? made.root.c_str() : nullptr;
-            const lines dry = recover(copy, {copy.root, copy / "again"}, flags | MEDIAFILES_DRY_RUN, target);
+            const lines dry = recover(copy, {copy.root, copy / "again"}, {flags | MEDIAFILES_DRY_RUN, target});
             EXPECT_EQ(copy.state(), before);
             EXPECT_TRUE(made.state().empty());
-            EXPECT_EQ(recover(copy, {copy.root, copy / "again"}, flags, target), dry);
+            EXPECT_EQ(recover(copy, {copy.root, copy / "again"}, {flags, target}), dry);
             EXPECT_EQ(dry.size(), 7u);
             if (!output) {
                 EXPECT_EQ(copy.get("a.mp4"), whole().file);
@@ -270,14 +273,14 @@ kills recover_with_kills(const card &pristine, uint32_t flags, bool output, Choo
 {
     const card whole_run, copies, on, out;
     copy_all(pristine, whole_run), copy_all(pristine, on);
-    recover(whole_run, {}, flags, output ? copies.root.c_str() : nullptr);
+    recover(whole_run, {}, {flags, output ? copies.root.c_str() : nullptr});
     const auto wanted = whole_run.state(), wanted_copies = copies.state();
     kills seen = {0, 0, output ? wanted_copies.size() : wanted.size()};
     seen.stops = trace_recovery(on, flags, output ? out.root.c_str() : nullptr, [&] {
         if (!is_chosen(on, out)) return;
         const card cut, cut_out;
         copy_all(on, cut), copy_all(out, cut_out);
-        recover(cut, {}, flags, output ? cut_out.root.c_str() : nullptr);
+        recover(cut, {}, {flags, output ? cut_out.root.c_str() : nullptr});
         EXPECT_EQ(wanted, cut.state()) << seen.cuts;
         EXPECT_EQ(wanted_copies, cut_out.state()) << seen.cuts;
         seen.cuts++;
@@ -397,12 +400,11 @@ TEST(RecoveryFiles, AHostileCardIsLeftAlone)
         if (there && !report.empty()) wanted.push_back(name + ": " + report);
     }
     for (uint64_t size = INT64_MAX; truncate((on / "huge.mp4").c_str(), off_t(size)) != 0;) size /= 2;
-    const int busy = open((on / "busy/.mediafiles-00000001.tmp").c_str(), O_RDONLY | O_CLOEXEC);
+    const descriptor busy{on.open("busy/.mediafiles-00000001.tmp")};
     flock(busy, LOCK_EX);
 
     const auto before = elsewhere.state();
     lines reports = recover(on);
-    close(busy);
     std::ranges::sort(reports), std::ranges::sort(wanted);
     EXPECT_EQ(wanted, reports);
     EXPECT_EQ(before, elsewhere.state());
@@ -419,14 +421,14 @@ TEST(RecoveryFiles, DirectoriesThatCannotBeSearchedDoNotStopTheOthers)
     on.put("a.mp4", open_media(), whole().journal);
     fs::create_directory_symlink(on.root, on / "link");
     on.put("deep/a.mp4", open_media(), whole().journal);
-    int at = open((on / "deep").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    int at = on.open("deep", O_DIRECTORY);
     for (int level = 0; level < 10'000; level++) { // longer than any path
         ASSERT_EQ(mkdirat(at, "d", 0755), 0);
         const int below = openat(at, "d", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
         close(std::exchange(at, below));
     }
     close(at);
-    const lines reports = recover(on, {on / "nowhere", on / "link", on.root, on / "a.mp4"}, 0, nullptr, ENOENT);
+    const lines reports = recover(on, {on / "nowhere", on / "link", on.root, on / "a.mp4"}, {.error = ENOENT});
     ASSERT_EQ(reports.size(), 5u);
     EXPECT_EQ(reports[0], "nowhere: failed: a system call failed (ENOENT)");
     EXPECT_EQ(reports[1], "link: refused: it is a link, has several names, or is no regular file (ELOOP)");
@@ -458,13 +460,15 @@ TEST(RecoveryFiles, WhatIsSwappedBetweenLookAndOpenIsNotFollowed)
     swapping.request_stop(), swapping.join();
     EXPECT_GT(looked, 100);
     EXPECT_EQ(elsewhere.state(), before);
+}
 
-    /* Deterministically: after open and before the lock. */
-    on.put("b.mp4", open_media());
-    on.put("c.mp4", open_media());
-    const int directory = open(on.root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+TEST(RecoveryFiles, NoticesANameThatChanges)
+{
+    const card on;
+    on.put("b.mp4", open_media()), on.put("c.mp4", open_media());
+    const descriptor directory{on.open(".", O_DIRECTORY)};
     try {
-        const auto file = mediafiles::recovery::open_regular(directory, "b.mp4", O_RDONLY);
+        const auto file = mediafiles::recovery::open_regular(directory, "b.mp4", O_RDONLY); // and before the lock
         fs::rename(on / "c.mp4", on / "b.mp4");
         mediafiles::recovery::claim(file, directory, "b.mp4");
         ADD_FAILURE() << "it is another file";
@@ -480,7 +484,6 @@ TEST(RecoveryFiles, WhatIsSwappedBetweenLookAndOpenIsNotFollowed)
     }
     char byte;
     EXPECT_TRUE(mediafiles::recovery::read_at(directory, 0, &byte, 1) == -1 && errno == EISDIR);
-    close(directory);
 }
 
 TEST(RecoveryFiles, WhatSomebodyWritesIsLeftAlone)
@@ -492,18 +495,15 @@ TEST(RecoveryFiles, WhatSomebodyWritesIsLeftAlone)
     for (const char *name : {"a.mp4", "a.mp4.journal"}) {
         const std::string because =
             name == std::string("a.mp4") ? "" : " because of a.mp4.journal, journal a.mp4.journal";
-        const int locker = open((on / name).c_str(), O_RDONLY | O_CLOEXEC);
-        flock(locker, LOCK_EX);
-        EXPECT_EQ(recover(on), lines{"a.mp4" + busy + because});
-        close(locker);
+        {
+            const descriptor locker{on.open(name)};
+            flock(locker, LOCK_EX);
+            EXPECT_EQ(lines{"a.mp4" + busy + because}, recover(on));
+        }
         /* One that does not lock is found by the lease, where there are leases. */
-        const int probe = open((on / name).c_str(), O_RDONLY | O_CLOEXEC);
-        const bool leases = fcntl(probe, F_SETLEASE, F_RDLCK) == 0;
-        close(probe);
-        if (!leases) continue;
-        const int writer = open((on / name).c_str(), O_WRONLY | O_CLOEXEC);
-        EXPECT_EQ(recover(on), lines{"a.mp4" + busy + because});
-        close(writer);
+        if (fcntl(descriptor{on.open(name)}, F_SETLEASE, F_RDLCK) != 0) continue;
+        const descriptor writer{on.open(name, O_WRONLY)};
+        EXPECT_EQ(lines{"a.mp4" + busy + because}, recover(on));
     }
     EXPECT_EQ(on.state(), before);
     EXPECT_EQ(recover(on), lines{"a.mp4: repaired"});
@@ -523,7 +523,7 @@ TEST(RecoveryFiles, JournalsFindTheirMedia)
     fs::create_directory(on / "others.journal");
     const std::string none = ": refused: it was cut off, and there is no journal that names its frames";
     /* Newest first; each once, whichever path leads to it; a journal stands for its media. */
-    const lines dry = recover(on, {on / "x.mp4.journal", on / "no.mp4", on.root, on / "x.mp4"}, MEDIAFILES_DRY_RUN);
+    const lines dry = recover(on, {on / "x.mp4.journal", on / "no.mp4", on.root, on / "x.mp4"}, {MEDIAFILES_DRY_RUN});
     EXPECT_EQ(dry, (lines{"CLIP.MP4: repaired", "a-z.mp4: repaired", "x.mp4: repaired", "X.mp4: removed",
                           "film.mov: repaired", "no.mp4" + none}));
     EXPECT_EQ(recover(on, {on / "A-Z.mp4.Journal", on / "others.journal", on / "no.mp4"}),
@@ -533,12 +533,8 @@ TEST(RecoveryFiles, JournalsFindTheirMedia)
     /* The journal may be named, and lie elsewhere. */
     const card elsewhere;
     elsewhere.put("kept", whole().journal);
-    const std::string path = on / "no.mp4", journal = elsewhere / "kept";
-    const char *const paths[] = {path.c_str()};
-    said heard = {on.root, {}};
-    const mediafiles_recover_options options = {sizeof options, 0, journal.c_str(), nullptr, nullptr, nullptr};
-    EXPECT_EQ(mediafiles_recover(paths, 1, &options, said::take, &heard), 0);
-    EXPECT_EQ(heard.lines, lines{"no.mp4: repaired"});
+    const std::string journal = elsewhere / "kept";
+    EXPECT_EQ(lines{"no.mp4: repaired"}, recover(on, {on / "no.mp4"}, {.journal = journal.c_str()}));
     EXPECT_EQ(on.get("no.mp4"), whole().file);
     EXPECT_FALSE(fs::exists(journal));
 }
@@ -551,17 +547,17 @@ TEST(RecoveryFiles, CopiesNeverTakeANameThatIsThere)
                           "2/a.mp4: refused: the output exists (EEXIST) because of " + (out / "a.mp4") +
                               ", journal 2/a.mp4.journal"};
     for (const uint32_t flags : {MEDIAFILES_DRY_RUN, 0u})
-        EXPECT_EQ(recover(on, {on / "1", on / "2"}, flags, out.root.c_str()), wanted);
+        EXPECT_EQ(recover(on, {on / "1", on / "2"}, {flags, out.root.c_str()}), wanted);
     EXPECT_EQ(out.get("a.mp4"), whole().file);
     EXPECT_EQ(out.state().size(), 1u);
 
     /* Into its own directory it gets another name; and is found, finished, by the next run. */
     const std::string own = on / "1";
-    EXPECT_EQ(recover(on, {own}, 0, own.c_str()),
+    EXPECT_EQ(recover(on, {own}, {0, own.c_str()}),
               lines{"1/a.mp4: repaired as 1/a-recovered.mp4, journal 1/a.mp4.journal"});
     EXPECT_EQ(on.get("1/a-recovered.mp4"), whole().file);
     EXPECT_EQ(
-        recover(on, {own}, 0, own.c_str()),
+        recover(on, {own}, {0, own.c_str()}),
         (lines{"1/a-recovered.mp4: finished",
                "1/a.mp4: refused: the output exists (EEXIST) because of 1/a-recovered.mp4, journal 1/a.mp4.journal"}));
     EXPECT_EQ(on.get("1/a.mp4"), open_media());
@@ -569,7 +565,7 @@ TEST(RecoveryFiles, CopiesNeverTakeANameThatIsThere)
     /* A link in the way leads nowhere. */
     const card other;
     fs::create_directory_symlink(on / "2", other / "2");
-    EXPECT_EQ(recover(on, {on.root, on / "1"}, 0, other.root.c_str()).back(),
+    EXPECT_EQ(recover(on, {on.root, on / "1"}, {0, other.root.c_str()}).back(),
               "2/a.mp4: failed: a system call failed (ENOTDIR) because of " + (other / "2/") +
                   ", journal 2/a.mp4.journal");
     EXPECT_EQ(on.get("2/a.mp4"), open_media());
@@ -586,7 +582,7 @@ TEST(RecoveryFiles, WhatFailsLeavesNoTemporaryAndCanBeRepeated)
         const auto kept = open_media().size(), all = whole().file.size();
         for (const size_t room : {size_t{0}, size_t{100}, kept - 1, kept + 100, all - 1}) {
             limit_files(room);
-            const lines reports = recover(on, {}, 0, copies ? out.root.c_str() : nullptr);
+            const lines reports = recover(on, {}, {0, copies ? out.root.c_str() : nullptr});
             setrlimit(RLIMIT_FSIZE, &unlimited);
             ASSERT_EQ(reports.size(), 1u);
             EXPECT_TRUE(reports[0].starts_with("a.mp4: failed: a system call failed (EFBIG)")) << reports[0];
@@ -598,21 +594,24 @@ TEST(RecoveryFiles, WhatFailsLeavesNoTemporaryAndCanBeRepeated)
     EXPECT_EQ(recover(on), lines{"a.mp4: repaired"});
     EXPECT_EQ(on.get("a.mp4"), whole().file);
     EXPECT_TRUE(on.state()["a.mp4"].ends_with(" 1500000000.123456789")); // whatever failed before
+}
 
-    /* Stopped by the progress of a copy, or by whoever takes the reports. */
-    on.put("b.mp4", open_media(), whole().journal, old_time + 9);
+/* By the progress of a copy, or by whoever takes the reports. */
+TEST(RecoveryFiles, ARecoveryCanBeStopped)
+{
+    const card on, out;
+    on.put("a.mp4", whole().file), on.put("b.mp4", open_media(), whole().journal, old_time + 9);
     const auto stop = [](void *, uint64_t, uint64_t total) {
         if (total == 0) usleep(250'000); // a few times a second it is asked
         return total == 0 ? 0 : 1;
     };
-    const char *const paths[] = {on.root.c_str()};
-    for (const mediafiles_progress progress : {static_cast<mediafiles_progress>(stop), mediafiles_progress{nullptr}}) {
-        const mediafiles_recover_options options = {sizeof options, 0, nullptr, out.root.c_str(), progress, nullptr};
-        said heard = {on.root, {}, progress ? SIZE_MAX : 1};
-        EXPECT_EQ(error_of(mediafiles_recover(paths, 1, &options, said::take, &heard)), ECANCELED);
-        ASSERT_EQ(heard.lines.size(), 1u);
-        EXPECT_EQ(heard.lines[0].starts_with("b.mp4: failed: stopped (ECANCELED)"), progress != nullptr);
-        EXPECT_EQ(out.state().size(), progress ? 0u : 1u);
+    for (const bool by_progress : {true, false}) {
+        order how = {.output = out.root.c_str(), .error = ECANCELED};
+        by_progress ? void(how.progress = stop) : void(how.stop_after = 1);
+        const lines heard = recover(on, {}, how);
+        ASSERT_EQ(1u, heard.size());
+        EXPECT_EQ(by_progress, heard[0].starts_with("b.mp4: failed: stopped (ECANCELED)"));
+        EXPECT_EQ(by_progress ? 0u : 1u, out.state().size());
     }
 }
 
@@ -621,11 +620,10 @@ TEST(RecoveryFiles, APlanIsAppliedInPlaceAndToASink)
 {
     const card on;
     on.put("a.mp4", open_media(), whole().journal);
-    const int directory = open(on.root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    int files[] = {open((on / "a.mp4").c_str(), O_RDONLY | O_CLOEXEC),
-                   open((on / "a.mp4.journal").c_str(), O_RDONLY | O_CLOEXEC)};
+    const descriptor directory{on.open(".", O_DIRECTORY)};
+    descriptor files[] = {{on.open("a.mp4")}, {on.open("a.mp4.journal")}};
     const auto read = [](void *file, uint64_t offset, void *to, uint32_t count) {
-        return int64_t{pread(*static_cast<int *>(file), to, count, off_t(offset))};
+        return int64_t{pread(*static_cast<descriptor *>(file), to, count, off_t(offset))};
     };
     const mediafiles_source media = {&files[0], file_size(files[0]), read},
                             journal = {&files[1], file_size(files[1]), read};
@@ -651,7 +649,6 @@ TEST(RecoveryFiles, APlanIsAppliedInPlaceAndToASink)
     EXPECT_EQ(on.get("a.mp4"), whole().file);
     EXPECT_FALSE(fs::exists(on / "a.mp4.journal"));
     mediafiles_plan_destroy(plan);
-    for (const int file : {directory, files[0], files[1]}) close(file);
 }
 
 } // namespace
