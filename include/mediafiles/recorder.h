@@ -177,6 +177,9 @@ enum {
     MEDIAFILES_EVENT_LOST           /* count: events that nobody took; the latest ones are kept */
 };
 
+/** The kind in English, such as "finished", for a log; static. */
+MEDIAFILES_API const char *mediafiles_event_text(uint32_t kind);
+
 typedef struct mediafiles_recorder_event {
     uint32_t size, kind;
     uint32_t track;

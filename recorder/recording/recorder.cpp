@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <iterator>
 #include <memory>
 #include <system_error>
 #include <thread>
@@ -253,6 +254,30 @@ int mediafiles_recorder_get_stats(mediafiles_recorder *recorder, mediafiles_reco
     made.free_bytes = count.free_bytes;
     give_record(stats, made);
     return 0;
+}
+
+const char *mediafiles_event_text(uint32_t kind)
+{
+    static constexpr const char *texts[] = {
+        "",
+        "begun",
+        "finished",
+        "recovered",
+        "not recovered",
+        "deleted",
+        "stalled",
+        "frames dropped",
+        "frames refused",
+        "full",
+        "no medium",
+        "write error",
+        "goes on",
+        "clock has stepped",
+        "key frame wanted",
+        "events lost",
+    };
+    static_assert(std::size(texts) == MEDIAFILES_EVENT_LOST + 1);
+    return kind < std::size(texts) ? texts[kind] : "";
 }
 
 int mediafiles_recorder_event_descriptor(mediafiles_recorder *recorder)
