@@ -8,14 +8,14 @@ install(TARGETS mediafiles mediafiles-static EXPORT mediafiles-targets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev
     ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT dev)
 install(DIRECTORY include/mediafiles COMPONENT dev DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
-    FILES_MATCHING PATTERN *.h PATTERN recovery.h EXCLUDE)
+    FILES_MATCHING PATTERN *.h PATTERN recorder.h EXCLUDE PATTERN recovery.h EXCLUDE)
 install(EXPORT mediafiles-targets NAMESPACE mediafiles:: COMPONENT dev DESTINATION ${package_dir})
 
 install(TARGETS mediafiles-recorder mediafiles-recorder-static EXPORT mediafiles-recorder-targets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT recorder NAMELINK_COMPONENT recorder-dev
     ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT recorder-dev)
-install(FILES include/mediafiles/recovery.h COMPONENT recorder-dev
-    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/mediafiles)
+install(FILES include/mediafiles/recorder.h include/mediafiles/recorder.hpp include/mediafiles/recovery.h
+    COMPONENT recorder-dev DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/mediafiles)
 install(EXPORT mediafiles-recorder-targets NAMESPACE mediafiles:: COMPONENT recorder-dev DESTINATION ${package_dir})
 
 configure_package_config_file(cmake/mediafiles-config.cmake.in ${PROJECT_BINARY_DIR}/mediafiles-config.cmake
