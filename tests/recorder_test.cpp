@@ -391,15 +391,13 @@ TEST(Recorder, AFullCardEndsTheFileUntilThereIsRoom)
     };
     EXPECT_TRUE(comes_true([&] { return sees(MEDIAFILES_EVENT_FULL) && sees(MEDIAFILES_EVENT_FINISHED); }));
     push_all(recorder, {{h264(), camera(1, 5'000, 800 * millisecond)}});
-    EXPECT_TRUE(comes_true([&] { return stats_of(recorder).frames_dropped >= 9; }));
     free_room = -1;
     EXPECT_TRUE(comes_true([&] { return sees(MEDIAFILES_EVENT_GOES_ON); }));
-    push_all(recorder, {{h264(), camera(1, 5'000, 1'200 * millisecond)}});
     ASSERT_EQ(mediafiles_recorder_stop(recorder, -1), 0);
     EXPECT_FALSE(sees(MEDIAFILES_EVENT_DELETED));
     const played all = play(on);
     ASSERT_EQ(all.files.size(), 2u);
-    EXPECT_EQ(all.files[1].tracks[0].samples.size(), 10u);
+    EXPECT_EQ(all.files[1].tracks[0].samples.size(), 10u) << "what came meanwhile waited";
 }
 
 TEST(Recorder, AnyThreadCallsAnything)

@@ -148,6 +148,13 @@ queue::taken queue::next(clock::time_point deadline)
     return found;
 }
 
+void queue::rest()
+{
+    std::unique_lock guard(lock_);
+    wake_.wait(guard, [this] { return is_woken_ || is_closed_; });
+    is_woken_ = false;
+}
+
 void queue::release(uint64_t position)
 {
     const std::lock_guard guard(lock_);

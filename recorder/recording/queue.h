@@ -122,6 +122,8 @@ public:
     };
     /** The next entry; none when none comes until the deadline, after wake, or when the ring is closed and empty. */
     taken next(clock::time_point deadline);
+    /** Waits until wake or close, and leaves what comes where it is. */
+    void rest();
 
     /** What lies before this position is not needed any more; `everything`: all that next gave. */
     void release(uint64_t position);

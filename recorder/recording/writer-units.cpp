@@ -31,7 +31,16 @@ void writer::feed(uint32_t track, const queue::taken &part)
         input.incoming.add(part);
     }
     place(track, input.incoming);
-    input.incoming.clear();
+    if (!is_unplaced_ || track != leader_) input.incoming.clear();
+}
+
+/* It could begin a file, if one could be made. */
+void writer::place_again()
+{
+    is_unplaced_ = false;
+    access_unit &unit = tracks_[leader_].incoming;
+    place(leader_, unit);
+    if (!is_unplaced_) unit.clear();
 }
 
 void writer::drop(uint32_t track, access_unit &unit)
@@ -98,7 +107,9 @@ void writer::place(uint32_t track, access_unit &unit)
                           : is_video       ? choose_for_video(track, time, is_key, new_sets)
                                            : choose_for_sound(track, time);
     if (!to) {
-        if (is_failing_ || shared_->is_full)
+        if (track == leader_ && is_key && rests() && !shared_->frames.is_closed())
+            is_unplaced_ = true;
+        else if (is_failing_ || shared_->is_full)
             shared_->count.frames_dropped += unit.count();
         else
             shared_->refuse(track, MEDIAFILES_REFUSED_BEFORE_KEY, unit.time());

@@ -39,15 +39,20 @@ void writer::run()
     survey();
     queue &frames = shared_->frames;
     while (!frames.is_drained()) {
-        const queue::taken next = frames.next(deadline());
+        if (is_unplaced_ && (!rests() || frames.is_closed())) place_again();
+        if (rests() && !frames.is_closed()) {
+            frames.rest();
+        } else {
+            const queue::taken next = frames.next(deadline());
+            if (next.frame) take(next);
+            pass_on(false);
+        }
         if (shared_->is_abandoned) return;
-        if (next.frame) take(next);
-        pass_on(false);
         const clock::time_point now = clock::now();
         release_late(now);
-        if (shared_->is_full && current_) leave_all(*current_);
+        if (rests() && current_) leave_all(*current_);
         give_up_failed();
-        end_old_files(now, false);
+        end_old_files(now, rests());
         make_rounds(now);
         release();
         if (frames.goes_on()) shared_->report({.kind = MEDIAFILES_EVENT_GOES_ON});
@@ -71,6 +76,12 @@ void writer::survey()
     next_number_ = found.highest + 1;
     syncs_->know(std::move(found.finished));
     syncs_->recover(std::move(found.interrupted));
+}
+
+/* Nothing can be stored now: frames stay in the queue, where whole groups go when it is full. */
+bool writer::rests() const
+{
+    return shared_->is_full;
 }
 
 /* ---- Order ------------------------------------------------------------- */

@@ -55,6 +55,7 @@ public:
 private:
     /* writer.cpp: what comes when */
     void survey();
+    bool rests() const;
     void take(const queue::taken &);
     void pass_on(bool all);
     bool may_go(uint32_t track, const queue::taken &) const;
@@ -68,6 +69,7 @@ private:
     void drop(uint32_t track, access_unit &unit);
     bool continues_clock(uint32_t track, const access_unit &unit, int64_t &time);
     void place(uint32_t track, access_unit &unit);
+    void place_again();
     void hand_over(uint32_t track, mp4_time time, int64_t reached);
 
     /* writer-choice.cpp: which file */
@@ -106,6 +108,7 @@ private:
     std::vector<uint32_t> order_; // of the tracks in all files
     uint64_t next_number_ = 1;
     int64_t first_second_ = 0; // since 1970, of the first file
+    bool is_unplaced_ = false; // the leading track's frame waits for a file
     bool is_failing_ = false;  // no file could be begun; it was reported
     clock::time_point tried_ = {};
 };
