@@ -25,6 +25,13 @@ using recovery::system_failure;
 constexpr uint32_t write_cache = 64 << 10;
 constexpr mode_t directory_mode = 0750;
 
+/* Bytes that a file takes beside its media. */
+constexpr uint64_t header_base = 32 << 10;  // parameter sets of eight tracks among them
+constexpr uint64_t journal_base = 16 << 10; // likewise
+constexpr uint64_t sample_in_header = 32;   // with a chunk of its own
+constexpr uint64_t sample_in_journal = 28;
+constexpr pace least_pace = {64 << 10, 64};
+
 /* The descriptor of a directory below another, which is made when it is missing. */
 descriptor directory_below(int parent, const std::string &name)
 {
@@ -45,6 +52,13 @@ descriptor new_file(int directory, const std::string &name, uint32_t mode)
                               static_cast<mode_t>(mode));
     if (number < 0) throw system_failure();
     return descriptor(number);
+}
+
+/* What was kept beyond the file's end belongs to nobody then. */
+int cut_to_size(int file)
+{
+    struct stat status;
+    return fstat(file, &status) == 0 && ftruncate(file, status.st_size) == 0 ? 0 : -1;
 }
 
 } // namespace
@@ -72,10 +86,43 @@ segment::segment(int directory, std::string name, uint64_t number, uint32_t mode
     }
 }
 
-int segment::begin(std::unique_ptr<muxer> tracks)
+int segment::begin(std::unique_ptr<muxer> tracks, const pace &expected)
 {
     muxer_ = std::move(tracks);
-    return muxer_->builder()->open(muxer_->builder(), media_, write_cache, muxer_->journal());
+    pace_ = {std::max(expected.bytes, least_pace.bytes), std::max(expected.samples, least_pace.samples)};
+    if (muxer_->builder()->open(muxer_->builder(), media_, write_cache, muxer_->journal()) != 0) return -1;
+    return keep_room(bytes());
+}
+
+uint64_t segment::header_room(uint64_t samples) const
+{
+    return header_base + samples * sample_in_header;
+}
+
+/* For that much media, and for two rounds after it. */
+int segment::keep_room(uint64_t media)
+{
+    const uint64_t new_samples = samples_ - samples_before_ + 2 * pace_.samples;
+    if (journal_room_.keep(journal_, records_ + journal_base + new_samples * sample_in_journal) != 0) return -1;
+    return media_room_.keep(media_, media + 2 * pace_.bytes + header_room(samples_ + 2 * pace_.samples));
+}
+
+segment::room segment::room_for(uint64_t size)
+{
+    const uint64_t end = bytes() + size, least = end + header_room(samples_ + 1);
+    const uint64_t least_journal = records_ + journal_base / 2 + (samples_ - samples_before_ + 1) * sample_in_journal;
+    const bool has_least = media_room_.kept() >= least && journal_room_.kept() >= least_journal;
+    if (has_least && (is_refused_ || media_room_.kept() - least >= pace_.bytes)) return room::enough;
+    is_refused_ = keep_room(end) != 0;
+    if (!is_refused_) return room::enough;
+    return has_least ? room::little : room::none;
+}
+
+uint64_t segment::unkept() const
+{
+    if (!media_room_.is_refused()) return 0;
+    return 2 * pace_.bytes + header_room(samples_ + 2 * pace_.samples) + journal_base +
+           (samples_ + 2 * pace_.samples) * sample_in_journal;
 }
 
 int segment::give_set(uint32_t track, uint8_t kind, std::span<const uint8_t> set)
@@ -108,6 +155,7 @@ int segment::add(uint32_t track, std::span<const uint8_t> sample, mp4_time time,
     };
     if (muxer_->builder()->add_frame(muxer_->builder(), &frame) != 0) return -1;
     has_news_ = true;
+    ++samples_;
     ++counted_.samples[track];
     counted_.reached[track] = reached;
     return 0;
@@ -125,6 +173,12 @@ int segment::take_round(round &to)
         std::copy_n(records, count, to.records.data());
         mediafiles_round_mark(to.records.data() + count, ++rounds_, bytes(), to.records.data(), count);
     }
+    pace_.note(bytes() - bytes_before_, samples_ - samples_before_);
+    pace_ = {std::max(pace_.bytes, least_pace.bytes), std::max(pace_.samples, least_pace.samples)};
+    bytes_before_ = bytes();
+    samples_before_ = samples_;
+    records_ += to.records.size();
+    is_refused_ = false;
     to.samples = counted_.samples;
     to.reached = counted_.reached;
     counted_.samples = {};
@@ -153,11 +207,12 @@ int segment::append_journal()
     return 0;
 }
 
-int segment::sync(round &made)
+int segment::sync(round &made, spare_file &spare)
 {
     if (fdatasync(media_) != 0) return -1;
     unwritten_.insert(unwritten_.end(), made.records.begin(), made.records.end());
-    if (append_journal() != 0 || fdatasync(journal_) != 0) return -1;
+    if (append_journal() != 0 && !(is_want_of_room(errno) && spare.cut() && append_journal() == 0)) return -1;
+    if (fdatasync(journal_) != 0) return -1;
     if (is_named_) return 0;
     if (fsync(directory_) != 0 && errno != EINVAL) return -1;
     is_named_ = true;
@@ -167,14 +222,28 @@ int segment::sync(round &made)
 int segment::finish(bool keep_journal)
 {
     mp4_builder *const builder = muxer_->builder();
-    if (builder->close(builder) != 0 || fdatasync(media_) != 0) return -1;
+    if (builder->close(builder) != 0) return -1;
     struct stat status;
     if (fstat(media_, &status) != 0) return -1;
     size_ = static_cast<uint64_t>(status.st_size);
+    if (cut_to_size(media_) != 0 || fdatasync(media_) != 0) return -1;
+    if (keep_journal && cut_to_size(journal_) != 0) return -1;
     if (!keep_journal && unlinkat(directory_, journal_name_.c_str(), 0) != 0) return -1;
     if (fsync(directory_) != 0 && errno != EINVAL) return -1;
     give_up();
     return 0;
+}
+
+void segment::give_back()
+{
+    if (media_.is_open()) cut_to_size(media_);
+}
+
+void segment::remove()
+{
+    unlinkat(directory_, journal_name_.c_str(), 0);
+    unlinkat(directory_, media_name_.c_str(), 0);
+    give_up();
 }
 
 void segment::give_up()

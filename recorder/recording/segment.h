@@ -12,6 +12,7 @@
  */
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstdint>
@@ -21,6 +22,7 @@
 #include <vector>
 
 #include "muxer.h"
+#include "reserve.h"
 #include "safe-file.h"
 
 namespace mediafiles::recorder {
@@ -32,6 +34,18 @@ struct round {
     std::vector<uint8_t> records; // of the journal, its mark included
     std::array<uint64_t, MP4_MAX_TRACKS> samples = {};
     std::array<int64_t, MP4_MAX_TRACKS> reached = {}; // capture times up to which the tracks are in the file
+};
+
+/** What comes between two rounds: of the busiest of late. */
+struct pace {
+    uint64_t bytes = 0, samples = 0;
+
+    /** Falls by half in a round at most. */
+    void note(uint64_t new_bytes, uint64_t new_samples)
+    {
+        bytes = std::max(new_bytes, bytes / 2);
+        samples = std::max(new_samples, samples / 2);
+    }
 };
 
 class segment {
@@ -52,8 +66,8 @@ public:
 
     /* ---- On the writing thread: 0, or -1 with errno ---- */
 
-    /** The muxer's tracks begin in the file. */
-    int begin(std::unique_ptr<muxer> muxer);
+    /** The muxer's tracks begin in the file, which has room for two rounds of that pace. */
+    int begin(std::unique_ptr<muxer> muxer, const pace &expected);
     muxer &tracks() { return *muxer_; }
 
     /** A parameter set (NAL unit), before the track's first sample: into the header, and into the journal where it fits. */
@@ -61,6 +75,17 @@ public:
 
     /** @param time  as the movie is to have it; @param reached  capture time up to which the track then is in the file */
     int add(uint32_t track, std::span<const uint8_t> sample, mp4_time time, bool key, int64_t reached);
+
+    /**
+     * Whether a sample can be added and the file be finished then: room is kept for the journal and the movie header
+     * so far, and for what two rounds bring. `little`: no more could be kept.
+     */
+    enum class room { enough, little, none };
+    room room_for(uint64_t bytes);
+
+    /** What a spare file has to hold for it: 0 where the file system keeps room ahead. */
+    uint64_t unkept() const;
+    const pace &rate() const { return pace_; }
 
     /** Writes out what is cached and takes what that makes true. */
     int take_round(round &to);
@@ -72,14 +97,24 @@ public:
 
     /* ---- On the syncing thread: 0, or -1 with errno ---- */
 
-    /** Not after a failure: what a sync has lost stays lost. */
-    int sync(round &made);
+    /**
+     * Not after a failure: what a sync has lost stays lost.
+     *
+     * @param spare  is cut when the journal lacks room
+     */
+    int sync(round &made, spare_file &spare);
 
     /** The movie header, and its sync; then, unless it is kept, the journal goes. Nothing may be added any more. */
     int finish(bool keep_journal);
 
     /** Ends the use of the files as they are, for recovery. */
     void give_up();
+
+    /** Room beyond the media's end, unless it was finished. */
+    void give_back();
+
+    /** Removes the files, which hold nothing yet. */
+    void remove();
 
     /** For the next file, once this one is finished or given up. */
     std::unique_ptr<muxer> take_tracks() { return std::move(muxer_); }
@@ -88,8 +123,9 @@ public:
     uint64_t size() const { return size_; }
 
 private:
-    void open_directory(int directory, uint32_t mode);
     int append_journal();
+    uint64_t header_room(uint64_t samples) const;
+    int keep_room(uint64_t bytes);
 
     const std::string name_;
     const uint64_t number_;
@@ -98,6 +134,14 @@ private:
     std::unique_ptr<muxer> muxer_;
     bool has_news_ = false;
     round counted_; // of samples that no round has taken
+
+    /* Of the writing thread. */
+    pace pace_;
+    reserve media_room_, journal_room_;
+    uint64_t samples_ = 0, samples_before_ = 0; // in the file, at the last round
+    uint64_t bytes_before_ = 0;                 // likewise
+    uint64_t records_ = 0;                      // bytes of the journal that rounds have taken
+    bool is_refused_ = false;                   // no more room could be kept since the last round
 
     uint32_t rounds_ = 0;
     bool is_named_ = false;          // the directory was synced since the files were made

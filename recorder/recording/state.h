@@ -15,7 +15,9 @@
 #include "codec.h"
 #include "events.h"
 #include "names.h"
+#include "pause.h"
 #include "queue.h"
+#include "reserve.h"
 #include "safe-file.h"
 
 namespace mediafiles::recorder {
@@ -78,11 +80,19 @@ struct state {
     event_list events;
     counters count;
     std::atomic<bool> wants_split = false;
-    std::atomic<bool> is_full = false;         // the syncing thread found no room: no file may grow
+    pause paused;
+    std::atomic<bool> is_short = false; // room was refused that there should be
+    spare_file spare;
     std::atomic<uint64_t> running_bytes = 0;   // of the files that are recorded
     std::atomic<uint64_t> running_samples = 0; // likewise
     std::atomic<bool> is_abandoned = false;    // the threads end as soon as the kernel lets them
     std::array<std::atomic<uint32_t>, MP4_MAX_TRACKS> refused_why = {}; // a bit for each reason that was reported
+
+    void miss_medium(int error)
+    {
+        if (paused.begin(pause::no_medium)) report({.kind = MEDIAFILES_EVENT_NO_MEDIUM, .error = error});
+        frames.wake();
+    }
 
     /** A frame that cannot be stored is counted, and reported once for each track and reason. */
     void refuse(uint32_t track, uint32_t reason, int64_t time)

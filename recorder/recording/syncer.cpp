@@ -6,7 +6,6 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/statvfs.h>
 
 namespace mediafiles::recorder {
 
@@ -14,8 +13,10 @@ namespace {
 
 constexpr auto between_looks = std::chrono::milliseconds(500);
 constexpr uint64_t least_room = 128 << 10; // of a file that has just begun
-constexpr uint64_t sample_room = 48;       // bytes
+constexpr uint64_t sample_room = 60;       // bytes
 constexpr uint64_t room_to_go_on = 1 << 20;
+constexpr uint64_t room_to_complete = 64 << 10; // more than there was when a file could not be completed
+constexpr auto between_tries = std::chrono::seconds(1);
 
 } // namespace
 
@@ -53,6 +54,15 @@ void syncer::recover(std::vector<std::string> names)
     wake_.notify_one();
 }
 
+void syncer::make_room()
+{
+    {
+        const std::lock_guard guard(lock_);
+        is_asked_ = true;
+    }
+    wake_.notify_one();
+}
+
 void syncer::end()
 {
     {
@@ -76,38 +86,47 @@ std::unique_ptr<muxer> syncer::take_tracks()
 
 void syncer::run()
 {
+    while (work()) {}
+    shared_->spare.remove();
+}
+
+/* @return whether there can be more */
+bool syncer::work()
+{
     std::vector<job> taken;
-    for (;;) {
-        std::string name;
-        {
-            std::unique_lock guard(lock_);
-            const auto is_due = [this] { return !jobs_.empty() || !to_recover_.empty() || is_last_; };
-            if (shared_->is_full)
-                wake_.wait_for(guard, between_looks, is_due);
-            else
-                wake_.wait(guard, is_due);
-            for (kept_file &each : found_) kept_.add(std::move(each));
-            found_.clear();
-            taken.swap(jobs_);
-            if (taken.empty() && is_due()) {
-                if (to_recover_.empty() || shared_->is_abandoned) return;
-                name = std::move(to_recover_.back());
-                to_recover_.pop_back();
-            }
+    std::string name;
+    {
+        std::unique_lock guard(lock_);
+        const auto is_due = [this] { return !jobs_.empty() || !to_recover_.empty() || is_last_ || is_asked_; };
+        if (shared_->paused.why() != pause::none || !lacking_room_.empty())
+            wake_.wait_for(guard, between_looks, is_due);
+        else
+            wake_.wait(guard, is_due);
+        is_asked_ = false;
+        for (kept_file &each : found_) kept_.add(std::move(each));
+        found_.clear();
+        taken.swap(jobs_);
+        if (taken.empty() && !to_recover_.empty()) {
+            name = std::move(to_recover_.back());
+            to_recover_.pop_back();
+        } else if (taken.empty() && is_last_) {
+            return false;
         }
-        if (!name.empty()) recover_file(name);
-        for (job &each : taken)
-            if (!shared_->is_abandoned) carry_out(each);
-        taken.clear();
-        if (shared_->is_abandoned) return;
-        make_room();
     }
+    if (shared_->is_abandoned) return false;
+    if (!name.empty()) recover_file(name);
+    for (job &each : taken)
+        if (!shared_->is_abandoned) carry_out(each);
+    taken.clear();
+    if (shared_->is_abandoned) return false;
+    keep_room();
+    return true;
 }
 
 void syncer::make_safe(shared_file &file, round &made)
 {
     const clock::time_point begin = clock::now();
-    if (file.error == 0 && file.files.sync(made) != 0) file.error = errno;
+    if (file.error == 0 && file.files.sync(made, shared_->spare) != 0) file.error = errno;
     shared_->count.sync.note(begin);
     if (file.error != 0) return;
     for (uint32_t track = 0; track < MP4_MAX_TRACKS; ++track) {
@@ -118,41 +137,93 @@ void syncer::make_safe(shared_file &file, round &made)
 }
 
 /*
- * Whether the running files can grow for two rounds and be finished: a sample
- * takes 28 bytes of the journal until then, and up to 20 of the movie header.
+ * So that the running files can grow for two rounds and be finished: a sample
+ * takes 28 bytes of the journal until then, and up to 32 of the movie header.
  */
+uint64_t syncer::room_to_finish() const
+{
+    return least_room + 2 * round_bytes_ + sample_room * shared_->running_samples;
+}
+
 bool syncer::has_room()
 {
-    struct statvfs room;
-    if (fstatvfs(shared_->directory, &room) != 0) return true; // what is written next says why
-    const uint64_t free = uint64_t{room.f_bavail} * room.f_frsize;
+    const uint64_t free = free_bytes(shared_->directory);
+    if (free == UINT64_MAX) return true; // what is written next says why
     shared_->count.free_bytes = static_cast<int64_t>(free);
-    const uint64_t to_finish = least_room + 2 * round_bytes_ + sample_room * shared_->running_samples;
-    const uint64_t more = shared_->is_full ? room_to_go_on : 0;
-    return free >= static_cast<uint64_t>(shared_->options.keep_free) + to_finish + more &&
+    const uint64_t more = shared_->paused.why() == pause::full ? std::max(room_to_go_on, 4 * round_bytes_) : 0;
+    return free >= static_cast<uint64_t>(shared_->options.keep_free) + room_to_finish() + more &&
            kept_.bytes() + shared_->running_bytes <= static_cast<uint64_t>(shared_->options.quota);
 }
 
+bool syncer::remove_oldest()
+{
+    const auto removed = kept_.remove_oldest(shared_->directory);
+    if (!removed) return false;
+    shared_->report({.kind = MEDIAFILES_EVENT_DELETED, .number = removed->number, .count = removed->bytes},
+                    removed->name);
+    return true;
+}
+
 /* The oldest files go; where none can, the writing thread ends the running files until there is room. */
-void syncer::make_room()
+void syncer::keep_room()
 {
     const uint64_t bytes = shared_->count.bytes_out;
     if (bytes != bytes_before_) round_bytes_ = std::max(bytes - bytes_before_, round_bytes_ / 2);
     bytes_before_ = bytes;
-    while (!has_room()) {
-        const auto removed = kept_.remove_oldest(shared_->directory);
-        if (!removed) {
-            if (!shared_->is_full.exchange(true)) shared_->report({.kind = MEDIAFILES_EVENT_FULL});
-            shared_->frames.wake();
-            return;
-        }
-        shared_->report({.kind = MEDIAFILES_EVENT_DELETED, .number = removed->number, .count = removed->bytes},
-                        removed->name);
+    if (shared_->paused.why() == pause::full) return end_full();
+    if (shared_->paused.why() == pause::no_medium) return await_medium();
+    /* What statistics promise is not always to be had. */
+    if (shared_->is_short.exchange(false) && has_room()) remove_oldest();
+    bool is_enough = has_room();
+    while (!is_enough && remove_oldest()) is_enough = has_room();
+    if (!is_enough && shared_->paused.begin(pause::full)) {
+        is_full_reported_ = true;
+        shared_->report({.kind = MEDIAFILES_EVENT_FULL});
+        shared_->frames.wake();
     }
-    if (!shared_->is_full.exchange(false)) return;
-    shared_->report({.kind = MEDIAFILES_EVENT_GOES_ON});
-    recover(std::exchange(lacking_room_, {}));
+    recover_again(is_enough);
+}
+
+/* Once the running files are finished, and what they kept is free again. */
+void syncer::end_full()
+{
+    if (!shared_->paused.is_let_go()) return shared_->frames.wake();
+    for (;;) {
+        const bool is_promised = has_room();
+        const int error = is_promised && shared_->is_short ? try_room(shared_->directory, room_to_finish()) : 0;
+        if (is_promised && error == 0) break;
+        if ((!is_promised || is_want_of_room(error)) && remove_oldest()) continue;
+        if (!std::exchange(is_full_reported_, true)) shared_->report({.kind = MEDIAFILES_EVENT_FULL, .error = error});
+        return recover_again(false);
+    }
+    go_on();
+    recover_again(true);
+}
+
+void syncer::await_medium()
+{
+    if (!shared_->paused.is_let_go()) return shared_->frames.wake();
+    if (clock::now() - tried_ < between_tries) return;
+    tried_ = clock::now();
+    const int error = try_room(shared_->directory, least_room);
+    if (error == 0 || is_want_of_room(error)) go_on();
+}
+
+void syncer::go_on()
+{
+    const bool is_reported = is_full_reported_ || shared_->paused.why() == pause::no_medium;
+    is_full_reported_ = shared_->is_short = false;
+    shared_->paused.end();
+    if (is_reported) shared_->report({.kind = MEDIAFILES_EVENT_GOES_ON});
     shared_->frames.wake();
+}
+
+/* Files that could not be completed for want of room. */
+void syncer::recover_again(bool has_room)
+{
+    if (lacking_room_.empty() || clock::now() - tried_ < between_tries) return;
+    if (has_room || free_bytes(shared_->directory) >= room_lacked_ + room_to_complete)
+        recover(std::exchange(lacking_room_, {}));
 }
 
 void syncer::add_kept(const std::string &name)
@@ -182,6 +253,7 @@ void syncer::carry_out(job &each)
                      .to = file.to},
                     file.files.name());
     if (!is_finished) {
+        file.files.give_back();
         file.files.give_up();
         recover({file.files.name()});
         return;
@@ -213,7 +285,7 @@ void syncer::recover_file(const std::string &name)
         if (found->reason == MEDIAFILES_REASON_IN_USE) return 0;
         const bool is_done = found->result == MEDIAFILES_REPAIRED || found->result == MEDIAFILES_SALVAGED ||
                              found->result == MEDIAFILES_FINISHED || found->result == MEDIAFILES_EMPTY_REMOVED;
-        lacks_room = found->result == MEDIAFILES_FAILED && found->error == ENOSPC;
+        lacks_room = found->result == MEDIAFILES_FAILED && is_want_of_room(found->error);
         shared.report(
             {.kind = is_done ? uint32_t{MEDIAFILES_EVENT_RECOVERED} : uint32_t{MEDIAFILES_EVENT_NOT_RECOVERED},
              .result = found->result,
@@ -229,10 +301,10 @@ void syncer::recover_file(const std::string &name)
     options.size = sizeof options;
     if (mediafiles_recover(&given, 1, &options, report, &about) != 0)
         shared_->report({.kind = MEDIAFILES_EVENT_NOT_RECOVERED, .result = MEDIAFILES_FAILED, .error = errno}, name);
-    if (about.lacks_room)
-        lacking_room_.push_back(name);
-    else
-        add_kept(name);
+    if (!about.lacks_room) return add_kept(name);
+    lacking_room_.push_back(name);
+    room_lacked_ = free_bytes(shared_->directory);
+    tried_ = clock::now();
 }
 
 } // namespace mediafiles::recorder

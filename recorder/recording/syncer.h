@@ -45,6 +45,7 @@ public:
     void give_up(file_ptr file); // recovery completes it
     void recover(std::vector<std::string> names);
     void know(std::vector<kept_file> finished);
+    void make_room(); // some was refused: paused, or is_short
     void end();
 
     /** Tracks that a finished file has left; nullptr when there are none. */
@@ -56,13 +57,20 @@ private:
         task what;
         file_ptr file;
     };
+    bool work();
     void add(job);
     void carry_out(job &);
     bool complete(shared_file &);
     void make_safe(shared_file &, round &);
     void recover_file(const std::string &name);
+    uint64_t room_to_finish() const;
     bool has_room();
-    void make_room();
+    bool remove_oldest();
+    void keep_room();
+    void end_full();
+    void await_medium();
+    void go_on();
+    void recover_again(bool has_room);
     void add_kept(const std::string &name);
 
     const std::shared_ptr<state> shared_;
@@ -72,11 +80,14 @@ private:
     std::vector<std::string> to_recover_; // the last one is next
     std::vector<kept_file> found_;        // at start
     std::unique_ptr<muxer> idle_;
-    bool is_last_ = false;
+    bool is_last_ = false, is_asked_ = false;
 
     /* Of the thread alone. */
     kept_files kept_;
     std::vector<std::string> lacking_room_; // files that could not be completed
+    uint64_t room_lacked_ = 0;              // what was free then
+    clock::time_point tried_ = {};          // to complete them, or to find the medium
+    bool is_full_reported_ = false;
     uint64_t round_bytes_ = 0, bytes_before_ = 0;
 };
 

@@ -59,8 +59,8 @@ void writer::note_order(uint32_t track)
 open_file *writer::begin_file(uint32_t track, int64_t time)
 {
     const clock::time_point now = clock::now();
-    if (is_failing_ && now - tried_ < between_tries) return nullptr;
-    if (shared_->is_full) return nullptr;
+    if (current_ && is_failing_ && now - tried_ < between_tries) return nullptr;
+    if (rests()) return nullptr;
     tried_ = now;
     std::unique_ptr<open_file> made;
     try {
@@ -79,13 +79,16 @@ open_file *writer::begin_file(uint32_t track, int64_t time)
                 }
             }
         }
-        if (made->files().begin(ready_tracks()) != 0) throw recovery::system_failure();
+        if (made->files().begin(ready_tracks(), pace_) != 0) throw recovery::system_failure();
     } catch (const recovery::obstacle &cause) {
-        if (made) syncs_->give_up(made->shared);
-        report_failure(cause.error);
+        if (made) {
+            next_number_ = made->files().number();
+            made->files().remove();
+        }
+        fail_to_begin(cause.error);
         return nullptr;
     }
-    if (std::exchange(is_failing_, false)) shared_->report({.kind = MEDIAFILES_EVENT_GOES_ON});
+    is_failing_ = false;
 
     track_input &input = tracks_[track];
     if (current_) {
@@ -105,12 +108,22 @@ open_file *writer::begin_file(uint32_t track, int64_t time)
     return current_;
 }
 
-void writer::report_failure(int error)
+/* The file before goes on, if there is one. */
+void writer::fail_to_begin(int error)
 {
-    if (std::exchange(is_failing_, true)) return;
-    const bool is_full = error == ENOSPC || error == EDQUOT;
-    shared_->report(
-        {.kind = is_full ? uint32_t{MEDIAFILES_EVENT_FULL} : uint32_t{MEDIAFILES_EVENT_NO_MEDIUM}, .error = error});
+    is_failing_ = true;
+    if (is_want_of_room(error))
+        want_room(!current_);
+    else if (!current_)
+        shared_->miss_medium(error);
+}
+
+/* The syncing thread makes some, or says that there is none. */
+void writer::want_room(bool stops)
+{
+    shared_->is_short = true;
+    if (stops) shared_->paused.begin(pause::full);
+    syncs_->make_room();
 }
 
 void writer::enter(uint32_t track, open_file &file)
@@ -225,6 +238,7 @@ void writer::give_up_failed()
             current_ = nullptr;
             want_key(nullptr, leader_);
         }
+        if (is_want_of_room(file.shared->error)) want_room(true);
         syncs_->give_up(std::move(file.shared));
         each = files_.erase(each);
     }

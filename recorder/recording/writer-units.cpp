@@ -109,7 +109,7 @@ void writer::place(uint32_t track, access_unit &unit)
     if (!to) {
         if (track == leader_ && is_key && rests() && !shared_->frames.is_closed())
             is_unplaced_ = true;
-        else if (is_failing_ || shared_->is_full)
+        else if (is_failing_ || rests())
             shared_->count.frames_dropped += unit.count();
         else
             shared_->refuse(track, MEDIAFILES_REFUSED_BEFORE_KEY, unit.time());
@@ -133,24 +133,37 @@ void writer::place(uint32_t track, access_unit &unit)
     input.held_time = placed;
 }
 
+/* Where there is none it ends, while it still can be finished. */
+bool writer::has_room_for(open_file &file, uint64_t size)
+{
+    if (file.has_failed || file.is_out_of_room) return false;
+    const segment::room found = file.files().room_for(size);
+    if (found == segment::room::enough) return true;
+    file.is_out_of_room = found == segment::room::none;
+    want_room(file.is_out_of_room);
+    return !file.is_out_of_room;
+}
+
 void writer::hand_over(uint32_t track, mp4_time time, int64_t reached)
 {
     track_input &input = tracks_[track];
     open_file &file = *input.file;
     const clock::time_point begin = clock::now();
     const auto bytes = input.held.bytes(scratch_);
-    if (!file.has_failed && file.files().add(track, bytes, time, input.held.has(frame_is_key), reached) != 0) {
+    bool is_stored = has_room_for(file, bytes.size());
+    if (is_stored && file.files().add(track, bytes, time, input.held.has(frame_is_key), reached) != 0) {
+        is_stored = false;
         file.has_failed = true;
         int none = 0;
         file.shared->error.compare_exchange_strong(none, errno);
     }
     shared_->count.write.note(begin);
-    if (file.has_failed) {
-        shared_->count.frames_dropped += input.held.count();
-    } else {
+    if (is_stored) {
         ++shared_->count.frames_out;
         shared_->count.bytes_out += bytes.size();
         ++file.samples;
+    } else {
+        shared_->count.frames_dropped += input.held.count();
     }
     input.stored_time = input.held.time();
     input.held.clear();

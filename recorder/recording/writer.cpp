@@ -11,6 +11,7 @@ namespace mediafiles::recorder {
 
 namespace {
 
+constexpr uint64_t more_to_spare = 128 << 10;    // bytes
 constexpr int64_t longest_wait = 10'000'000'000; // for tracks that do not leave a file, where no gap is too long
 
 uint32_t leader_of(const settings &options)
@@ -41,6 +42,7 @@ void writer::run()
     while (!frames.is_drained()) {
         if (is_unplaced_ && (!rests() || frames.is_closed())) place_again();
         if (rests() && !frames.is_closed()) {
+            if (files_.empty() && shared_->paused.let_go()) syncs_->make_room();
             frames.rest();
         } else {
             const queue::taken next = frames.next(deadline());
@@ -50,6 +52,7 @@ void writer::run()
         if (shared_->is_abandoned) return;
         const clock::time_point now = clock::now();
         release_late(now);
+        if (rests()) shared_->spare.cut();
         if (rests() && current_) leave_all(*current_);
         give_up_failed();
         end_old_files(now, rests());
@@ -71,6 +74,10 @@ void writer::run()
 /* Numbers go on from the highest that is there; what was interrupted is recovered, newest first. */
 void writer::survey()
 {
+    try {
+        recovery::remove_stale_temporaries(shared_->directory);
+    } catch (const recovery::obstacle &) { // the files are looked for in any case
+    }
     if (!options_.names.is_numbered()) return;
     found_files found = find_files(shared_->directory, options_.names);
     next_number_ = found.highest + 1;
@@ -81,7 +88,7 @@ void writer::survey()
 /* Nothing can be stored now: frames stay in the queue, where whole groups go when it is full. */
 bool writer::rests() const
 {
-    return shared_->is_full;
+    return shared_->paused.why() != pause::none;
 }
 
 /* ---- Order ------------------------------------------------------------- */
@@ -130,11 +137,13 @@ void writer::release_late(clock::time_point now)
 
 void writer::make_rounds(clock::time_point now)
 {
-    uint64_t bytes = 0, samples = 0;
+    uint64_t bytes = 0, samples = 0, unkept = 0;
     for (const auto &each : files_) {
         bytes += each->shared->files.bytes();
         samples += each->samples;
+        unkept += each->shared->files.unkept();
     }
+    if (unkept != 0) shared_->spare.hold(shared_->directory, unkept + more_to_spare);
     shared_->running_bytes = bytes;
     shared_->running_samples = samples;
     for (const auto &each : files_) {
@@ -147,6 +156,7 @@ void writer::make_rounds(clock::time_point now)
             continue;
         }
         shared_->count.write.note(begin);
+        if (&file == current_) pace_ = file.files().rate();
         file.had_round = true;
         file.last_round = now;
         syncs_->sync(file.shared);

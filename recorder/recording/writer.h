@@ -33,6 +33,7 @@ struct open_file {
     bool has_end = false;   // the next file has begun
     bool wants_key = false; // the event was reported
     bool has_failed = false;
+    bool is_out_of_room = false; // it can be finished, and take nothing more
     bool had_round = false;
     uint64_t samples = 0;
     clock::time_point last_round = {}, ended = {};
@@ -70,6 +71,7 @@ private:
     bool continues_clock(uint32_t track, const access_unit &unit, int64_t &time);
     void place(uint32_t track, access_unit &unit);
     void place_again();
+    bool has_room_for(open_file &, uint64_t size);
     void hand_over(uint32_t track, mp4_time time, int64_t reached);
 
     /* writer-choice.cpp: which file */
@@ -86,7 +88,8 @@ private:
     std::unique_ptr<muxer> ready_tracks();
     void note_order(uint32_t track);
     open_file *begin_file(uint32_t track, int64_t time);
-    void report_failure(int error);
+    void fail_to_begin(int error);
+    void want_room(bool stops);
     void enter(uint32_t track, open_file &);
     void leave(uint32_t track, int64_t end);
     void leave_all(open_file &);
@@ -108,8 +111,9 @@ private:
     std::vector<uint32_t> order_; // of the tracks in all files
     uint64_t next_number_ = 1;
     int64_t first_second_ = 0; // since 1970, of the first file
+    pace pace_;                // of the latest file
     bool is_unplaced_ = false; // the leading track's frame waits for a file
-    bool is_failing_ = false;  // no file could be begun; it was reported
+    bool is_failing_ = false;  // the next file could not be begun: the one before goes on
     clock::time_point tried_ = {};
 };
 
