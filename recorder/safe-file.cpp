@@ -163,6 +163,14 @@ void set_modification_time(int file, const struct timespec &time)
     if (futimens(file, times) != 0) throw system_failure();
 }
 
+int remove_write_permission(int file)
+{
+    struct stat status;
+    if (fstat(file, &status) != 0) return -1;
+    if (!(status.st_mode & write_permissions)) return 0;
+    return fchmod(file, status.st_mode & 07777 & ~write_permissions) == 0 ? fsync(file) : -1;
+}
+
 void set_size(int file, uint64_t size)
 {
     repeat_while_interrupted([=] { return ftruncate(file, static_cast<off_t>(size)); });

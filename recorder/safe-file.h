@@ -116,6 +116,15 @@ void sync_directory(int directory);
 void set_modification_time(int file, const struct timespec &time);
 void set_size(int file, uint64_t size);
 
+constexpr mode_t write_permissions = S_IWUSR | S_IWGRP | S_IWOTH;
+/**
+ * Takes away all write permissions (on FAT this is the read-only attribute) and syncs the file. Its data is to be on
+ * the medium before: who finds it read-only must not have to repair it.
+ *
+ * @return 0; -1 with errno, also where the file system has no permissions
+ */
+int remove_write_permission(int file);
+
 /** Collects what comes in small pieces into large writes. */
 class buffered_writer {
 public:

@@ -186,6 +186,7 @@ typedef struct mediafiles_plan_info {
     const char *damage;    /* what is wrong with the journal after them; NULL for nothing; static */
     uint64_t samples;      /* that are kept */
     mp4_fix_info info;     /* of a repaired or salvaged file: tracks, frames, time spans */
+    uint32_t is_protected; /* 1: by a record of its journal; the file, or its copy, loses its write permission */
 } mediafiles_plan_info;
 
 typedef struct mediafiles_plan mediafiles_plan; /* opaque */

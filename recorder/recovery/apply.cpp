@@ -14,7 +14,8 @@
  *    power cut may leave any of these writes out: the journal is still there,
  *    tail and head are compared with what it gives, and written again.
  * 3. The media gets its old modification time and is synced.
- * 4. Only then the journal goes, or gets a mark that the repair is complete,
+ * 4. A recording that its journal calls protected loses its write permission.
+ * 5. Only then the journal goes, or gets a mark that the repair is complete,
  *    and the directory is synced.
  *
  * The modification time would be lost by a cut in step 2. So the new journal
@@ -115,7 +116,9 @@ private:
     void finish_journal() const
     {
         if (!remove_journal_) return;
-        sync_file(open_media(O_RDONLY));
+        const descriptor file = open_media(O_RDONLY);
+        sync_file(file);
+        protect(file);
         remove(*journal_);
     }
 
@@ -139,11 +142,18 @@ private:
         check(write_at(file, 0, head, sizeof head));
         set_modification_time(file, time);
         sync_file(file);
+        protect(file);
         sync_directory(media_.directory);
         if (remove_journal_)
             remove(*journal_);
         else if (by_journal)
             write_journal(time, mark_record(true));
+    }
+
+    /* Where that fails, for want of permissions on this file system or to change them, it is repaired all the same. */
+    void protect(int file) const
+    {
+        if (info_.is_protected) remove_write_permission(file);
     }
 
     descriptor open_media(int flags) const

@@ -24,6 +24,10 @@ constexpr std::array<uint32_t, 256> crc_table = [] {
 static_assert(MEDIAFILES_ROUND_MARK_SIZE == sizeof(memento) + round_mark_length);
 static_assert(repair_mark_size == sizeof(memento) + repair_mark_length);
 
+constexpr char protection[] = "mediafiles protected";
+static_assert(sizeof protection - 1 == protection_mark_length);
+static_assert(protection_mark_size == sizeof(memento) + protection_mark_length);
+
 // Writes a record of which the text fills all but the terminator.
 template <uint32_t Length, class... Values>
 void write_text(uint8_t *record, const char *format, Values... values)
@@ -99,6 +103,18 @@ void write_mark(const repair_mark &mark, uint8_t record[repair_mark_size])
 {
     write_text<repair_mark_length>(record, "mediafiles repair: of %010" PRIu32 " bytes %c%c...", mark.media_size,
                                    mark.dropped_frame ? 'd' : '-', mark.completed ? 'c' : '-');
+}
+
+bool is_protection_mark(const uint8_t *payload, uint32_t length)
+{
+    return length == protection_mark_length && memcmp(payload, protection, length) == 0;
+}
+
+void write_protection_mark(uint8_t record[protection_mark_size])
+{
+    const memento header = {MEMENTO_USER, 0, protection_mark_length};
+    memcpy(record, &header, sizeof header);
+    memcpy(record + sizeof header, protection, protection_mark_length);
 }
 
 } // namespace mediafiles::recovery

@@ -1,4 +1,4 @@
-// Two records of the journal that the core passes over: MEMENTO_USER whose
+// Records of the journal that the core passes over: MEMENTO_USER whose
 // payload is text, so that a dump of a journal explains itself.
 //
 //     mediafiles round 0000000012 of 000012345678 bytes 1a2b3c4d..
@@ -7,6 +7,8 @@
 //     mediafiles repair: of 0012345678 bytes d-...
 //         ends the journal that a repair made: bytes of the media file before
 //         it, whether it left out the last frame (d), whether it was completed (c)
+//     mediafiles protected
+//         the recording is to lose its write permission when it is finished
 #pragma once
 
 #include <cstddef>
@@ -38,5 +40,11 @@ bool read_mark(const uint8_t *payload, uint32_t length, round_mark &mark);
 bool read_mark(const uint8_t *payload, uint32_t length, repair_mark &mark);
 
 void write_mark(const repair_mark &mark, uint8_t record[repair_mark_size]);
+
+constexpr uint32_t protection_mark_length = 20;
+constexpr uint32_t protection_mark_size = 24;
+
+bool is_protection_mark(const uint8_t *payload, uint32_t length);
+void write_protection_mark(uint8_t record[protection_mark_size]);
 
 } // namespace mediafiles::recovery

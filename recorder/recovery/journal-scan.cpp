@@ -221,6 +221,7 @@ bool journal_scan::next(record &out)
         repair = mark;
     else
         end = at;
+    if (header.kind == MEMENTO_USER && is_protection_mark(next.payload, header.length)) is_protected = true;
     out = next;
     return true;
 }

@@ -97,6 +97,7 @@ public:
     uint64_t media_end = media_begin;
     bool has_repair_mark = false; // of the record before `at`
     repair_mark repair = {};
+    bool is_protected = false; // a record that was ever reached says so; stays when the walk begins anew
 
     // A sample that was just given by next.
     const sample &last_sample() const { return last_; }

@@ -183,6 +183,7 @@ void mediafiles_plan::decide()
         decide_beside_finished(scan, header, end);
     else
         decide_by_journal(scan, header);
+    info.is_protected = scan.is_protected && !info.foreign;
     out_of_memory = out_of_memory || scan.out_of_memory() || header.out_of_memory();
 }
 

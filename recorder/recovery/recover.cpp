@@ -404,6 +404,7 @@ private:
         media_.check_unchanged();
         set_modification_time(made, (continues_repair(*plan_) ? journal_ : media_).status.st_mtim);
         sync_file(made);
+        if (info_.is_protected) remove_write_permission(made);
         made.name(name.c_str());
         sync_directory(directory);
     }
