@@ -45,13 +45,6 @@ std::string temporary_name()
     return std::string(temporary_begin) + digits + std::string(temporary_end);
 }
 
-bool leads_to(int directory, const char *name, int file)
-{
-    struct stat named;
-    return fstatat(directory, name, &named, AT_SYMLINK_NOFOLLOW) == 0 &&
-           identity_of(named) == identity_of(status_of(file));
-}
-
 template <class Call>
 void repeat_while_interrupted(Call call)
 {
@@ -100,6 +93,13 @@ descriptor open_regular(int directory, const char *name, int flags)
     check(opened);
     if (identity_of(opened) != identity_of(seen)) throw has_changed();
     return file;
+}
+
+bool leads_to(int directory, const char *name, int file)
+{
+    struct stat named;
+    return fstatat(directory, name, &named, AT_SYMLINK_NOFOLLOW) == 0 &&
+           identity_of(named) == identity_of(status_of(file));
 }
 
 lease claim(int file, int directory, const char *name)
@@ -203,12 +203,13 @@ int buffered_writer::flush() noexcept
     return 0;
 }
 
-temporary_file::temporary_file(int directory, mode_t mode) : directory_(directory)
+temporary_file::temporary_file(int directory, mode_t mode, permissions wanted) : directory_(directory)
 {
+    mode &= S_IRWXU | S_IRWXG | S_IRWXO;
+    const mode_t at_first = wanted == permissions::exact ? S_IRUSR | S_IWUSR : mode;
     for (;;) {
         name_ = temporary_name();
-        descriptor made(
-            openat(directory, name_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR));
+        descriptor made(openat(directory, name_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, at_first));
         if (!made.is_open() && errno == EEXIST) continue;
         if (!made.is_open()) throw system_failure();
         /* Before the lock it looked like one that is stale: another recovery may have removed it. */
@@ -217,8 +218,9 @@ temporary_file::temporary_file(int directory, mode_t mode) : directory_(director
         file_ = std::move(made);
         break;
     }
+    if (wanted == permissions::before_umask) return;
     /* File systems that know no permissions refuse some. */
-    if (fchmod(file_, mode & (S_IRWXU | S_IRWXG | S_IRWXO)) != 0 && errno != EPERM) {
+    if (fchmod(file_, mode) != 0 && errno != EPERM) {
         const obstacle cause = system_failure();
         unlinkat(directory_, name_.c_str(), 0);
         throw cause;

@@ -110,6 +110,9 @@ int64_t read_at(int file, uint64_t offset, void *to, size_t count);
 /** pwrite of all. @return 0, or -1 with errno */
 int write_at(int file, uint64_t offset, const void *from, size_t count);
 
+/** Whether a name in a directory is still that of an open file. */
+bool leads_to(int directory, const char *name, int file);
+
 void sync_file(int file);
 /** Some file systems have nothing to sync in a directory. */
 void sync_directory(int directory);
@@ -142,7 +145,8 @@ private:
 /** A file under a name that nobody else uses, until it is complete. It is locked while in use. */
 class temporary_file {
 public:
-    temporary_file(int directory, mode_t mode);
+    enum class permissions { exact, before_umask };
+    temporary_file(int directory, mode_t mode, permissions = permissions::exact);
     /** Removes it, unless it got its name. */
     ~temporary_file();
     temporary_file(const temporary_file &) = delete;
@@ -153,6 +157,8 @@ public:
     void replace(const char *name);
     /** As a new file; MEDIAFILES_REASON_EXISTS where there is one. */
     void name(const char *name);
+    /** The open file, once it has its name. */
+    descriptor take() { return std::move(file_); }
 
 private:
     int directory_;

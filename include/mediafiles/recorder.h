@@ -50,21 +50,32 @@ typedef struct mediafiles_recorder mediafiles_recorder; /* opaque */
 #define MEDIAFILES_ANY_START 1u  /* where no key frame comes, begin a file at a recovery point (intra refresh) */
 #define MEDIAFILES_OVERWRITE 2u  /* a pattern without {number}: replace the recording that is there */
 #define MEDIAFILES_JOIN_STEPS 4u /* where capture times step, join the times on instead of beginning a file */
+#define MEDIAFILES_PLAIN_NAME 8u /* the pattern is the name of one file as it is, whatever its bytes and its end */
 
 /**
  * In the numbers 0 is the default, which stands with each, and -1 is "never" or
  * "without limit".
+ *
+ * A pattern without {number}, and a plain name, is one recording. Its files are
+ * NAME.mp4, NAME-2.mp4, NAME-3.mp4 ...; what was recorded before is neither
+ * recovered nor deleted. Where NAME.mp4 or its journal exists, start refuses; a
+ * name after the first that is taken is left out. With MEDIAFILES_OVERWRITE each
+ * of these names gets the new file, and its journal's name the new journal, once
+ * both have been made and are locked: until then the old recording stays. A file
+ * that somebody else records, one without write permission, and what is no
+ * regular file are never replaced. Files of an older recording whose numbers the
+ * new one does not reach stay.
  *
  * To keep to quota_bytes and keep_free_bytes the oldest finished files of the
  * pattern are deleted, by their number; those without write permission are
  * protected. When none can go, the running file is finished, and recording goes
  * on when there is room.
  *
- * Not built yet, and refused by start with ENOTSUP: protected_bytes, event mode,
- * MEDIAFILES_OVERWRITE where the recording is there. Room is not reserved ahead
- * of the media: when others fill the file system within two rounds, the running
- * file is given up to recovery, which completes it when there is room. A medium
- * that is taken away is not told from other errors.
+ * Not built yet, and refused by start with ENOTSUP: protected_bytes, event mode.
+ * Room is not reserved ahead of the media: when others fill the file system
+ * within two rounds, the running file is given up to recovery, which completes
+ * it when there is room. A medium that is taken away is not told from other
+ * errors.
  */
 typedef struct mediafiles_recorder_options {
     uint32_t size;
@@ -97,8 +108,11 @@ typedef struct mediafiles_recorder_options {
  *
  * @return owned by the caller, released by destroy; NULL with errno
  *           EINVAL   an option out of range; a pattern with other fields, or one that leaves the directory
- *           EBUSY    another recorder numbers files in this directory
- *           EEXIST   a pattern without {number}, and the file is there
+ *           EBUSY    another recorder numbers files in this directory; or a recording that is to be replaced is
+ *                    recorded or recovered
+ *           EEXIST   a pattern without {number}, and the file or its journal is there; to be replaced, it is no regular
+ *                    file or has no write permission
+ *           ELOOP    likewise, and it is a symbolic link
  *           ENOTSUP  a codec, rate or size that no track can hold; what is not built yet
  *           other    from opening the directory, ENOMEM or EAGAIN
  */
@@ -122,8 +136,28 @@ MEDIAFILES_API int mediafiles_recorder_push(mediafiles_recorder *, uint32_t trac
 MEDIAFILES_API int mediafiles_recorder_pushv(mediafiles_recorder *, uint32_t track, const struct iovec *pieces,
                                              int count, int64_t time, uint32_t flags);
 
+/**
+ * For sources that can wait, like files: waits until no more than half of the
+ * queue is used and it has room for a frame of that many bytes. What a single
+ * thread pushes then is not dropped for want of room.
+ *
+ * @param timeout  0: do not wait; -1: wait for ever
+ * @return 1; 0 when it does not come to that in time; -1 with errno
+ *           EMSGSIZE   larger than the queue
+ *           ESHUTDOWN  after stop
+ */
+MEDIAFILES_API int mediafiles_recorder_await_room(mediafiles_recorder *, size_t len, int64_t timeout);
+
 /** The next key frame begins a file. ESHUTDOWN after stop. */
 MEDIAFILES_API int mediafiles_recorder_split(mediafiles_recorder *);
+
+/** Of one track. */
+typedef struct mediafiles_recorder_track_stats {
+    uint64_t frames;     /* samples that were stored */
+    uint64_t key_frames; /* of these */
+    uint64_t bytes;      /* of these */
+    uint64_t refused;    /* frames that no file can hold, or before the first key frame */
+} mediafiles_recorder_track_stats;
 
 /** What has happened since start. */
 typedef struct mediafiles_recorder_stats {
@@ -139,6 +173,7 @@ typedef struct mediafiles_recorder_stats {
     uint64_t queue_used, queue_most; /* bytes */
     int64_t worst_push, worst_write, worst_sync;
     int64_t free_bytes; /* of the file system, at the last round of syncs */
+    mediafiles_recorder_track_stats tracks[MP4_MAX_TRACKS];
 } mediafiles_recorder_stats;
 
 /** @param stats  its size is set */

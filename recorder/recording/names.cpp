@@ -165,6 +165,18 @@ std::optional<name_pattern> name_pattern::parse(std::string_view pattern)
     return out;
 }
 
+std::optional<name_pattern> name_pattern::of_file(std::string_view name)
+{
+    if (name.empty() || name.find('/') != name.npos || name == "." || name == "..") return std::nullopt;
+    const size_t dot = name.rfind('.');
+    const size_t stem = dot == 0 || dot == name.npos ? name.size() : dot; // a dot in front hides a file
+    name_pattern out;
+    out.pieces_.push_back({'t', 0, std::string(name.substr(0, stem))});
+    out.extension_ = name.substr(stem);
+    out.fixed_ = name.size();
+    return out;
+}
+
 std::string name_pattern::make(uint64_t number, int64_t seconds) const
 {
     const calendar time = calendar_of(seconds);

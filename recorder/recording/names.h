@@ -7,9 +7,10 @@
  * No other field exists. A pattern without a number is one recording: its
  * files are NAME, NAME-2, NAME-3 ..., counted before the extension.
  *
- * Every name ends in ".mp4", in any case: by it, recovery knows a recording
- * whose journal is missing, and no name can be that of a journal or of a
- * temporary file.
+ * Every name of a pattern ends in ".mp4", in any case: by it, recovery knows a
+ * recording whose journal is missing, and no name can be that of a journal or
+ * of a temporary file. The name of one file that a user has chosen can be
+ * anything that a file can be called.
  */
 #pragma once
 
@@ -40,6 +41,12 @@ public:
     static std::optional<name_pattern> parse(std::string_view pattern);
 
     /**
+     * One recording with this name as it is, whatever its bytes: no field, no directory, any end or none. Nothing for
+     * an empty name, a path, "." and "..".
+     */
+    static std::optional<name_pattern> of_file(std::string_view name);
+
+    /**
      * The path of a file, relative to the directory.
      *
      * @param number   1 to largest_number
@@ -68,7 +75,7 @@ private:
     size_t add_piece(std::string_view rest);
 
     std::vector<piece> pieces_; // without the extension
-    std::string extension_;     // ".mp4" as the pattern has it
+    std::string extension_;     // ".mp4" as the pattern has it; of a file's own name what follows its last dot, or none
     size_t fixed_ = 0;          // bytes of a name, its number left out
     bool numbered_ = false;
 };

@@ -18,8 +18,8 @@ constexpr int64_t mebibyte = 1 << 20;
 constexpr uint32_t widest = 0xFFFF; // pixels: 16 bits of a sample entry
 constexpr int64_t least_queue = 4096;
 constexpr int64_t largest_queue = INT32_MAX / 2;
-constexpr uint32_t all_flags =
-    MEDIAFILES_ANY_START | MEDIAFILES_OVERWRITE | MEDIAFILES_JOIN_STEPS | MEDIAFILES_KEEP_JOURNAL;
+constexpr uint32_t all_flags = MEDIAFILES_ANY_START | MEDIAFILES_OVERWRITE | MEDIAFILES_JOIN_STEPS |
+                               MEDIAFILES_PLAIN_NAME | MEDIAFILES_KEEP_JOURNAL;
 constexpr uint32_t permissions = 0777;
 
 /* 0 is the default, -1 never. */
@@ -61,7 +61,9 @@ settings complete(const mediafiles_recorder_options &given)
         throw system_failure(EINVAL);
     refuse_unbuilt(given);
 
-    auto names = name_pattern::parse(given.pattern ? std::string_view(given.pattern) : default_pattern);
+    if (given.flags & MEDIAFILES_PLAIN_NAME && !given.pattern) throw system_failure(EINVAL);
+    const std::string_view pattern = given.pattern ? std::string_view(given.pattern) : default_pattern;
+    auto names = given.flags & MEDIAFILES_PLAIN_NAME ? name_pattern::of_file(pattern) : name_pattern::parse(pattern);
     if (!names) throw system_failure(EINVAL);
     settings made = {
         .tracks = {},

@@ -19,7 +19,7 @@ constexpr uint64_t rounded(uint64_t bytes)
 
 /* The header of one frame of the full size, and room for start codes of three bytes, which grow by one. */
 queue::queue(uint64_t bytes, uint32_t video)
-    : video_(video), memory_(static_cast<size_t>(rounded(bytes + 4096) / sizeof(entry)))
+    : video_(video), memory_(static_cast<size_t>(rounded(bytes + spare) / sizeof(entry)))
 {
 }
 
@@ -42,6 +42,15 @@ queue::entry *queue::room_at_end(uint64_t room)
     at(end_) = {static_cast<uint32_t>(left), 0, padding, 0, 0, 0, {}};
     end_ += left;
     return &at(end_);
+}
+
+/* What find_room finds without taking anything away. */
+bool queue::has_room(uint64_t room) const
+{
+    const uint64_t size = sizeof(entry) + rounded(room);
+    if (begin_ == end_) return true;
+    const uint64_t left = capacity() - end_ % capacity(), free = capacity() - (end_ - begin_);
+    return size <= left ? size <= free : left + size <= free;
 }
 
 void queue::append(entry &filled)
@@ -157,8 +166,23 @@ void queue::rest()
 
 void queue::release(uint64_t position)
 {
-    const std::lock_guard guard(lock_);
-    begin_ = std::min(position, next_);
+    {
+        const std::lock_guard guard(lock_);
+        begin_ = std::min(position, next_);
+    }
+    released_.notify_all();
+}
+
+queue::wait queue::await_room(uint64_t room, clock::time_point until)
+{
+    std::unique_lock guard(lock_);
+    room = std::min(room, largest());
+    const auto is_due = [&] { return is_closed_ || (end_ - begin_ <= capacity() / 2 && has_room(room)); };
+    if (until == clock::time_point::max())
+        released_.wait(guard, is_due);
+    else if (!released_.wait_until(guard, until, is_due))
+        return wait::timed_out;
+    return is_closed_ ? wait::closed : wait::over;
 }
 
 void queue::wake()
@@ -177,6 +201,7 @@ void queue::close()
         is_closed_ = true;
     }
     wake_.notify_one();
+    released_.notify_all();
 }
 
 bool queue::is_closed()

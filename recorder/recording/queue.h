@@ -67,6 +67,9 @@ public:
         bool stalls; // half of the ring is used, and was not at the frame before
     };
 
+    /** What the largest frame may grow by when it is stored, and its header. */
+    static constexpr uint64_t spare = 4096;
+
     /** @param video  a bit for each track: 1 for video */
     queue(uint64_t bytes, uint32_t video);
 
@@ -84,7 +87,7 @@ public:
         {
             const std::lock_guard guard(lock_);
             if (is_closed_) return {outcome::closed, {}, false};
-            if (room > memory_.size() * sizeof(entry) - sizeof(entry)) return {outcome::too_large, {}, false};
+            if (room > largest()) return {outcome::too_large, {}, false};
             entry *const to = find_room(track, room);
             if (!to) {
                 drop(track, time);
@@ -129,6 +132,10 @@ public:
     void release(uint64_t position);
     static constexpr uint64_t everything = UINT64_MAX;
 
+    enum class wait { over, timed_out, closed };
+    /** Until no more than half of the ring is used, and a frame of that many bytes, the largest at most, finds room. */
+    wait await_room(uint64_t room, clock::time_point until);
+
     /** Makes next return. */
     void wake();
 
@@ -154,6 +161,7 @@ private:
     };
     /* Positions count bytes from the beginning of time; an entry lies at the position modulo the ring's size. */
     uint64_t capacity() const { return memory_.size() * sizeof(entry); }
+    uint64_t largest() const { return capacity() - sizeof(entry); }
     entry &at(uint64_t position) { return memory_[static_cast<size_t>(position % capacity() / sizeof(entry))]; }
     bool is_video(uint32_t track) const { return video_ >> track & 1; }
     static bool starts_group(const entry &each)
@@ -163,6 +171,7 @@ private:
 
     entry *find_room(uint32_t track, uint64_t room);
     entry *room_at_end(uint64_t room);
+    bool has_room(uint64_t room) const;
     void append(entry &filled);
     void drop(uint32_t track, int64_t time);
     bool drop_newest_group();
@@ -172,7 +181,7 @@ private:
     const uint32_t video_;
     std::vector<entry> memory_; // entries and the bytes between them
     std::mutex lock_;
-    std::condition_variable wake_;
+    std::condition_variable wake_, released_;
     uint64_t begin_ = 0; // oldest entry that is not released
     uint64_t next_ = 0;  // entry that next gives
     uint64_t end_ = 0;

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstring>
 #include <iterator>
 #include <memory>
@@ -20,6 +21,7 @@
 #include <mediafiles/recorder.h>
 
 #include "frame.h"
+#include "new-files.h"
 #include "options.h"
 #include "syncer.h"
 #include "timeline.h"
@@ -57,7 +59,7 @@ void give_record(Record *to, Record made)
     std::memcpy(to, &made, std::min<size_t>(size, sizeof made));
 }
 
-/* No two recorders number the same directory. */
+/* No two recorders number the same directory. A single recording has its name alone. */
 recovery::descriptor open_directory(const settings &options)
 {
     recovery::descriptor opened =
@@ -67,10 +69,7 @@ recovery::descriptor open_directory(const settings &options)
         if (flock(opened, LOCK_EX | LOCK_NB) != 0) throw recovery::system_failure(errno == EWOULDBLOCK ? EBUSY : errno);
         return opened;
     }
-    struct stat status;
-    const std::string name = options.names.make(1, std::time(nullptr));
-    if (fstatat(opened, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0)
-        throw recovery::system_failure(options.has(MEDIAFILES_OVERWRITE) ? ENOTSUP : EEXIST);
+    check_names(opened, options.names.make(1, std::time(nullptr)), options.has(MEDIAFILES_OVERWRITE));
     return opened;
 }
 
@@ -79,6 +78,23 @@ void abandon(state &shared)
     shared.is_abandoned = true;
     shared.frames.close();
 }
+
+/* While it exists, new threads get no signal: those of a process are for the threads that it knows. */
+class without_signals {
+public:
+    without_signals()
+    {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_BLOCK, &all, &before_);
+    }
+    ~without_signals() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+    without_signals(const without_signals &) = delete;
+    without_signals &operator=(const without_signals &) = delete;
+
+private:
+    sigset_t before_;
+};
 
 /* The body of a thread. For want of memory a recorder ends as if it were destroyed: recovery completes the files. */
 template <class Body>
@@ -89,6 +105,7 @@ void start_thread(const std::shared_ptr<state> &shared, Body body)
         ++shared->threads;
     }
     try {
+        const without_signals inherited;
         std::thread([shared, body = std::move(body)]() mutable {
             try {
                 body->run();
@@ -128,6 +145,13 @@ int refuse(int error)
 {
     errno = error;
     return -1;
+}
+
+/* -1 is for ever. */
+clock::time_point deadline_of(int64_t timeout)
+{
+    if (timeout == -1) return clock::time_point::max();
+    return clock::now() + std::chrono::nanoseconds(std::min(timeout, never / 4));
 }
 
 int64_t unsafe_time(const counters &count, uint32_t tracks)
@@ -223,6 +247,24 @@ int mediafiles_recorder_push(mediafiles_recorder *recorder, uint32_t track, cons
     return mediafiles_recorder_pushv(recorder, track, &piece, 1, time, flags);
 }
 
+int mediafiles_recorder_await_room(mediafiles_recorder *recorder, size_t len, int64_t timeout)
+{
+    if (timeout < -1) return refuse(EINVAL);
+    state &shared = *recorder->shared;
+    if (len > static_cast<uint64_t>(shared.options.queue_bytes)) return refuse(EMSGSIZE);
+    /* Start codes of three bytes become lengths of four, each before a byte at least. */
+    const uint64_t stored = len + uint64_t{len} / 4 + 1;
+    switch (shared.frames.await_room(stored, deadline_of(timeout))) {
+    case queue::wait::over:
+        return 1;
+    case queue::wait::timed_out:
+        return 0;
+    case queue::wait::closed:
+        break;
+    }
+    return refuse(ESHUTDOWN);
+}
+
 int mediafiles_recorder_split(mediafiles_recorder *recorder)
 {
     if (recorder->shared->frames.is_closed()) return refuse(ESHUTDOWN);
@@ -252,6 +294,9 @@ int mediafiles_recorder_get_stats(mediafiles_recorder *recorder, mediafiles_reco
     made.worst_write = count.write.get();
     made.worst_sync = count.sync.get();
     made.free_bytes = count.free_bytes;
+    std::ranges::transform(count.tracks, made.tracks, [](const track_counters &each) {
+        return mediafiles_recorder_track_stats{each.frames, each.key_frames, each.bytes, each.refused};
+    });
     give_record(stats, made);
     return 0;
 }

@@ -6,13 +6,14 @@
 #include <utility>
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <mediafiles/recovery.h>
 #include <mediafiles/stream.h>
 #include <mediafiles/support/io.h>
+
+#include "new-files.h"
 
 namespace mediafiles::recorder {
 
@@ -46,14 +47,6 @@ descriptor directory_below(int parent, const std::string &name)
     return found;
 }
 
-descriptor new_file(int directory, const std::string &name, uint32_t mode)
-{
-    const int number = openat(directory, name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW | O_NOCTTY,
-                              static_cast<mode_t>(mode));
-    if (number < 0) throw system_failure();
-    return descriptor(number);
-}
-
 /* What was kept beyond the file's end belongs to nobody then. */
 int cut_to_size(int file)
 {
@@ -63,7 +56,7 @@ int cut_to_size(int file)
 
 } // namespace
 
-segment::segment(int directory, std::string name, uint64_t number, uint32_t mode)
+segment::segment(int directory, std::string name, uint64_t number, uint32_t mode, bool replaces)
     : name_(std::move(name)), number_(number)
 {
     descriptor at = open_at(directory, ".", O_RDONLY | O_DIRECTORY);
@@ -75,15 +68,9 @@ segment::segment(int directory, std::string name, uint64_t number, uint32_t mode
     media_name_ = name_.substr(begin);
     journal_name_ = media_name_ + ".journal";
 
-    media_ = new_file(directory_, media_name_, mode);
-    try {
-        /* A recovery that has seen the file in between lets go at once: it is empty. */
-        if (flock(media_, LOCK_EX | LOCK_NB) != 0) throw system_failure();
-        journal_ = new_file(directory_, journal_name_, mode);
-    } catch (...) {
-        unlinkat(directory_, media_name_.c_str(), 0);
-        throw;
-    }
+    new_files made = make_files(directory_, media_name_, mode, replaces);
+    media_ = std::move(made.media);
+    journal_ = std::move(made.journal);
 }
 
 int segment::begin(std::unique_ptr<muxer> tracks, const pace &expected)

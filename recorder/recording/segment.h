@@ -55,9 +55,10 @@ public:
      *
      * @param directory  stays the caller's
      * @param name       below the directory
-     * Throws recovery::obstacle, EEXIST where one of the names is taken.
+     * @param replaces   an older recording of that name
+     * Throws recovery::obstacle: EEXIST, EBUSY or ELOOP where one of the names is taken.
      */
-    segment(int directory, std::string name, uint64_t number, uint32_t mode);
+    segment(int directory, std::string name, uint64_t number, uint32_t mode, bool replaces);
     segment(const segment &) = delete;
     segment &operator=(const segment &) = delete;
 

@@ -54,11 +54,16 @@ private:
     std::atomic<int64_t> value_ = 0;
 };
 
+struct track_counters {
+    std::atomic<uint64_t> frames = 0, key_frames = 0, bytes = 0, refused = 0;
+};
+
 struct counters {
     std::atomic<uint32_t> files = 0;
     std::atomic<uint64_t> frames_in = 0, frames_out = 0, frames_dropped = 0, frames_refused = 0, bytes_in = 0,
                           bytes_out = 0;
     std::atomic<int64_t> free_bytes = 0;
+    std::array<track_counters, MP4_MAX_TRACKS> tracks = {};
     std::array<std::atomic<uint64_t>, MP4_MAX_TRACKS> safe = {};
     std::array<std::atomic<int64_t>, MP4_MAX_TRACKS> pushed_to = {}, safe_to = {}; // capture times; see has_pushed
     std::array<std::atomic<bool>, MP4_MAX_TRACKS> has_pushed = {};
@@ -98,6 +103,7 @@ struct state {
     void refuse(uint32_t track, uint32_t reason, int64_t time)
     {
         count.frames_refused.fetch_add(1, std::memory_order_relaxed);
+        count.tracks[track].refused.fetch_add(1, std::memory_order_relaxed);
         if (refused_why[track].fetch_or(1u << reason, std::memory_order_relaxed) >> reason & 1) return;
         report({.kind = MEDIAFILES_EVENT_REFUSED, .track = track, .reason = reason, .from = time, .to = time});
     }

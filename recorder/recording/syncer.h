@@ -19,8 +19,8 @@ namespace mediafiles::recorder {
 
 /** A file between the two threads. */
 struct shared_file {
-    shared_file(int directory, std::string name, uint64_t number, uint32_t mode)
-        : files(directory, std::move(name), number, mode)
+    shared_file(int directory, std::string name, uint64_t number, uint32_t mode, bool replaces)
+        : files(directory, std::move(name), number, mode, replaces)
     {
     }
 

@@ -71,6 +71,7 @@ struct track_input {
     access_unit held;                  // until its successor says how long it lasts
     int64_t held_time = 0;             // where it is in its file, on the capture clock
     kept_sets sets;
+    bool has_new_sets = false;  // they came without a picture
     mp4_track_desc description; // of its files; of video, with its size and raw
 
     open_file *file = nullptr; // the one its samples go to

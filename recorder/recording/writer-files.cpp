@@ -16,6 +16,11 @@ namespace {
 constexpr auto between_tries = std::chrono::seconds(1);
 constexpr int names_to_try = 1000;
 
+bool is_taken(int error)
+{
+    return error == EEXIST || error == EBUSY || error == ELOOP;
+}
+
 bool is_same(const mp4_track_desc &a, const mp4_track_desc &b)
 {
     return std::memcmp(&a, &b, sizeof a) == 0;
@@ -58,22 +63,25 @@ void writer::note_order(uint32_t track)
 /* The next file, open before the one before it ends. nullptr where none can be made: the old one goes on. */
 open_file *writer::begin_file(uint32_t track, int64_t time)
 {
+    const bool is_single = !options_.names.is_numbered();
     const clock::time_point now = clock::now();
     if (current_ && is_failing_ && now - tried_ < between_tries) return nullptr;
     if (rests()) return nullptr;
     tried_ = now;
     std::unique_ptr<open_file> made;
     try {
-        if (first_second_ == 0 || options_.names.is_numbered()) first_second_ = std::time(nullptr);
+        if (first_second_ == 0 || !is_single) first_second_ = std::time(nullptr);
         for (int tries = 0; !made; ++tries) {
             const uint64_t number = next_number_++;
             try {
                 made = std::make_unique<open_file>(
                     std::make_shared<shared_file>(shared_->directory, options_.names.make(number, first_second_),
-                                                  number, options_.file_mode),
+                                                  number, options_.file_mode,
+                                                  is_single && options_.has(MEDIAFILES_OVERWRITE)),
                     current_ ? current_->line : times_);
             } catch (const recovery::obstacle &cause) {
-                if (cause.error != EEXIST || tries == names_to_try) {
+                /* A name that is taken is left out, but for the one that the user has chosen. */
+                if (!is_taken(cause.error) || (is_single && number == 1) || tries == names_to_try) {
                     --next_number_;
                     throw;
                 }

@@ -51,6 +51,16 @@ void writer::drop(uint32_t track, access_unit &unit)
     unit.clear();
 }
 
+/* Parts whose picture does not come: they would keep their place in the queue for ever. */
+void writer::set_aside(uint32_t track)
+{
+    track_input &input = tracks_[track];
+    if (input.incoming.has(frame_has_sets) && input.sets.update(options_.tracks[track], input.incoming))
+        input.has_new_sets = true;
+    shared_->count.frames_dropped += input.incoming.count();
+    input.incoming.clear();
+}
+
 /* Whether its time continues those before; where times are joined, it is made so. */
 bool writer::continues_clock(uint32_t track, const access_unit &unit, int64_t &time)
 {
@@ -91,7 +101,8 @@ void writer::place(uint32_t track, access_unit &unit)
     input.time = time;
     input.has_time = true;
 
-    const bool new_sets = is_video && unit.has(frame_has_sets) && input.sets.update(options_.tracks[track], unit);
+    const bool changes_sets = unit.has(frame_has_sets) && input.sets.update(options_.tracks[track], unit);
+    const bool new_sets = std::exchange(input.has_new_sets, false) || changes_sets;
     const bool is_key =
         !is_video || unit.has(frame_is_key) || (options_.has(MEDIAFILES_ANY_START) && unit.has(frame_is_recovery));
     if (is_key && !complete_description(track)) {
@@ -159,6 +170,10 @@ void writer::hand_over(uint32_t track, mp4_time time, int64_t reached)
     }
     shared_->count.write.note(begin);
     if (is_stored) {
+        track_counters &count = shared_->count.tracks[track];
+        ++count.frames;
+        count.key_frames += input.held.has(frame_is_key) || !options_.is_video(track);
+        count.bytes += bytes.size();
         ++shared_->count.frames_out;
         shared_->count.bytes_out += bytes.size();
         ++file.samples;

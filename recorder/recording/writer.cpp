@@ -14,6 +14,8 @@ namespace {
 constexpr uint64_t more_to_spare = 128 << 10;    // bytes
 constexpr int64_t longest_wait = 10'000'000'000; // for tracks that do not leave a file, where no gap is too long
 
+constexpr auto parts_patience = std::chrono::seconds(1); // for the picture that they belong to
+
 uint32_t leader_of(const settings &options)
 {
     for (uint32_t track = 0; track < options.track_count(); ++track)
@@ -46,12 +48,13 @@ void writer::run()
             frames.rest();
         } else {
             const queue::taken next = frames.next(deadline());
+            seen_ = next.frame ? std::max(seen_, next.frame->pushed) : clock::now();
             if (next.frame) take(next);
             pass_on(false);
         }
         if (shared_->is_abandoned) return;
         const clock::time_point now = clock::now();
-        release_late(now);
+        release_late();
         if (rests()) shared_->spare.cut();
         if (rests() && current_) leave_all(*current_);
         give_up_failed();
@@ -117,16 +120,18 @@ bool writer::may_go(uint32_t track, const queue::taken &taken) const
     const track_input &input = tracks_[track], &leader = tracks_[leader_];
     if (leader.has_time && input.steps != leader.steps) return true;
     if (leader.has_time && taken.frame->time + input.offset <= leader.time) return true;
-    return clock::now() - taken.frame->pushed >= patience_;
+    return seen_ - taken.frame->pushed >= patience_;
 }
 
 /* ---- Time that passes -------------------------------------------------- */
 
-void writer::release_late(clock::time_point now)
+/* A frame is late when its successor was not pushed in time; that it waits in the queue, while the medium stalls, is not. */
+void writer::release_late()
 {
     for (uint32_t track = 0; track < options_.track_count(); ++track) {
         track_input &input = tracks_[track];
-        if (!input.file || input.held.empty() || now - input.held.pushed() < patience_) continue;
+        if (!input.incoming.empty() && seen_ - input.incoming.pushed() >= parts_patience) set_aside(track);
+        if (!input.file || input.held.empty() || seen_ - input.held.pushed() < patience_) continue;
         timeline &line = input.file->line;
         if (!line.has_started(track))
             hand_over(track, line.start(track, input.held_time), input.held_time);
@@ -177,6 +182,7 @@ clock::time_point writer::deadline() const
 {
     clock::time_point first = clock::time_point::max();
     for (const track_input &input : tracks_) {
+        if (!input.incoming.empty()) first = std::min(first, input.incoming.pushed() + parts_patience);
         if (!input.held.empty()) first = std::min(first, input.held.pushed() + patience_);
         if (!input.waiting.empty()) first = std::min(first, input.waiting.front().frame->pushed + patience_);
     }

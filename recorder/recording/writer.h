@@ -60,7 +60,7 @@ private:
     void take(const queue::taken &);
     void pass_on(bool all);
     bool may_go(uint32_t track, const queue::taken &) const;
-    void release_late(clock::time_point now);
+    void release_late();
     void make_rounds(clock::time_point now);
     void release();
     clock::time_point deadline() const;
@@ -68,6 +68,7 @@ private:
     /* writer-units.cpp: access units, from their parts to the file */
     void feed(uint32_t track, const queue::taken &);
     void drop(uint32_t track, access_unit &unit);
+    void set_aside(uint32_t track);
     bool continues_clock(uint32_t track, const access_unit &unit, int64_t &time);
     void place(uint32_t track, access_unit &unit);
     void place_again();
@@ -115,6 +116,7 @@ private:
     bool is_unplaced_ = false; // the leading track's frame waits for a file
     bool is_failing_ = false;  // the next file could not be begun: the one before goes on
     clock::time_point tried_ = {};
+    clock::time_point seen_ = {}; // what was pushed before this moment has been taken from the queue
 };
 
 } // namespace mediafiles::recorder
