@@ -1,0 +1,435 @@
+"""What the recorder stores, judged by readers that share nothing with it: ffprobe, ffmpeg, strace.
+
+    recorder_judges_test.py --drive RECORDER-DRIVE --media STREAMS [--week SECONDS]
+
+A driver pushes frames by a plan; see support/recorder-drive.cpp. Where a stream that is needed has no file, ffmpeg
+makes it.
+"""
+
+import collections
+import concurrent.futures
+import functools
+import heapq
+import itertools
+import json
+import pathlib
+import random
+import re
+import subprocess
+import tempfile
+import unittest
+
+from support import judge
+
+GIVEN = judge.given("drive", "media", week=6 * 3600)
+SECOND, MILLISECOND = 10**9, 10**6
+FRAME = 1024 * SECOND // 48000
+KEY, DISC = 1, 2
+ANY_START, JOIN_STEPS = 1, 4
+(BEGUN, FINISHED, RECOVERED, NOT_RECOVERED, DELETED, STALLED, DROPPED, REFUSED, FULL, NO_MEDIUM, WRITE_ERROR, GOES_ON,
+ CLOCK, KEY_WANTED, LOST) = range(1, 16)
+
+# codec and measure (width, or sampling rate) are what a reader knows a track by.
+Source = collections.namedtuple("Source", "track codec measure frames")
+Stored = collections.namedtuple("Stored", "data time key")  # time: nanoseconds from the beginning of the file
+File = collections.namedtuple("File", "path duration tracks")
+
+
+# ---- Sources
+
+
+def video(name, frames=None):
+    stream = next(GIVEN.media.glob(name + "*.h26[45]"))
+    codec = {".h264": "h264", ".h265": "hevc"}[stream.suffix]
+    return Source(stream.suffix[1:], codec, int(re.search(r"_(\d+)x", stream.name)[1]), frames or judge.units(stream))
+
+
+def sound(name="aac_lc_48000"):
+    stream = next(GIVEN.media.glob(name + "*.aac"))
+    rate, channels = map(int, re.search(r"_(\d+)_(\d+)\.aac$", stream.name).groups())
+    return Source(f"aac:{channels}:{rate}", "aac", rate, judge.units(stream))
+
+
+@functools.cache
+def encoded(parameters, *options, rate=25, seconds=2, size="320x180"):
+    """An H.264 stream, as x264 makes it with these parameters."""
+    with tempfile.NamedTemporaryFile(suffix=".h264") as stream:
+        judge.run("ffmpeg", "-v", "error", "-y", "-f", "lavfi", "-i", f"testsrc2=size={size}:rate={rate}:d={seconds}",
+                  "-pix_fmt", "yuv420p", "-c:v", "libx264", "-threads", 1, "-bf", 0, *options, "-x264-params",
+                  f"scenecut=0:{parameters}", "-f", "h264", stream.name)
+        shown = json.loads(judge.run("ffprobe", "-v", "error", "-show_entries", "packet=pos,size,flags", "-of", "json",
+                                     stream.name))["packets"]
+        data = pathlib.Path(stream.name).read_bytes()
+    frames = [judge.Unit(data[int(p["pos"]):int(p["pos"]) + int(p["size"])], i * SECOND // rate, "K" in p["flags"])
+              for i, p in enumerate(shown)]
+    assert b"".join(f.data for f in frames) == data
+    return Source("h264", "h264", int(size.split("x")[0]), frames)
+
+
+def retimed(source, times):
+    """As many frames as there are times: the stream again and again."""
+    return source._replace(frames=[source.frames[i % len(source.frames)]._replace(time_ns=int(t))
+                                   for i, t in enumerate(times)])
+
+
+def paced(source, rate, count, begin=0):
+    return retimed(source, (begin + i * SECOND / rate for i in range(count)))
+
+
+def cut_short(source, lengths):
+    """Groups of pictures of these lengths: nothing refers to what is left out."""
+    groups, step = [], source.frames[1].time_ns
+    for unit in source.frames:
+        if unit.key:
+            groups.append([])
+        groups[-1].append(unit)
+    frames = [f for i, n in enumerate(lengths) for f in groups[i % len(groups)][:n]]
+    return source._replace(frames=[f._replace(time_ns=i * step) for i, f in enumerate(frames)])
+
+
+def until(source, time):
+    return source._replace(frames=[f for f in source.frames if f.time_ns < time])
+
+
+def nal_units(data):
+    return [unit.rstrip(b"\0") for unit in data.split(b"\0\0\1")[1:]]
+
+
+def sample(source, data):
+    """A frame as a file has it: each NAL unit after its length; sound without its header of 7 bytes."""
+    if source.codec == "aac":
+        return data[7:]
+    return b"".join(len(unit).to_bytes(4, "big") + unit for unit in nal_units(data))
+
+
+# ---- Readers
+
+
+def read(path):
+    """A file as ffprobe reads it without a warning."""
+    shown = json.loads(judge.run("ffprobe", "-v", "warning", "-show_entries",
+                                 "packet=stream_index,pts,size,pos,flags:format=duration:"
+                                 "stream=codec_name,width,sample_rate,time_base", "-of", "json", path))
+    data, tracks, keys = path.read_bytes(), {}, []
+    for stream in shown["streams"]:
+        keys.append((stream["codec_name"], int(stream.get("width") or stream["sample_rate"])))
+        tracks[keys[-1]] = []
+    units = [int(stream["time_base"].split("/")[1]) for stream in shown["streams"]]
+    for p in shown["packets"]:
+        at, size, index = int(p["pos"]), int(p["size"]), p["stream_index"]
+        tracks[keys[index]].append(
+            Stored(data[at:at + size], p["pts"] * SECOND / units[index], "K" in p["flags"]))
+    return File(path, round(float(shown["format"]["duration"]) * 1000), tracks)
+
+
+def concatenated(paths, directory):
+    """Times of the packets of all files, as one recording, in seconds: those of each stream."""
+    listing = directory / "all.txt"
+    listing.write_text("".join(f"file '{path}'\n" for path in paths))
+    lines = judge.run("ffprobe", "-v", "warning", "-f", "concat", "-safe", 0, "-show_entries",
+                      "packet=stream_index,pts_time", "-of", "csv=p=0", listing).split()
+    times = collections.defaultdict(list)
+    for line in lines:
+        index, time = line.split(",")[:2]
+        times[int(index)].append(float(time))
+    return times
+
+
+def decoded(paths, stream, options=()):
+    """The checksums of all frames, each file decoded alone, without a warning."""
+    with tempfile.TemporaryDirectory(dir=judge.MEMORY) as directory:
+        inputs, outputs, sums = [], [], []
+        for i, path in enumerate(paths):
+            inputs += ["-i", path]
+            outputs += ["-map", f"{i}:{stream}", "-fps_mode", "passthrough", *options, "-f", "framemd5", f"{directory}/{i}"]
+        judge.run("ffmpeg", "-v", "warning", "-xerror", "-threads", 1, *inputs, *outputs)
+        for i in range(len(paths)):
+            lines = pathlib.Path(directory, str(i)).read_text().splitlines()
+            sums += [line.split(",")[-1].strip() for line in lines if not line.startswith("#")]
+    return sums
+
+
+def decoded_source(source, stream):
+    with tempfile.NamedTemporaryFile(suffix={"hevc": ".h265", "h264": ".h264", "aac": ".aac"}[source.codec]) as file:
+        file.write(b"".join(f.data for f in source.frames))
+        file.flush()
+        return decoded([file.name], stream)
+
+
+def traced(path):
+    """Every NAL unit, field by field, as ffmpeg's parser of headers finds them in the packets."""
+    done = subprocess.run(["ffmpeg", "-hide_banner", "-i", path, "-map", "0:v:0", "-c", "copy", "-bsf:v", "trace_headers",
+                           "-f", "null", "-"], capture_output=True, text=True, check=True, timeout=judge.PATIENCE)
+    lines = [line.partition("] ")[2] for line in done.stderr.splitlines() if line.startswith("[trace_headers")]
+    first = next(i for i, line in enumerate(lines) if line.startswith("Packet:"))
+    return [line for line in lines[first:] if not line.startswith("Packet:")]
+
+
+# ---- Recordings
+
+
+class Recording:
+    """What a driver has made of a plan: its files, events and counts."""
+
+    def __init__(self, directory, tracks, steps, under=(), **options):
+        self.directory = pathlib.Path(directory, "card")
+        self.directory.mkdir(exist_ok=True)
+        places, lines, media = {}, [], []
+        size = 0
+        for step in steps:
+            if not isinstance(step, str):
+                track, data, time, flags = step
+                if data not in places:
+                    places[data] = size
+                    media.append(data)
+                    size += len(data)
+                step = f"{track} {places[data]} {len(data)} {time} {flags}"
+            lines.append(step)
+        pathlib.Path(directory, "media").write_bytes(b"".join(media))
+        pathlib.Path(directory, "plan").write_text("\n".join(lines))
+        done = subprocess.run([*under, GIVEN.drive, self.directory, f"{directory}/media", f"{directory}/plan", *tracks,
+                               *(f"{name}={value}" for name, value in options.items())],
+                              check=False, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True,
+                              timeout=judge.PATIENCE)
+        self.status = done.returncode
+        self.said = [json.loads(line) for line in done.stderr.splitlines()]
+        self.looks = [line for line in self.said if "look" in line]
+        self.end = self.looks[-1] if self.looks else None
+        self.not_taken = [line for line in self.said if "not_taken" in line]
+        self.paths = sorted(self.directory.glob("*.mp4"))
+
+    def events(self, kind):
+        return [line for line in self.said if line.get("event") == kind]
+
+    @functools.cached_property
+    def files(self):
+        return [read(path) for path in self.paths]
+
+    def begins(self):
+        """Capture times, whole milliseconds."""
+        return [(e["from"] + MILLISECOND // 2) // MILLISECOND * MILLISECOND for e in self.events(BEGUN)]
+
+
+def frames_of(sources, steps=()):
+    """In the order of their times, with other steps at theirs."""
+    all_frames = [[(f.time_ns, i, f.data) for f in source.frames] for i, source in enumerate(sources)]
+    for time, i, data in heapq.merge(*all_frames, [(t, -1, s) for t, s in steps], key=lambda f: f[0]):
+        yield (i, data, time, 0) if i >= 0 else data
+
+
+class RecorderTest(judge.Test):
+    def record(self, sources, steps=(), **options):
+        directory = tempfile.mkdtemp(dir=self.directory)
+        tracks = [s.track for s in sources]
+        made = Recording(directory, tracks, frames_of(sources, steps), **options)
+        self.assertEqual(made.status, 0)
+        return made
+
+    def check_samples(self, made, source, first=0):
+        """All of the source's frames from the first on, each once, in their order."""
+        stored = [s.data for f in made.files for s in f.tracks.get((source.codec, source.measure), [])]
+        expected = [sample(source, f.data) for f in source.frames[first:]]
+        self.assertEqual(len(stored), len(expected))
+        different = [i for i, (a, b) in enumerate(zip(stored, expected)) if a != b]
+        self.assertEqual(different, [])
+
+    def check_times(self, made, source, frames=None):
+        """Each sample but the second of a file begins when it was captured; one at the seam may wait for it."""
+        expected, wrong = iter(frames or source.frames), []
+        for begin, file in zip(made.begins(), made.files, strict=True):
+            for i, stored in enumerate(file.tracks.get((source.codec, source.measure), [])):
+                late = (begin + stored.time - next(expected).time_ns) / MILLISECOND
+                if i != 1 and not -1 <= late <= (2 if i == 0 else 1):
+                    wrong.append((file.path.name, i, late))
+        self.assertEqual(wrong, [])
+
+    def check_durations(self, made, begin, end):
+        """Each within a millisecond, all together exact, of what leads the recording."""
+        ends = [*made.begins()[1:], end]
+        for file, a, b in zip(made.files, made.begins(), ends, strict=True):
+            self.assertLessEqual(abs(file.duration * MILLISECOND - (b - a)), MILLISECOND)
+        whole = [(t + MILLISECOND // 2) // MILLISECOND for t in (begin, end)]
+        self.assertEqual(sum(f.duration for f in made.files), whole[1] - whole[0])
+
+    def check_played(self, made, source, stream):
+        """Every file begins with a key frame and plays alone."""
+        for file in made.files:
+            track = file.tracks[source.codec, source.measure]
+            self.assertTrue(track[0].key, file.path)
+        self.assertEqual(decoded(made.paths, stream), decoded_source(source, stream))
+
+    # ---- Nothing is lost at a seam
+
+    def test_every_stream_in_files_of_a_group(self):
+        for stream in sorted(GIVEN.media.glob("*.h26[45]")):
+            source = video(stream.stem)
+            with self.subTest(stream=stream.name):
+                if judge.streams(stream)[0]["has_b_frames"]:
+                    continue  # reordered pictures would play wrongly
+                audio = until(sound(), source.frames[-1].time_ns)
+                made = self.record([source, audio], segment_ns=1)
+                self.assertEqual(len(made.files), sum(f.key for f in source.frames))
+                self.check_samples(made, source)
+                self.check_samples(made, audio)
+                self.check_played(made, source, "v:0")
+                for each in source, audio:
+                    self.check_times(made, each)
+
+    def test_seams(self):
+        """Sixty files of odd lengths; cameras with groups of other lengths; sound alone; no key frame but the first."""
+        odd = random.Random(7)
+        ntsc, slow = encoded("keyint=30", rate=30, seconds=1), encoded("keyint=175", seconds=14)
+        base = video("h264_base")
+        lengths = [odd.randrange(3, 25) for _ in range(60)]
+        film = cut_short(base, lengths)
+        film = retimed(film, (5_000_300_000 + i * SECOND * 1001 / 30000 for i in range(len(film.frames))))
+        long_sound = retimed(sound(), (5_000_000_000 + i * 1024 * SECOND / 48000 for i in range(2300)))
+        long_sound = until(long_sound, film.frames[-1].time_ns)
+        refresh = encoded("intra-refresh=1:keyint=20", seconds=4)
+        cases = (
+            ("sixty odd lengths", [film, long_sound], {"segment_ns": 1}, 60, range(60)),
+            ("odd lengths of sound", [paced(sound(), 48000 / 1024, 2300)], {"segment_ns": 777_777_777}, 64, range(60)),
+            ("two cameras", [paced(base, 25, 350), slow, paced(sound(), 48000 / 1024, 600)],
+             {"segment_ns": 2 * SECOND}, 7, ()),
+            ("intra refresh", [refresh], {"segment_ns": SECOND, "flags": ANY_START}, 3, range(4)),
+        )
+        for what, sources, options, count, ordered in cases:
+            with self.subTest(what):
+                made = self.record(sources, **options)
+                self.assertEqual((len(made.files), made.end["dropped"], made.end["refused"]), (count, 0, 0))
+                for i, source in enumerate(sources):
+                    self.check_samples(made, source)
+                    self.check_times(made, source)
+                if ordered:
+                    last, before = sources[0].frames[-1].time_ns, sources[0].frames[-2].time_ns
+                    self.check_durations(made, sources[0].frames[0].time_ns, 2 * last - before)
+                    self.check_concatenated(made, sources)
+                if what == "intra refresh":
+                    judge.run("ffmpeg", "-v", "error", "-i", made.paths[1], "-f", "null", "-")
+                    continue
+                for i, source in enumerate(sources):
+                    if source.codec != "aac":
+                        self.check_played(made, source, f"v:{i}")
+
+    def check_concatenated(self, made, sources):
+        """No gap above two frames at a seam and one elsewhere, and no drift."""
+        times = concatenated(made.paths, self.directory)
+        for i, source in enumerate(sources):
+            first_times = [f.time_ns / SECOND for f in source.frames]
+            usual = max(b - a for a, b in zip(first_times, first_times[1:]))
+            seams, at = set(), 0
+            for file in made.files:
+                seams.update((at, at + 1, at + 2))
+                at += len(file.tracks[source.codec, source.measure])
+            self.assertEqual(len(times[i]), len(first_times))
+            for n, (a, b) in enumerate(zip(times[i], times[i][1:]), 1):
+                self.assertLessEqual(b - a, (2 if n in seams else 1) * usual + 0.0015, (i, n))
+            drift = times[i][-1] - times[i][0] - (first_times[-1] - first_times[0])
+            self.assertLess(abs(drift), 0.0015)
+
+    # ---- Times
+
+    def test_picture_and_sound(self):
+        """At every rate samples begin when they were captured; an hour's pause ends a file, unless no gap is too long."""
+        small, odd = encoded("keyint=5", seconds=1, size="64x64"), random.Random(3)
+        varied = list(itertools.accumulate(odd.randrange(5, 900) * MILLISECOND + odd.randrange(MILLISECOND)
+                                           for _ in range(130)))
+        varied.insert(0, 0)
+        steady = [(f"{rate:.2f} a second", [i * SECOND / rate for i in range(int(30 * rate))], 0,
+                   {"segment_ns": 7 * SECOND}, 3 if rate == 1 else 5) for rate in (1, 5, 25, 30000 / 1001, 60)]
+        few, hour = [i * SECOND / 25 for i in range(100)], 3600 * SECOND
+        cases = [*steady, ("a variable rate", varied, 0, {"segment_ns": 9 * SECOND}, 7),
+                 ("an hour's pause", few, hour, {}, 2), ("an hour's pause in a file", few, hour, {"longest_gap_ns": -1}, 1)]
+        beats = [n * 1024 * SECOND / 48000 for n in range(3000)]
+        for what, times, pause, options, count in cases:
+            with self.subTest(what):
+                begin = 86_400 * SECOND + 123_456_789
+                shifted = [[begin + t + pause * (t >= 55 * SECOND / 25) for t in each if t <= times[-1]]
+                           for each in (times, beats)]
+                film, beep = retimed(small, shifted[0]), retimed(sound(), shifted[1])
+                made = self.record([film, beep], **options)
+                self.assertEqual((len(made.files), len(made.events(CLOCK))), (count, 2 if pause and count == 2 else 0))
+                for source in film, beep:
+                    self.check_samples(made, source)
+                    self.check_times(made, source)
+                if not made.events(CLOCK):
+                    self.check_durations(made, film.frames[0].time_ns, 2 * film.frames[-1].time_ns - film.frames[-2].time_ns)
+
+
+    # ---- Units
+
+    def test_units(self):
+        """Each NAL unit has a length of its own, however frames are cut; in a file that was repaired, too."""
+        filler = ("-b:v", "1M", "-maxrate", "1M", "-bufsize", "1M")
+        long_sei = b"\0\0\0\1\x06\x05" + b"\xff" * 11 + b"\xc3" + b"\x55" * 3000 + b"\x80"
+        plain = encoded("keyint=10:aud=1")
+        cases = {
+            "four slices": encoded("keyint=10:slices=4"),
+            "80 slices": encoded("keyint=10:slice-max-mbs=3", seconds=1),
+            "MBAFF": encoded("keyint=10:tff=1", "-flags", "+ildct+ilme"),
+            "intra refresh": encoded("intra-refresh=1:keyint=20"),
+            "filler": encoded("keyint=10:nal-hrd=cbr", *filler),
+            "delimiters": plain,
+            "long SEI": plain._replace(frames=[f._replace(data=f.data[:6] + long_sei + f.data[6:]) for f in plain.frames]),
+            "H.265": video("h265_aud_sei"),
+        }
+        for what, source in cases.items():
+            for in_parts in (False, True):
+                with self.subTest(what, in_parts=in_parts):
+                    frames = [(0, part, f.time_ns, 0) for f in source.frames
+                              for part in (re.split(b"(?=\0\0\0\1|(?<!\0)\0\0\1)", f.data)[1:] if in_parts else [f.data])]
+                    half = len(frames) // 2
+                    directory = tempfile.mkdtemp(dir=self.directory)
+                    killed = Recording(directory, [source.track], [*frames[:half], "safe 0 10", "kill"], sync_ns=MILLISECOND)
+                    self.assertEqual(killed.status, -9)
+                    made = Recording(directory, [source.track], frames)
+                    self.assertEqual([e["path"] for e in made.events(RECOVERED)], ["00000001.mp4"])
+                    repaired, finished = made.files
+                    stored = [f.data for f in finished.tracks[source.codec, source.measure]]
+                    self.assertEqual(stored, [sample(source, f.data) for f in source.frames])
+                    kept = [f.data for f in repaired.tracks[source.codec, source.measure]]
+                    self.assertGreaterEqual(len(kept), 10)
+                    self.assertEqual(kept, stored[:len(kept)])
+                    for file, count in (finished, len(stored)), (repaired, len(kept)):
+                        stream = self.directory / ("source." + source.track)
+                        stream.write_bytes(b"".join(f.data for f in source.frames[:count]))
+                        self.assertEqual(traced(file.path), traced(stream))
+
+    # ---- The clock
+
+    def test_clock(self):
+        """A step begins a file at the next key frame, or is joined on; times within the files are as if there was none."""
+        film, beep = video("h264_base"), sound()
+        beep = until(beep, 4 * SECOND)
+        cases = {"a second back": -SECOND, "100 seconds back": -100 * SECOND, "54 years on": 54 * 365 * 86400 * SECOND,
+                 "from zero again": None, "11 seconds on": 11 * SECOND}
+        begin = 90_000 * SECOND + 250_000
+        for (what, step), lead, flags in itertools.product(cases.items(), (-60, 0, 60), (0, JOIN_STEPS)):
+            with self.subTest(what, lead=lead, flags=flags):
+                at = 2500 * MILLISECOND  # in the middle of a group, and of sound
+                steps = []
+                for track, source, delay in (0, film, 0), (1, beep, lead * MILLISECOND):
+                    for f in source.frames:
+                        new = f.time_ns >= at + delay
+                        time = begin + f.time_ns + (0 if not new else step if step is not None else -begin - at)
+                        steps.append((f.time_ns, (track, f.data, time, 0)))
+                steps.sort(key=lambda s: s[0])
+                made = Recording(tempfile.mkdtemp(dir=self.directory), [film.track, beep.track], [s[1] for s in steps],
+                                 flags=flags)
+                self.assertEqual((made.status, len(made.files), made.end["dropped"], made.end["refused"]),
+                                 (0, 1 if flags else 2, 0, 0))
+                self.assertEqual(len(made.events(CLOCK)), 2)
+                self.assertLess(abs(sum(f.duration for f in made.files) - 4000), 50)
+                for source in film, beep:
+                    self.check_samples(made, source)
+                    expected, wrong = iter(source.frames), []
+                    for seam, file in zip((0, 3 * SECOND), made.files):
+                        for i, stored in enumerate(file.tracks[source.codec, source.measure]):
+                            late = (seam + stored.time - next(expected).time_ns) / MILLISECOND
+                            if i != 1 and abs(late) > 2:
+                                wrong.append((source.codec, file.path.name, i, late))
+                    self.assertEqual(wrong, [])
+
+
+if __name__ == "__main__":
+    unittest.main()
