@@ -460,6 +460,10 @@ TEST_F(Plan, LeavesAWholeFileAlone)
     const auto at = size_t(set.data() - r.journal.data());
     const bytes before = with(first(r.journal, r.journal.size() / 2), at + 5, hex("A5A5"));
     EXPECT_EQ("finished", outcome_of(plan_of(r.closed, &before)));
+    /* A journal of the same samples in a track of another type. */
+    const recorded &sound = recordings()[3];
+    const bytes foreign = with(sound.journal, 4, hex("01010000"));
+    EXPECT_EQ(MEDIAFILES_JOURNAL_KEPT, plan_of(sound.closed, &foreign).info.journal);
 }
 
 /* The size of mdat is missing alone. */
@@ -543,7 +547,8 @@ TEST_F(Plan, IsTheSameAfterEachStepOfApplyingIt)
                 const planned again = plan_of(state, &journal, options);
                 EXPECT_EQ("repaired", outcome_of(again)) << r.name << state.size() << text_of(again);
                 EXPECT_EQ(due.file, again.file) << r.name << " " << state.size() << " of " << size;
-                EXPECT_EQ(due.info.journal_end, again.info.journal_end);
+                EXPECT_EQ(std::tuple(due.info.journal_end, due.info.cut, due.info.added),
+                          std::tuple(again.info.journal_end, again.info.cut, again.info.added));
             }
             const bytes kept = journal_during(due, r, media, options, true);
             const planned after = plan_of(due.file, &kept, options);
@@ -646,6 +651,12 @@ struct reading {
     {
     }
     int next(mediafiles_journal_record &record) const { return mediafiles_journal_next(journal.get(), &record); }
+    mediafiles_journal_summary to_its_end() const
+    {
+        mediafiles_journal_record record = {};
+        for (record.size = sizeof record; next(record);) {}
+        return summary();
+    }
     mediafiles_journal_summary summary(uint32_t size = sizeof(mediafiles_journal_summary)) const
     {
         mediafiles_journal_summary all = {};
@@ -693,14 +704,13 @@ TEST_F(Plan, SummarisesHowAJournalEnds)
         {"torn", with(first(r.journal, 40), 40, hex("FF00FFFF")), MEDIAFILES_JOURNAL_TORN, 40, true},
         {"zeros in a record that is no sample", joined({first(r.journal, 20), hex("00000400 01000000 00*99")}),
          MEDIAFILES_JOURNAL_TORN, 20, false},
+        {"zeros after sound without a key flag",
+         joined({records("aac m0:32,9,1,500000000,0 m0:41,9,2,500000000,0"), bytes(512)}), MEDIAFILES_JOURNAL_TORN, 76,
+         false},
         {"damaged", with(r.marked, r.rounds[1], hex("FF00FFFF")), MEDIAFILES_JOURNAL_DAMAGED, r.rounds[1], true},
     };
     for (const auto &[what, stored, ending, end, invalid] : cases) {
-        const reading journal(stored);
-        mediafiles_journal_record record = {};
-        record.size = sizeof record;
-        while (journal.next(record)) {}
-        const mediafiles_journal_summary summary = journal.summary();
+        const mediafiles_journal_summary summary = reading(stored).to_its_end();
         EXPECT_EQ(std::tuple(ending, end, stored.size() - end), std::tuple(summary.ending, summary.end, summary.lost))
             << what;
         EXPECT_EQ(invalid, summary.damage != nullptr) << what;
@@ -709,6 +719,25 @@ TEST_F(Plan, SummarisesHowAJournalEnds)
     const reading unreadable(r.marked, {0, UINT64_MAX});
     EXPECT_FALSE(unreadable.journal);
     EXPECT_EQ(EIO, errno);
+}
+
+/** A mark with four bytes more, which is none. */
+bytes longer(const bytes &mark)
+{
+    return joined({with(mark, 2, {uint8_t(mark[2] + 4)}), bytes(4, '.')});
+}
+
+TEST_F(Plan, TakesForAMarkWhatIsAsLongAsOne)
+{
+    const recorded &r = recordings()[0];
+    const size_t rounds = r.rounds.size() - 1;
+    bytes completed(mediafiles::recovery::repair_mark_size);
+    mediafiles::recovery::write_mark({uint32_t(r.open.size()), false, true}, completed.data());
+    const bytes round = mark_of(uint32_t(rounds + 1), r.open.size(), {}), no_round = joined({r.marked, longer(round)}),
+                one_more = joined({r.marked, round}), no_repair = joined({r.marked, longer(completed)});
+    EXPECT_EQ(rounds + 1, reading(one_more).to_its_end().rounds);
+    EXPECT_EQ(rounds, reading(no_round).to_its_end().rounds);
+    EXPECT_EQ(MEDIAFILES_JOURNAL_REMOVED, plan_of(r.closed, &no_repair).info.journal);
 }
 
 TEST_F(Plan, RecognisesAJournalByItsFirstTrack)
