@@ -376,58 +376,66 @@ TEST(FaultSweep, Recording)
     }
 }
 
-/** Lists with more entries than there is room for on the stack, and tables that begin late. */
-TEST(FaultSweep, LongLists)
+/** More entries than there is room for on the stack. */
+const bytes long_data(700000, 0xA5);
+const std::vector<iovec> entries(200, iovec{const_cast<uint8_t *>(long_data.data()), 8});
+const mp4_gather_list long_list = {entries.data(), 200, 0, 1600};
+
+/** A scenario that gives an error and whether all is as that error says. */
+template <class Scenario>
+void sweep_memory(const std::string &what, const Scenario &scenario)
 {
-    const bytes data(700000, 0xA5);
-    const std::vector<iovec> entries(200, iovec{const_cast<uint8_t *>(data.data()), 8});
-    const mp4_gather_list list = {entries.data(), 200, 0, 1600};
+    const auto judged = [&scenario](faults::injection &injection) {
+        const auto [error, right] = scenario(injection);
+        return right && error == injection.cause ? "" : " " + text(error);
+    };
+    sweep(what, judged, 0, memory);
+}
+
+TEST(FaultSweep, LongListsToAFile)
+{
     for (const uint32_t cache : {0u, 64u})
-        sweep(
-            "a file stream, cache " + text(cache),
-            [&](faults::injection &injection) -> std::string {
-                const descriptor file;
-                const stream_ptr stream(mp4_file_stream_create(file, cache));
-                if (!stream) return errno == ENOMEM ? "" : " not reported";
-                stream->write(stream.get(), data.data(), 3);
-                injection.cause = errno = 0;
-                const int error = error_of(stream->writev(stream.get(), &list));
-                const uint32_t expected = error ? 3 : 1603;
-                stream->flush(stream.get());
-                const bool all = stream->tell(stream.get()) == expected && file_content(file).size() == expected;
-                return error == injection.cause && all ? "" : " " + text(error);
-            },
-            0, memory);
-    sweep(
-        "a memory stream",
-        [&](faults::injection &injection) -> std::string {
-            const stream_ptr stream(mp4_memory_stream_create());
-            fake_stream out;
-            const int error = !stream ? errno
-                              : error_of(stream->write(stream.get(), data.data(), uint32_t(data.size())))
-                                  ? ENOMEM
-                                  : error_of(stream->copy_to(stream.get(), &out));
-            return error == injection.cause && out.content.size() == (error ? 0 : data.size()) ? "" : " " + text(error);
-        },
-        0, memory);
-    sweep(
-        "a track",
-        [&](faults::injection &injection) -> std::string {
-            std::unique_ptr<mp4_track, destroy_by<mp4_track_destroy>> track(
-                mp4_track_create(1, MP4_MEDIA_AUDIO, 1000, 1000));
-            if (!track) return errno == ENOMEM ? "" : " not reported";
-            fake_stream out;
-            mp4_track_begin_record(track.get(), &out, nullptr, 0);
-            int error = 0;
-            for (int i = 0; i < 1100 && !error; i++)
-                error = error_of(mp4_track_add_sample(track.get(), data.data(), 1, 1, 1));
-            const size_t written = out.content.size(); // all but what is cached
-            if (!error && error_of(__mp4_track_add_sample(track.get(), &list, 1, 0))) error = errno;
-            if (error && injection.made[memory] && out.content.size() != written && out.content.size() != 2700)
-                return " a part";
-            return error == injection.cause ? "" : " " + text(error);
-        },
-        0, memory);
+        sweep_memory("cache " + text(cache), [&](faults::injection &injection) {
+            const descriptor file;
+            const stream_ptr stream(mp4_file_stream_create(file, cache));
+            if (!stream) return std::pair(errno, true);
+            stream->write(stream.get(), long_data.data(), 3);
+            injection.cause = errno = 0;
+            const int error = error_of(stream->writev(stream.get(), &long_list));
+            const uint32_t expected = error ? 3 : 1603;
+            stream->flush(stream.get());
+            return std::pair(error, stream->tell(stream.get()) == expected && file_size(file) == expected);
+        });
+}
+
+TEST(FaultSweep, LongListsToMemory)
+{
+    sweep_memory("a memory stream", [](faults::injection &) {
+        const stream_ptr stream(mp4_memory_stream_create());
+        if (!stream) return std::pair(errno, true);
+        fake_stream out;
+        int error = error_of(stream->write(stream.get(), long_data.data(), uint32_t(long_data.size()))) ? ENOMEM : 0;
+        if (!error) error = error_of(stream->copy_to(stream.get(), &out));
+        return std::pair(error, out.content.size() == (error ? 0 : long_data.size()));
+    });
+}
+
+TEST(FaultSweep, LongListsToATrack) // whose tables begin late
+{
+    sweep_memory("a track", [](faults::injection &injection) {
+        std::unique_ptr<mp4_track, destroy_by<mp4_track_destroy>> track(
+            mp4_track_create(1, MP4_MEDIA_AUDIO, 1000, 1000));
+        if (!track) return std::pair(errno, true);
+        fake_stream out;
+        mp4_track_begin_record(track.get(), &out, nullptr, 0);
+        int error = 0;
+        for (int i = 0; i < 1100 && !error; i++)
+            error = error_of(mp4_track_add_sample(track.get(), long_data.data(), 1, 1, 1));
+        const size_t written = out.content.size(); // all but what is cached
+        if (!error) error = error_of(__mp4_track_add_sample(track.get(), &long_list, 1, 0));
+        const bool part = out.content.size() != written && out.content.size() != 2700;
+        return std::pair(error, !(error && injection.made[memory] && part));
+    });
 }
 
 /** Repairs while something fails, `good` being what comes of it when nothing does. */

@@ -19,10 +19,15 @@ namespace {
 class ArrayStream : public testing::TestWithParam<uint32_t> {
 protected:
     const uint32_t size = GetParam();
+    const faults::injection memory;
     array_stream *const array = array_stream_create(size, 3);
     bytes model; // what the array holds
 
-    ~ArrayStream() override { array_stream_destroy(array); }
+    ~ArrayStream() override
+    {
+        array_stream_destroy(array);
+        EXPECT_EQ(0, memory.held);
+    }
     uint32_t seek(uint32_t offset, int whence) { return array_stream_seek(array, offset, whence); }
 
     /** Writes elements at the cursor, in as many grants as it takes. */
