@@ -1,9 +1,11 @@
 // In H.265, slices of most types are searched to their end: this is the hottest
-// loop of such a recording.
+// loop of such a recording. A recorder searches every frame of video.
 //
-// A start code begins with two zero bytes, which are rare in coded data. The
-// vector code skips blocks without such a pair. Where there is one, and at the
-// end, the portable code decides.
+// In a start code, 00 00 01, a zero at an even address is followed by 0 or 1.
+// The vector code skips blocks without such a pair. Bytes of different parts of
+// a block may make one up, in a few blocks of a hundred; these are examined
+// part by part. A part that has a pair, and both ends of the data, are left to
+// the portable code.
 
 #include "mediafiles/mp4/codec/start-code.h"
 
@@ -24,57 +26,94 @@ namespace {
 
 #if defined(SEARCH_SSE2) || defined(SEARCH_NEON)
 
-// Positions that are examined at once; a block of them reads one byte more.
-constexpr ptrdiff_t block = 64;
+constexpr ptrdiff_t part = 16; // bytes; their addresses are multiples of it
+constexpr ptrdiff_t block = 8 * part;
 
 #else
 
-// Without vectors all the data is one block, for the portable code.
-constexpr ptrdiff_t block = PTRDIFF_MAX;
+// Without vectors all the data is one part, for the portable code.
+constexpr ptrdiff_t part = PTRDIFF_MAX;
 
 #endif
 
 #if defined(SEARCH_SSE2)
 
-__m128i load(const uint8_t *from)
+using bytes = __m128i;
+
+bytes load(const uint8_t *at)
 {
-    return _mm_loadu_si128(reinterpret_cast<const __m128i *>(from));
+    return _mm_load_si128(reinterpret_cast<const __m128i *>(at));
 }
 
-// 0 where a byte and the next are 0.
-__m128i pairs(const uint8_t *from)
+bytes least(bytes a, bytes b)
 {
-    return _mm_or_si128(load(from), load(from + 1));
+    return _mm_min_epu8(a, b);
 }
 
-bool has_pair_of_zeros(const uint8_t *from)
+bool has_pair(bytes of)
 {
-    const __m128i least =
-        _mm_min_epu8(_mm_min_epu8(pairs(from), pairs(from + 16)), _mm_min_epu8(pairs(from + 32), pairs(from + 48)));
-    return _mm_movemask_epi8(_mm_cmpeq_epi8(least, _mm_setzero_si128())) != 0;
+    const __m128i rest = _mm_and_si128(of, _mm_set1_epi16(static_cast<int16_t>(0xFEFF)));
+    return _mm_movemask_epi8(_mm_cmpeq_epi16(rest, _mm_setzero_si128())) != 0;
 }
 
 #elif defined(SEARCH_NEON)
 
-// 0 where a byte and the next are 0.
-uint8x16_t pairs(const uint8_t *from)
+using bytes = uint8x16_t;
+
+bytes load(const uint8_t *at)
 {
-    return vorrq_u8(vld1q_u8(from), vld1q_u8(from + 1));
+    return vld1q_u8(at);
 }
 
-bool has_pair_of_zeros(const uint8_t *from)
+bytes least(bytes a, bytes b)
 {
-    const uint8x16_t least =
-        vminq_u8(vminq_u8(pairs(from), pairs(from + 16)), vminq_u8(pairs(from + 32), pairs(from + 48)));
-    const uint8x8_t half = vmin_u8(vget_low_u8(least), vget_high_u8(least));
-    return vget_lane_u64(vreinterpret_u64_u8(vceq_u8(half, vdup_n_u8(0))), 0) != 0;
+    return vminq_u8(a, b);
+}
+
+bool has_pair(bytes of)
+{
+    static const uint8_t zero_and_one[] = {0xFF, 0xFE, 0xFF, 0xFE, 0xFF, 0xFE, 0xFF, 0xFE};
+    const uint8x8_t rest = vand_u8(vmin_u8(vget_low_u8(of), vget_high_u8(of)), vld1_u8(zero_and_one));
+    return vget_lane_u64(vreinterpret_u64_u16(vceq_u16(vreinterpret_u16_u8(rest), vdup_n_u16(0))), 0) != 0;
+}
+
+#endif
+
+#if defined(SEARCH_SSE2) || defined(SEARCH_NEON)
+
+bytes least_of_four(const uint8_t *at)
+{
+    return least(least(load(at), load(at + part)), least(load(at + 2 * part), load(at + 3 * part)));
+}
+
+// The first part from `at` on that has a pair; or where less than a part is left.
+const uint8_t *skip_parts(const uint8_t *at, const uint8_t *last)
+{
+    for (;;) {
+        while (last - at >= block && !has_pair(least(least_of_four(at), least_of_four(at + 4 * part)))) at += block;
+        const uint8_t *const end = last - at > block ? at + block : last;
+        while (end - at >= part && !has_pair(load(at))) at += part;
+        if (end - at >= part || end == last) return at;
+    }
+}
+
+// Not the beginning of the data: the code of a pair may begin one byte before its part.
+const uint8_t *first_part(const uint8_t *data, const uint8_t *last)
+{
+    const uint8_t *const first = data + (part - static_cast<ptrdiff_t>(reinterpret_cast<uintptr_t>(data) % part));
+    return first < last ? first : last;
 }
 
 #else
 
-constexpr bool has_pair_of_zeros(const uint8_t *)
+const uint8_t *skip_parts(const uint8_t *at, const uint8_t *)
 {
-    return true;
+    return at;
+}
+
+const uint8_t *first_part(const uint8_t *, const uint8_t *last)
+{
+    return last;
 }
 
 #endif
@@ -107,15 +146,16 @@ start_code find_start_code(const uint8_t *data, uint32_t len)
         if (len > 3 && data[2] == 0 && data[3] == 1) return {0, 4};
     }
     const uint8_t *const last = data + (len - 2); // the first position that is too late
-    for (const uint8_t *at = data; at < last;) {
-        while (last - at >= block && !has_pair_of_zeros(at)) at += block;
-        const uint8_t *const end = last - at > block ? at + block : last;
-        at = search(at, end);
-        if (at >= end) continue;
-        const auto p = static_cast<uint32_t>(at - data); // not 0: position 0 was checked above
-        return at[-1] == 0 ? start_code{p - 1, 4} : start_code{p, 3};
+    const uint8_t *end = first_part(data, last);
+    const uint8_t *at = search(data, end);
+    while (at >= end) {
+        if (end == last) return {len - 2, 0};
+        const uint8_t *const begin = skip_parts(end, last);
+        end = last - begin > part ? begin + part : last;
+        at = search(begin - 1, end);
     }
-    return {len - 2, 0};
+    const auto p = static_cast<uint32_t>(at - data); // not 0: position 0 was checked above
+    return at[-1] == 0 ? start_code{p - 1, 4} : start_code{p, 3};
 }
 
 } // namespace mediafiles
