@@ -107,10 +107,13 @@ TEST(JournalWriter, KeepsTheFirstErrorUntilItIsReset)
 TEST(JournalWriter, EndsWithoutAHoleWhenMemoryEnds)
 {
     const std::string last = " m1:90,5,1 0/0";
-    const bytes good = records(filler(4096 - 28) + "m0:40,4,1 m0:44,5,2 m0:49,6,3" + last);
-    for (const std::string placed : {"c0:40,3", "w0:40,4 w0:44,5 w0:49,6"}) {
+    const std::string three = "m0:40,4,1 m0:44,5,2 m0:49,6,3";
+    const std::pair<std::string, std::string> cases[] = {
+        {"c0:40,3", three}, {"w0:40,4 w0:44,5 w0:49,6", three}, {"0/508", "0/508"}};
+    for (const auto &[placed, kept] : cases) {
+        const bytes good = records(filler(4096 - 28) + kept + last);
         bool hit = true;
-        for (long nth = 0; hit; nth++) { // the second sample makes the buffer grow
+        for (long nth = 0; hit; nth++) { // the second sample, or the large record, makes the buffer grow
             SCOPED_TRACE(nth);
             const journal_ptr journal(mediafile_caretaker_create());
             const faults::injection injection({.nth = nth, .error = ENOMEM});

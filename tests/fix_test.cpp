@@ -24,6 +24,8 @@ struct outcome {
     std::string printed;
 };
 
+std::vector<size_t> users; // lengths of the records that the last mp4_fix handed out; mp4_fix2 gets no callback
+
 /** What a summary is before a repair that leaves it as it is. */
 mp4_fix_info untouched()
 {
@@ -41,8 +43,11 @@ outcome repair(int version, const std::string &path, const std::string &journal,
         const without_stdin first;
         const faults::injection injection(plan);
         const auto fix = version == 1 ? mp4_fix : mp4_fix2;
+        const mp4_fix_callback hand_out =
+            version == 1 ? [](const memento *record) { users.push_back(record->length); } : mp4_fix_callback();
+        users.clear();
         errno = 0;
-        out.error = error_of(fix(path.empty() ? nullptr : path.c_str(), journal.c_str(), nullptr, &out.info));
+        out.error = error_of(fix(path.empty() ? nullptr : path.c_str(), journal.c_str(), hand_out, &out.info));
         EXPECT_EQ(0, injection.held);
         EXPECT_EQ(0, free_descriptor());
         fflush(stdout);
@@ -112,6 +117,7 @@ const struct row {
     // no video sample inside, and one: the file is left alone
     {2, 99, "avc aac m1:32,10,1 m1:42,10,2 m0:99,5,1", dropped},
     {2, 99, "0/1 3/4 " + two, dropped, {bad(0)}},
+    {2, 99, "avc m0:31,1,1 m0:32,10,2 m0:42,10,3", ""}, // before the media
     {2, 99, "avc aac 0/4 m1:32,10,1 m0:42,10,2 m0:99,5,3", single},
     {2, none, "avc m0:32,1,1", single},
     {2, 99, two + "3/4", last(0, 10, 1, 10, "2:500"), {bad(0), bad(EBADMSG), kept(EBADMSG)}},
@@ -131,6 +137,7 @@ TEST(Repair, PrintsAndLogsWhatItDoes)
             const model::result due = model::repair(model::read(content), size, r.version);
             const outcome out = repair(r.version, r.size == none ? "" : path_of(file), path_of(journal));
             EXPECT_EQ(due.error, out.error);
+            EXPECT_EQ(r.version == 1 ? due.users : std::vector<size_t>(), users);
             EXPECT_EQ(r.printed, out.printed);
             lines log = r.log;
             if (r.version == 2) log.insert(log.begin(), length(r.size));
