@@ -732,12 +732,14 @@ TEST_F(Plan, TakesForAMarkWhatIsAsLongAsOne)
     const recorded &r = recordings()[0];
     const size_t rounds = r.rounds.size() - 1;
     bytes completed(mediafiles::recovery::repair_mark_size);
-    mediafiles::recovery::write_mark({uint32_t(r.open.size()), false, true}, completed.data());
+    mediafiles::recovery::write_mark({UINT32_MAX, false, true}, completed.data());
     const bytes round = mark_of(uint32_t(rounds + 1), r.open.size(), {}), no_round = joined({r.marked, longer(round)}),
-                one_more = joined({r.marked, round}), no_repair = joined({r.marked, longer(completed)});
+                one_more = joined({r.marked, round}), no_repair = joined({r.marked, longer(completed)}),
+                repair = joined({r.marked, completed});
     EXPECT_EQ(rounds + 1, reading(one_more).to_its_end().rounds);
     EXPECT_EQ(rounds, reading(no_round).to_its_end().rounds);
     EXPECT_EQ(MEDIAFILES_JOURNAL_REMOVED, plan_of(r.closed, &no_repair).info.journal);
+    EXPECT_EQ(MEDIAFILES_JOURNAL_KEPT, plan_of(r.closed, &repair).info.journal);
 }
 
 TEST_F(Plan, RecognisesAJournalByItsFirstTrack)
