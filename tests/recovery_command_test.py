@@ -50,18 +50,6 @@ class Recovery(judge.Test):
     def setUpClass(cls):
         cls.av, cls.hevc = judge.record(GIVEN.tool, *AV), judge.record(GIVEN.tool, *HEVC)
 
-    def put(self, name, media, journal=None):
-        path = self.directory / name
-        path.parent.mkdir(parents=True, exist_ok=True)
-        for suffix, data in (("", media), (".journal", journal)):
-            if data is not None:
-                pathlib.Path(f"{path}{suffix}").write_bytes(data)
-        return path
-
-    def files(self, under="."):
-        root = self.directory / under
-        return {str(p.relative_to(root)): p.read_bytes() for p in root.rglob("*") if p.is_file()}
-
     def repair(self, *arguments, code=DONE, prefix=()):
         """The result for each file, by its path below the directory."""
         status, out, err = end(start(*prefix, GIVEN.tool, "repair", "--json", *arguments))
@@ -118,12 +106,6 @@ class Recovery(judge.Test):
         repair.terminate()
         self.assertEqual((end(repair)[0], self.files("output")), (FAILED, {"nothing": b""}))
         self.assertEqual(self.files(), {**before, "output/nothing": b""})
-
-    def test_a_medium_that_cannot_be_cut(self):
-        self.put("clip.mp4", self.av.open[:-9], self.av.journal)
-        status, out, err = end(start(GIVEN.tool, "repair", self.clip, calls=("ftruncate:error=EIO:when=1",)))
-        self.assertEqual((status, out, self.clip.read_bytes()), (FAILED, "", self.av.open[:-9]))
-        self.assertIn("clip.mp4: Input/output error; it can be repeated", err)
 
     def test_card(self):
         """Of many makers: every path of a shell's pattern counts; no name writes lines of its own."""

@@ -65,6 +65,18 @@ class Test(unittest.TestCase):
         self.addCleanup(shutil.rmtree, self.directory)
         self.clip, self.journal = self.directory / "clip.mp4", self.directory / "clip.mp4.journal"
 
+    def put(self, name, media, journal=None):
+        """The files of a recording in the directory; None: it is not there."""
+        path = self.directory / name
+        path.parent.mkdir(parents=True, exist_ok=True)
+        for file, data in ((path, media), (path.with_name(path.name + ".journal"), journal)):
+            file.unlink(missing_ok=True) if data is None else file.write_bytes(data)
+        return path
+
+    def files(self, under="."):
+        root = self.directory / under
+        return {str(p.relative_to(root)): p.read_bytes() for p in root.rglob("*") if p.is_file()}
+
     def check_track(self, source, stream, timescale):
         """The recorded track is the elementary stream, unit by unit."""
         self.assertEqual(packets(self.clip, stream), expected_packets(units(source), source.suffix[1:], timescale))
