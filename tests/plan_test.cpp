@@ -77,13 +77,12 @@ struct Plan : testing::Test {
 };
 
 /** What the core's repair makes of both files; empty when it refuses. */
-bytes fixed(const bytes &media, const bytes &journal, int version = 1)
+bytes fixed(const bytes &media, const bytes &journal)
 {
     const descriptor file, log;
     fill(file, media);
     fill(log, journal);
-    const auto fix = version == 1 ? mp4_fix : mp4_fix2;
-    return fix(path_of(file).c_str(), path_of(log).c_str(), nullptr, nullptr) == 0 ? file_content(file) : bytes();
+    return mp4_fix(path_of(file).c_str(), path_of(log).c_str(), nullptr, nullptr) == 0 ? file_content(file) : bytes();
 }
 
 /** How many samples of a recording the file holds, with the bytes that were recorded; -1 if it holds anything else. */
@@ -502,20 +501,6 @@ TEST_F(Plan, AsksBeforeItCutsOrAddsALot)
             EXPECT_EQ(option ? 0 : help, p.info.help);
         }
     }
-}
-
-TEST_F(Plan, LeavesOutTheLastFrameAsTheCoreDoes)
-{
-    size_t cases = 0;
-    for (const recorded &r : recordings())
-        for (size_t size = r.open.size(); size > 33; size -= std::min<size_t>(size - 32, r.open.size() / 40)) {
-            const bytes media = first(r.open, size);
-            const planned p = plan_of(media, &r.journal, MEDIAFILES_DROP_LAST_FRAME);
-            EXPECT_EQ(p.keeps() ? 0 : MEDIAFILES_REASON_NO_FRAME_LEFT, p.info.reason) << r.name << size << text_of(p);
-            EXPECT_EQ(p.keeps() ? fixed(media, r.journal, 2) : bytes(), p.file) << r.name << size;
-            cases += p.keeps();
-        }
-    EXPECT_LT(100u, cases);
 }
 
 /** The journal while a plan is applied, or when it was applied and the journal stays. */
