@@ -149,21 +149,6 @@ TEST(Limits, HoldForAJournalWithGaps)
     EXPECT_TRUE(repaired.sound()) << repaired.problems.front().text;
 }
 
-TEST(Limits, HoldForPositionsOfStreams)
-{
-    for (const uint32_t at : {0x7FFFFFFFu, 0x80000000u, 0xDFFFFFFFu, 0xFFFFFFFEu}) {
-        for (const uint32_t buffer : {0u, 512u}) {
-            const descriptor file;
-            for (mp4_stream *stream : {mp4_file_stream_create(file, buffer), mp4_null_stream_create()}) {
-                EXPECT_EQ(0, stream->seek(stream, at) | stream->write(stream, "x", 1) | stream->flush(stream));
-                EXPECT_EQ(at + 1, stream->tell(stream));
-                stream->destroy(stream);
-            }
-            EXPECT_EQ(uint64_t{at} + 1, file_size(file));
-        }
-    }
-}
-
 TEST(Limits, HoldForPositionsInTheJournal)
 {
     const journal_ptr journal(mediafile_caretaker_create());
