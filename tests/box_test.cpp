@@ -164,8 +164,9 @@ TEST(Descriptors, NestWithFourByteSizes)
 {
     const std::pair<uint32_t, std::string> cases[] = {{0, "80808000"},   {127, "8080807f"},   {128, "80808100"},
                                                       {200, "80808148"}, {16384, "80818000"}, {2097157, "8180800a"}};
-    mp4_descriptor *const root = mp4_descriptor_create(0xFF10, 0);
-    std::string expected = "000000108181836f";
+    mp4_descriptor *const root = mp4_descriptor_create(0xFF10, 1);
+    *static_cast<uint8_t *>(mp4_descriptor_buf(root)) = 0xA5;
+    std::string expected = "0000001081818370a5";
     for (const auto &[size, coded] : cases) {
         mp4_descriptor *const child = mp4_descriptor_create(0x0E, size);
         const bytes payload = random_bytes(size);
