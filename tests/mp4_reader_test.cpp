@@ -10,67 +10,48 @@
 
 #include <gtest/gtest.h>
 
+#include "support/hex.h"
+
 namespace {
 
-/* The file, as hex digits, 'text, *n for n zero bytes, and type( ) around what a box holds. */
-const std::string unity = " 00010000 *12 00010000 *12 40000000 ", video_size = unity + "02800000 01680000 ) ",
-                  dinf = " dinf( dref( *4 00000001 0000000C 75726C20 00000001 ) ) ",
-                  vide = " hdlr( *4 'mhlrvide *13 ) minf( vmhd( 00000001 *8 )" + dinf + "stbl( stsd( *4 00000001 ",
-                  picture = " *6 0001 *16 02800168 00480000 00480000 *4 0001 *32 0018FFFF ";
+/* The file, as hex() has it. */
+const std::string unity = " 00010000 00*12 00010000 00*12 40000000 ", video_size = unity + "02800000 01680000 ) ",
+                  dinf = " dinf( dref( 00*4 00000001 0000000C 75726C20 00000001 ) ) ",
+                  vide = " hdlr( 00*4 'mhlrvide' 00*13 ) minf( vmhd( 00000001 00*8 )" + dinf +
+                         "stbl( stsd( 00*4 00000001 ",
+                  picture = " 00*6 0001 00*16 02800168 00480000 00480000 00*4 0001 00*32 0018FFFF ";
 const std::string good =
-    "ftyp( 'mp42 *4 'mp42isom ) mdat( 00000005 6588840010 00000002 419A 2110 0460 2110 0461 "
+    "ftyp( 'mp42' 00*4 'mp42isom' ) mdat( 00000005 6588840010 00000002 419A 2110 0460 2110 0461 "
     "00000002 419B 00000002 2601 ) "
-    "moov( mvhd( *12 000003E8 00000050 00010000 0100 *10" +
+    "moov( mvhd( 00*12 000003E8 00000050 00010000 0100 00*10" +
     unity +
-    "*24 00000004 ) "
-    "iods( *4 1019 004FFFFF0F03FF 0E0400000001 0E0400000002 0E0400000003 ) "
-    "trak( tkhd( 00000007 *8 00000001 *4 00000050 *16" +
-    video_size + "mdia( mdhd( *12 00015F90 00001C20 15C70000 )" + vide + "avc1(" + picture +
+    "00*24 00000004 ) "
+    "iods( 00*4 1019 004FFFFF0F03FF 0E0400000001 0E0400000002 0E0400000003 ) "
+    "trak( tkhd( 00000007 00*8 00000001 00*4 00000050 00*16" +
+    video_size + "mdia( mdhd( 00*12 00015F90 00001C20 15C70000 )" + vide + "avc1(" + picture +
     "avcC( 01 42C01E FF E1 0004 6742C01E 01 0002 68CE ) ) ) "
-    "stts( *4 00000002 00000001 00000000 00000002 00000E10 ) stco( *4 00000002 00000020 00000037 ) "
-    "stss( *4 00000001 00000001 ) stsc( *4 00000002 00000001 00000002 00000001 00000002 00000001 00000001 ) "
-    "stsz( *4 00000000 00000003 00000009 00000006 00000006 ) ) ) ) ) "
-    "trak( tkhd( 00000007 *8 00000002 *4 00000029 *12 01000000" +
+    "stts( 00*4 00000002 00000001 00000000 00000002 00000E10 ) stco( 00*4 00000002 00000020 00000037 ) "
+    "stss( 00*4 00000001 00000001 ) stsc( 00*4 00000002 00000001 00000002 00000001 00000002 00000001 00000001 ) "
+    "stsz( 00*4 00000000 00000003 00000009 00000006 00000006 ) ) ) ) ) "
+    "trak( tkhd( 00000007 00*8 00000002 00*4 00000029 00*12 01000000" +
     unity +
-    "*8 ) "
-    "edts( elst( *4 00000002 00000014 FFFFFFFF 00010000 00000015 00000000 00010000 ) ) "
-    "mdia( mdhd( *12 0000BB80 000007C0 15C70000 ) hdlr( *4 'mhlrsoun *13 ) minf( smhd( *8 )" +
+    "00*8 ) "
+    "edts( elst( 00*4 00000002 00000014 FFFFFFFF 00010000 00000015 00000000 00010000 ) ) "
+    "mdia( mdhd( 00*12 0000BB80 000007C0 15C70000 ) hdlr( 00*4 'mhlrsoun' 00*13 ) minf( smhd( 00*8 )" +
     dinf +
-    "stbl( stsd( *4 00000001 mp4a( *6 0001 *8 0002 0010 *4 BB800000 "
-    "esds( *4 0319 0002 00 0411 40 15 003A98 0016E360 *4 0502 1190 0601 02 ) ) ) "
-    "stts( *4 00000002 00000001 00000000 00000001 00000400 ) stco( *4 00000001 0000002F ) "
-    "stsc( *4 00000001 00000001 00000002 00000001 ) stsz( *4 00000004 00000002 ) ) ) ) ) "
-    "trak( tkhd( 00000007 *8 00000003 *4 00000000 *16" +
-    video_size + "mdia( mdhd( *12 00015F90 00000000 15C70000 )" + vide + "hev1(" + picture +
-    "hvcC( 01 01 60000000 9000 *4 99 F000 FC FD F8 F8 0000 0F 01 A1 0001 0003 420101 ) ) ) "
-    "stts( *4 00000001 00000001 00000000 ) stco( *4 00000001 0000003D ) "
-    "stsc( *4 00000001 00000001 00000001 00000001 ) stsz( *4 00000006 00000001 ) ) ) ) ) )";
+    "stbl( stsd( 00*4 00000001 mp4a( 00*6 0001 00*8 0002 0010 00*4 BB800000 "
+    "esds( 00*4 0319 0002 00 0411 40 15 003A98 0016E360 00*4 0502 1190 0601 02 ) ) ) "
+    "stts( 00*4 00000002 00000001 00000000 00000001 00000400 ) stco( 00*4 00000001 0000002F ) "
+    "stsc( 00*4 00000001 00000001 00000002 00000001 ) stsz( 00*4 00000004 00000002 ) ) ) ) ) "
+    "trak( tkhd( 00000007 00*8 00000003 00*4 00000000 00*16" +
+    video_size + "mdia( mdhd( 00*12 00015F90 00000000 15C70000 )" + vide + "hev1(" + picture +
+    "hvcC( 01 01 60000000 9000 00*4 99 F000 FC FD F8 F8 0000 0F 01 A1 0001 0003 420101 ) ) ) "
+    "stts( 00*4 00000001 00000001 00000000 ) stco( 00*4 00000001 0000003D ) "
+    "stsc( 00*4 00000001 00000001 00000001 00000001 ) stsz( 00*4 00000006 00000001 ) ) ) ) ) )";
 
-std::string assemble(std::istream &in)
+bytes file_with(const std::string &what = "", const std::string &instead = "")
 {
-    std::string data, token;
-    while (in >> token && token != ")") {
-        if (token[0] == '\'')
-            data += token.substr(1);
-        else if (token[0] == '*')
-            data.append(std::stoul(token.substr(1)), '\0');
-        else if (token.back() == '(') {
-            const std::string body = assemble(in);
-            data += {'\0', '\0', char((body.size() + 8) >> 8), char(body.size() + 8)};
-            data += token.substr(0, 4) + body;
-        } else
-            for (size_t i = 0; i < token.size(); i += 2) data += char(std::stoi(token.substr(i, 2), nullptr, 16));
-    }
-    return data;
-}
-std::string file_with(const std::string &what = "", const std::string &instead = "")
-{
-    std::istringstream in(std::string(good).replace(good.find(what), what.size(), instead));
-    return assemble(in);
-}
-mp4::file read(const std::string &data)
-{
-    return mp4::read(std::vector<uint8_t>(data.begin(), data.end()));
+    return hex(std::string(good).replace(good.find(what), what.size(), instead));
 }
 std::string told(const mp4::file &f)
 {
@@ -80,12 +61,10 @@ std::string told(const mp4::file &f)
 }
 
 /** What comes of a byte that is inverted, box by box, in runs: x a fault, r a remark, . nothing. */
-std::string weights(const std::string &data, const std::vector<mp4::box> &boxes)
+std::string weights(const bytes &data, const std::vector<mp4::box> &boxes)
 {
     const auto weight = [&data](size_t at) {
-        std::string bad = data;
-        bad[at] = static_cast<char>(~bad[at]);
-        const mp4::file f = read(bad);
+        const mp4::file f = mp4::read(with(data, at, {static_cast<uint8_t>(~data[at])}));
         return !f.sound() ? 'x' : f.problems.empty() ? '.' : 'r';
     };
     std::string text;
@@ -104,8 +83,8 @@ std::string weights(const std::string &data, const std::vector<mp4::box> &boxes)
 TEST(Mp4Reader, ReadsAGoodFileFromMemoryAndFromDisk)
 {
     const std::string path = testing::TempDir() + "mp4_reader_test.mp4";
-    std::ofstream(path, std::ios::binary) << file_with();
-    for (const mp4::file &f : {read(file_with()), mp4::read(path)}) {
+    std::ranges::copy(file_with(), std::ostreambuf_iterator<char>(std::ofstream(path, std::ios::binary).rdbuf()));
+    for (const mp4::file &f : {mp4::read(file_with()), mp4::read(path)}) {
         EXPECT_EQ("", told(f));
         std::ostringstream samples;
         for (const mp4::track &t : f.tracks)
@@ -122,7 +101,8 @@ TEST(Mp4Reader, ReadsAGoodFileFromMemoryAndFromDisk)
 
 TEST(Mp4Reader, WeighsEveryByte)
 {
-    const std::string whole = file_with(), dinf_part = "dinf (dref 8x (url  4x ) ) stbl (stsd 8x (";
+    const bytes whole = file_with();
+    const std::string dinf_part = "dinf (dref 8x (url  4x ) ) stbl (stsd 8x (";
     const std::string tkhd = "trak (tkhd 4x 8. 20x 4. 2r 2x 44r ", video = "hdlr 25x minf (vmhd 4x 8. " + dinf_part,
                       entry = "24x 12r 4x 2r 1x 31. 2r 2x ";
     EXPECT_EQ("ftyp 16. mdat 4x 5. 4x 10. 4x 2. 4x 2. moov (mvhd 4x 8. 8x 6r 10x 36r 24x 4. iods 4x 1. 1x 8. 5x 1. 5x "
@@ -134,17 +114,17 @@ TEST(Mp4Reader, WeighsEveryByte)
                   "12x ) ) ) ) " +
                   tkhd + "mdia (mdhd 4x 12. 5x 1. 2x " + video + "hev1 " + entry +
                   "(hvcC 1x 12. 1x 1. 4x 2. 1r 7x 2. ) ) stts 16x stco 12x stsc 20x stsz 12x ) ) ) ) ) ",
-              weights(whole, read(whole).boxes));
+              weights(whole, mp4::read(whole).boxes));
 }
 
 const std::tuple<const char *, const char *, const char *> damages[] = {
     {"ftyp(", "free(", "the file holds no ftyp"},
     {"stsc(", "skip(", "stbl holds no stsc"},
-    {"mdat(", "00000000 'mdat", "mdat: the size is 0"},
-    {"mdat(", "00000007 'mdat", "the size is too small"},
-    {"stbl(", "0000FFFF 'stbl", "size 65535 leaves minf"},
+    {"mdat(", "00000000 'mdat'", "mdat: the size is 0"},
+    {"mdat(", "00000007 'mdat'", "the size is too small"},
+    {"stbl(", "0000FFFF 'stbl'", "size 65535 leaves minf"},
     {"iods(", "mvhd(", "moov holds a second mvhd"},
-    {"mvhd( *12", "mvhd( 02 *11", "version 2 is unknown"},
+    {"mvhd( 00*12", "mvhd( 02 00*11", "version 2 is unknown"},
     {"04 ) iods", "03 ) iods", "next_track_ID 3"},
     {"00000004 ) iods", ") iods", "mvhd ends before its last"},
     {"04 ) iods", "04 00 ) iods", "1 bytes after its last"},
@@ -160,21 +140,21 @@ const std::tuple<const char *, const char *, const char *> damages[] = {
      "sample description 0"},
     {"00000001 00000002 00000001 00000001 ) stsz", "00000002 00000002 00000001 00000001 ) stsz",
      "sample description 2"},
-    {"stts( *4 00000002", "stts( *4 FFFFFFFF", "stts claims 4294967295 entries, but has room for 2"},
-    {"stsc( *4 00000002 00000001", "stsc( *4 00000002 00000002", "stsc: chunk 2 cannot be followed by 2"},
-    {"stsc( *4 00000002 00000001 00000002", "stsc( *4 00000002 00000001 00000003", "stsc places 4 samples"},
-    {"stsz( *4 00000004 00000002", "stsz( *4 00000004 FFFFFFFF", "stsz has 4294967295"},
+    {"stts( 00*4 00000002", "stts( 00*4 FFFFFFFF", "stts claims 4294967295 entries, but has room for 2"},
+    {"stsc( 00*4 00000002 00000001", "stsc( 00*4 00000002 00000002", "stsc: chunk 2 cannot be followed by 2"},
+    {"stsc( 00*4 00000002 00000001 00000002", "stsc( 00*4 00000002 00000001 00000003", "stsc places 4 samples"},
+    {"stsz( 00*4 00000004 00000002", "stsz( 00*4 00000004 FFFFFFFF", "stsz has 4294967295"},
     /* All tables agree on more samples than there can be. */
-    {"00000001 00000000 ) stco( *4 00000001 0000003D ) stsc( *4 00000001 00000001 00000001 00000001 ) stsz( *4 "
+    {"00000001 00000000 ) stco( 00*4 00000001 0000003D ) stsc( 00*4 00000001 00000001 00000001 00000001 ) stsz( 00*4 "
      "00000006",
-     "0FFFFFFF 00000000 ) stco( *4 00000001 0000003D ) stsc( *4 00000001 00000001 0FFFFFFF 00000001 ) "
-     "stsz( *4 00000001 0FFFFFFF ) free(",
+     "0FFFFFFF 00000000 ) stco( 00*4 00000001 0000003D ) stsc( 00*4 00000001 00000001 0FFFFFFF 00000001 ) "
+     "stsz( 00*4 00000001 0FFFFFFF ) free(",
      "there can be no 268435455 samples"}};
 
 TEST(Mp4Reader, NamesEachDamage)
 {
     for (const auto &[what, instead, problem] : damages) {
-        const mp4::file f = read(file_with(what, instead));
+        const mp4::file f = mp4::read(file_with(what, instead));
         EXPECT_FALSE(f.sound()) << problem;
         EXPECT_NE(std::string::npos, told(f).find(problem)) << problem << " not among\n" << told(f);
     }
@@ -182,10 +162,10 @@ TEST(Mp4Reader, NamesEachDamage)
 
 TEST(Mp4Reader, SurvivesCutsAndTails)
 {
-    const std::string whole = file_with();
-    for (size_t n = 0; n < whole.size(); n++) EXPECT_FALSE(read(whole.substr(0, n)).sound()) << n;
-    for (const std::string &tail : {std::string(1, '\0'), std::string(8, '\0'), std::string("trailing")})
-        EXPECT_FALSE(read(whole + tail).sound());
+    const bytes whole = file_with();
+    for (size_t n = 0; n < whole.size(); n++) EXPECT_FALSE(mp4::read(first(whole, n)).sound()) << n;
+    for (const char *tail : {"00", "00*8", "'trailing'"})
+        EXPECT_FALSE(mp4::read(joined({whole, hex(tail)})).sound()) << tail;
 }
 
 } // namespace

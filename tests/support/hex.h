@@ -10,10 +10,14 @@
 
 using bytes = std::vector<uint8_t>;
 
-/** Hex digits; 'letters'; 00*4 for a byte four times; A0+4 for A0 A1 A2 A3, beginning again every 251 bytes. */
+/**
+ * Hex digits; 'letters'; 00*4 for a byte four times; A0+4 for A0 A1 A2 A3, beginning again every 251 bytes; type( ... )
+ * for a box with its size. A bracket too many is the end.
+ */
 inline bytes hex(const std::string &text)
 {
     bytes out;
+    std::vector<size_t> boxes; // where they begin
     for (size_t at = 0, used = 1; at < text.size(); at += used) {
         const char mark = text[at];
         if (used = 1; mark == '\'') {
@@ -23,6 +27,16 @@ inline bytes hex(const std::string &text)
             const size_t count = std::stoul(text.substr(at + 1), &used), first = out.back();
             for (size_t i = 1; i < count; i++) out.push_back(static_cast<uint8_t>(first + (mark == '*' ? 0 : i % 251)));
             if (used++ > 4) std::abort(); // digits that belong to what follows
+        } else if (at + 4 < text.size() && text[at + 4] == '(') {
+            boxes.push_back(out.size());
+            out.resize(out.size() + 4);
+            out.insert(out.end(), &text[at], &text[at + 4]);
+            used = 5;
+        } else if (mark == ')') {
+            if (boxes.empty()) break;
+            for (size_t i = 0, size = out.size() - boxes.back(); i < 4; i++)
+                out[boxes.back() + i] = static_cast<uint8_t>(size >> (24 - 8 * i));
+            boxes.pop_back();
         } else if (mark != ' ') {
             out.push_back(static_cast<uint8_t>(std::stoul(text.substr(at, 2), &used, 16)));
             if (used != 2) std::abort();
