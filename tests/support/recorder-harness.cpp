@@ -3,65 +3,11 @@
 #include <fstream>
 #include <sstream>
 
-#include <sys/statvfs.h>
-#include <sys/uio.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 namespace fs = std::filesystem;
-
-/* ---- A card that stalls and fails ---- */
-
-gate &syncs = *new gate, &writes = *new gate; // threads that a test abandons outlive it
-std::atomic<int> failing_sync = 0;
-std::atomic<int64_t> free_room = -1;
-
-void gate::pass()
-{
-    std::unique_lock guard(lock_);
-    ++waiting_;
-    moved_.notify_all();
-    moved_.wait(guard, [this] { return !closed_; });
-    --waiting_;
-}
-
-void gate::await_someone()
-{
-    std::unique_lock guard(lock_);
-    moved_.wait(guard, [this] { return waiting_ != 0; });
-}
-
-void gate::set(bool closed)
-{
-    const std::lock_guard guard(lock_);
-    closed_ = closed;
-    moved_.notify_all();
-}
-
-extern "C" {
-int __real_fdatasync(int file);
-ssize_t __real_writev(int file, const struct iovec *pieces, int count);
-int __real_fstatvfs64(int file, struct statvfs *room);
-
-int __wrap_fdatasync(int file)
-{
-    syncs.pass();
-    if ((errno = failing_sync.exchange(0)) != 0) return -1;
-    return __real_fdatasync(file);
-}
-ssize_t __wrap_writev(int file, const struct iovec *pieces, int count)
-{
-    writes.pass();
-    return __real_writev(file, pieces, count);
-}
-int __wrap_fstatvfs64(int file, struct statvfs *room)
-{
-    const int result = __real_fstatvfs64(file, room);
-    if (free_room >= 0) room->f_bavail = static_cast<fsblkcnt_t>(free_room / static_cast<int64_t>(room->f_frsize));
-    return result;
-}
-}
 
 card::card() : path_((access("/dev/shm", W_OK) == 0 ? "/dev/shm/" : testing::TempDir()) + "card-XXXXXX")
 {

@@ -1,41 +1,18 @@
 /** What tests of the recorder share: a card that stalls and fails, streams as an encoder delivers them, what was stored. */
 #pragma once
 
-#include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <filesystem>
 #include <map>
-#include <mutex>
 #include <thread>
 
 #include <mediafiles/recorder.h>
 
 #include "hex.h"
+#include "medium.h"
 #include "tools/reader/reader.h"
 
 constexpr int64_t second = 1'000'000'000, millisecond = 1'000'000;
-
-/* ---- A card that stalls and fails ---- */
-
-/** Calls wait here while it is closed. */
-class gate {
-public:
-    void close() { set(true); }
-    void open() { set(false); }
-    void pass();
-    void await_someone();
-
-private:
-    void set(bool closed);
-    std::mutex lock_;
-    std::condition_variable moved_;
-    bool closed_ = false;
-    int waiting_ = 0;
-};
-extern gate &syncs, &writes;
-extern std::atomic<int> failing_sync;  // errno of the next fdatasync
-extern std::atomic<int64_t> free_room; // bytes; -1: what there is
 
 /** A directory for a test. */
 class card {
