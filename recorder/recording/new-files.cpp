@@ -56,17 +56,29 @@ descriptor new_file(int directory, const std::string &name, uint32_t mode)
     return descriptor(number);
 }
 
+void remove_own(int directory, const std::string &name, const descriptor &file)
+{
+    if (file.is_open() && recovery::leads_to(directory, name.c_str(), file)) unlinkat(directory, name.c_str(), 0);
+}
+
+/*
+ * The journal first: one that a cut leaves alone is empty, and recovery removes it; media without a journal would stay.
+ * Before the lock a recovery may have found both files: what has their names then is not ours.
+ */
 new_files make_new(int directory, const std::string &name, uint32_t mode)
 {
+    const std::string journal = journal_of(name);
     new_files made;
-    made.media = new_file(directory, name, mode);
+    made.journal = new_file(directory, journal, mode);
     try {
-        /* Who has locked it or removed it meanwhile: what has this name now is not ours. */
+        made.media = new_file(directory, name, mode);
         if (flock(made.media, LOCK_EX | LOCK_NB) != 0) throw system_failure(errno == EWOULDBLOCK ? EBUSY : errno);
-        if (!recovery::leads_to(directory, name.c_str(), made.media)) throw system_failure(EBUSY);
-        made.journal = new_file(directory, journal_of(name), mode);
-    } catch (const obstacle &cause) {
-        if (cause.error != EBUSY) unlinkat(directory, name.c_str(), 0);
+        if (!recovery::leads_to(directory, name.c_str(), made.media) ||
+            !recovery::leads_to(directory, journal.c_str(), made.journal))
+            throw system_failure(EBUSY);
+    } catch (const obstacle &) {
+        remove_own(directory, name, made.media);
+        remove_own(directory, journal, made.journal);
         throw;
     }
     return made;

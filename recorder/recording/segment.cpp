@@ -197,13 +197,12 @@ int segment::append_journal()
 int segment::sync(round &made, spare_file &spare)
 {
     if (fdatasync(media_) != 0) return -1;
+    /* Before the journal names a sample: one that a cut leaves without its media is empty, and recovery removes it. */
+    if (!is_named_ && fsync(directory_) != 0 && errno != EINVAL) return -1;
+    is_named_ = true;
     unwritten_.insert(unwritten_.end(), made.records.begin(), made.records.end());
     if (append_journal() != 0 && !(is_want_of_room(errno) && spare.cut() && append_journal() == 0)) return -1;
-    if (fdatasync(journal_) != 0) return -1;
-    if (is_named_) return 0;
-    if (fsync(directory_) != 0 && errno != EINVAL) return -1;
-    is_named_ = true;
-    return 0;
+    return fdatasync(journal_);
 }
 
 int segment::finish(bool keep_journal)

@@ -6,6 +6,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace mediafiles::recorder {
 
@@ -274,7 +275,9 @@ bool syncer::complete(shared_file &file)
 /* Of files that another recorder or recovery uses nothing is said. */
 void syncer::recover_file(const std::string &name)
 {
-    const std::string path = shared_->options.directory + '/' + name;
+    std::string path = shared_->options.directory + '/' + name;
+    /* A journal whose media never was: it stands for it. */
+    if (faccessat(shared_->directory, name.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) != 0) path += ".journal";
     struct context {
         state &shared;
         const std::string &name;
