@@ -41,6 +41,14 @@ bool is_type(const char *type)
     return true;
 }
 
+// Whether a sector begins in the type before the body of a box, or just before it: a power cut may have left other bytes
+// of it than were written, those of another file even.
+bool may_be_torn(uint64_t body)
+{
+    constexpr uint32_t sector = 512;
+    return (body - 1) % sector < 4;
+}
+
 } // namespace
 
 bool track_places::begin_run()
@@ -167,7 +175,8 @@ bool movie_header::is_whole(const box &outer, bool &unknown)
         return outer.end - outer.begin >= known.fields &&
                for_each_box({outer.begin + known.fields, outer.end}, [&](const box &each) {
                    if (is_child(known, each.type)) return is_whole(each, unknown);
-                   return unknown = true;
+                   if (!may_be_torn(each.begin)) unknown = true;
+                   return true;
                });
     }
     return true;
