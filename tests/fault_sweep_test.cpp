@@ -75,20 +75,6 @@ struct tally : testing::Environment {
 };
 [[maybe_unused]] const auto *const registered = testing::AddGlobalTestEnvironment(new tally);
 
-/** The library's own lines of output go nowhere. */
-struct silence {
-    silence() { turn(nowhere); }
-    ~silence() { turn(terminal); }
-
-private:
-    static inline const int terminal = dup(1), nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    static void turn(int to)
-    {
-        fflush(stdout);
-        dup2(to, 1);
-    }
-};
-
 #ifdef __arm__
 constexpr long spread = 4; // of a sweep's steps after its first ones: emulation is slow
 #else

@@ -3,6 +3,8 @@
 
 #include <algorithm>
 #include <csignal>
+#include <cstdio>
+#include <fcntl.h>
 #include <span>
 #include <sys/mman.h>
 #include <sys/resource.h>
@@ -63,3 +65,17 @@ inline void limit_files(rlim_t size)
     limit.rlim_cur = size;
     if (setrlimit(RLIMIT_FSIZE, &limit) != 0) abort();
 }
+
+/** The library's own lines of output go nowhere. */
+struct silence {
+    silence() { turn(nowhere); }
+    ~silence() { turn(terminal); }
+
+private:
+    static inline const int terminal = dup(1), nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    static void turn(int to)
+    {
+        fflush(stdout);
+        dup2(to, 1);
+    }
+};

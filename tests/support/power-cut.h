@@ -18,6 +18,7 @@
 #include <fstream>
 #include <stdexcept>
 
+#include "damage.h"
 #include "descriptors.h"
 #include "faults.h"
 #include "places.h"
@@ -192,19 +193,6 @@ struct power_cut {
     bool spoilt;     // the journal holds zeros or junk
     std::string id = {};
 };
-
-/** A file, with damage to what is not durable in a run of units: lost, zero or junk. */
-inline bytes damaged(bytes now, const bytes &durable, size_t begin, size_t end, const std::string &way)
-{
-    const bool tail = way == "lost" && end >= now.size();
-    for (size_t at = begin; at < std::min(end, now.size()); at++)
-        if (const bool old = at < durable.size(); !old || now[at] != durable[at])
-            now[at] = way == "junk"          ? uint8_t((at + now.size()) * 2654435761u >> 13)
-                      : way == "lost" && old ? durable[at]
-                                             : uint8_t(0);
-    if (tail) now.resize(std::max(begin, durable.size()));
-    return now;
-}
 
 /** Offers every case of a recording, its ID and how to make it; media of at most 8 KB is cut at every byte. */
 template <class Offer>
