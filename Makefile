@@ -48,14 +48,16 @@ fuzz:
 	fuzz/run out/fuzz $(SECONDS_EACH)
 
 # Tests that take too long for every day: KILLS recorders are killed at random
-# moments, and as many recoveries of 200 pairs at random system calls; 500
-# finished files lie beside journals of every kind. SEED repeats what is random.
+# moments, and as many recoveries of 200 pairs at random system calls; the power
+# goes at 20,000 moments of recordings; 500 finished files lie beside journals of
+# every kind. SEED repeats what is random.
 soak:
 	scripts/install-packages build tools test
 	cmake --preset test
 	cmake --build out/test -j $(JOBS)
 	python3 tests/kill_test.py --tool out/test/tools/mediafiles --media testdata --count $(KILLS) $(SEED:%=--seed %)
 	RECOVERY_PAIRS=200 RECOVERY_KILLS=$(KILLS) out/test/tests/recovery_files_test --gtest_filter='*ManyPairs*'
+	RECORDER_CUTS=20000 out/test/tests/recorder_power_test
 	python3 tests/recovery_command_test.py --tool out/test/tools/mediafiles --example out/test/examples/example-record \
 	    --recover out/test/examples/example-recover --media testdata --finished 500 $(SEED:%=--seed %)
 	cmake --preset sanitizers
