@@ -61,11 +61,11 @@ static void heap(uint64_t frames, uint64_t warm)
     struct heap_counts *counts = find();
     counts->largest = 0;
     add_frames(0, warm);
-    const struct heap_counts before = *counts;
+    const uint64_t calls = counts->calls;
+    const int64_t live = counts->live;
     add_frames(warm, frames);
-    const struct heap_counts after = *counts;
-    printf("{\"calls\": %llu, \"kept\": %lld, \"largest\": %llu}\n", (unsigned long long)(after.calls - before.calls),
-           (long long)(after.live - before.live), (unsigned long long)after.largest);
+    printf("{\"calls\": %llu, \"kept\": %lld, \"largest\": %llu}\n", (unsigned long long)(counts->calls - calls),
+           (long long)(counts->live - live), (unsigned long long)counts->largest);
 }
 
 static void time_recording(uint64_t frames)

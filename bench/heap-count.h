@@ -2,12 +2,13 @@
 #ifndef BENCH_HEAP_COUNT_H
 #define BENCH_HEAP_COUNT_H
 
+#include <stdatomic.h>
 #include <stdint.h>
 
 struct heap_counts {
-    uint64_t calls;   /* to malloc and its kin, and to free */
-    uint64_t largest; /* request, bytes */
-    int64_t live;     /* bytes handed out, as the allocator rounds them */
+    _Atomic uint64_t calls;   /* to malloc and its kin, and to free */
+    _Atomic uint64_t largest; /* request, bytes */
+    _Atomic int64_t live;     /* bytes handed out, as the allocator rounds them */
 };
 
 /* Exported by libheap-count.so. */

@@ -35,6 +35,11 @@ def last_json(done):
     return json.loads(done.stdout.splitlines()[-1])  # the library may have printed lines of its own before
 
 
+def heap_count(program):
+    """What to preload; it is built beside the programs."""
+    return os.path.join(os.path.dirname(program), "libheap-count.so")
+
+
 class Program:
     """A subject in one of its variants."""
 
@@ -49,8 +54,7 @@ class Program:
                      short, long) / SET_FRAMES
 
     def heap(self, work, frames, warm):
-        preload = os.path.join(os.path.dirname(self.path), "libheap-count.so")
-        return last_json(run(*self._drive("heap", work, frames, str(warm)), LD_PRELOAD=preload))
+        return last_json(run(*self._drive("heap", work, frames, str(warm)), LD_PRELOAD=heap_count(self.path)))
 
     def system_calls(self, work, short, long):
         """Per frame: {"writes", "bytes", "journal", "other"}; the calls by which the heap grows are not among them."""

@@ -8,6 +8,7 @@ VIDEO_FRAMES, AUDIO_FRAMES, PERIOD_NS = 240, 375, 8_000_000_000
 SET_FRAMES = VIDEO_FRAMES + AUDIO_FRAMES
 SET_SECONDS = PERIOD_NS // 1_000_000_000
 H264, H265 = 0x101, 0x102
+ADTS_HEADER = 7  # bytes, which no file has
 
 
 def encode(folder, name, *arguments):
@@ -19,10 +20,10 @@ def encode(folder, name, *arguments):
         return stream.read()
 
 
-def encode_video(folder, name, *codec):
+def encode_video(folder, name, rate, *codec):
     return encode(folder, name, "-f", "lavfi", "-i", "testsrc2=size=1920x1080:rate=30,noise=alls=12:allf=t",
                   "-frames:v", str(VIDEO_FRAMES), "-pix_fmt", "yuv420p",
-                  "-b:v", "4M", "-maxrate", "4M", "-bufsize", "4M", *codec)
+                  "-b:v", rate, "-maxrate", rate, "-bufsize", rate, *codec)
 
 
 def nal_units(stream):
@@ -80,6 +81,7 @@ class Set:
         frames += [(i * 1024 * 1_000_000_000 // 48000, 1, *frame) for i, frame in enumerate(audio)]
         frames.sort(key=lambda frame: frame[:2])
         self.bytes = sum(len(data) for _, _, data, _ in frames)
+        self.media_bytes = self.bytes - ADTS_HEADER * len(audio)
 
         first = video[0][0]
         header = struct.pack("<IIQII", codec, len(frames), PERIOD_NS, first.index(nal_units(first)[-1][1]) - 4, 0)
@@ -93,9 +95,11 @@ class Set:
 
 def make_sets(folder):
     os.makedirs(folder, exist_ok=True)
-    h264 = encode_video(folder, "video.h264", "-c:v", "libx264", "-preset", "veryfast",
-                        "-bf", "0", "-g", "30", "-keyint_min", "30", "-sc_threshold", "0")
-    h265 = encode_video(folder, "video.h265", "-c:v", "libx265", "-preset", "ultrafast", "-x265-params",
+    x264 = ("-c:v", "libx264", "-preset", "veryfast",
+            "-bf", "0", "-g", "30", "-keyint_min", "30", "-sc_threshold", "0")
+    h264 = encode_video(folder, "video.h264", "4M", *x264)
+    h264_8m = encode_video(folder, "video-8m.h264", "8M", *x264)
+    h265 = encode_video(folder, "video.h265", "4M", "-c:v", "libx265", "-preset", "ultrafast", "-x265-params",
                         "bframes=0:keyint=30:min-keyint=30:scenecut=0:open-gop=0:repeat-headers=1:info=0:"
                         "log-level=error")
     audio = adts_frames(encode(folder, "audio.aac", "-f", "lavfi", "-i",
@@ -103,6 +107,7 @@ def make_sets(folder):
                                "-t", "9", "-c:a", "aac", "-b:a", "128k", "-f", "adts"))
     return {
         "full": Set(folder, "full", H264, access_units(h264, h264_key), audio),
+        "8m": Set(folder, "8m", H264, access_units(h264_8m, h264_key), audio),
         "small": Set(folder, "small", H264, access_units(h264, h264_key, cut), audio),
         "h265-type1": Set(folder, "h265-type1", H265, access_units(h265, h265_key), audio),
         "h265-type0": Set(folder, "h265-type0", H265, access_units(h265, h265_key, as_trail_n), audio),
