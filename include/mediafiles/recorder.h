@@ -69,13 +69,19 @@ typedef struct mediafiles_recorder mediafiles_recorder; /* opaque */
  * To keep to quota_bytes and keep_free_bytes the oldest finished files of the
  * pattern are deleted, by their number; those without write permission are
  * protected. When none can go, the running file is finished, and recording goes
- * on when there is room.
+ * on when there is room. Once the protected files together take more than
+ * protected_bytes, the oldest of them are deleted: as soon as one more is
+ * protected, or when room is to be made. The one with the highest number stays.
  *
- * Not built yet, and refused by start with ENOTSUP: protected_bytes, event mode.
- * Room is not reserved ahead of the media: when others fill the file system
- * within two rounds, the running file is given up to recovery, which completes
- * it when there is room. A medium that is taken away is not told from other
- * errors.
+ * Room for the rest of the running file is kept ahead of the media, so that it
+ * can be finished when others fill the file system. A medium that is taken away
+ * is reported by MEDIAFILES_EVENT_NO_MEDIUM; it is tried again each second.
+ *
+ * Event mode: what is pushed stays in memory until trigger is called. There
+ * whole groups of pictures of the first video track (of sound alone: frames)
+ * go, with what belongs to the same time, once those that follow them last
+ * pre_event_ns (-1: no limit), or pre_event_bytes are used; a group that is
+ * larger goes whole. They are counted in frames_let_go.
  */
 typedef struct mediafiles_recorder_options {
     uint32_t size;
@@ -90,9 +96,9 @@ typedef struct mediafiles_recorder_options {
     int64_t quota_bytes;          /* for all files of the pattern in the directory; 0: no quota */
     int64_t keep_free_bytes;      /* of the file system; 64 MiB */
     int64_t protected_bytes;      /* beyond it the oldest protected files go, too; 0: never */
-    int64_t queue_bytes;          /* allocated at start; also the largest frame; 8 MiB */
+    int64_t queue_bytes;          /* allocated at start; 8 MiB. The largest frame; in event mode twice that */
     int64_t pre_event_ns;         /* above 0: event mode, files are made by trigger alone */
-    int64_t pre_event_bytes;      /* allocated at start; needed in event mode */
+    int64_t pre_event_bytes;      /* allocated at start, beside the queue; needed in event mode */
     uint32_t file_mode;           /* of new files, before umask; 0640 */
     uint32_t flags;               /* MEDIAFILES_ANY_START | ... */
 } mediafiles_recorder_options;
@@ -113,7 +119,7 @@ typedef struct mediafiles_recorder_options {
  *           EEXIST   a pattern without {number}, and the file or its journal is there; to be replaced, it is no regular
  *                    file or has no write permission
  *           ELOOP    likewise, and it is a symbolic link
- *           ENOTSUP  a codec, rate or size that no track can hold; what is not built yet
+ *           ENOTSUP  a codec, rate or size that no track can hold
  *           other    from opening the directory, ENOMEM or EAGAIN
  */
 MEDIAFILES_API mediafiles_recorder *mediafiles_recorder_start(const mediafiles_recorder_options *options);
@@ -151,6 +157,40 @@ MEDIAFILES_API int mediafiles_recorder_await_room(mediafiles_recorder *, size_t 
 /** The next key frame begins a file. ESHUTDOWN after stop. */
 MEDIAFILES_API int mediafiles_recorder_split(mediafiles_recorder *);
 
+/**
+ * Keeps what is recorded from `before` ago until `after` from now: every file
+ * of this recorder that holds any of it, of those that are finished the latest
+ * 256. The capture time of the latest frame of the first video track is now.
+ * Before the first frame it begins with that; a step of the capture times
+ * counts as no time. Files that begin until then are covered, too.
+ *
+ * A file that is recorded says so in its journal, which is synced at once, and
+ * loses its write permission when it is finished or recovered. On FAT that is
+ * the read-only attribute. MEDIAFILES_EVENT_PROTECTED comes when a power cut
+ * can not undo it any more.
+ *
+ * @param before,after  0 or more
+ * @return 0; -1 with errno
+ *           EINVAL     a negative time
+ *           ESHUTDOWN  after stop
+ */
+MEDIAFILES_API int mediafiles_recorder_protect(mediafiles_recorder *, int64_t before, int64_t after);
+
+/**
+ * Event mode: begins a file with the first key frame that the memory holds. It
+ * goes on until the first key frame that comes `after` from now or later, at
+ * most longest_gap_ns longer; further files begin in it as usual. Again:
+ * prolongs it. Frames from that key frame on are in the memory again, so that
+ * files of events which follow each other at once have all frames.
+ *
+ * @param after  0 or more
+ * @return 0; -1 with errno
+ *           EINVAL     a negative time
+ *           ENOTSUP    there is no event mode: pre_event_ns is 0
+ *           ESHUTDOWN  after stop
+ */
+MEDIAFILES_API int mediafiles_recorder_trigger(mediafiles_recorder *, int64_t after);
+
 /** Of one track. */
 typedef struct mediafiles_recorder_track_stats {
     uint64_t frames;     /* samples that were stored */
@@ -167,10 +207,11 @@ typedef struct mediafiles_recorder_stats {
     uint64_t frames_out;             /* samples that were stored; the parts of an access unit are one */
     uint64_t frames_dropped;         /* for want of room in the queue or on the medium, or after an error */
     uint64_t frames_refused;         /* that no file can hold, or before the first key frame */
+    uint64_t frames_let_go;          /* event mode: that no file was made of */
     uint64_t bytes_in, bytes_out;    /* out: given to the kernel */
     uint64_t safe[MP4_MAX_TRACKS];   /* samples of each track that survive a power cut now */
     int64_t unsafe_ns;               /* of media that would be lost now, what is queued included */
-    uint64_t queue_used, queue_most; /* bytes */
+    uint64_t queue_used, queue_most; /* bytes; in event mode with those that are kept for an event */
     int64_t worst_push, worst_write, worst_sync;
     int64_t free_bytes; /* of the file system, at the last round of syncs */
     mediafiles_recorder_track_stats tracks[MP4_MAX_TRACKS];
@@ -209,7 +250,8 @@ enum {
     MEDIAFILES_EVENT_GOES_ON,       /* after STALLED, FULL, NO_MEDIUM */
     MEDIAFILES_EVENT_CLOCK,         /* track; from, to: the capture times before and after a step */
     MEDIAFILES_EVENT_KEY_WANTED,    /* track: a file waits for a key frame */
-    MEDIAFILES_EVENT_LOST           /* count: events that nobody took; the latest ones are kept */
+    MEDIAFILES_EVENT_LOST,          /* count: events that nobody took; the latest ones are kept */
+    MEDIAFILES_EVENT_PROTECTED      /* number, path; error: its write permission could not be taken away */
 };
 
 /** The kind in English, such as "finished", for a log; static. */

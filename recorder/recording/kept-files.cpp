@@ -14,8 +14,6 @@ namespace mediafiles::recorder {
 
 namespace {
 
-constexpr mode_t any_write = S_IWUSR | S_IWGRP | S_IWOTH;
-
 /* The directory of a path; no link is followed on the way. */
 recovery::descriptor open_parent(int directory, std::string_view path)
 {
@@ -43,7 +41,7 @@ void remove_empty_directories(int directory, std::string_view path)
 
 enum class removal { done, is_protected, is_gone, failed };
 
-removal remove(int directory, const std::string &path)
+removal remove(int directory, const std::string &path, bool also_protected)
 {
     const recovery::descriptor parent = open_parent(directory, path);
     const std::string name = last_part(path);
@@ -51,7 +49,7 @@ removal remove(int directory, const std::string &path)
     if (!parent.is_open() || fstatat(parent, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0)
         return errno == ENOENT ? removal::is_gone : removal::failed;
     if (!S_ISREG(status.st_mode)) return removal::is_gone;
-    if (!(status.st_mode & any_write)) return removal::is_protected;
+    if (!also_protected && !(status.st_mode & recovery::write_permissions)) return removal::is_protected;
     if (unlinkat(parent, name.c_str(), 0) != 0) return removal::failed;
     unlinkat(parent, (name + ".journal").c_str(), 0);
     remove_empty_directories(directory, path);
@@ -63,20 +61,53 @@ removal remove(int directory, const std::string &path)
 void kept_files::add(kept_file file)
 {
     kept_file &known = files_[file.number];
-    bytes_ += file.bytes - known.bytes;
+    forget(known);
+    bytes_ += file.bytes;
+    const bool is_protected = std::exchange(file.is_protected, false);
     known = std::move(file);
+    if (is_protected) note_protected(known);
 }
 
-std::optional<kept_file> kept_files::remove_oldest(int directory)
+void kept_files::note_protected(kept_file &file)
+{
+    if (std::exchange(file.is_protected, true)) return;
+    protected_.insert(file.number);
+    protected_bytes_ += file.bytes;
+}
+
+void kept_files::forget(const kept_file &file)
+{
+    bytes_ -= file.bytes;
+    if (file.is_protected && protected_.erase(file.number) != 0) protected_bytes_ -= file.bytes;
+}
+
+int kept_files::protect(int directory, const std::string &name, std::optional<uint64_t> number)
+{
+    if (const auto known = number ? files_.find(*number) : files_.end(); known != files_.end())
+        note_protected(known->second);
+    try {
+        const recovery::descriptor parent = open_parent(directory, name);
+        if (!parent.is_open()) return errno;
+        const recovery::descriptor file = recovery::open_regular(parent, last_part(name).c_str(), O_RDONLY);
+        return recovery::remove_write_permission(file) == 0 ? 0 : errno;
+    } catch (const recovery::obstacle &cause) {
+        return cause.error != 0 ? cause.error : EPERM;
+    }
+}
+
+std::optional<kept_file> kept_files::remove_first(int directory, bool surplus_alone)
 {
     for (auto each = files_.begin(); each != files_.end();) {
-        const removal result = remove(directory, each->second.name);
+        kept_file &file = each->second;
+        const bool may_go = file.is_protected ? is_surplus(file.number) : !surplus_alone;
+        const removal result = may_go ? remove(directory, file.name, file.is_protected) : removal::is_protected;
         if (result == removal::is_protected || result == removal::failed) {
+            if (may_go && result == removal::is_protected) note_protected(file); // by somebody else
             ++each;
             continue;
         }
-        kept_file removed = std::move(each->second);
-        bytes_ -= removed.bytes;
+        forget(file);
+        kept_file removed = std::move(file);
         each = files_.erase(each);
         if (result == removal::done) return removed;
     }

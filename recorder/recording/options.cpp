@@ -45,13 +45,6 @@ mp4_track_desc track(mp4_track_desc given)
     return given;
 }
 
-/* What this version does not do yet is refused. */
-void refuse_unbuilt(const mediafiles_recorder_options &given)
-{
-    if (given.protected_bytes != 0 || given.pre_event_ns != 0 || given.pre_event_bytes != 0)
-        throw system_failure(ENOTSUP);
-}
-
 } // namespace
 
 settings complete(const mediafiles_recorder_options &given)
@@ -59,7 +52,6 @@ settings complete(const mediafiles_recorder_options &given)
     if (given.track_count == 0 || given.track_count > MP4_MAX_TRACKS || !given.tracks || !given.directory ||
         given.flags & ~all_flags || given.file_mode & ~permissions)
         throw system_failure(EINVAL);
-    refuse_unbuilt(given);
 
     if (given.flags & MEDIAFILES_PLAIN_NAME && !given.pattern) throw system_failure(EINVAL);
     const std::string_view pattern = given.pattern ? std::string_view(given.pattern) : default_pattern;
@@ -77,10 +69,16 @@ settings complete(const mediafiles_recorder_options &given)
         .queue_bytes = given.queue_bytes == 0 ? 8 * mebibyte : given.queue_bytes,
         .quota = number(given.quota_bytes, never, 1),
         .keep_free = given.keep_free_bytes == -1 ? 0 : number(given.keep_free_bytes, 64 * mebibyte, 1),
+        .most_protected = number(given.protected_bytes, never, 1),
+        .pre_event = number(given.pre_event_ns, 0, 1),
+        .pre_event_bytes = given.pre_event_bytes,
         .file_mode = given.file_mode == 0 ? 0640 : given.file_mode,
         .flags = given.flags,
     };
     if (made.queue_bytes < least_queue || made.queue_bytes > largest_queue) throw system_failure(EINVAL);
+    if (made.has_events() ? made.pre_event_bytes < 1 || made.pre_event_bytes > largest_queue
+                          : made.pre_event_bytes != 0)
+        throw system_failure(EINVAL);
     for (uint32_t i = 0; i < given.track_count; ++i) {
         made.tracks.push_back(track(given.tracks[i]));
         if (recovery::is_video(given.tracks[i])) made.video |= 1u << i;

@@ -7,9 +7,6 @@ namespace mediafiles::recorder {
 
 namespace {
 
-/* An entry that fills the ring up to its end. */
-constexpr uint16_t padding = UINT16_MAX;
-
 constexpr uint64_t rounded(uint64_t bytes)
 {
     return (bytes + sizeof(queue::entry) - 1) / sizeof(queue::entry) * sizeof(queue::entry);
@@ -18,8 +15,9 @@ constexpr uint64_t rounded(uint64_t bytes)
 } // namespace
 
 /* The header of one frame of the full size, and room for start codes of three bytes, which grow by one. */
-queue::queue(uint64_t bytes, uint32_t video)
-    : video_(video), memory_(static_cast<size_t>(rounded(bytes + spare) / sizeof(entry)))
+queue::queue(uint64_t bytes, uint64_t kept, uint32_t video, uint32_t leader, capture_line line)
+    : video_(video), leader_(leader), kept_(kept),
+      memory_(static_cast<size_t>(rounded(bytes + kept + spare) / sizeof(entry))), line_(line)
 {
 }
 
@@ -39,7 +37,7 @@ queue::entry *queue::room_at_end(uint64_t room)
     const uint64_t left = capacity() - end_ % capacity(), free = capacity() - (end_ - begin_);
     if (size <= left) return size <= free ? &at(end_) : nullptr;
     if (left + size > free) return nullptr;
-    at(end_) = {static_cast<uint32_t>(left), 0, padding, 0, 0, 0, {}};
+    at(end_) = {static_cast<uint32_t>(left), 0, padding, 0, 0, 0, 0, {}};
     end_ += left;
     return &at(end_);
 }
@@ -84,9 +82,10 @@ void queue::skip_padding(uint64_t &position)
  */
 bool queue::drop_newest_group()
 {
+    const uint64_t begin = std::max(next_, seen_);
     uint64_t from = UINT64_MAX;
     bool is_group = false;
-    for (uint64_t position = next_; position < end_; position += at(position).size) {
+    for (uint64_t position = begin; position < end_; position += at(position).size) {
         const entry &each = at(position);
         if (each.track == padding || !is_video(each.track)) continue;
         if (!starts_group(each) && from != UINT64_MAX) continue;
@@ -101,7 +100,7 @@ bool queue::drop_newest_group()
     gap newer = tracks_[track].dropped; // these were dropped after what goes now
     tracks_[track].dropped = {};
     tracks_[track].last = INT64_MIN;
-    for (uint64_t position = next_; position < from; position += at(position).size)
+    for (uint64_t position = begin; position < from; position += at(position).size)
         if (at(position).track == track) tracks_[track].last = at(position).time;
 
     end_ = from;
@@ -127,19 +126,19 @@ bool queue::note_use()
 {
     const uint64_t used = end_ - begin_;
     most_used_ = std::max(most_used_, used);
-    if (is_stalled_ || used <= capacity() / 2) return false;
+    if (is_stalled_ || used <= part_in_use(2)) return false;
     return is_stalled_ = true;
 }
 
 bool queue::goes_on()
 {
     const std::lock_guard guard(lock_);
-    if (!is_stalled_ || end_ - begin_ > capacity() / 4) return false;
+    if (!is_stalled_ || end_ - begin_ > part_in_use(4)) return false;
     is_stalled_ = false;
     return true;
 }
 
-queue::taken queue::next(clock::time_point deadline)
+bool queue::await(clock::time_point deadline)
 {
     std::unique_lock guard(lock_);
     const auto is_due = [this] {
@@ -151,17 +150,26 @@ queue::taken queue::next(clock::time_point deadline)
     else
         wake_.wait_until(guard, deadline, is_due);
     is_woken_ = false;
-    if (next_ == end_) return {};
-    const taken found = {&at(next_), next_};
-    next_ += found.frame->size;
-    return found;
+    return next_ < end_;
 }
 
-void queue::rest()
+bool queue::rest()
 {
     std::unique_lock guard(lock_);
     wake_.wait(guard, [this] { return is_woken_ || is_closed_; });
     is_woken_ = false;
+    return false;
+}
+
+queue::taken queue::next()
+{
+    const std::lock_guard guard(lock_);
+    skip_padding(next_);
+    if (next_ == end_) return {};
+    const taken found = {&at(next_), next_};
+    next_ += found.frame->size;
+    seen_ = std::max(seen_, next_);
+    return found;
 }
 
 void queue::release(uint64_t position)
@@ -177,12 +185,24 @@ queue::wait queue::await_room(uint64_t room, clock::time_point until)
 {
     std::unique_lock guard(lock_);
     room = std::min(room, largest());
-    const auto is_due = [&] { return is_closed_ || (end_ - begin_ <= capacity() / 2 && has_room(room)); };
+    const auto is_due = [&] { return is_closed_ || (end_ - begin_ <= part_in_use(2) && has_room(room)); };
     if (until == clock::time_point::max())
         released_.wait(guard, is_due);
     else if (!released_.wait_until(guard, until, is_due))
         return wait::timed_out;
     return is_closed_ ? wait::closed : wait::over;
+}
+
+void queue::rewind(uint64_t position)
+{
+    const std::lock_guard guard(lock_);
+    next_ = position;
+}
+
+queue::moment queue::now()
+{
+    const std::lock_guard guard(lock_);
+    return {end_, line_.elapsed()};
 }
 
 void queue::wake()

@@ -11,6 +11,9 @@
  * room, and those that follow it up to the next start of a group that has room.
  * Sound without room takes the place of the newest groups of pictures that
  * wait; it goes only when no video is left.
+ *
+ * In event mode the ring is also the memory of what came before an event: the
+ * writer does not release what it has taken, and rewinds when the event comes.
  */
 #pragma once
 
@@ -22,6 +25,8 @@
 #include <vector>
 
 #include <mediafiles/movie.h>
+
+#include "capture-line.h"
 
 namespace mediafiles::recorder {
 
@@ -53,25 +58,36 @@ public:
         uint16_t flags;
         uint32_t unused;
         int64_t time;
+        int64_t passed; // on the capture line
         clock::time_point pushed;
 
         uint8_t *bytes() { return reinterpret_cast<uint8_t *>(this + 1); }
         const uint8_t *bytes() const { return reinterpret_cast<const uint8_t *>(this + 1); }
     };
-    static_assert(sizeof(entry) == 32);
+    static_assert(sizeof(entry) == 40);
 
     enum class outcome { taken, dropped, refused, too_large, closed };
     struct result {
         outcome what;
         gap ended;   // of the track, when this frame ends one
-        bool stalls; // half of the ring is used, and was not at the frame before
+        bool stalls; // half of the queue is used, and was not at the frame before
     };
 
     /** What the largest frame may grow by when it is stored, and its header. */
     static constexpr uint64_t spare = 4096;
 
-    /** @param video  a bit for each track: 1 for video */
-    queue(uint64_t bytes, uint32_t video);
+    /**
+     * @param kept    bytes in addition, which what was taken and is not released may use without a stall
+     * @param video   a bit for each track: 1 for video
+     * @param leader  the track whose frames make the capture line
+     */
+    queue(uint64_t bytes, uint64_t kept, uint32_t video, uint32_t leader, capture_line line);
+
+    /** Bytes of the largest frame. Half of them lie before the ring's end, when what is kept divides the rest. */
+    uint64_t largest() const
+    {
+        return (kept_ == 0 ? capacity() : (capacity() - kept_) / 2) / sizeof(entry) * sizeof(entry) - sizeof(entry);
+    }
 
     /**
      * Adds a frame.
@@ -88,12 +104,13 @@ public:
             const std::lock_guard guard(lock_);
             if (is_closed_) return {outcome::closed, {}, false};
             if (room > largest()) return {outcome::too_large, {}, false};
+            if (track == leader_) line_.pass(time, flags & frame_steps);
             entry *const to = find_room(track, room);
             if (!to) {
                 drop(track, time);
                 return {outcome::dropped, {}, false};
             }
-            *to = {0, 0, static_cast<uint16_t>(track), static_cast<uint16_t>(flags), 0, time, now};
+            *to = {0, 0, static_cast<uint16_t>(track), static_cast<uint16_t>(flags), 0, time, line_.elapsed(), now};
             if (!fill(to->bytes(), *to)) return {outcome::refused, {}, false};
             track_state &state = tracks_[track];
             if (state.is_dropping) {
@@ -115,7 +132,7 @@ public:
         return made;
     }
 
-    /** Whether more than half of the ring was used and no more than a quarter is: once for each `stalls`. */
+    /** Whether more than half of the queue was used and no more than a quarter is: once for each `stalls`. */
     bool goes_on();
 
     /** An entry that next gave; it stays in place until it is released. */
@@ -123,18 +140,34 @@ public:
         const entry *frame = nullptr;
         uint64_t position = 0;
     };
-    /** The next entry; none when none comes until the deadline, after wake, or when the ring is closed and empty. */
-    taken next(clock::time_point deadline);
-    /** Waits until wake or close, and leaves what comes where it is. */
-    void rest();
+    /** Waits for an entry, until the deadline, wake or close. @return whether there is one */
+    bool await(clock::time_point deadline);
+    /** Waits until wake or close. @return false: what comes is left where it is */
+    bool rest();
+    /** The next entry, or none. */
+    taken next();
 
     /** What lies before this position is not needed any more; `everything`: all that next gave. */
     void release(uint64_t position);
     static constexpr uint64_t everything = UINT64_MAX;
 
     enum class wait { over, timed_out, closed };
-    /** Until no more than half of the ring is used, and a frame of that many bytes, the largest at most, finds room. */
+    /** Until no more than half of the queue is used, and a frame of that many bytes, the largest at most, finds room. */
     wait await_room(uint64_t room, clock::time_point until);
+    /** next gives the entries from this position on once more; none of them was released. */
+    void rewind(uint64_t position);
+    /** Goes through entries that next gave and that were not released. For the thread that calls next. */
+    template <class Visit>
+    void look_back(uint64_t from, uint64_t to, Visit visit)
+    {
+        for (uint64_t position = from; position < to; position += at(position).size)
+            if (at(position).track != padding) visit(taken{&at(position), position});
+    }
+    struct moment {
+        uint64_t position; // where the next entry is going to lie, at the earliest
+        int64_t passed;    // on the capture line
+    };
+    moment now();
 
     /** Makes next return. */
     void wake();
@@ -160,8 +193,10 @@ private:
         gap dropped;
     };
     /* Positions count bytes from the beginning of time; an entry lies at the position modulo the ring's size. */
+    static constexpr uint16_t padding = UINT16_MAX; // as its track: an entry that fills the ring up to its end
     uint64_t capacity() const { return memory_.size() * sizeof(entry); }
-    uint64_t largest() const { return capacity() - sizeof(entry); }
+    /* What is kept, and of the rest one in so many. */
+    uint64_t part_in_use(uint64_t divisor) const { return kept_ + (capacity() - kept_) / divisor; }
     entry &at(uint64_t position) { return memory_[static_cast<size_t>(position % capacity() / sizeof(entry))]; }
     bool is_video(uint32_t track) const { return video_ >> track & 1; }
     static bool starts_group(const entry &each)
@@ -178,13 +213,16 @@ private:
     void skip_padding(uint64_t &position);
     bool note_use();
 
-    const uint32_t video_;
+    const uint32_t video_, leader_;
+    const uint64_t kept_;
     std::vector<entry> memory_; // entries and the bytes between them
     std::mutex lock_;
+    capture_line line_; // of what was pushed
     std::condition_variable wake_, released_;
     uint64_t begin_ = 0; // oldest entry that is not released
     uint64_t next_ = 0;  // entry that next gives
     uint64_t end_ = 0;
+    uint64_t seen_ = 0; // what lies before was given once: it stays where it is
     uint64_t most_used_ = 0;
     bool is_stalled_ = false, is_woken_ = false, is_closed_ = false;
     std::array<track_state, MP4_MAX_TRACKS> tracks_;

@@ -251,7 +251,8 @@ int mediafiles_recorder_await_room(mediafiles_recorder *recorder, size_t len, in
 {
     if (timeout < -1) return refuse(EINVAL);
     state &shared = *recorder->shared;
-    if (len > static_cast<uint64_t>(shared.options.queue_bytes)) return refuse(EMSGSIZE);
+    if (len > std::min(static_cast<uint64_t>(shared.options.queue_bytes), shared.frames.largest()))
+        return refuse(EMSGSIZE);
     /* Start codes of three bytes become lengths of four, each before a byte at least. */
     const uint64_t stored = len + uint64_t{len} / 4 + 1;
     switch (shared.frames.await_room(stored, deadline_of(timeout))) {
@@ -272,6 +273,36 @@ int mediafiles_recorder_split(mediafiles_recorder *recorder)
     return 0;
 }
 
+namespace {
+
+/* The writing thread answers it: it knows which files hold that time. */
+int ask(state &shared, request &which, int64_t before, int64_t after)
+{
+    if (before < 0 || after < 0) return refuse(EINVAL);
+    if (shared.frames.is_closed()) return refuse(ESHUTDOWN);
+    const queue::moment now = shared.frames.now();
+    {
+        const std::lock_guard guard(shared.asking);
+        which.join(now, before, after);
+        shared.is_asked = true;
+    }
+    shared.frames.wake();
+    return 0;
+}
+
+} // namespace
+
+int mediafiles_recorder_protect(mediafiles_recorder *recorder, int64_t before, int64_t after)
+{
+    return ask(*recorder->shared, recorder->shared->protection, before, after);
+}
+
+int mediafiles_recorder_trigger(mediafiles_recorder *recorder, int64_t after)
+{
+    if (!recorder->shared->options.has_events()) return refuse(ENOTSUP);
+    return ask(*recorder->shared, recorder->shared->event, 0, after);
+}
+
 int mediafiles_recorder_get_stats(mediafiles_recorder *recorder, mediafiles_recorder_stats *stats)
 {
     if (!stats || stats->size < sizeof stats->size) return refuse(EINVAL);
@@ -284,6 +315,7 @@ int mediafiles_recorder_get_stats(mediafiles_recorder *recorder, mediafiles_reco
     made.frames_out = count.frames_out;
     made.frames_dropped = count.frames_dropped + use.dropped;
     made.frames_refused = count.frames_refused;
+    made.frames_let_go = count.frames_let_go;
     made.bytes_in = count.bytes_in;
     made.bytes_out = count.bytes_out;
     std::ranges::copy(count.safe, made.safe);
@@ -320,8 +352,9 @@ const char *mediafiles_event_text(uint32_t kind)
         "clock has stepped",
         "key frame wanted",
         "events lost",
+        "protected",
     };
-    static_assert(std::size(texts) == MEDIAFILES_EVENT_LOST + 1);
+    static_assert(std::size(texts) == MEDIAFILES_EVENT_PROTECTED + 1);
     return kind < std::size(texts) ? texts[kind] : "";
 }
 

@@ -14,6 +14,7 @@
 #include <mediafiles/support/io.h>
 
 #include "new-files.h"
+#include "recovery/journal-marks.h"
 
 namespace mediafiles::recorder {
 
@@ -148,6 +149,15 @@ int segment::add(uint32_t track, std::span<const uint8_t> sample, mp4_time time,
     return 0;
 }
 
+int segment::protect()
+{
+    alignas(memento) uint8_t mark[recovery::protection_mark_size];
+    recovery::write_protection_mark(mark);
+    if (mediafile_caretaker_add(muxer_->journal(), reinterpret_cast<const memento *>(mark)) != 0) return -1;
+    is_protected_ = has_news_ = true;
+    return 0;
+}
+
 int segment::take_round(round &to)
 {
     mp4_builder *const builder = muxer_->builder();
@@ -168,6 +178,7 @@ int segment::take_round(round &to)
     is_refused_ = false;
     to.samples = counted_.samples;
     to.reached = counted_.reached;
+    to.is_protected = is_protected_;
     counted_.samples = {};
     has_news_ = false;
     /* What the journal has not taken is not safe, and nothing after it. */
@@ -213,6 +224,7 @@ int segment::finish(bool keep_journal)
     if (fstat(media_, &status) != 0) return -1;
     size_ = static_cast<uint64_t>(status.st_size);
     if (cut_to_size(media_) != 0 || fdatasync(media_) != 0) return -1;
+    if (is_protected_ && recovery::remove_write_permission(media_) != 0) protection_error_ = errno;
     if (keep_journal && cut_to_size(journal_) != 0) return -1;
     if (!keep_journal && unlinkat(directory_, journal_name_.c_str(), 0) != 0) return -1;
     if (fsync(directory_) != 0 && errno != EINVAL) return -1;

@@ -34,6 +34,7 @@ struct round {
     std::vector<uint8_t> records; // of the journal, its mark included
     std::array<uint64_t, MP4_MAX_TRACKS> samples = {};
     std::array<int64_t, MP4_MAX_TRACKS> reached = {}; // capture times up to which the tracks are in the file
+    bool is_protected = false;                        // the journal says so with this round, or said so before
 };
 
 /** What comes between two rounds: of the busiest of late. */
@@ -87,6 +88,9 @@ public:
     /** What a spare file has to hold for it: 0 where the file system keeps room ahead. */
     uint64_t unkept() const;
     const pace &rate() const { return pace_; }
+    /** Journals that the file is to be kept: the next round makes it safe. */
+    int protect();
+    bool is_protected() const { return is_protected_; }
 
     /** Writes out what is cached and takes what that makes true. */
     int take_round(round &to);
@@ -105,8 +109,14 @@ public:
      */
     int sync(round &made, spare_file &spare);
 
-    /** The movie header, and its sync; then, unless it is kept, the journal goes. Nothing may be added any more. */
+    /**
+     * The movie header, and its sync; a protected file loses its write permission; then, unless it is kept, the journal
+     * goes. Nothing may be added any more.
+     */
     int finish(bool keep_journal);
+
+    /** errno of taking the write permission away; 0: it is gone, or was not to go. */
+    int protection_error() const { return protection_error_; }
 
     /** Ends the use of the files as they are, for recovery. */
     void give_up();
@@ -133,7 +143,7 @@ private:
     std::string media_name_, journal_name_; // in directory_
     descriptor directory_, media_, journal_;
     std::unique_ptr<muxer> muxer_;
-    bool has_news_ = false;
+    bool has_news_ = false, is_protected_ = false;
     round counted_; // of samples that no round has taken
 
     /* Of the writing thread. */
@@ -148,6 +158,7 @@ private:
     bool is_named_ = false;          // the directory was synced since the files were made
     std::vector<uint8_t> unwritten_; // the rest of a short append goes first
     uint64_t size_ = 0;
+    int protection_error_ = 0;
 };
 
 } // namespace mediafiles::recorder

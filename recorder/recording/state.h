@@ -1,13 +1,16 @@
 /** What the callers and the two threads of a recorder share. It lives as long as any of them. */
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <atomic>
+#include <bit>
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <mediafiles/recorder.h>
@@ -31,12 +34,16 @@ struct settings {
     std::string directory;
     name_pattern names;
     int64_t sync, segment, segment_bytes, longest_gap;
-    int64_t queue_bytes, quota, keep_free;
+    int64_t queue_bytes, quota, keep_free, most_protected;
+    int64_t pre_event, pre_event_bytes; // 0: no event mode
     uint32_t file_mode, flags;
 
     bool has(uint32_t flag) const { return flags & flag; }
+    bool has_events() const { return pre_event != 0; }
     bool is_video(uint32_t track) const { return video >> track & 1; }
     uint32_t track_count() const { return static_cast<uint32_t>(tracks.size()); }
+    /** The first video track; of sound alone the first. */
+    uint32_t leader() const { return video == 0 ? 0 : static_cast<uint32_t>(std::countr_zero(video)); }
 };
 
 /** The largest of what was measured. */
@@ -61,7 +68,7 @@ struct track_counters {
 struct counters {
     std::atomic<uint32_t> files = 0;
     std::atomic<uint64_t> frames_in = 0, frames_out = 0, frames_dropped = 0, frames_refused = 0, bytes_in = 0,
-                          bytes_out = 0;
+                          bytes_out = 0, frames_let_go = 0;
     std::atomic<int64_t> free_bytes = 0;
     std::array<track_counters, MP4_MAX_TRACKS> tracks = {};
     std::array<std::atomic<uint64_t>, MP4_MAX_TRACKS> safe = {};
@@ -70,10 +77,28 @@ struct counters {
     worst push, write, sync;
 };
 
+/** Time around the moments of calls, on the capture line; calls that the writing thread has not seen are joined. */
+struct request {
+    bool is_made = false;
+    uint64_t first = 0, last = 0; // where the queue ended at the calls
+    int64_t from = 0, until = 0;
+
+    /** @param before,after  0 or more */
+    void join(const queue::moment &now, int64_t before, int64_t after)
+    {
+        const int64_t end = now.passed < never - after ? now.passed + after : never;
+        from = is_made ? std::min(from, now.passed - before) : now.passed - before;
+        until = is_made ? std::max(until, end) : end;
+        if (!std::exchange(is_made, true)) first = now.position;
+        last = now.position;
+    }
+};
+
 struct state {
     state(settings given, recovery::descriptor opened)
         : options(std::move(given)), directory(std::move(opened)),
-          frames(static_cast<uint64_t>(options.queue_bytes), options.video)
+          frames(static_cast<uint64_t>(options.queue_bytes), static_cast<uint64_t>(options.pre_event_bytes),
+                 options.video, options.leader(), capture_line(options.longest_gap))
     {
     }
 
@@ -117,6 +142,10 @@ struct state {
                 .from = dropped.from,
                 .to = dropped.to});
     }
+
+    std::mutex asking; // for the two requests
+    request protection, event;
+    std::atomic<bool> is_asked = false;
 
     /* Threads that have not ended. */
     std::mutex lock;

@@ -34,11 +34,11 @@ struct search {
             if (S_ISDIR(status.st_mode) && depth < deepest)
                 go_through(directory, found->d_name, below + '/', depth + 1);
             else if (S_ISREG(status.st_mode))
-                note(below, static_cast<uint64_t>(status.st_size));
+                note(below, status);
         }
     }
 
-    void note(std::string_view path, uint64_t bytes)
+    void note(std::string_view path, const struct stat &status)
     {
         const bool is_journal = path.ends_with(journal_end);
         if (is_journal) path.remove_suffix(journal_end.size());
@@ -48,7 +48,8 @@ struct search {
         if (is_journal)
             journals.emplace_back(*number, path);
         else
-            media.push_back({*number, std::string(path), bytes});
+            media.push_back({*number, std::string(path), static_cast<uint64_t>(status.st_size),
+                             !(status.st_mode & recovery::write_permissions)});
     }
 };
 

@@ -18,8 +18,14 @@ constexpr uint64_t sample_room = 60;       // bytes
 constexpr uint64_t room_to_go_on = 1 << 20;
 constexpr uint64_t room_to_complete = 64 << 10; // more than there was when a file could not be completed
 constexpr auto between_tries = std::chrono::seconds(1);
+constexpr size_t most_remembered = 256; // files
 
 } // namespace
+
+syncer::syncer(std::shared_ptr<state> shared)
+    : shared_(std::move(shared)), kept_(static_cast<uint64_t>(shared_->options.most_protected))
+{
+}
 
 void syncer::add(job added)
 {
@@ -33,17 +39,22 @@ void syncer::add(job added)
 void syncer::sync(file_ptr file)
 {
     file->is_busy = true;
-    add({task::sync, std::move(file)});
+    add({task::sync, std::move(file), 0});
 }
 
 void syncer::finish(file_ptr file)
 {
-    add({task::finish, std::move(file)});
+    add({task::finish, std::move(file), 0});
 }
 
 void syncer::give_up(file_ptr file)
 {
-    add({task::give_up, std::move(file)});
+    add({task::give_up, std::move(file), 0});
+}
+
+void syncer::protect(int64_t from)
+{
+    add({task::protect, nullptr, from});
 }
 
 void syncer::recover(std::vector<std::string> names)
@@ -135,6 +146,44 @@ void syncer::make_safe(shared_file &file, round &made)
         shared_->count.safe[track] += made.samples[track];
         shared_->count.safe_to[track] = made.reached[track];
     }
+    if (made.is_protected && !std::exchange(file.is_protection_told, true))
+        report_protected(file.files.number(), file.files.name(), 0);
+}
+
+void syncer::report_protected(uint64_t number, const std::string &name, int error)
+{
+    shared_->report({.kind = MEDIAFILES_EVENT_PROTECTED, .error = error, .number = number}, name);
+}
+
+void syncer::remember(const shared_file &file, bool is_finished)
+{
+    if (past_.size() == most_remembered) past_.pop_front();
+    past_.push_back({file.files.number(), file.files.name(), file.passed, is_finished, file.files.is_protected()});
+}
+
+/* Files that wait for recovery lose their write permission after it. */
+void syncer::protect_past(int64_t from)
+{
+    for (past_file &each : past_) {
+        if (each.passed <= from || std::exchange(each.is_protected, true)) continue;
+        if (each.is_finished) make_read_only(each);
+    }
+    remove_surplus();
+}
+
+void syncer::make_read_only(const past_file &file)
+{
+    report_protected(file.number, file.name, kept_.protect(shared_->directory, file.name, file.number));
+}
+
+void syncer::remove_surplus()
+{
+    while (const auto removed = kept_.remove_surplus(shared_->directory)) report_deleted(*removed);
+}
+
+void syncer::report_deleted(const kept_file &file)
+{
+    shared_->report({.kind = MEDIAFILES_EVENT_DELETED, .number = file.number, .count = file.bytes}, file.name);
 }
 
 /*
@@ -233,11 +282,13 @@ void syncer::add_kept(const std::string &name)
     const auto number = shared_->options.names.match(name);
     if (number && shared_->options.names.is_numbered() &&
         fstatat(shared_->directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0)
-        kept_.add({*number, name, static_cast<uint64_t>(status.st_size)});
+        kept_.add(
+            {*number, name, static_cast<uint64_t>(status.st_size), !(status.st_mode & recovery::write_permissions)});
 }
 
 void syncer::carry_out(job &each)
 {
+    if (each.what == task::protect) return protect_past(each.from);
     shared_file &file = *each.file;
     if (each.what == task::sync) {
         make_safe(file, file.pending);
@@ -253,13 +304,18 @@ void syncer::carry_out(job &each)
                      .from = file.from,
                      .to = file.to},
                     file.files.name());
+    remember(file, is_finished);
     if (!is_finished) {
         file.files.give_back();
         file.files.give_up();
         recover({file.files.name()});
         return;
     }
-    if (shared_->options.names.is_numbered()) kept_.add({file.files.number(), file.files.name(), file.files.size()});
+    if (shared_->options.names.is_numbered())
+        kept_.add({file.files.number(), file.files.name(), file.files.size(), file.files.is_protected()});
+    if (file.files.is_protected()) remove_surplus();
+    if (const int error = file.files.protection_error(); error != 0)
+        report_protected(file.files.number(), file.files.name(), error);
     auto tracks = file.files.take_tracks();
     const std::lock_guard guard(lock_);
     idle_.swap(tracks);
@@ -281,14 +337,15 @@ void syncer::recover_file(const std::string &name)
     struct context {
         state &shared;
         const std::string &name;
-        bool lacks_room = false;
+        bool lacks_room = false, is_whole = false;
     } about = {*shared_, name};
     const auto report = [](void *given, const mediafiles_report *found) {
-        auto &[shared, of, lacks_room] = *static_cast<context *>(given);
+        auto &[shared, of, lacks_room, is_whole] = *static_cast<context *>(given);
         if (found->reason == MEDIAFILES_REASON_IN_USE) return 0;
         const bool is_done = found->result == MEDIAFILES_REPAIRED || found->result == MEDIAFILES_SALVAGED ||
                              found->result == MEDIAFILES_FINISHED || found->result == MEDIAFILES_EMPTY_REMOVED;
         lacks_room = found->result == MEDIAFILES_FAILED && is_want_of_room(found->error);
+        is_whole = is_done && found->result != MEDIAFILES_EMPTY_REMOVED;
         shared.report(
             {.kind = is_done ? uint32_t{MEDIAFILES_EVENT_RECOVERED} : uint32_t{MEDIAFILES_EVENT_NOT_RECOVERED},
              .result = found->result,
@@ -304,10 +361,17 @@ void syncer::recover_file(const std::string &name)
     options.size = sizeof options;
     if (mediafiles_recover(&given, 1, &options, report, &about) != 0)
         shared_->report({.kind = MEDIAFILES_EVENT_NOT_RECOVERED, .result = MEDIAFILES_FAILED, .error = errno}, name);
-    if (!about.lacks_room) return add_kept(name);
-    lacking_room_.push_back(name);
-    room_lacked_ = free_bytes(shared_->directory);
-    tried_ = clock::now();
+    if (about.lacks_room) {
+        lacking_room_.push_back(name);
+        room_lacked_ = free_bytes(shared_->directory);
+        tried_ = clock::now();
+        return;
+    }
+    add_kept(name);
+    const auto past = std::ranges::find(past_, name, &past_file::name);
+    if (about.is_whole && past != past_.end() && !std::exchange(past->is_finished, true) && past->is_protected)
+        make_read_only(*past);
+    remove_surplus();
 }
 
 } // namespace mediafiles::recorder

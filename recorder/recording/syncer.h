@@ -1,11 +1,12 @@
 /**
- * The syncing thread: makes rounds safe, finishes files, removes journals, and
- * recovers what was interrupted. It takes its work in order, except that
+ * The syncing thread: makes rounds safe, finishes files, removes journals,
+ * protects files that are finished, and recovers what was interrupted. It takes its work in order, except that
  * recovery waits until nothing else is to do.
  */
 #pragma once
 
 #include <condition_variable>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -29,12 +30,14 @@ struct shared_file {
     std::atomic<bool> is_busy = false; // pending is on its way
     std::atomic<int> error = 0;        // of a sync: the writing thread gives the file up
     int64_t from = 0, to = 0;          // capture times, set before finish
+    int64_t passed = 0;                // likewise: where it ends on the recorder's capture line
+    bool is_protection_told = false;   // the syncing thread's
 };
 using file_ptr = std::shared_ptr<shared_file>;
 
 class syncer {
 public:
-    explicit syncer(std::shared_ptr<state> shared) : shared_(std::move(shared)) {}
+    explicit syncer(std::shared_ptr<state> shared);
 
     /** The body of the thread: until `end` was called and all is done, or the recorder is abandoned. */
     void run();
@@ -43,6 +46,7 @@ public:
     void sync(file_ptr file);    // pending
     void finish(file_ptr file);  // last, then the movie header
     void give_up(file_ptr file); // recovery completes it
+    void protect(int64_t from);  // files that were finished or given up before and end after that on the capture line
     void recover(std::vector<std::string> names);
     void know(std::vector<kept_file> finished);
     void make_room(); // some was refused: paused, or is_short
@@ -52,16 +56,30 @@ public:
     std::unique_ptr<muxer> take_tracks();
 
 private:
-    enum class task { sync, finish, give_up };
+    enum class task { sync, finish, give_up, protect };
     struct job {
         task what;
         file_ptr file;
+        int64_t from = 0;
+    };
+    /* What protect may still concern. */
+    struct past_file {
+        uint64_t number;
+        std::string name;
+        int64_t passed;
+        bool is_finished, is_protected;
     };
     bool work();
     void add(job);
     void carry_out(job &);
     bool complete(shared_file &);
     void make_safe(shared_file &, round &);
+    void remember(const shared_file &, bool is_finished);
+    void protect_past(int64_t from);
+    void make_read_only(const past_file &);
+    void report_protected(uint64_t number, const std::string &name, int error);
+    void remove_surplus();
+    void report_deleted(const kept_file &);
     void recover_file(const std::string &name);
     uint64_t room_to_finish() const;
     bool has_room();
@@ -84,6 +102,7 @@ private:
 
     /* Of the thread alone. */
     kept_files kept_;
+    std::deque<past_file> past_;            // the latest ones
     std::vector<std::string> lacking_room_; // files that could not be completed
     uint64_t room_lacked_ = 0;              // what was free then
     clock::time_point tried_ = {};          // to complete them, or to find the medium

@@ -15,21 +15,19 @@ std::span<const uint8_t> access_unit::bytes(std::vector<uint8_t> &scratch) const
     return scratch;
 }
 
-bool kept_sets::update(const mp4_track_desc &track, const access_unit &unit)
+bool kept_sets::update(const mp4_track_desc &track, const queue::entry &frame)
 {
+    if (!(frame.flags & frame_has_sets)) return false;
     bool is_changed = false;
-    for (const queue::taken &part : unit.parts()) {
-        if (!(part.frame->flags & frame_has_sets)) continue;
-        set_reader reader(track, {part.frame->bytes(), part.frame->length});
-        while (const auto found = reader.next()) {
-            const auto known = std::ranges::find_if(
-                sets_, [&](const set &each) { return each.kind == found->kind && each.id == found->id; });
-            if (known == sets_.end()) {
-                sets_.push_back({found->kind, found->id, {found->unit.begin(), found->unit.end()}});
-            } else if (!std::ranges::equal(known->unit, found->unit)) {
-                known->unit.assign(found->unit.begin(), found->unit.end());
-                is_changed = true;
-            }
+    set_reader reader(track, {frame.bytes(), frame.length});
+    while (const auto found = reader.next()) {
+        const auto known = std::ranges::find_if(
+            sets_, [&](const set &each) { return each.kind == found->kind && each.id == found->id; });
+        if (known == sets_.end()) {
+            sets_.push_back({found->kind, found->id, {found->unit.begin(), found->unit.end()}});
+        } else if (!std::ranges::equal(known->unit, found->unit)) {
+            known->unit.assign(found->unit.begin(), found->unit.end());
+            is_changed = true;
         }
     }
     return is_changed;

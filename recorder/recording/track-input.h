@@ -31,11 +31,13 @@ public:
         size_ = 0;
     }
 
+    uint16_t flags() const { return flags_; }
     bool has(uint16_t flag) const { return flags_ & flag; }
     int64_t time() const { return time_; }
     uint64_t size() const { return size_; }
     uint64_t count() const { return parts_.size(); }
     uint64_t position() const { return parts_.empty() ? queue::everything : parts_.front().position; }
+    uint64_t last_position() const { return parts_.back().position; }
     clock::time_point pushed() const { return parts_.back().frame->pushed; }
     const std::vector<queue::taken> &parts() const { return parts_; }
 
@@ -52,8 +54,8 @@ private:
 /** The parameter sets of a video track: the latest of each number, in the order in which they first came. */
 class kept_sets {
 public:
-    /** Takes those of an access unit. @return whether one replaces another with other bytes */
-    bool update(const mp4_track_desc &track, const access_unit &unit);
+    /** Takes those of a frame. @return whether one replaces another with other bytes */
+    bool update(const mp4_track_desc &track, const queue::entry &frame);
     /** The first one of a kind; empty when none came. */
     std::span<const uint8_t> first(uint8_t kind) const;
 
@@ -68,6 +70,8 @@ private:
 struct track_input {
     std::vector<queue::taken> waiting; // until the leading track has reached their time
     access_unit incoming;              // parts that came before the first slice
+    bool is_left = false;              // its next frame came too late for the event before: the next one's, by the grid
+    uint64_t done_until = 0;           // position: what lies before it is on its way, or was let go
     access_unit held;                  // until its successor says how long it lasts
     int64_t held_time = 0;             // where it is in its file, on the capture clock
     kept_sets sets;
@@ -79,6 +83,7 @@ struct track_input {
 
     bool has_time = false; // of the last access unit; JOIN_STEPS included
     int64_t time = 0, offset = 0;
+    uint64_t clock_until = 0;        // position: steps before it were seen
     int64_t stored_time = INT64_MIN; // as it was pushed, of the last access unit that was stored
     uint32_t steps = 0;              // of the capture clock that were seen
     bool bridges = false;            // its times have stepped, and its next file has not begun

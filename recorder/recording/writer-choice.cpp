@@ -41,6 +41,16 @@ void writer::want_key(open_file *file, uint32_t track)
     shared_->report({.kind = MEDIAFILES_EVENT_KEY_WANTED, .track = track});
 }
 
+/* Event mode: what comes now waits for the next event. */
+bool writer::is_over_for(uint32_t track, const open_file *file) const
+{
+    const track_input &input = tracks_[track];
+    if (!is_idle_ || !file || !file->has_end) return false;
+    if (input.steps > file->steps) return true;
+    return options_.is_video(track) ? input.time >= file->end - closest
+                                    : !file->line.is_before(track, input.time, file->end);
+}
+
 open_file *writer::choose_for_leader(uint32_t track, const access_unit &unit, int64_t time, bool is_key, bool new_sets)
 {
     track_input &input = tracks_[track];
@@ -62,6 +72,7 @@ open_file *writer::choose_for_leader(uint32_t track, const access_unit &unit, in
 open_file *writer::choose_for_video(uint32_t track, int64_t time, bool is_key, bool new_sets)
 {
     track_input &input = tracks_[track];
+    if (is_key && is_over_for(track, input.file)) return nullptr;
     if (!is_key || !current_) return input.file;
     if (input.file == current_ && new_sets) return begin_file(track, time);
     return is_since(*current_, input, time) ? current_ : input.file;
@@ -74,7 +85,8 @@ open_file *writer::choose_for_sound(uint32_t track, int64_t time)
     open_file *chosen = nullptr;
     for (const auto &each : files_) {
         if (!chosen) {
-            if (each.get() == input.file || (!input.file && is_since(*each, input, time))) chosen = each.get();
+            if (each.get() == input.file || (!input.file && (input.is_left || is_since(*each, input, time))))
+                chosen = each.get();
             continue;
         }
         const bool has_stepped = each->steps != chosen->steps;
@@ -84,7 +96,7 @@ open_file *writer::choose_for_sound(uint32_t track, int64_t time)
         if (!is_after) break;
         chosen = each.get();
     }
-    return chosen;
+    return is_over_for(track, chosen) ? nullptr : chosen;
 }
 
 } // namespace mediafiles::recorder

@@ -66,7 +66,7 @@ open_file *writer::begin_file(uint32_t track, int64_t time)
     const bool is_single = !options_.names.is_numbered();
     const clock::time_point now = clock::now();
     if (current_ && is_failing_ && now - tried_ < between_tries) return nullptr;
-    if (rests()) return nullptr;
+    if (is_paused()) return nullptr;
     tried_ = now;
     std::unique_ptr<open_file> made;
     try {
@@ -103,14 +103,18 @@ open_file *writer::begin_file(uint32_t track, int64_t time)
         current_->end = input.bridges && input.file == current_ ? current_->line.usual_next(track) : time;
         current_->has_end = true;
         current_->ended = now;
+        current_->ended_passed = passed_;
     }
     made->line.begin(time);
     made->steps = input.steps;
+    made->passed = passed_;
     made->last_round = now;
     shared_->wants_split = false;
     ++shared_->count.files;
     files_.push_back(std::move(made));
     current_ = files_.back().get();
+    has_made_file_ = true;
+    if (current_->passed <= protect_until_) protect(*current_);
     shared_->report({.kind = MEDIAFILES_EVENT_BEGUN, .number = current_->files().number(), .from = time},
                     current_->files().name());
     return current_;
@@ -138,7 +142,7 @@ void writer::enter(uint32_t track, open_file &file)
 {
     track_input &input = tracks_[track];
     input.file = &file;
-    input.bridges = false;
+    input.bridges = input.is_left = false;
     if (input.steps < file.steps) input.steps = file.steps;
     muxer &tracks = file.files().tracks();
     note_order(track);
@@ -179,6 +183,7 @@ void writer::leave_all(open_file &file)
     }
     file.end = file.shared->to;
     file.has_end = true;
+    file.ended_passed = passed_;
     file.ended = clock::now();
     if (&file == current_) {
         times_ = file.line;
@@ -217,6 +222,7 @@ void writer::end_old_files(clock::time_point now, bool all)
         }
         file.shared->from = file.line.beginning();
         file.shared->to = std::max(file.shared->to, file.end);
+        file.shared->passed = file.ended_passed + (file.shared->to - file.end);
         if (!file.has_failed && file.files().take_round(file.shared->last) != 0) {
             int none = 0;
             file.shared->error.compare_exchange_strong(none, errno);
@@ -246,6 +252,7 @@ void writer::give_up_failed()
             current_ = nullptr;
             want_key(nullptr, leader_);
         }
+        file.shared->passed = file.has_end ? file.ended_passed : passed_;
         if (is_want_of_room(file.shared->error)) want_room(true);
         syncs_->give_up(std::move(file.shared));
         each = files_.erase(each);

@@ -11,6 +11,7 @@ void writer::feed(uint32_t track, const queue::taken &part)
 {
     track_input &input = tracks_[track];
     const queue::entry &frame = *part.frame;
+    input.done_until = part.position + 1;
     if (options_.is_video(track)) {
         if (frame.flags & frame_after_tear && !input.held.empty()) {
             input.held.clear();
@@ -55,38 +56,52 @@ void writer::drop(uint32_t track, access_unit &unit)
 void writer::set_aside(uint32_t track)
 {
     track_input &input = tracks_[track];
-    if (input.incoming.has(frame_has_sets) && input.sets.update(options_.tracks[track], input.incoming))
-        input.has_new_sets = true;
+    if (update_sets(track, input.incoming)) input.has_new_sets = true;
     shared_->count.frames_dropped += input.incoming.count();
     input.incoming.clear();
 }
 
-/* Whether its time continues those before; where times are joined, it is made so. */
-bool writer::continues_clock(uint32_t track, const access_unit &unit, int64_t &time)
+/* The track's clock goes on to the time of a frame. Whether it continues; where times are joined, it is made so. */
+bool writer::follow_clock(uint32_t track, int64_t pushed_time, bool steps)
 {
     track_input &input = tracks_[track];
-    time = unit.time() + input.offset;
-    if (!input.has_time) return true;
-    const int64_t passed = time - input.time;
-    if (passed >= 0 && passed <= options_.longest_gap && !unit.has(frame_steps)) return true;
-    shared_->report(
-        {.kind = MEDIAFILES_EVENT_CLOCK, .track = track, .from = input.time - input.offset, .to = unit.time()});
+    const int64_t before = std::exchange(input.time, pushed_time + input.offset);
+    if (!std::exchange(input.has_time, true)) return true;
+    const int64_t passed = input.time - before;
+    if (passed >= 0 && passed <= options_.longest_gap && !steps) return true;
+    shared_->report({.kind = MEDIAFILES_EVENT_CLOCK, .track = track, .from = before - input.offset, .to = pushed_time});
     ++input.steps;
     if (!options_.has(MEDIAFILES_JOIN_STEPS)) return false;
     /* The first track that steps says by how much; the others follow it. */
     for (const track_input &other : tracks_) {
         if (&other == &input || other.steps != input.steps) continue;
-        if (const int64_t joined = unit.time() + other.offset; joined >= input.time) {
+        if (const int64_t joined = pushed_time + other.offset; joined >= before) {
             input.offset = other.offset;
-            time = joined;
+            input.time = joined;
             return true;
         }
     }
     const int64_t usual =
-        input.file && input.file->line.has_started(track) ? input.file->line.usual_next(track) : input.time + 1;
-    input.offset = std::max(usual, input.time) - unit.time();
-    time = unit.time() + input.offset;
+        input.file && input.file->line.has_started(track) ? input.file->line.usual_next(track) : before + 1;
+    input.time = std::max(usual, before);
+    input.offset = input.time - pushed_time;
     return true;
+}
+
+/* Whether decoding can begin with a frame that has these flags. */
+bool writer::is_start(uint16_t flags) const
+{
+    return flags & frame_is_key || (options_.has(MEDIAFILES_ANY_START) && flags & frame_is_recovery);
+}
+
+/* @return whether one has changed */
+bool writer::update_sets(uint32_t track, const access_unit &unit)
+{
+    if (!options_.is_video(track) || !unit.has(frame_has_sets)) return false;
+    bool is_changed = false;
+    for (const queue::taken &part : unit.parts())
+        is_changed |= tracks_[track].sets.update(options_.tracks[track], *part.frame);
+    return is_changed;
 }
 
 void writer::place(uint32_t track, access_unit &unit)
@@ -96,15 +111,14 @@ void writer::place(uint32_t track, access_unit &unit)
     if (input.file && !input.held.empty() && !input.file->line.has_started(track))
         hand_over(track, input.file->line.start(track, input.held_time), input.held_time);
 
-    int64_t time;
-    if (!continues_clock(track, unit, time)) input.bridges = input.file != nullptr;
-    input.time = time;
-    input.has_time = true;
+    if (track == leader_ && ends_event(unit)) return end_event(unit);
 
-    const bool changes_sets = unit.has(frame_has_sets) && input.sets.update(options_.tracks[track], unit);
+    const bool is_new = unit.position() >= std::exchange(input.clock_until, unit.last_position() + 1);
+    if (!follow_clock(track, unit.time(), is_new && unit.has(frame_steps))) input.bridges = input.file != nullptr;
+    const int64_t time = input.time;
+    const bool changes_sets = update_sets(track, unit);
     const bool new_sets = std::exchange(input.has_new_sets, false) || changes_sets;
-    const bool is_key =
-        !is_video || unit.has(frame_is_key) || (options_.has(MEDIAFILES_ANY_START) && unit.has(frame_is_recovery));
+    const bool is_key = !is_video || is_start(unit.flags());
     if (is_key && !complete_description(track)) {
         shared_->refuse(track, MEDIAFILES_REFUSED_NO_SETS, unit.time());
         return;
@@ -120,18 +134,19 @@ void writer::place(uint32_t track, access_unit &unit)
     if (!to) {
         if (track == leader_ && is_key && rests() && !shared_->frames.is_closed())
             is_unplaced_ = true;
-        else if (is_failing_ || rests())
+        else if (is_idle_)
+            wait_for_event(track);
+        else if (is_failing_ || is_paused())
             shared_->count.frames_dropped += unit.count();
+        else if (options_.has_events())
+            shared_->count.frames_let_go += unit.count();
         else
             shared_->refuse(track, MEDIAFILES_REFUSED_BEFORE_KEY, unit.time());
         return;
     }
     input.needs_key = false;
     if (to != input.file) {
-        if (input.file)
-            leave(track, !is_video && input.file->has_end ? input.file->end
-                         : input.bridges                  ? input.file->line.usual_next(track)
-                                                          : time);
+        leave(track, departure(track));
         enter(track, *to);
     }
     timeline &line = to->line;
@@ -153,6 +168,15 @@ bool writer::has_room_for(open_file &file, uint64_t size)
     file.is_out_of_room = found == segment::room::none;
     want_room(file.is_out_of_room);
     return !file.is_out_of_room;
+}
+
+/* Where the track ends in its file, when its access unit is the first one after it. */
+int64_t writer::departure(uint32_t track) const
+{
+    const track_input &input = tracks_[track];
+    if (!input.file) return input.time;
+    if (!options_.is_video(track) && input.file->has_end) return input.file->end;
+    return input.bridges ? input.file->line.usual_next(track) : input.time;
 }
 
 void writer::hand_over(uint32_t track, mp4_time time, int64_t reached)

@@ -16,20 +16,13 @@ constexpr int64_t longest_wait = 10'000'000'000; // for tracks that do not leave
 
 constexpr auto parts_patience = std::chrono::seconds(1); // for the picture that they belong to
 
-uint32_t leader_of(const settings &options)
-{
-    for (uint32_t track = 0; track < options.track_count(); ++track)
-        if (options.is_video(track)) return track;
-    return 0;
-}
-
 } // namespace
 
 writer::writer(std::shared_ptr<state> shared, std::shared_ptr<syncer> syncs)
-    : shared_(std::move(shared)), syncs_(std::move(syncs)), options_(shared_->options), leader_(leader_of(options_)),
+    : shared_(std::move(shared)), syncs_(std::move(syncs)), options_(shared_->options), leader_(options_.leader()),
       patience_(std::min<int64_t>(options_.sync, 1'000'000'000)),
       old_files_wait_(options_.longest_gap == never ? longest_wait : options_.longest_gap),
-      tracks_(options_.track_count()), times_(options_.tracks)
+      tracks_(options_.track_count()), is_idle_(options_.has_events()), times_(options_.tracks)
 {
     for (uint32_t track = 0; track < options_.track_count(); ++track) {
         tracks_[track].description = options_.tracks[track];
@@ -41,29 +34,31 @@ void writer::run()
 {
     survey();
     queue &frames = shared_->frames;
-    while (!frames.is_drained()) {
+    for (answer_requests(); !frames.is_drained(); answer_requests()) {
         if (is_unplaced_ && (!rests() || frames.is_closed())) place_again();
-        if (rests() && !frames.is_closed()) {
-            if (files_.empty() && shared_->paused.let_go()) syncs_->make_room();
-            frames.rest();
-        } else {
-            const queue::taken next = frames.next(deadline());
-            seen_ = next.frame ? std::max(seen_, next.frame->pushed) : clock::now();
+        const bool goes_on = !rests() || frames.is_closed();
+        const bool is_there = goes_on ? frames.await(deadline()) : frames.rest();
+        answer_requests(); // all those that were made before this frame was pushed
+        if (goes_on) {
+            const queue::taken next = is_there ? frames.next() : queue::taken();
+            as_of_ = next.frame ? next.frame->pushed : clock::now();
             if (next.frame) take(next);
             pass_on(false);
         }
         if (shared_->is_abandoned) return;
         const clock::time_point now = clock::now();
         release_late();
-        if (rests()) shared_->spare.cut();
-        if (rests() && current_) leave_all(*current_);
+        if (is_paused()) shared_->spare.cut();
+        if (is_paused() && current_) leave_all(*current_);
         give_up_failed();
-        end_old_files(now, rests());
+        end_old_files(now, is_paused());
+        if (files_.empty() && shared_->paused.let_go()) syncs_->make_room();
         make_rounds(now);
         release();
         if (frames.goes_on()) shared_->report({.kind = MEDIAFILES_EVENT_GOES_ON});
     }
     pass_on(true);
+    if (is_idle_) let_go(seen_until_, true);
     for (uint32_t track = 0; track < options_.track_count(); ++track) {
         drop(track, tracks_[track].incoming);
         shared_->report_gap(track, frames.open_gap(track));
@@ -88,21 +83,21 @@ void writer::survey()
     syncs_->recover(std::move(found.interrupted));
 }
 
-/* Nothing can be stored now: frames stay in the queue, where whole groups go when it is full. */
-bool writer::rests() const
-{
-    return shared_->paused.why() != pause::none;
-}
-
 /* ---- Order ------------------------------------------------------------- */
 
 void writer::take(const queue::taken &taken)
 {
     const uint32_t track = taken.frame->track;
-    if (track == leader_)
+    if (front_ == seen_until_) front_ = taken.position; // where the memory was empty it may begin anywhere
+    seen_until_ = std::max(seen_until_, taken.position + taken.frame->size);
+    if (is_idle_) return keep(taken);
+    if (taken.position < tracks_[track].done_until) return; // the event before has it
+    if (track == leader_) {
+        passed_ = taken.frame->passed;
         feed(track, taken);
-    else
+    } else {
         tracks_[track].waiting.push_back(taken);
+    }
 }
 
 void writer::pass_on(bool all)
@@ -120,7 +115,7 @@ bool writer::may_go(uint32_t track, const queue::taken &taken) const
     const track_input &input = tracks_[track], &leader = tracks_[leader_];
     if (leader.has_time && input.steps != leader.steps) return true;
     if (leader.has_time && taken.frame->time + input.offset <= leader.time) return true;
-    return seen_ - taken.frame->pushed >= patience_;
+    return as_of_ - taken.frame->pushed >= patience_;
 }
 
 /* ---- Time that passes -------------------------------------------------- */
@@ -130,8 +125,8 @@ void writer::release_late()
 {
     for (uint32_t track = 0; track < options_.track_count(); ++track) {
         track_input &input = tracks_[track];
-        if (!input.incoming.empty() && seen_ - input.incoming.pushed() >= parts_patience) set_aside(track);
-        if (!input.file || input.held.empty() || seen_ - input.held.pushed() < patience_) continue;
+        if (!input.incoming.empty() && as_of_ - input.incoming.pushed() >= parts_patience) set_aside(track);
+        if (!input.file || input.held.empty() || as_of_ - input.held.pushed() < patience_) continue;
         timeline &line = input.file->line;
         if (!line.has_started(track))
             hand_over(track, line.start(track, input.held_time), input.held_time);
@@ -151,8 +146,11 @@ void writer::make_rounds(clock::time_point now)
     if (unkept != 0) shared_->spare.hold(shared_->directory, unkept + more_to_spare);
     shared_->running_bytes = bytes;
     shared_->running_samples = samples;
+    const bool is_awaited = seen_until_ >= round_at_;
+    if (is_awaited) round_at_ = queue::everything;
     for (const auto &each : files_) {
         open_file &file = *each;
+        if (is_awaited) file.had_round = false;
         if (file.has_failed || file.shared->is_busy || !file.files().has_news()) continue;
         if (file.had_round && now < later(file.last_round, options_.sync)) continue;
         const clock::time_point begin = clock::now();
@@ -170,7 +168,7 @@ void writer::make_rounds(clock::time_point now)
 
 void writer::release()
 {
-    uint64_t oldest = queue::everything;
+    uint64_t oldest = is_idle_ && front_ < seen_until_ ? front_ : queue::everything;
     for (const track_input &input : tracks_) {
         oldest = std::min({oldest, input.incoming.position(), input.held.position()});
         if (!input.waiting.empty()) oldest = std::min(oldest, input.waiting.front().position);

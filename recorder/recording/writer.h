@@ -36,6 +36,7 @@ struct open_file {
     bool is_out_of_room = false; // it can be finished, and take nothing more
     bool had_round = false;
     uint64_t samples = 0;
+    int64_t passed = 0, ended_passed = 0; // capture line: where it begins, and where the next one does
     clock::time_point last_round = {}, ended = {};
 
     segment &files() { return shared->files; }
@@ -56,7 +57,8 @@ public:
 private:
     /* writer.cpp: what comes when */
     void survey();
-    bool rests() const;
+    bool is_paused() const { return shared_->paused.why() != pause::none; }
+    bool rests() const { return is_paused() && !is_idle_; }
     void take(const queue::taken &);
     void pass_on(bool all);
     bool may_go(uint32_t track, const queue::taken &) const;
@@ -69,20 +71,39 @@ private:
     void feed(uint32_t track, const queue::taken &);
     void drop(uint32_t track, access_unit &unit);
     void set_aside(uint32_t track);
-    bool continues_clock(uint32_t track, const access_unit &unit, int64_t &time);
+    bool follow_clock(uint32_t track, int64_t pushed_time, bool steps);
+    bool is_start(uint16_t flags) const;
+    bool update_sets(uint32_t track, const access_unit &unit);
     void place(uint32_t track, access_unit &unit);
     void place_again();
     bool has_room_for(open_file &, uint64_t size);
+    int64_t departure(uint32_t track) const;
     void hand_over(uint32_t track, mp4_time time, int64_t reached);
 
     /* writer-choice.cpp: which file */
     bool is_since(const open_file &, const track_input &, int64_t time) const;
+    bool is_over_for(uint32_t track, const open_file *) const;
     bool has_room(const open_file &, uint64_t size) const;
     bool is_cut_due(const open_file &, const track_input &, uint32_t track, int64_t time, uint64_t size) const;
     void want_key(open_file *, uint32_t track);
     open_file *choose_for_leader(uint32_t track, const access_unit &, int64_t time, bool is_key, bool new_sets);
     open_file *choose_for_video(uint32_t track, int64_t time, bool is_key, bool new_sets);
     open_file *choose_for_sound(uint32_t track, int64_t time);
+
+    /* writer-event.cpp: requests, protection, and frames that wait for an event */
+    void answer_requests();
+    void protect(int64_t from, int64_t until);
+    void protect(open_file &);
+    bool is_held(const open_file &) const;
+    void begin_event();
+    bool ends_event(const access_unit &);
+    void end_event(const access_unit &);
+    void wait_for_event(uint32_t track);
+    void put_back(uint32_t track);
+    void keep(const queue::taken &);
+    void let_old_go();
+    void let_go(uint64_t until, bool all_tracks);
+    void find_next_group();
 
     /* writer-files.cpp: their beginning and end */
     bool complete_description(uint32_t track);
@@ -107,6 +128,26 @@ private:
     std::vector<track_input> tracks_;
     std::vector<std::unique_ptr<open_file>> files_; // in their order; the last one is current, if it has no end
     open_file *current_ = nullptr;
+    int64_t passed_ = 0; // on the capture line, up to the leading track's latest frame in a file
+    uint64_t seen_until_ = 0;
+    clock::time_point as_of_ = {};          // when the latest frame was pushed; later once none waits
+    int64_t protect_until_ = -1;            // files that begin until then, on the capture line
+    uint64_t round_at_ = queue::everything; // position: a round is made at once when the queue has come there
+
+    /* A start of a group of pictures in the memory of event mode. */
+    struct group {
+        uint64_t position = queue::everything;
+        int64_t time = 0, passed = 0;
+        bool is_known() const { return position != queue::everything; }
+    };
+    bool is_idle_;                   // event mode: no event
+    uint64_t front_ = 0;             // the memory reaches from here to seen_until_
+    group first_group_, next_group_; // in it
+    group unit_;                     // the leading track's newest access unit
+    int64_t newest_ = 0;             // on the capture line, likewise
+    int64_t event_end_ = 0;          // on the capture line
+    bool has_made_file_ = false;     // in this event
+
     timeline times_; // to begin with: of the latest file
     std::vector<uint8_t> scratch_;
     std::vector<uint32_t> order_; // of the tracks in all files
@@ -116,7 +157,6 @@ private:
     bool is_unplaced_ = false; // the leading track's frame waits for a file
     bool is_failing_ = false;  // the next file could not be begun: the one before goes on
     clock::time_point tried_ = {};
-    clock::time_point seen_ = {}; // what was pushed before this moment has been taken from the queue
 };
 
 } // namespace mediafiles::recorder
