@@ -144,6 +144,18 @@ public:
     /** The next key frame begins a file. */
     void split() { check(mediafiles_recorder_split(get()), "mediafiles_recorder_split"); }
 
+    /** Keeps what was recorded from `before` ago on, until `after` from now. */
+    void protect(std::chrono::nanoseconds before, std::chrono::nanoseconds after = {})
+    {
+        check(mediafiles_recorder_protect(get(), before.count(), after.count()), "mediafiles_recorder_protect");
+    }
+
+    /** Event mode: a file of what the memory holds, and of `after` more. */
+    void trigger(std::chrono::nanoseconds after)
+    {
+        check(mediafiles_recorder_trigger(get(), after.count()), "mediafiles_recorder_trigger");
+    }
+
     mediafiles_recorder_stats stats() const
     {
         mediafiles_recorder_stats made = {};
