@@ -73,9 +73,23 @@ typedef struct mediafiles_recorder mediafiles_recorder; /* opaque */
  * protected_bytes, the oldest of them are deleted: as soon as one more is
  * protected, or when room is to be made. The one with the highest number stays.
  *
- * Room for the rest of the running file is kept ahead of the media, so that it
- * can be finished when others fill the file system. A medium that is taken away
- * is reported by MEDIAFILES_EVENT_NO_MEDIUM; it is tried again each second.
+ * Room for the next rounds and for the movie header is kept ahead of the media,
+ * so that the running file can be finished when others fill the file system:
+ * by blocks beyond the file's end, or, where the file system has no such blocks,
+ * by a hidden file. Recording goes on as soon as there is room again.
+ *
+ * The medium is missing when the directory cannot be used, or when its path
+ * leads to another directory than the one that was opened. The running files
+ * are given up then, nothing is written, and what is pushed stays in the queue
+ * as long as there is room. Each second the directory is looked for. It counts
+ * as back when it is on a file system that is mounted in the same place: what
+ * the path leads to while nothing is mounted there is left alone. Then numbers
+ * go on from the highest that is found, and what was interrupted is completed.
+ *
+ * After a write error the file is given up, and the next frame with which
+ * decoding can begin, of the first video track where there is one, begins a
+ * file. When a second file fails before anything in it was safe, the medium
+ * counts as missing.
  *
  * Event mode: what is pushed stays in memory until trigger is called. There
  * whole groups of pictures of the first video track (of sound alone: frames)
@@ -246,7 +260,8 @@ enum {
     MEDIAFILES_EVENT_REFUSED,       /* track, reason: MEDIAFILES_REFUSED_; once for each track and reason */
     MEDIAFILES_EVENT_FULL,          /* nothing can be recorded for want of room */
     MEDIAFILES_EVENT_NO_MEDIUM,     /* the directory cannot be used: error */
-    MEDIAFILES_EVENT_WRITE_ERROR,   /* number, path, error: the file is given up, recovery completes it */
+    MEDIAFILES_EVENT_WRITE_ERROR,   /* number, path, error: the file is given up, recovery completes it. Without a path:
+                                       the next file could not be begun, the one before goes on meanwhile */
     MEDIAFILES_EVENT_GOES_ON,       /* after STALLED, FULL, NO_MEDIUM */
     MEDIAFILES_EVENT_CLOCK,         /* track; from, to: the capture times before and after a step */
     MEDIAFILES_EVENT_KEY_WANTED,    /* track: a file waits for a key frame */

@@ -15,7 +15,6 @@
 #include <utility>
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 
 #include <mediafiles/recorder.h>
@@ -60,13 +59,11 @@ void give_record(Record *to, Record made)
 }
 
 /* No two recorders number the same directory. A single recording has its name alone. */
-recovery::descriptor open_directory(const settings &options)
+recovery::descriptor prepare_directory(const settings &options)
 {
-    recovery::descriptor opened =
-        recovery::open_at(AT_FDCWD, options.directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
-    if (!opened.is_open()) throw recovery::system_failure();
+    recovery::descriptor opened = open_directory(options.directory);
     if (options.names.is_numbered()) {
-        if (flock(opened, LOCK_EX | LOCK_NB) != 0) throw recovery::system_failure(errno == EWOULDBLOCK ? EBUSY : errno);
+        lock_directory(opened);
         return opened;
     }
     check_names(opened, options.names.make(1, std::time(nullptr)), options.has(MEDIAFILES_OVERWRITE));
@@ -169,7 +166,7 @@ mediafiles_recorder *mediafiles_recorder_start(const mediafiles_recorder_options
     std::unique_ptr<mediafiles_recorder> made;
     const int result = recovery::guarded([&] {
         settings given = complete(take_record(options));
-        recovery::descriptor directory = open_directory(given);
+        recovery::descriptor directory = prepare_directory(given);
         made = std::make_unique<mediafiles_recorder>();
         made->shared = std::make_shared<state>(std::move(given), std::move(directory));
         const auto &shared = made->shared;

@@ -82,13 +82,14 @@ void spare_file::remove()
     size_ = 0;
 }
 
-int try_room(int directory, uint64_t bytes)
+int try_directory(int directory, uint64_t bytes)
 {
     try {
         const recovery::temporary_file file(directory, S_IRUSR | S_IWUSR);
         reserve room;
-        if (room.keep(file, bytes) == 0 && (!room.is_refused() || lengthen(file, 0, bytes) == 0)) return 0;
-        return errno;
+        if (room.keep(file, bytes) != 0) return errno;
+        const uint64_t written = room.is_refused() ? bytes : std::min<uint64_t>(bytes, written_at_once);
+        return lengthen(file, 0, written) == 0 && fdatasync(file) == 0 ? 0 : errno;
     } catch (const recovery::obstacle &cause) {
         return cause.error;
     }

@@ -59,7 +59,7 @@ private:
     uint64_t size_ = 0;
 };
 
-/** Whether files can be made there and can have so much room: 0, or errno. Leaves nothing. */
-int try_room(int directory, uint64_t bytes);
+/** Whether files can be made there, have so much room and be synced: 0, or errno. Leaves nothing. */
+int try_directory(int directory, uint64_t bytes);
 
 } // namespace mediafiles::recorder

@@ -17,6 +17,7 @@
 
 #include "codec.h"
 #include "events.h"
+#include "medium.h"
 #include "names.h"
 #include "pause.h"
 #include "queue.h"
@@ -97,6 +98,7 @@ struct request {
 struct state {
     state(settings given, recovery::descriptor opened)
         : options(std::move(given)), directory(std::move(opened)),
+          location(options.directory, options.names.is_numbered(), directory),
           frames(static_cast<uint64_t>(options.queue_bytes), static_cast<uint64_t>(options.pre_event_bytes),
                  options.video, options.leader(), capture_line(options.longest_gap))
     {
@@ -105,19 +107,22 @@ struct state {
     void report(const happening &what, std::string path = {}) { events.add(what, std::move(path)); }
 
     const settings options;
-    recovery::descriptor directory; // until both threads have ended
+    recovery::descriptor directory; // until both threads have ended; while paused the syncing thread changes it
+    medium location;                // of the directory; the syncing thread opens it again
     queue frames;
     event_list events;
     counters count;
     std::atomic<bool> wants_split = false;
     pause paused;
-    std::atomic<bool> is_short = false; // room was refused that there should be
+    std::atomic<bool> is_short = false;      // room was refused that there should be
+    std::atomic<bool> is_new_medium = false; // the writing thread has to look for numbers and files
     spare_file spare;
     std::atomic<uint64_t> running_bytes = 0;   // of the files that are recorded
     std::atomic<uint64_t> running_samples = 0; // likewise
     std::atomic<bool> is_abandoned = false;    // the threads end as soon as the kernel lets them
     std::array<std::atomic<uint32_t>, MP4_MAX_TRACKS> refused_why = {}; // a bit for each reason that was reported
 
+    /** From now on nothing touches the medium but the syncing thread, which looks for it. */
     void miss_medium(int error)
     {
         if (paused.begin(pause::no_medium)) report({.kind = MEDIAFILES_EVENT_NO_MEDIUM, .error = error});

@@ -109,7 +109,8 @@ bool syncer::work()
     std::string name;
     {
         std::unique_lock guard(lock_);
-        const auto is_due = [this] { return !jobs_.empty() || !to_recover_.empty() || is_last_ || is_asked_; };
+        const auto has_find = [this] { return !to_recover_.empty() && shared_->paused.why() != pause::no_medium; };
+        const auto is_due = [&] { return !jobs_.empty() || has_find() || is_last_ || is_asked_; };
         if (shared_->paused.why() != pause::none || !lacking_room_.empty())
             wake_.wait_for(guard, between_looks, is_due);
         else
@@ -118,7 +119,7 @@ bool syncer::work()
         for (kept_file &each : found_) kept_.add(std::move(each));
         found_.clear();
         taken.swap(jobs_);
-        if (taken.empty() && !to_recover_.empty()) {
+        if (taken.empty() && has_find()) {
             name = std::move(to_recover_.back());
             to_recover_.pop_back();
         } else if (taken.empty() && is_last_) {
@@ -138,9 +139,11 @@ bool syncer::work()
 void syncer::make_safe(shared_file &file, round &made)
 {
     const clock::time_point begin = clock::now();
+    if (file.error == 0) file.error = examine_medium();
     if (file.error == 0 && file.files.sync(made, shared_->spare) != 0) file.error = errno;
     shared_->count.sync.note(begin);
     if (file.error != 0) return;
+    failures_ = 0;
     for (uint32_t track = 0; track < MP4_MAX_TRACKS; ++track) {
         if (made.samples[track] == 0) continue;
         shared_->count.safe[track] += made.samples[track];
@@ -240,7 +243,7 @@ void syncer::end_full()
     if (!shared_->paused.is_let_go()) return shared_->frames.wake();
     for (;;) {
         const bool is_promised = has_room();
-        const int error = is_promised && shared_->is_short ? try_room(shared_->directory, room_to_finish()) : 0;
+        const int error = is_promised && shared_->is_short ? try_directory(shared_->directory, room_to_finish()) : 0;
         if (is_promised && error == 0) break;
         if ((!is_promised || is_want_of_room(error)) && remove_oldest()) continue;
         if (!std::exchange(is_full_reported_, true)) shared_->report({.kind = MEDIAFILES_EVENT_FULL, .error = error});
@@ -250,13 +253,58 @@ void syncer::end_full()
     recover_again(true);
 }
 
+/* Nothing of it is used while it is missing: it can be unmounted. */
 void syncer::await_medium()
 {
     if (!shared_->paused.is_let_go()) return shared_->frames.wake();
-    if (clock::now() - tried_ < between_tries) return;
+    if (clock::now() - tried_ < between_tries || has_jobs()) return;
     tried_ = clock::now();
-    const int error = try_room(shared_->directory, least_room);
-    if (error == 0 || is_want_of_room(error)) go_on();
+    forget_medium();
+    try {
+        recovery::descriptor found = shared_->location.open();
+        const int error = try_directory(found, least_room);
+        if (error != 0 && !is_want_of_room(error)) return;
+        shared_->directory = std::move(found);
+    } catch (const recovery::obstacle &) {
+        return;
+    }
+    shared_->is_new_medium = true;
+    failures_ = 0;
+    go_on();
+}
+
+bool syncer::has_jobs()
+{
+    const std::lock_guard guard(lock_);
+    return !jobs_.empty();
+}
+
+void syncer::forget_medium()
+{
+    if (!shared_->directory.is_open()) return;
+    shared_->spare.remove();
+    shared_->directory = recovery::descriptor();
+    kept_ = kept_files();
+    if (!shared_->options.names.is_numbered()) return;
+    /* They are found again. */
+    lacking_room_.clear();
+    const std::lock_guard guard(lock_);
+    to_recover_.clear();
+}
+
+/* @return 0, or why the medium counts as missing */
+int syncer::examine_medium()
+{
+    if (shared_->paused.why() == pause::no_medium) return ENODEV;
+    const int error = shared_->location.examine(shared_->directory);
+    if (error != 0) shared_->miss_medium(error);
+    return error;
+}
+
+/* A device that is gone may look as if it were there, while all that is written to it fails. */
+void syncer::note_failure(int error)
+{
+    if (!is_want_of_room(error) && ++failures_ > 1) shared_->miss_medium(error);
 }
 
 void syncer::go_on()
@@ -306,8 +354,9 @@ void syncer::carry_out(job &each)
                     file.files.name());
     remember(file, is_finished);
     if (!is_finished) {
-        file.files.give_back();
+        if (examine_medium() == 0) file.files.give_back();
         file.files.give_up();
+        note_failure(file.error);
         recover({file.files.name()});
         return;
     }
@@ -331,7 +380,11 @@ bool syncer::complete(shared_file &file)
 /* Of files that another recorder or recovery uses nothing is said. */
 void syncer::recover_file(const std::string &name)
 {
-    std::string path = shared_->options.directory + '/' + name;
+    if (examine_medium() != 0) return recover({name});
+    /* In the directory that is open, even when its path leads elsewhere by now. */
+    std::string path = "/proc/self/fd/" + std::to_string(int{shared_->directory});
+    if (access(path.c_str(), F_OK) != 0) path = shared_->options.directory; // without /proc
+    path += '/' + name;
     /* A journal whose media never was: it stands for it. */
     if (faccessat(shared_->directory, name.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) != 0) path += ".journal";
     struct context {

@@ -87,6 +87,10 @@ private:
     void keep_room();
     void end_full();
     void await_medium();
+    bool has_jobs();
+    void forget_medium();
+    int examine_medium();
+    void note_failure(int error);
     void go_on();
     void recover_again(bool has_room);
     void add_kept(const std::string &name);
@@ -107,6 +111,7 @@ private:
     uint64_t room_lacked_ = 0;              // what was free then
     clock::time_point tried_ = {};          // to complete them, or to find the medium
     bool is_full_reported_ = false;
+    uint32_t failures_ = 0; // files in a row of which nothing could be made safe
     uint64_t round_bytes_ = 0, bytes_before_ = 0;
 };
 

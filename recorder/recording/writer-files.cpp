@@ -68,6 +68,10 @@ open_file *writer::begin_file(uint32_t track, int64_t time)
     if (current_ && is_failing_ && now - tried_ < between_tries) return nullptr;
     if (is_paused()) return nullptr;
     tried_ = now;
+    if (const int error = shared_->location.examine(shared_->directory)) {
+        shared_->miss_medium(error);
+        return nullptr;
+    }
     std::unique_ptr<open_file> made;
     try {
         if (first_second_ == 0 || !is_single) first_second_ = std::time(nullptr);
@@ -123,11 +127,13 @@ open_file *writer::begin_file(uint32_t track, int64_t time)
 /* The file before goes on, if there is one. */
 void writer::fail_to_begin(int error)
 {
-    is_failing_ = true;
+    const bool is_news = !std::exchange(is_failing_, true);
     if (is_want_of_room(error))
         want_room(!current_);
     else if (!current_)
         shared_->miss_medium(error);
+    else if (is_news)
+        shared_->report({.kind = MEDIAFILES_EVENT_WRITE_ERROR, .error = error, .number = next_number_});
 }
 
 /* The syncing thread makes some, or says that there is none. */

@@ -35,6 +35,7 @@ void writer::run()
     survey();
     queue &frames = shared_->frames;
     for (answer_requests(); !frames.is_drained(); answer_requests()) {
+        if (!is_paused() && shared_->is_new_medium.exchange(false)) survey();
         if (is_unplaced_ && (!rests() || frames.is_closed())) place_again();
         const bool goes_on = !rests() || frames.is_closed();
         const bool is_there = goes_on ? frames.await(deadline()) : frames.rest();
@@ -48,8 +49,7 @@ void writer::run()
         if (shared_->is_abandoned) return;
         const clock::time_point now = clock::now();
         release_late();
-        if (is_paused()) shared_->spare.cut();
-        if (is_paused() && current_) leave_all(*current_);
+        end_for_pause();
         give_up_failed();
         end_old_files(now, is_paused());
         if (files_.empty() && shared_->paused.let_go()) syncs_->make_room();
@@ -69,6 +69,21 @@ void writer::run()
     release();
 }
 
+/* On a full medium the files are finished; without a medium they cannot be. */
+void writer::end_for_pause()
+{
+    const pause::reason why = shared_->paused.why();
+    if (why == pause::full) {
+        shared_->spare.cut();
+        if (current_) leave_all(*current_);
+    }
+    if (why != pause::no_medium) return;
+    for (const auto &each : files_) {
+        int none = 0;
+        each->shared->error.compare_exchange_strong(none, ENODEV);
+    }
+}
+
 /* Numbers go on from the highest that is there; what was interrupted is recovered, newest first. */
 void writer::survey()
 {
@@ -78,7 +93,7 @@ void writer::survey()
     }
     if (!options_.names.is_numbered()) return;
     found_files found = find_files(shared_->directory, options_.names);
-    next_number_ = found.highest + 1;
+    next_number_ = std::max(next_number_, found.highest + 1);
     syncs_->know(std::move(found.finished));
     syncs_->recover(std::move(found.interrupted));
 }

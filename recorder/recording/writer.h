@@ -59,6 +59,7 @@ private:
     void survey();
     bool is_paused() const { return shared_->paused.why() != pause::none; }
     bool rests() const { return is_paused() && !is_idle_; }
+    void end_for_pause();
     void take(const queue::taken &);
     void pass_on(bool all);
     bool may_go(uint32_t track, const queue::taken &) const;
