@@ -225,6 +225,25 @@ TEST(MissingCard, IsOneThatIsMountedLater)
     EXPECT_FALSE(on.names().empty());
 }
 
+/* Its directory may still be in memory. */
+TEST(MissingCard, IsOneWithWhichEverySyncFails)
+{
+    const card on;
+    medium::failing gone({.kind = medium::syncing, .nth = 20, .forever = true, .error = EIO});
+    recording made(on);
+    ASSERT_TRUE(made.goes_on_to(MEDIAFILES_EVENT_NO_MEDIUM));
+    EXPECT_GE(made.count(MEDIAFILES_EVENT_WRITE_ERROR), 2u);
+    const uint32_t files = stats_of(made.recorder).files;
+    made.record(20);
+    usleep(1'500'000);
+    EXPECT_EQ(stats_of(made.recorder).files, files);
+    gone.lift();
+    ASSERT_TRUE(made.sees(MEDIAFILES_EVENT_GOES_ON));
+    ASSERT_TRUE(made.goes_on_to(MEDIAFILES_EVENT_FINISHED, 2));
+    made.stop();
+    expect_playable(on);
+}
+
 TEST(MissingCard, IsOneThatCannotBeWritten)
 {
     mounted_card on;
