@@ -28,7 +28,7 @@ class Victim:
     def __init__(self, rng, clip):
         self.sources, self.clip, self.moment = rng.choice(SOURCES), clip, rng.uniform(0, LONGEST)
         self.interval = rng.choice((0, 0.1, 0.5, 1))
-        self.options = ["--sync", str(self.interval), "--buffer", rng.choice(("0", "4096", "65536"))]
+        self.options = ["--sync", str(self.interval)]
         self.process = subprocess.Popen(
             [GIVEN.tool, "record", *(GIVEN.media / s for s in self.sources), "-o", clip, "--realtime", *self.options],
             stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)

@@ -28,7 +28,7 @@ EXAMPLE = AV[0], AV[0].with_suffix(".units.tsv"), 640, 360
 
 def start(*command, calls=()):
     """Starts a program; some of its system calls are delayed, or replaced. The process is the program's own."""
-    strace = ["strace", "-D", "-qq", "-o", "/dev/null", *(f"-einject={each}" for each in calls)] if calls else []
+    strace = ["strace", "-f", "-D", "-qq", "-o", "/dev/null", *(f"-einject={each}" for each in calls)] if calls else []
     return subprocess.Popen([*strace, *map(str, command)], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
                             env={**os.environ, "ASAN_OPTIONS": "detect_leaks=0"})
 

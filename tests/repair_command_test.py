@@ -133,7 +133,7 @@ class Repair(judge.Test):
             ("locked.mp4", (media, journal), ("refused", False, False, False), "another process is recording"),
             ("damaged.mp4", (media, b"\5" + journal), ("refused", True, True, False), "byte 0 of"),
             ("cut.mp4", (media, journal), ("repaired", True, False, True),
-             "cut.mp4: repaired: 5.013 s, h264 100 frames 3.960 s, aac 236 frames 5.013 s; 0 bytes cut"),
+             "cut.mp4: repaired: 5.035 s, h264 100 frames 4.000 s, aac 236 frames 5.035 s; 0 bytes cut"),
             ("sub/closed.mp4", (data, journal), ("finished", True, False, False), "finished properly, left"),
             ("sub/whole.mp4", (data,), ("finished", False, False, False), "finished properly, left"))
         for n, (name, given, *_) in enumerate(rows):

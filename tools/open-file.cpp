@@ -64,16 +64,4 @@ int64_t open_file::read_some(uint64_t offset, std::span<uint8_t> to) const
     return n;
 }
 
-void sync_directory_of(const std::string &path)
-{
-    const size_t slash = path.rfind('/');
-    const std::string directory = slash == std::string::npos ? "." : path.substr(0, slash + 1);
-    const int descriptor = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    const int result = descriptor < 0 ? -1 : fsync(descriptor);
-    const int error = errno;
-    if (descriptor >= 0) close(descriptor);
-    /* Some file systems have nothing to sync in a directory. */
-    if (result != 0 && error != EINVAL && error != ENOTSUP) throw failure("cannot sync", directory, error);
-}
-
 } // namespace tools

@@ -40,9 +40,6 @@ private:
     int descriptor_;
 };
 
-/** A name that was made or removed survives a power cut once its directory is synced. Throws failure. */
-void sync_directory_of(const std::string &path);
-
 } // namespace tools
 
 #endif

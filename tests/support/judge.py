@@ -109,7 +109,7 @@ def runs_to_end(codec, header):
 
 
 def stored_units(data, codec):
-    """The NAL units of an access unit as they are stored: some slices run to the end."""
+    """The NAL units of an access unit as the core stores them: some slices run to the end."""
     found = []
     starts = list(re.finditer(rb"\x00?\x00\x00\x01", data))
     for i, start in enumerate(starts):
@@ -119,8 +119,20 @@ def stored_units(data, codec):
     return found
 
 
+def nal_units(data):
+    """Every NAL unit of an access unit, without the zeros after it."""
+    return [nal.rstrip(b"\0") for nal in data.split(b"\0\0\1")[1:]]
+
+
+def recorded(unit, codec):
+    """A unit's bytes as the recorder stores them: each NAL unit has a length of its own."""
+    if codec == "aac":
+        return unit.data[7:]
+    return b"".join(struct.pack(">I", len(nal)) + nal for nal in nal_units(unit.data))
+
+
 def stored(unit, codec):
-    """A unit's bytes as a sample has them."""
+    """A unit's bytes as the core's sample has them."""
     if codec == "aac":
         return unit.data[7:]
     return b"".join(struct.pack(">I", len(nal)) + nal for nal in stored_units(unit.data, codec))

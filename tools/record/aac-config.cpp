@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <optional>
 
 namespace tools {
 
@@ -21,14 +22,15 @@ bool announces_band_replication(std::span<const uint8_t> config)
     return bits >> 13 == 0x2B7 && (bits >> 8 & 0x1F) == band_replication && (bits & 0x80) != 0;
 }
 
-} // namespace
-
+/* samplingFrequencyIndex of a rate, when an AAC-LC track can express it: not 88200 and 96000. */
 std::optional<uint32_t> frequency_index(uint32_t rate)
 {
     const auto found = std::ranges::find(rates, rate);
     if (found == rates.end()) return std::nullopt;
     return static_cast<uint32_t>(found - rates.begin()) + 2;
 }
+
+} // namespace
 
 std::string objection(std::span<const uint8_t> config, uint32_t rate, uint32_t channels)
 {
@@ -45,29 +47,6 @@ std::string objection(std::span<const uint8_t> config, uint32_t rate, uint32_t c
     if ((bits >> 3 & 0xF) != channels) return "a channel layout of its own; the standard ones can be recorded";
     if ((bits & 0x4) != 0) return "frames of 960 samples; 1024 can be recorded";
     return {};
-}
-
-access_unit inspect_aac(std::span<const uint8_t> frame, const aac_config &config)
-{
-    if (frame.empty()) return {.result = verdict::empty};
-    access_unit unit{.key = true, .stored_size = static_cast<uint32_t>(frame.size())};
-    if (!config.adts) return unit;
-
-    /* adts_fixed_header and the start of adts_variable_header, 1.A.3.2 */
-    if (frame.size() < 8 || frame[0] != 0xFF || (frame[1] & 0xF0) != 0xF0) return {.result = verdict::unreadable};
-    const uint32_t length = (frame[3] & 0x3u) << 11 | uint32_t{frame[4]} << 3 | frame[5] >> 5;
-    const uint32_t header = (frame[1] & 1) != 0 ? 7 : 9;
-    if (length != frame.size() || length <= header) return {.result = verdict::unreadable};
-
-    const uint32_t profile = frame[2] >> 6;
-    const uint32_t index = frame[2] >> 2 & 0xF;
-    const uint32_t channels = (frame[2] & 1u) << 2 | frame[3] >> 6;
-    const bool several = (frame[6] & 0x3) != 0; // raw data blocks, of which a sample has one
-    if (several || profile + 1 != low_complexity || index != frequency_index(config.rate) ||
-        channels != config.channels)
-        return {.result = verdict::other_format};
-    unit.stored_size -= header;
-    return unit;
 }
 
 } // namespace tools

@@ -8,28 +8,13 @@
 #define TOOLS_RECORD_AAC_CONFIG_H
 
 #include <cstdint>
-#include <optional>
 #include <span>
 #include <string>
 
-#include "tools/record/access-unit.h"
-
 namespace tools {
-
-struct aac_config {
-    uint32_t rate;     // Hz
-    uint32_t channels; // 1 to 6
-    bool adts;         // frames carry ADTS headers
-};
-
-/** samplingFrequencyIndex of a rate, when an AAC-LC track can express it: not 88200 and 96000. */
-std::optional<uint32_t> frequency_index(uint32_t rate);
 
 /** Why a stream with this AudioSpecificConfig cannot be recorded; empty when it can, and for no config (ADTS). */
 std::string objection(std::span<const uint8_t> specific_config, uint32_t rate, uint32_t channels);
-
-/** One audio frame of a stream. Without ADTS headers every frame but an empty one is usable. */
-access_unit inspect_aac(std::span<const uint8_t> frame, const aac_config &config);
 
 } // namespace tools
 

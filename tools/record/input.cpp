@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <chrono>
+#include <iterator>
 #include <new>
+#include <string_view>
 #include <thread>
 #include <utility>
 
@@ -96,12 +98,6 @@ filter_ptr make_filter(const AVStream *stream)
     return filter;
 }
 
-/* trailing_zero_8bits (Annex B) belong to no NAL unit; a demuxer may leave the next start code's first byte here. */
-void drop_trailing_zeros(AVPacket *packet)
-{
-    while (packet->size > 0 && packet->data[packet->size - 1] == 0) --packet->size;
-}
-
 std::string kind_and_codec(const AVStream *stream)
 {
     const char *kind = av_get_media_type_string(stream->codecpar->codec_type);
@@ -133,16 +129,12 @@ std::string objection_to(const AVStream *stream)
 } // namespace
 
 source_stream::source_stream(const AVStream *stream, const input_options &options)
-    : source_(stream), kind_(codec_of(stream->codecpar)), journaled_(options.journaled),
-      description_(describe(kind_, stream->codecpar)), filter_(make_filter(stream)),
-      frame_rate_(frame_rate_of(stream, options)),
+    : source_(stream), kind_(codec_of(stream->codecpar)), description_(describe(kind_, stream->codecpar)),
+      filter_(make_filter(stream)), frame_rate_(frame_rate_of(stream, options)),
       clock_(to_rational(stream->time_base), frame_duration_of(kind_, stream->codecpar, frame_rate_),
              start().value_or(0))
 {
-    if (kind_ == codec::aac)
-        aac_ = {description_.audio.sample_rate, description_.audio.channels, extradata(stream->codecpar).empty()};
-    else
-        order_.emplace(filter_->par_out);
+    if (kind_ != codec::aac) order_.emplace(filter_->par_out);
 }
 
 std::optional<int64_t> source_stream::start() const
@@ -170,13 +162,9 @@ frame source_stream::convert(packet_ptr packet)
     result.damaged = (packet->flags & AV_PKT_FLAG_CORRUPT) != 0;
 
     /* The filter would take an empty packet for the end of the stream. */
-    const bool converted = packet->size == 0 || (av_bsf_send_packet(filter_.get(), packet.get()) == 0 &&
-                                                 av_bsf_receive_packet(filter_.get(), packet.get()) == 0);
-    if (order_) drop_trailing_zeros(packet.get());
-    result.unit = converted ? inspect(packet.get()) : access_unit{.result = verdict::unreadable};
-    if (journaled_ && result.unit.long_sei) trim(result, packet.get());
-    if (order_ && result.unit.result == verdict::usable)
-        result.reordered = order_->goes_back(packet.get(), result.unit.resets);
+    result.readable = packet->size == 0 || (av_bsf_send_packet(filter_.get(), packet.get()) == 0 &&
+                                            av_bsf_receive_packet(filter_.get(), packet.get()) == 0);
+    if (order_ && result.readable && packet->size > 0) result.reordered = order_->goes_back(packet.get());
     result.packet = std::move(packet);
     return result;
 }
@@ -184,28 +172,6 @@ frame source_stream::convert(packet_ptr packet)
 int source_stream::missing() const
 {
     return avformat_index_get_entries_count(source_) - packets_;
-}
-
-access_unit source_stream::inspect(const AVPacket *packet) const
-{
-    const std::span<const uint8_t> data(packet->data, static_cast<size_t>(packet->size));
-    switch (kind_) {
-    case codec::h264:
-        return inspect_h264(data);
-    case codec::h265:
-        return inspect_h265(data);
-    case codec::aac:
-        return inspect_aac(data, aac_);
-    }
-    return {};
-}
-
-void source_stream::trim(frame &frame, AVPacket *packet) const
-{
-    if (av_packet_make_writable(packet) < 0) throw std::bad_alloc();
-    packet->size = static_cast<int>(without_long_sei({packet->data, static_cast<size_t>(packet->size)}));
-    frame.unit = inspect(packet);
-    frame.trimmed = true;
 }
 
 input::input(const input_options &options, const std::atomic<bool> &cancelled) : options_(options)
@@ -272,6 +238,14 @@ int64_t input::start() const
         if (start && (!earliest || *start < *earliest)) earliest = start;
     }
     return earliest.value_or(0);
+}
+
+bool input::can_wait() const
+{
+    if (!format_->pb) return false; // the demuxer has a connection of its own
+    const char *protocol = avio_find_protocol_name(format_->url);
+    constexpr std::string_view datagrams[] = {"udp", "udplite", "rtp", "srtp", "srt"};
+    return !protocol || std::ranges::find(datagrams, protocol) == std::end(datagrams);
 }
 
 std::optional<struct stat> input::file() const

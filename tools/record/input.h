@@ -19,7 +19,6 @@
 #include <mediafiles/movie.h>
 
 #include "tools/record/aac-config.h"
-#include "tools/record/access-unit.h"
 #include "tools/record/libav.h"
 #include "tools/record/picture-order.h"
 #include "tools/record/timing.h"
@@ -30,17 +29,17 @@ struct input_options {
     std::string name;                      // as the user gave it; "-" is standard input
     const AVInputFormat *format = nullptr; // or found out
     std::optional<rational> frame_rate;    // of video without timestamps; else the source's own, or 25
-    bool journaled = true;                 // take out what would end the journal
 };
+
+enum class codec { h264, h265, aac };
 
 struct frame {
     packet_ptr packet;
     size_t stream = 0;      // index into the input's streams
-    access_unit unit;       // how the library will store it
     int64_t time = 0;       // nanoseconds on the source's clock
+    bool readable = true;   // else the source's framing is broken
     bool reordered = false; // shown before a frame that came earlier
     bool damaged = false;   // by the source's own mark; stored unchanged
-    bool trimmed = false;   // it has lost a long SEI unit
 };
 
 /** A stream of a source that can be recorded. */
@@ -63,14 +62,9 @@ public:
     int missing() const;
 
 private:
-    access_unit inspect(const AVPacket *packet) const;
-    void trim(frame &frame, AVPacket *packet) const;
-
     const AVStream *source_;
     codec kind_;
-    bool journaled_;
     mp4_track_desc description_{};
-    aac_config aac_{};
     filter_ptr filter_; // to Annex B, or none
     rational frame_rate_;
     stream_clock clock_;
@@ -95,12 +89,14 @@ public:
     input(const input_options &options, const std::atomic<bool> &cancelled);
 
     const std::string &name() const { return options_.name; }
-    std::vector<source_stream> &streams() { return streams_; }
+    const std::vector<source_stream> &streams() const { return streams_; }
     const std::vector<left_out> &others() const { return others_; }
     /** Leaves out a stream that turned out not to be recordable after all. */
     void leave_out(size_t stream, std::string why);
     /** When the source begins, nanoseconds on its own clock. */
     int64_t start() const;
+    /** Whether it keeps what is not read: a file or a pipe does, a stream of datagrams does not. */
+    bool can_wait() const;
     /** The file that is read, when it is one. */
     std::optional<struct stat> file() const;
 

@@ -11,6 +11,7 @@
 #define TOOLS_RECORD_PICTURE_ORDER_H
 
 #include <cstdint>
+#include <span>
 
 #include "tools/record/libav.h"
 
@@ -21,17 +22,13 @@ public:
     /** @param parameters of the stream in Annex-B form */
     explicit picture_order(const AVCodecParameters *parameters);
 
-    /**
-     * Looks at the next access unit.
-     *
-     * @param resets  picture order counts restart with it
-     * @return whether it is shown before one that came earlier
-     */
-    bool goes_back(const AVPacket *unit, bool resets);
+    /** Looks at the next access unit. @return whether it is shown before one that came earlier */
+    bool goes_back(const AVPacket *unit);
 
 private:
     bool times_go_back(const AVPacket *unit);
-    bool counts_go_back(const AVPacket *unit, bool resets);
+    bool counts_go_back(const AVPacket *unit);
+    bool restarts_counts(std::span<const uint8_t> unit) const;
 
     codec_ptr codec_;
     parser_ptr parser_;

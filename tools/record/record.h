@@ -1,11 +1,11 @@
 /**
- * The recording itself: inputs in, an MP4 and its journal out.
+ * The recording itself: inputs in, MP4 files and their journals out, by a recorder
+ * that owns the files and the order of syncs.
  */
 #ifndef TOOLS_RECORD_RECORD_H
 #define TOOLS_RECORD_RECORD_H
 
 #include <atomic>
-#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -19,19 +19,23 @@ namespace tools {
 
 struct record_options {
     std::vector<input_options> inputs;
-    std::string output;
-    std::optional<std::string> journal; // none: no journal
+    std::string output; // a file, or with {number} the pattern of many
     bool keep_journal = false;
-    uint32_t buffer = 65536; // of the file's write cache, bytes
-    std::chrono::nanoseconds sync_interval{second};
-    std::optional<int64_t> duration; // nanoseconds of media
-    bool realtime = false;           // as fast as the frames' times run
+    int64_t sync_interval = second;   // nanoseconds
+    int64_t segment = 0;              // nanoseconds of media in a file; 0: no limit
+    int64_t segment_bytes = 0;        // likewise
+    int64_t quota = 0;                // bytes for all numbered files; 0: no limit
+    std::optional<int64_t> keep_free; // bytes
+    int64_t queue = 0;                // bytes; 0: as the tracks need
+    std::optional<int64_t> duration;  // nanoseconds of media
+    bool realtime = false;            // as fast as the frames' times run
     bool overwrite = false;
 };
 
 /**
- * Records until the inputs end, the duration is reached or stop is set. Does
- * not throw: errors are in the summary and were printed on the console.
+ * Records until the inputs end, the duration is reached, stop is set or
+ * nothing more can be written. Does not throw: errors are in the summary and
+ * were printed on the console.
  */
 recording_summary record(const record_options &options, console &console, std::atomic<bool> &stop);
 

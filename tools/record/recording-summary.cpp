@@ -1,5 +1,8 @@
 #include "tools/record/recording-summary.h"
 
+#include <algorithm>
+
+#include "tools/journal-name.h"
 #include "tools/print.h"
 #include "tools/track-description.h"
 
@@ -16,8 +19,6 @@ const char *name(stop_reason reason)
         return "signal";
     case stop_reason::duration:
         return "duration";
-    case stop_reason::limit:
-        return "limit";
     case stop_reason::error:
         return "error";
     }
@@ -49,15 +50,40 @@ ordered_json object(size_t index, const track_summary &track)
     return result;
 }
 
+ordered_json object(const recorded_file &file)
+{
+    return {{"path", file.path},
+            {"duration", or_null(file.duration)},
+            {"bytes", file.bytes},
+            {"journal_kept", file.journal_kept}};
+}
+
+uint64_t bytes_of(const recording_summary &summary)
+{
+    uint64_t sum = 0;
+    for (const recorded_file &each : summary.files) sum += each.bytes;
+    return sum;
+}
+
+double duration_of(const recording_summary &summary)
+{
+    double sum = 0;
+    for (const recorded_file &each : summary.files) sum += each.duration.value_or(0);
+    return sum;
+}
+
 } // namespace
 
 std::string to_text(const recording_summary &summary)
 {
-    std::string text = summary.output + print(": %.3f s, %ju bytes, stopped by: %s\n", summary.duration,
-                                              uintmax_t{summary.bytes}, name(summary.stopped_by));
+    std::string text = summary.output + print(": %.3f s, %ju bytes, stopped by: %s\n", duration_of(summary),
+                                              uintmax_t{bytes_of(summary)}, name(summary.stopped_by));
     for (size_t i = 0; i < summary.tracks.size(); ++i) text += line(i, summary.tracks[i]);
-    if (summary.journal_error) text += "  journal incomplete: " + *summary.journal_error + "\n";
-    if (summary.journal_kept) text += "  journal kept: " + *summary.journal + "\n";
+    if (summary.lost != 0) text += print("  lost: %ju frames\n", uintmax_t{summary.lost});
+    for (const recorded_file &each : summary.files) {
+        if (summary.files.size() > 1) text += "  file: " + each.path + print(", %ju bytes\n", uintmax_t{each.bytes});
+        if (each.journal_kept) text += "  journal kept: " + journal_of(each.path) + "\n";
+    }
     text.pop_back();
     return text;
 }
@@ -66,14 +92,18 @@ std::string to_json(const recording_summary &summary)
 {
     ordered_json tracks = ordered_json::array();
     for (size_t i = 0; i < summary.tracks.size(); ++i) tracks.push_back(object(i, summary.tracks[i]));
+    ordered_json files = ordered_json::array();
+    for (const recorded_file &each : summary.files) files.push_back(object(each));
+    const bool is_kept = std::ranges::any_of(summary.files, &recorded_file::journal_kept);
     const ordered_json result = {
         {"output", summary.output},
-        {"journal", or_null(summary.journal)},
-        {"journal_kept", summary.journal_kept},
-        {"duration", summary.duration},
-        {"bytes", summary.bytes},
+        {"journal", or_null(summary.files.empty() ? "" : journal_of(summary.files.front().path))},
+        {"journal_kept", is_kept},
+        {"duration", duration_of(summary)},
+        {"bytes", bytes_of(summary)},
+        {"files", files},
         {"tracks", tracks},
-        {"journal_error", or_null(summary.journal_error)},
+        {"lost", summary.lost},
         {"stopped_by", name(summary.stopped_by)},
         {"error", or_null(summary.error)},
     };

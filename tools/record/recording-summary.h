@@ -9,9 +9,11 @@
 
 #include <mediafiles/movie.h>
 
+#include "tools/record/recorded-files.h"
+
 namespace tools {
 
-enum class stop_reason { end, signal, duration, limit, error };
+enum class stop_reason { end, signal, duration, error };
 
 struct track_summary {
     std::string source; // the input's name
@@ -20,19 +22,16 @@ struct track_summary {
     uint64_t frames = 0;
     uint64_t key_frames = 0;
     uint64_t bytes = 0;     // of its samples
-    uint64_t dropped = 0;   // invalid frames, not recorded
+    uint64_t dropped = 0;   // frames that cannot be recorded: invalid, or before the first key frame
     uint64_t backwards = 0; // frames whose time ran backwards
     uint64_t damaged = 0;   // frames that the source marked as damaged, recorded unchanged
 };
 
 struct recording_summary {
     std::string output;
-    std::optional<std::string> journal = {}; // none, or not made yet
-    bool journal_kept = false;
-    double duration = 0; // seconds
-    uint64_t bytes = 0;  // of the file; 0 before it was opened
+    std::vector<recorded_file> files = {};
     std::vector<track_summary> tracks = {};
-    std::optional<std::string> journal_error = {};
+    uint64_t lost = 0; // frames for which there was no room, or whose file could not be written
     stop_reason stopped_by = stop_reason::end;
     std::optional<std::string> error = {};
 };

@@ -1,0 +1,87 @@
+#include "tools/record/event-message.h"
+
+#include <cerrno>
+
+#include "tools/failure.h"
+#include "tools/print.h"
+#include "tools/seconds.h"
+
+namespace tools {
+
+namespace {
+
+const char *refusal(uint32_t reason)
+{
+    switch (reason) {
+    case MEDIAFILES_REFUSED_EMPTY:
+        return "it is empty";
+    case MEDIAFILES_REFUSED_TOO_LARGE:
+        return "it is too large";
+    case MEDIAFILES_REFUSED_NO_START_CODE:
+        return "it has no start code";
+    case MEDIAFILES_REFUSED_TRUNCATED_HEADER:
+        return "a NAL unit header is cut off";
+    case MEDIAFILES_REFUSED_BAD_SET:
+        return "a parameter set cannot be read";
+    case MEDIAFILES_REFUSED_BAD_ADTS:
+        return "its framing is broken";
+    case MEDIAFILES_REFUSED_OTHER_FORMAT:
+        return "its ADTS header does not fit the track";
+    case MEDIAFILES_REFUSED_BEFORE_KEY:
+        return "a file begins with a key frame";
+    case MEDIAFILES_REFUSED_NO_SETS:
+        return "no parameter set says its size";
+    case MEDIAFILES_REFUSED_TIME:
+        return "its time is out of range";
+    default:
+        return "it cannot be stored";
+    }
+}
+
+std::string frames(uint64_t count)
+{
+    return std::to_string(count) + (count == 1 ? " frame" : " frames");
+}
+
+event_message lasting(const char *what, const std::string &path, int error)
+{
+    return {weight::failure, failure(what, path, error).what()};
+}
+
+} // namespace
+
+event_message message_of(const mediafiles_recorder_event &event, const std::string &path, const std::string &stream)
+{
+    switch (event.kind) {
+    case MEDIAFILES_EVENT_BEGUN:
+        return {weight::note, "recording into " + path};
+    case MEDIAFILES_EVENT_RECOVERED:
+        return {weight::note, "completed: " + path + ": " + frames(event.count)};
+    case MEDIAFILES_EVENT_NOT_RECOVERED:
+        if (event.reason != 0 && event.reason != MEDIAFILES_REASON_SYSTEM)
+            return {weight::problem, failure("cannot complete", path, mediafiles_reason_text(event.reason)).what()};
+        return {weight::problem, failure("cannot complete", path, event.error).what()};
+    case MEDIAFILES_EVENT_DELETED:
+        return {weight::note, "deleted: " + path + print(": %ju bytes", uintmax_t{event.count})};
+    case MEDIAFILES_EVENT_STALLED:
+        return {weight::problem, "the medium is slow: " + path + ": frames wait in memory"};
+    case MEDIAFILES_EVENT_GOES_ON:
+        return {weight::note, "the recording goes on: " + path};
+    case MEDIAFILES_EVENT_CLOCK:
+        return {weight::note, "the time steps: " + stream + print(": by %.3f s", seconds(event.to - event.from))};
+    case MEDIAFILES_EVENT_DROPPED:
+        return {weight::problem, "no room in the queue: " + stream + ": " + frames(event.count) + " lost"};
+    case MEDIAFILES_EVENT_REFUSED:
+        return {weight::problem, "frame dropped: " + stream + ": " + refusal(event.reason)};
+    case MEDIAFILES_EVENT_FULL:
+        return lasting("cannot write", path, event.error != 0 ? event.error : ENOSPC);
+    case MEDIAFILES_EVENT_NO_MEDIUM:
+        return lasting("cannot record", path, event.error);
+    case MEDIAFILES_EVENT_WRITE_ERROR:
+        return lasting("cannot write", path, event.error);
+    default:
+        return {};
+    }
+}
+
+} // namespace tools

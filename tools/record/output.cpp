@@ -1,0 +1,124 @@
+#include "tools/record/output.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "tools/failure.h"
+#include "tools/journal-name.h"
+
+namespace tools {
+
+namespace {
+
+constexpr const char *cannot_record = "cannot record";
+constexpr int64_t usual_queue = 8 << 20; // bytes
+
+bool is_there(const std::string &path, struct stat &status)
+{
+    return stat(path.c_str(), &status) == 0;
+}
+
+void refuse_inputs(const std::string &output, std::span<const struct stat> inputs)
+{
+    for (const std::string &path : {output, journal_of(output)}) {
+        struct stat status;
+        if (!is_there(path, status)) continue;
+        const auto is_it = [&](const struct stat &input) {
+            return status.st_dev == input.st_dev && status.st_ino == input.st_ino;
+        };
+        if (std::ranges::any_of(inputs, is_it)) throw failure(cannot_record, path, "it is an input, too");
+    }
+}
+
+/* A recorder takes no link for its directory; a user may give one. */
+std::string real_directory(const output_place &place)
+{
+    const std::unique_ptr<char, decltype(&std::free)> real(
+        realpath(place.directory.empty() ? "." : place.directory.c_str(), nullptr), &std::free);
+    if (!real) throw failure(cannot_record, place.directory + place.name, errno);
+    return real.get();
+}
+
+std::string reason_of_start(const record_options &options, const output_place &place, int error)
+{
+    if (place.is_numbered && error == EINVAL)
+        return "not a pattern: its fields are {number} or {number:DIGITS} and %Y %m %d %H %M %S, its end is .mp4";
+    if (place.is_numbered && error == EBUSY) return "another recorder numbers files in this directory";
+    if (place.is_numbered) return std::strerror(error);
+    if (error == EINVAL) return "it is not the name of a file";
+    if (error == EBUSY) return "another process is recording it";
+    if (error == EEXIST && options.overwrite) return "it is protected, or not a regular file";
+    if (error == EEXIST) return "it exists; --overwrite replaces it";
+    return std::strerror(error);
+}
+
+[[noreturn]] void throw_start_failure(const record_options &options, const output_place &place, int error)
+{
+    struct stat status;
+    if (!place.is_numbered && error == EEXIST && !options.overwrite && lstat(options.output.c_str(), &status) != 0)
+        throw failure(cannot_record, journal_of(options.output),
+                      "it exists and may be needed to repair an interrupted recording; --overwrite replaces it");
+    throw failure(cannot_record, options.output, reason_of_start(options, place, error));
+}
+
+/* The recorder's default is for those who let it delete; 0 is its default, -1 none. */
+int64_t keep_free(const record_options &options, const output_place &place)
+{
+    if (options.keep_free) return *options.keep_free == 0 ? -1 : *options.keep_free;
+    return place.is_numbered ? 0 : -1;
+}
+
+/* A frame that is larger than the queue cannot be recorded; few pictures are larger than they are uncompressed. */
+int64_t queue_for(const std::vector<mp4_track_desc> &tracks)
+{
+    int64_t bytes = usual_queue;
+    for (const mp4_track_desc &track : tracks)
+        if (track.type != MP4_TRACK_AAC)
+            bytes = std::max(bytes, int64_t{track.video.width} * track.video.height / 2 * 3);
+    return std::min(bytes, largest_queue);
+}
+
+} // namespace
+
+output_place place_of(const std::string &output)
+{
+    const bool is_numbered = output.find("{number") != std::string::npos;
+    /* Fields may stand in names of directories, which the recorder makes. */
+    const size_t slash = output.rfind('/', is_numbered ? output.find_first_of("{%") : std::string::npos);
+    const size_t name = slash == std::string::npos ? 0 : slash + 1;
+    return {output.substr(0, name), output.substr(name), is_numbered};
+}
+
+recorder_ptr start_recorder(const record_options &options, const output_place &place,
+                            const std::vector<mp4_track_desc> &tracks, std::span<const struct stat> inputs)
+{
+    if (!place.is_numbered) refuse_inputs(options.output, inputs);
+    const std::string directory = real_directory(place);
+    const bool is_one_file = !place.is_numbered && options.segment == 0 && options.segment_bytes == 0;
+
+    mediafiles_recorder_options given = {};
+    given.size = sizeof given;
+    given.track_count = static_cast<uint32_t>(tracks.size());
+    given.tracks = tracks.data();
+    given.directory = directory.c_str();
+    given.pattern = place.name.c_str();
+    given.sync_ns = std::max<int64_t>(options.sync_interval, 1);
+    given.segment_ns = options.segment;
+    given.segment_bytes = options.segment_bytes;
+    given.longest_gap_ns = is_one_file ? -1 : 0; // whatever the times of the source are
+    given.quota_bytes = options.quota;
+    given.keep_free_bytes = keep_free(options, place);
+    given.queue_bytes = options.queue != 0 ? options.queue : queue_for(tracks);
+    given.file_mode = 0666;
+    given.flags = MEDIAFILES_ANY_START;
+    if (!place.is_numbered) given.flags |= MEDIAFILES_PLAIN_NAME;
+    if (options.overwrite) given.flags |= MEDIAFILES_OVERWRITE;
+    if (options.keep_journal) given.flags |= MEDIAFILES_KEEP_JOURNAL;
+    recorder_ptr made(mediafiles_recorder_start(&given));
+    if (!made) throw_start_failure(options, place, errno);
+    return made;
+}
+
+} // namespace tools
