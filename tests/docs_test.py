@@ -1,4 +1,5 @@
-"""The pages are right: the README's code records the recording whose bytes the other pages show.
+"""The pages are right: the README's code records the recording whose bytes the other pages show; the recorder's page
+knows no name that its headers lack.
 
     docs_test.py SOURCE LIBRARY [FLAG...]
 """
@@ -66,6 +67,11 @@ readme = (SOURCE / "README.md").read_text()
 code, *parts = re.findall(r"```c\n(.*?)```", readme, flags=re.S)
 for part, example in zip(parts, ("record.c", "recover.c"), strict=True):
     assert part in (SOURCE / "examples" / example).read_text(), f"the README shows other code than {example}"
+
+headers = "".join((SOURCE / "include/mediafiles" / name).read_text() for name in ("recorder.h", "recovery.h", "movie.h"))
+named = set(re.findall(r"`(?:<mediafiles/)?([A-Za-z]\w+)(?:\.hp*>)?`", (SOURCE / "docs/recorder.md").read_text()))
+missing = {name for name in named if not re.search(rf"(?:\b|_){name}\b", headers)}
+assert len(named) > 40 and not missing, f"docs/recorder.md has names that are in no header: {missing}"
 
 layout = (SOURCE / "docs/file-layout.md").read_text()
 frames = re.findall(r"^ {4}(00 00 00 01 [0-9a-f ]+)$", layout, flags=re.M)
