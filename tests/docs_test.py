@@ -1,5 +1,5 @@
-"""The pages are right: the README's code records the recording whose bytes the other pages show; the recorder's page
-knows no name that its headers lack.
+"""The pages are right: the README's code is that of the examples, or records the recording whose bytes other pages show;
+the recorder's page knows no name that its headers lack.
 
     docs_test.py SOURCE LIBRARY [FLAG...]
 """
@@ -64,8 +64,8 @@ def c_array(line):
 
 
 readme = (SOURCE / "README.md").read_text()
-code, *parts = re.findall(r"```c\n(.*?)```", readme, flags=re.S)
-for part, example in zip(parts, ("record.c", "recover.c"), strict=True):
+dashcam, dashcam_cpp, code, recover = re.findall(r"```(?:c|cpp)\n(.*?)```", readme, flags=re.S)
+for part, example in ((dashcam, "dashcam.c"), (dashcam_cpp, "dashcam.cpp"), (recover, "recover.c")):
     assert part in (SOURCE / "examples" / example).read_text(), f"the README shows other code than {example}"
 
 headers = "".join((SOURCE / "include/mediafiles" / name).read_text() for name in ("recorder.h", "recovery.h", "movie.h"))
