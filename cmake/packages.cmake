@@ -42,8 +42,8 @@ foreach(component ${CPACK_COMPONENTS_ALL})
         DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${CPACK_DEBIAN_${upper}_PACKAGE_NAME})
 endforeach()
 install(DIRECTORY examples docs COMPONENT dev EXCLUDE_FROM_ALL DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libmediafiles-dev
-    FILES_MATCHING PATTERN *.c PATTERN *.md PATTERN recover.c EXCLUDE)
-install(FILES examples/recover.c COMPONENT recorder-dev EXCLUDE_FROM_ALL
+    FILES_MATCHING PATTERN *.c PATTERN *.md PATTERN recover.c EXCLUDE PATTERN dashcam.c EXCLUDE)
+install(FILES examples/dashcam.c examples/dashcam.cpp examples/recover.c COMPONENT recorder-dev EXCLUDE_FROM_ALL
     DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libmediafiles-recorder-dev/examples)
 install(FILES ${work}/mediafiles.1.gz COMPONENT tools EXCLUDE_FROM_ALL DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 install(FILES ${work}/mediafiles-repair.1.gz COMPONENT repair EXCLUDE_FROM_ALL DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
@@ -66,11 +66,12 @@ set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "libmediafiles writes encoded video and 
 and keeps a journal beside them, from which a recording that was cut off is\ncompleted without reading the media.")
 set(CPACK_COMPONENT_DEV_DESCRIPTION "${CPACK_COMPONENT_RUNTIME_DESCRIPTION}\n.\n\
 This package has the headers, the static library and examples.")
-set(CPACK_COMPONENT_RECORDER_DESCRIPTION "libmediafiles-recorder brings recordings back that were cut off\n\
-It decides what is kept of a recording and its journal, and repairs files and\nwhole cards, so that a power cut during the repair does no harm.")
+set(CPACK_COMPONENT_RECORDER_DESCRIPTION "libmediafiles-recorder makes a directory of MP4 files of frames\n\
+It keeps a quota, outlasts a card that stalls, and brings recordings back that\na power cut has interrupted; a cut during the repair does no harm.")
 set(CPACK_COMPONENT_RECORDER-DEV_DESCRIPTION "${CPACK_COMPONENT_RECORDER_DESCRIPTION}\n.\n\
-This package has the header, the static library and an example.")
-set(CPACK_COMPONENT_REPAIR_DESCRIPTION "${CPACK_COMPONENT_RECORDER_DESCRIPTION}\n.\n\
+This package has the headers, the static library and examples.")
+set(CPACK_COMPONENT_REPAIR_DESCRIPTION "mediafiles-repair brings recordings back that were cut off\n\
+It decides what is kept of a recording and its journal, and repairs files and\nwhole cards, so that a power cut during the repair does no harm.\n.\n\
 This package has the program, for devices; the command of mediafiles-tools has\nit as well.")
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION "${CPACK_COMPONENT_RUNTIME_DESCRIPTION}\n.\n\
 This package has the command, which records what libavformat opens and\nrepairs files and whole cards.")

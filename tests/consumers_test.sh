@@ -1,7 +1,7 @@
 #!/bin/sh
 # What is installed, or unpacked from the packages, can be built against, by
-# pkg-config and by CMake; the programs record a file, the command where it is
-# there the same one.
+# pkg-config and by CMake, in C and in C++; the programs record a file, the
+# command where it is there the same one.
 #     consumers_test.sh SOURCE BUILD
 #     consumers_test.sh SOURCE BUILD/CPackConfig.cmake
 #     consumers_test.sh SOURCE PACKAGE.deb...
@@ -24,15 +24,21 @@ else
 fi
 
 libdir=$(dirname "$(find "$prefix" -name libmediafiles.so)")
-sed "s|^prefix=.*|prefix=$prefix|" "$libdir/pkgconfig/mediafiles.pc" >"$work/mediafiles.pc"
-# shellcheck disable=SC2046,SC2086
-cc -std=c11 "$source/examples/record.c" -o "$work/by-pkg-config" \
-    $(PKG_CONFIG_PATH=$work pkg-config --cflags --libs mediafiles) -Wl,-rpath,"$libdir" ${CONSUMER_FLAGS:-}
-
-sed "s|^prefix=.*|prefix=$prefix|" "$libdir/pkgconfig/mediafiles-recorder.pc" >"$work/mediafiles-recorder.pc"
-# shellcheck disable=SC2046,SC2086
-cc -std=c11 "$source/examples/recover.c" -o "$work/recover" \
-    $(PKG_CONFIG_PATH=$work pkg-config --cflags --libs mediafiles-recorder) -Wl,-rpath,"$libdir" ${CONSUMER_FLAGS:-}
+for library in mediafiles mediafiles-recorder; do
+    sed "s|^prefix=.*|prefix=$prefix|" "$libdir/pkgconfig/$library.pc" >"$work/$library.pc"
+done
+by_pkg_config() # LIBRARY EXAMPLE PROGRAM COMPILER...
+{
+    library=$1 example=$source/examples/$2 program=$work/$3
+    shift 3
+    # shellcheck disable=SC2046,SC2086
+    "$@" "$example" -o "$program" $(PKG_CONFIG_PATH=$work pkg-config --cflags --libs "$library") -Wl,-rpath,"$libdir" \
+        ${CONSUMER_FLAGS:-}
+}
+by_pkg_config mediafiles record.c by-pkg-config cc -std=c11
+by_pkg_config mediafiles-recorder recover.c recover cc -std=c11
+by_pkg_config mediafiles-recorder dashcam.c dashcam-c cc -std=c11
+by_pkg_config mediafiles-recorder dashcam.cpp dashcam-cpp c++ -std=c++20
 
 mkdir "$work/project"
 cat >"$work/project/CMakeLists.txt" <<END
@@ -45,11 +51,16 @@ foreach(library mediafiles mediafiles-static)
 endforeach()
 foreach(library mediafiles-recorder mediafiles-recorder-static)
     add_executable(by-\${library} "$source/examples/recover.c")
-    target_link_libraries(by-\${library} PRIVATE mediafiles::\${library})
+    add_executable(dashcam-c-\${library} "$source/examples/dashcam.c")
+    add_executable(dashcam-cpp-\${library} "$source/examples/dashcam.cpp")
+    target_compile_features(dashcam-cpp-\${library} PRIVATE cxx_std_20)
+    foreach(program by dashcam-c dashcam-cpp)
+        target_link_libraries(\${program}-\${library} PRIVATE mediafiles::\${library})
+    endforeach()
 endforeach()
 END
-cmake -S "$work/project" -B "$work/out" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_C_FLAGS="${CONSUMER_FLAGS:-}" >"$work/log" ||
-    { cat "$work/log"; exit 1; }
+cmake -S "$work/project" -B "$work/out" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_C_FLAGS="${CONSUMER_FLAGS:-}" \
+    -DCMAKE_CXX_FLAGS="${CONSUMER_FLAGS:-}" >"$work/log" || { cat "$work/log"; exit 1; }
 cmake --build "$work/out" >"$work/log" || { cat "$work/log"; exit 1; }
 
 stream=$source/testdata/h264_base_640x360_25
@@ -75,3 +86,12 @@ done >"$work/output"
 grep -v sps "$work/output" | sort -u >"$work/sums"
 cat "$work/sums"
 test "$(wc -l <"$work/sums")" = 1
+
+sound=$source/testdata/aac_lc_48000_2
+for program in "$work"/dashcam-c* "$work"/out/dashcam-c*; do
+    mkdir "$work/card"
+    "$program" "$work/card" "$stream.h264" "$stream.units.tsv" "$sound.aac" "$sound.units.tsv" 1000 2>"$work/log"
+    "$work/recover" "$work/card" >"$work/recovered"
+    grep -q '00000001_.*mp4: finished$' "$work/recovered" || { cat "$work/log" "$work/recovered" >&2; exit 1; }
+    rm -r "$work/card"
+done
