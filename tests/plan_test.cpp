@@ -459,6 +459,9 @@ TEST_F(Plan, LeavesAWholeFileAlone)
     const auto at = size_t(set.data() - r.journal.data());
     const bytes before = with(first(r.journal, r.journal.size() / 2), at + 5, hex("A5A5"));
     EXPECT_EQ("finished", outcome_of(plan_of(r.closed, &before)));
+    /* A track without parameter sets. */
+    const bytes units = sized_units(hex("000001 65 11*4 000001 65 11*4")), open = joined({first(r.open, 32), units});
+    EXPECT_EQ("finished", outcome_of(plan_of(fixed(open, records("avc m0:32,9,1 m0:41,9,2")), nullptr)));
     /* A journal of the same samples in a track of another type. */
     const recorded &sound = recordings()[3];
     const bytes foreign = with(sound.journal, 4, hex("01010000"));
@@ -697,13 +700,9 @@ TEST_F(Plan, RecognisesAJournalByItsFirstTrack)
 {
     const recorded &r = recordings()[1];
     const bytes user = joined({hex("00000800"), bytes(8)}), sample = joined({hex("02001800"), bytes(24)});
-    const std::pair<bytes, int> cases[] = {{r.journal, 1},
-                                           {joined({user, r.journal}), 1},
-                                           {joined({sample, r.journal}), 0},
-                                           {user, 0},
-                                           {r.closed, 0},
-                                           {first(r.journal, 19), 0},
-                                           {bytes(100'000), 0}};
+    const std::pair<bytes, int> cases[] = {
+        {r.journal, 1}, {joined({user, r.journal}), 1}, {joined({sample, r.journal}), 0},          {user, 0},
+        {r.closed, 0},  {first(r.journal, 19), 0},      {joined({user, first(r.journal, 19)}), 0}, {bytes(100'000), 0}};
     for (const auto &[data, is] : cases) EXPECT_EQ(is, mediafiles_is_journal(data.data(), data.size())) << data.size();
 }
 
