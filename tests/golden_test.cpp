@@ -44,26 +44,20 @@ struct step {
 };
 
 const std::string sps = " 6742C00A88682C4E40 ", idr = " 658880A1A2A3A4A5A6A7A8A9AAABACAD";
+const std::string v0 = "00000001 09F0 00000001" + sps + "000001 68CE3C80 000001" + idr,
+                  v4 = "00000001" + sps + "00000001 68DE3C80 000001 060601C480 00000001 6588 D1+18";
 constexpr int32_t t7 = 1'700'000'007, t8 = 1'700'000'008;
 
 /* The audio cache takes 8000 Hz * 2 bytes = 16,000 bytes: a second sample of 8000 does not fit and goes out with the
  * first. ADTS: 01 1011 0 001 in bytes 2 and 3 are AAC-LC, 8000 Hz, mono; the 13-bit length starts in byte 3. */
 const std::vector<step> frames = {
-    {"V0: delimiter, SPS, PPS, IDR",
-     0,
-     {t7, 980'000'000},
-     1,
-     "00000001 09F0 00000001" + sps + "000001 68CE3C80 000001" + idr},
+    {"V0: delimiter, SPS, PPS, IDR", 0, {t7, 980'000'000}, 1, v0},
     {"V1: as long as V0 when stored", 0, {t8, 20'000'000}, 0, "00000001 419A 11+41"},
     {"A0: 7-byte header, length 8007", 1, {t8, 41'812'500}, 1, "FFF16C43E8FFFC A0+8000", false, 120},
     {"V2: leading zero byte", 0, {t8, 60'000'000}, 0, "00 00000001 419AB2B3B4B5B6B7B8B9BABB"},
     {"V3: two slices", 0, {t8, 80'050'000}, 0, "000001 419AC2C3C4C5 000001 419AC7C8C9CA"},
     {"A1: 9-byte header with CRC, length 8009", 1, {t8, 169'812'500}, 1, "FFF06C43E93FFC 1234 A1+8000"},
-    {"V4: same SPS, other PPS, SEI, IDR",
-     0,
-     {t8, 213'383'333},
-     256,
-     "00000001" + sps + "00000001 68DE3C80 000001 060601C480 00000001 6588 D1+18"},
+    {"V4: same SPS, other PPS, SEI, IDR", 0, {t8, 213'383'333}, 256, v4},
     {"V5", 0, {t8, 253'383'333}, 0, "000001 419A 71+12"},
     {"A2: no header", 1, {t8, 297'875'000}, 1, "A2+8000", true, 316},
     {"A3: MPEG-2 header, length 8007", 1, {t8, 425'937'400}, 1, "FFF96C43E8FFFC A3+8000"},
