@@ -75,6 +75,13 @@ void kept_files::note_protected(kept_file &file)
     protected_bytes_ += file.bytes;
 }
 
+void kept_files::clear()
+{
+    files_.clear();
+    protected_.clear();
+    bytes_ = protected_bytes_ = 0;
+}
+
 void kept_files::forget(const kept_file &file)
 {
     bytes_ -= file.bytes;

@@ -28,6 +28,7 @@ public:
     explicit kept_files(uint64_t most_protected) : most_protected_(most_protected) {}
 
     void add(kept_file file);
+    void clear();
     uint64_t bytes() const { return bytes_; }
 
     /**

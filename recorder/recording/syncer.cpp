@@ -284,7 +284,7 @@ void syncer::forget_medium()
     if (!shared_->directory.is_open()) return;
     shared_->spare.remove();
     shared_->directory = recovery::descriptor();
-    kept_ = kept_files();
+    kept_.clear();
     if (!shared_->options.names.is_numbered()) return;
     /* They are found again. */
     lacking_room_.clear();
