@@ -27,6 +27,9 @@ struct codec {
     // Decoding can begin with such a unit: IDR of H.264, IRAP of H.265 with the types reserved for it.
     constexpr bool is_key(uint8_t unit) const { return unit_header == 1 ? unit == 5 : unit >= 16 && unit <= 23; }
 
+    // An access unit delimiter, which comes before all others.
+    constexpr bool is_delimiter(uint8_t unit) const { return unit == (unit_header == 1 ? 9 : 35); }
+
     // The journal's kind of a parameter set of that unit type, or no_set.
     constexpr uint8_t set_kind(uint8_t unit) const
     {

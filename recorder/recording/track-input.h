@@ -51,13 +51,18 @@ private:
     uint16_t flags_ = 0;
 };
 
-/** The parameter sets of a video track: the latest of each number, in the order in which they first came. */
+/** The parameter sets of a video track, the latest of each number: those that came last, in their order, are the first. */
 class kept_sets {
 public:
-    /** Takes those of a frame. @return whether one replaces another with other bytes */
-    bool update(const mp4_track_desc &track, const queue::entry &frame);
-    /** The first one of a kind; empty when none came. */
+    /** Takes those of a frame. */
+    void update(const mp4_track_desc &track, const queue::entry &frame);
+    /** The first one of a kind, which the header of a file has; empty when none came. */
     std::span<const uint8_t> first(uint8_t kind) const;
+    /** Those that are neither in the header nor in the access unit, as a sample has them. */
+    std::vector<uint8_t> missing_in(const mp4_track_desc &track, const access_unit &unit) const;
+
+    /** Goes up when a set replaces another with other bytes. */
+    uint32_t version() const { return version_; }
 
 private:
     struct set {
@@ -65,6 +70,7 @@ private:
         std::vector<uint8_t> unit;
     };
     std::vector<set> sets_;
+    uint32_t version_ = 1;
 };
 
 struct track_input {
@@ -75,11 +81,12 @@ struct track_input {
     access_unit held;                  // until its successor says how long it lasts
     int64_t held_time = 0;             // where it is in its file, on the capture clock
     kept_sets sets;
-    bool has_new_sets = false;  // they came without a picture
     mp4_track_desc description; // of its files; of video, with its size and raw
 
-    open_file *file = nullptr; // the one its samples go to
-    bool needs_key = false;    // video: what comes before the next key frame cannot be decoded
+    open_file *file = nullptr;       // the one its samples go to
+    uint32_t file_sets = 0;          // version of the parameter sets with which it entered that file
+    std::vector<uint8_t> added_sets; // to its first sample there
+    bool needs_key = false;          // video: what comes before the next key frame cannot be decoded
 
     bool has_time = false; // of the last access unit; JOIN_STEPS included
     int64_t time = 0, offset = 0;
@@ -87,6 +94,10 @@ struct track_input {
     int64_t stored_time = INT64_MIN; // as it was pushed, of the last access unit that was stored
     uint32_t steps = 0;              // of the capture clock that were seen
     bool bridges = false;            // its times have stepped, and its next file has not begun
+
+    bool has_new_sets() const { return file && file_sets != sets.version(); }
+    /** What is held, as the file gets it. @param scratch  receives it where it is in pieces */
+    std::span<const uint8_t> sample(std::vector<uint8_t> &scratch) const;
 };
 
 } // namespace mediafiles::recorder

@@ -51,13 +51,13 @@ bool writer::is_over_for(uint32_t track, const open_file *file) const
                                     : !file->line.is_before(track, input.time, file->end);
 }
 
-open_file *writer::choose_for_leader(uint32_t track, const access_unit &unit, int64_t time, bool is_key, bool new_sets)
+open_file *writer::choose_for_leader(uint32_t track, const access_unit &unit, int64_t time, bool is_key)
 {
     track_input &input = tracks_[track];
     if (!current_) return is_key ? begin_file(track, time) : nullptr;
     if (input.file != current_) return is_key && is_since(*current_, input, time) ? current_ : input.file;
 
-    if (new_sets || is_cut_due(*current_, input, track, time, unit.size())) {
+    if (input.has_new_sets() || is_cut_due(*current_, input, track, time, unit.size())) {
         if (is_key) {
             if (open_file *const next = begin_file(track, time)) return next;
         } else {
@@ -69,12 +69,13 @@ open_file *writer::choose_for_leader(uint32_t track, const access_unit &unit, in
     return is_key ? begin_file(track, time) : nullptr;
 }
 
-open_file *writer::choose_for_video(uint32_t track, int64_t time, bool is_key, bool new_sets)
+open_file *writer::choose_for_video(uint32_t track, int64_t time, bool is_key)
 {
     track_input &input = tracks_[track];
     if (is_key && is_over_for(track, input.file)) return nullptr;
     if (!is_key || !current_) return input.file;
-    if (input.file == current_ && new_sets) return begin_file(track, time);
+    if (input.file == current_ && input.has_new_sets())
+        if (open_file *const next = begin_file(track, time)) return next;
     return is_since(*current_, input, time) ? current_ : input.file;
 }
 

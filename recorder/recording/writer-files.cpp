@@ -148,6 +148,7 @@ void writer::enter(uint32_t track, open_file &file)
 {
     track_input &input = tracks_[track];
     input.file = &file;
+    input.file_sets = input.sets.version();
     input.bridges = input.is_left = false;
     if (input.steps < file.steps) input.steps = file.steps;
     muxer &tracks = file.files().tracks();

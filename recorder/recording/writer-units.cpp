@@ -56,7 +56,7 @@ void writer::drop(uint32_t track, access_unit &unit)
 void writer::set_aside(uint32_t track)
 {
     track_input &input = tracks_[track];
-    if (update_sets(track, input.incoming)) input.has_new_sets = true;
+    update_sets(track, input.incoming);
     shared_->count.frames_dropped += input.incoming.count();
     input.incoming.clear();
 }
@@ -94,14 +94,10 @@ bool writer::is_start(uint16_t flags) const
     return flags & frame_is_key || (options_.has(MEDIAFILES_ANY_START) && flags & frame_is_recovery);
 }
 
-/* @return whether one has changed */
-bool writer::update_sets(uint32_t track, const access_unit &unit)
+void writer::update_sets(uint32_t track, const access_unit &unit)
 {
-    if (!options_.is_video(track) || !unit.has(frame_has_sets)) return false;
-    bool is_changed = false;
-    for (const queue::taken &part : unit.parts())
-        is_changed |= tracks_[track].sets.update(options_.tracks[track], *part.frame);
-    return is_changed;
+    if (!options_.is_video(track) || !unit.has(frame_has_sets)) return;
+    for (const queue::taken &part : unit.parts()) tracks_[track].sets.update(options_.tracks[track], *part.frame);
 }
 
 void writer::place(uint32_t track, access_unit &unit)
@@ -116,8 +112,7 @@ void writer::place(uint32_t track, access_unit &unit)
     const bool is_new = unit.position() >= std::exchange(input.clock_until, unit.last_position() + 1);
     if (!follow_clock(track, unit.time(), is_new && unit.has(frame_steps))) input.bridges = input.file != nullptr;
     const int64_t time = input.time;
-    const bool changes_sets = update_sets(track, unit);
-    const bool new_sets = std::exchange(input.has_new_sets, false) || changes_sets;
+    update_sets(track, unit);
     const bool is_key = !is_video || is_start(unit.flags());
     if (is_key && !complete_description(track)) {
         shared_->refuse(track, MEDIAFILES_REFUSED_NO_SETS, unit.time());
@@ -128,8 +123,8 @@ void writer::place(uint32_t track, access_unit &unit)
         return;
     }
 
-    open_file *const to = track == leader_ ? choose_for_leader(track, unit, time, is_key, new_sets)
-                          : is_video       ? choose_for_video(track, time, is_key, new_sets)
+    open_file *const to = track == leader_ ? choose_for_leader(track, unit, time, is_key)
+                          : is_video       ? choose_for_video(track, time, is_key)
                                            : choose_for_sound(track, time);
     if (!to) {
         if (track == leader_ && is_key && rests() && !shared_->frames.is_closed())
@@ -148,6 +143,7 @@ void writer::place(uint32_t track, access_unit &unit)
     if (to != input.file) {
         leave(track, departure(track));
         enter(track, *to);
+        input.added_sets = input.sets.missing_in(options_.tracks[track], unit);
     }
     timeline &line = to->line;
     const int64_t placed = input.bridges && line.has_started(track) ? line.usual_next(track) : time;
@@ -184,7 +180,7 @@ void writer::hand_over(uint32_t track, mp4_time time, int64_t reached)
     track_input &input = tracks_[track];
     open_file &file = *input.file;
     const clock::time_point begin = clock::now();
-    const auto bytes = input.held.bytes(scratch_);
+    const auto bytes = input.sample(scratch_);
     bool is_stored = has_room_for(file, bytes.size());
     if (is_stored && file.files().add(track, bytes, time, input.held.has(frame_is_key), reached) != 0) {
         is_stored = false;
@@ -205,6 +201,7 @@ void writer::hand_over(uint32_t track, mp4_time time, int64_t reached)
         shared_->count.frames_dropped += input.held.count();
     }
     input.stored_time = input.held.time();
+    input.added_sets.clear();
     input.held.clear();
 }
 

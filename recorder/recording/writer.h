@@ -74,7 +74,7 @@ private:
     void set_aside(uint32_t track);
     bool follow_clock(uint32_t track, int64_t pushed_time, bool steps);
     bool is_start(uint16_t flags) const;
-    bool update_sets(uint32_t track, const access_unit &unit);
+    void update_sets(uint32_t track, const access_unit &unit);
     void place(uint32_t track, access_unit &unit);
     void place_again();
     bool has_room_for(open_file &, uint64_t size);
@@ -87,8 +87,8 @@ private:
     bool has_room(const open_file &, uint64_t size) const;
     bool is_cut_due(const open_file &, const track_input &, uint32_t track, int64_t time, uint64_t size) const;
     void want_key(open_file *, uint32_t track);
-    open_file *choose_for_leader(uint32_t track, const access_unit &, int64_t time, bool is_key, bool new_sets);
-    open_file *choose_for_video(uint32_t track, int64_t time, bool is_key, bool new_sets);
+    open_file *choose_for_leader(uint32_t track, const access_unit &, int64_t time, bool is_key);
+    open_file *choose_for_video(uint32_t track, int64_t time, bool is_key);
     open_file *choose_for_sound(uint32_t track, int64_t time);
 
     /* writer-event.cpp: requests, protection, and frames that wait for an event */
