@@ -37,7 +37,7 @@ TEST(Recorder, LosesNothingBetweenFiles)
         {"open groups", {{h265(), repeated(cra, 2)}}, 2 * second, 3},
         {"sound alone", {{aac(48000), repeated(sound, 4)}}, 1'500 * millisecond, 14},
         {"two cameras",
-         {{h264(), repeated(base, 2)}, {h265(640, 360), repeated(cra, 2, 300 * millisecond)}, {aac(48000), sound}},
+         {{h264(), repeated(base, 2)}, {aac(48000), sound}, {h265(640, 360), repeated(cra, 2, 300 * millisecond)}},
          second,
          8},
     };

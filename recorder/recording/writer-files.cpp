@@ -38,26 +38,23 @@ bool writer::complete_description(uint32_t track)
 }
 
 /*
- * Used ones, if they still describe the tracks; with all tracks that can be
- * described, in an order that stays: those whose size comes late follow.
+ * The leading track and all sound, used ones if they still describe it. Other
+ * video comes into the file with its first frame there: readers complain about
+ * a video track that never had one.
  */
 std::unique_ptr<muxer> writer::ready_tracks()
 {
-    for (uint32_t track = 0; track < options_.track_count(); ++track)
-        if (!options_.is_video(track) || tracks_[track].description.video.width != 0) note_order(track);
     std::unique_ptr<muxer> ready = syncs_->take_tracks();
-    for (const uint32_t track : order_)
-        if (ready && ready->has(track) && !is_same(ready->description(track), tracks_[track].description))
+    const auto begins = [&](uint32_t track) { return track == leader_ || !options_.is_video(track); };
+    for (uint32_t track = 0; track < options_.track_count(); ++track)
+        if (ready && ready->has(track) &&
+            !(begins(track) && is_same(ready->description(track), tracks_[track].description)))
             ready.reset();
     if (!ready) ready = std::make_unique<muxer>();
-    for (const uint32_t track : order_)
-        if (!ready->has(track) && ready->add(track, tracks_[track].description) != 0) throw recovery::system_failure();
+    for (uint32_t track = 0; track < options_.track_count(); ++track)
+        if (begins(track) && !ready->has(track) && ready->add(track, tracks_[track].description) != 0)
+            throw recovery::system_failure();
     return ready;
-}
-
-void writer::note_order(uint32_t track)
-{
-    if (std::ranges::find(order_, track) == order_.end()) order_.push_back(track);
 }
 
 /* The next file, open before the one before it ends. nullptr where none can be made: the old one goes on. */
@@ -152,7 +149,6 @@ void writer::enter(uint32_t track, open_file &file)
     input.bridges = input.is_left = false;
     if (input.steps < file.steps) input.steps = file.steps;
     muxer &tracks = file.files().tracks();
-    note_order(track);
     bool is_good = tracks.has(track) || tracks.add(track, input.description) == 0;
     for (uint8_t kind = MEMENTO_VPS; is_good && options_.is_video(track) && kind <= MEMENTO_PPS; ++kind)
         if (const auto set = input.sets.first(kind); !set.empty())
@@ -215,7 +211,9 @@ void writer::end_old_files(clock::time_point now, bool all)
             track_input &input = tracks_[track];
             if (input.file != &file) continue;
             if (is_over) {
-                leave(track, std::max(file.end, file.line.has_started(track) ? file.line.last(track) : file.end));
+                /* Sound goes on in the next file, video with its next key frame, whenever that comes. */
+                const bool goes_beyond = options_.is_video(track) && file.line.has_started(track);
+                leave(track, goes_beyond ? std::max(file.end, file.line.usual_next(track)) : file.end);
                 input.needs_key = options_.is_video(track);
                 if (current_ && input.steps < current_->steps) input.steps = current_->steps;
                 continue;

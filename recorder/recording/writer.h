@@ -109,7 +109,6 @@ private:
     /* writer-files.cpp: their beginning and end */
     bool complete_description(uint32_t track);
     std::unique_ptr<muxer> ready_tracks();
-    void note_order(uint32_t track);
     open_file *begin_file(uint32_t track, int64_t time);
     void fail_to_begin(int error);
     void want_room(bool stops);
@@ -151,7 +150,6 @@ private:
 
     timeline times_; // to begin with: of the latest file
     std::vector<uint8_t> scratch_;
-    std::vector<uint32_t> order_; // of the tracks in all files
     uint64_t next_number_ = 1;
     int64_t first_second_ = 0; // since 1970, of the first file
     pace pace_;                // of the latest file
