@@ -1,6 +1,7 @@
 /* Which file an access unit goes to, and when the next file is due. */
 #include "writer.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace mediafiles::recorder {
@@ -18,15 +19,21 @@ bool writer::is_since(const open_file &file, const track_input &input, int64_t t
     return input.steps > file.steps || (input.steps == file.steps && time >= file.line.beginning() - closest);
 }
 
+/* After a step its times mean nothing in the file before: each frame lasts as long as usual there. */
+int64_t writer::placed_in(const timeline &line, uint32_t track, int64_t time) const
+{
+    return tracks_[track].bridges && line.has_started(track) ? line.usual_next(track) : time;
+}
+
 bool writer::has_room(const open_file &file, uint64_t size) const
 {
     return file.shared->files.sample_bytes() + size <= format_limit;
 }
 
-bool writer::is_cut_due(const open_file &file, const track_input &input, uint32_t track, int64_t time,
-                        uint64_t size) const
+bool writer::is_cut_due(const open_file &file, uint32_t track, int64_t time, uint64_t size) const
 {
-    if (shared_->wants_split || input.bridges) return true;
+    const auto has_stepped = [&](const track_input &each) { return each.bridges && each.file == &file; };
+    if (shared_->wants_split || std::ranges::any_of(tracks_, has_stepped)) return true;
     /* Half a frame early is not too early: times that jitter must not double a file's length. */
     const int64_t usual = file.line.has_started(track) ? file.line.usual_next(track) - file.line.last(track) : 0;
     if (options_.segment != never && time - file.line.beginning() + usual / 2 >= options_.segment) return true;
@@ -57,14 +64,15 @@ open_file *writer::choose_for_leader(uint32_t track, const access_unit &unit, in
     if (!current_) return is_key ? begin_file(track, time) : nullptr;
     if (input.file != current_) return is_key && is_since(*current_, input, time) ? current_ : input.file;
 
-    if (input.has_new_sets() || is_cut_due(*current_, input, track, time, unit.size())) {
+    if (input.has_new_sets() || is_cut_due(*current_, track, time, unit.size())) {
         if (is_key) {
             if (open_file *const next = begin_file(track, time)) return next;
         } else {
             want_key(current_, track);
         }
     }
-    if (has_room(*current_, unit.size()) && current_->line.has_room_for(track, time)) return current_;
+    if (has_room(*current_, unit.size()) && current_->line.has_room_for(track, placed_in(current_->line, track, time)))
+        return current_;
     leave_all(*current_);
     return is_key ? begin_file(track, time) : nullptr;
 }

@@ -146,7 +146,7 @@ void writer::place(uint32_t track, access_unit &unit)
         input.added_sets = input.sets.missing_in(options_.tracks[track], unit);
     }
     timeline &line = to->line;
-    const int64_t placed = input.bridges && line.has_started(track) ? line.usual_next(track) : time;
+    const int64_t placed = placed_in(line, track, time);
     if (line.has_started(track)) {
         const auto given = line.follow(track, placed);
         if (given && !input.held.empty()) hand_over(track, *given, placed);

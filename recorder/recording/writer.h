@@ -84,8 +84,9 @@ private:
     /* writer-choice.cpp: which file */
     bool is_since(const open_file &, const track_input &, int64_t time) const;
     bool is_over_for(uint32_t track, const open_file *) const;
+    int64_t placed_in(const timeline &, uint32_t track, int64_t time) const;
     bool has_room(const open_file &, uint64_t size) const;
-    bool is_cut_due(const open_file &, const track_input &, uint32_t track, int64_t time, uint64_t size) const;
+    bool is_cut_due(const open_file &, uint32_t track, int64_t time, uint64_t size) const;
     void want_key(open_file *, uint32_t track);
     open_file *choose_for_leader(uint32_t track, const access_unit &, int64_t time, bool is_key);
     open_file *choose_for_video(uint32_t track, int64_t time, bool is_key);
