@@ -28,9 +28,14 @@
  * rounded to a tick of their track.
  *
  * One frame of each track is held back until the next one says how long it
- * lasts, at most for the time between two rounds of syncs: what is held back
- * is not safe yet. When a file is finished the core prints lines to standard
- * output for its video tracks.
+ * lasts, at most for the time between two rounds of syncs, a second where its
+ * slices come one by one: what is held back is not safe yet. When a file is
+ * finished, and when a track of H.265 is made for one, the core prints lines to
+ * standard output.
+ *
+ * A file has the first video track, all sound, and the other video that has
+ * frames in it. What its header has no place for of a video track's parameter
+ * sets stands before the track's first sample, where that sample lacks it.
  */
 #ifndef MEDIAFILES_RECORDER_H
 #define MEDIAFILES_RECORDER_H

@@ -86,6 +86,7 @@ struct track_input {
     open_file *file = nullptr;       // the one its samples go to
     uint32_t file_sets = 0;          // version of the parameter sets with which it entered that file
     std::vector<uint8_t> added_sets; // to its first sample there
+    bool comes_in_parts = false;     // parts with slices follow the first one of an access unit
     bool needs_key = false;          // video: what comes before the next key frame cannot be decoded
 
     bool has_time = false; // of the last access unit; JOIN_STEPS included

@@ -19,10 +19,12 @@ void writer::feed(uint32_t track, const queue::taken &part)
         }
         if (frame.flags & frame_after_gap) input.needs_key = true;
         if (!input.held.empty() && frame.time == input.held.time()) {
+            input.comes_in_parts |= (frame.flags & frame_has_picture) != 0;
             input.held.add(part);
             return;
         }
         if (input.held.empty() && frame.time == input.stored_time) { // the rest of it is on its way to the medium
+            if (frame.flags & frame_has_picture) input.comes_in_parts = input.needs_key = true;
             shared_->count.frames_dropped += 1;
             return;
         }

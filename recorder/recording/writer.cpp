@@ -135,13 +135,19 @@ bool writer::may_go(uint32_t track, const queue::taken &taken) const
 
 /* ---- Time that passes -------------------------------------------------- */
 
+/* What is incomplete would be damaged: slices that come one by one have the time that they need. */
+std::chrono::nanoseconds writer::patience_for(const track_input &input) const
+{
+    return input.comes_in_parts ? parts_patience : patience_;
+}
+
 /* A frame is late when its successor was not pushed in time; that it waits in the queue, while the medium stalls, is not. */
 void writer::release_late()
 {
     for (uint32_t track = 0; track < options_.track_count(); ++track) {
         track_input &input = tracks_[track];
         if (!input.incoming.empty() && as_of_ - input.incoming.pushed() >= parts_patience) set_aside(track);
-        if (!input.file || input.held.empty() || as_of_ - input.held.pushed() < patience_) continue;
+        if (!input.file || input.held.empty() || as_of_ - input.held.pushed() < patience_for(input)) continue;
         timeline &line = input.file->line;
         if (!line.has_started(track))
             hand_over(track, line.start(track, input.held_time), input.held_time);
@@ -196,7 +202,7 @@ clock::time_point writer::deadline() const
     clock::time_point first = clock::time_point::max();
     for (const track_input &input : tracks_) {
         if (!input.incoming.empty()) first = std::min(first, input.incoming.pushed() + parts_patience);
-        if (!input.held.empty()) first = std::min(first, input.held.pushed() + patience_);
+        if (!input.held.empty()) first = std::min(first, input.held.pushed() + patience_for(input));
         if (!input.waiting.empty()) first = std::min(first, input.waiting.front().frame->pushed + patience_);
     }
     for (const auto &each : files_) {
