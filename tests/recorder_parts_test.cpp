@@ -417,7 +417,7 @@ const struct {
     {"sound with a header and a check", aac, "fff04c8001 9ffc 1234 210049", "key picture", "210049"},
     {"sound that begins as half a header, and ends as one", aac, "21f14c8001 3ffc 2100 ff", "key picture",
      "21f14c8001 3ffc 2100 ff"},
-    {"a byte of sound", aac, "ff", "key picture", "ff"},
+    {"a byte of sound", aac, "ff", "fault: it is empty", nullptr},
     {"two frames at once", aac, "fff14c8001 3ffc 2100 fff14c8001 3ffc 2100", "fault: its ADTS header is damaged",
      nullptr},
     {"header alone", aac, "fff14c8000 fffc", "fault: its ADTS header is damaged", nullptr},

@@ -241,7 +241,7 @@ MEDIAFILES_API int mediafiles_recorder_get_stats(mediafiles_recorder *, mediafil
 
 /** Why a frame was refused. */
 enum {
-    MEDIAFILES_REFUSED_EMPTY = 1,
+    MEDIAFILES_REFUSED_EMPTY = 1,        /* sound of one byte, which has no samples */
     MEDIAFILES_REFUSED_TOO_LARGE,        /* its sample would have 2^31 bytes or more */
     MEDIAFILES_REFUSED_NO_START_CODE,    /* video that does not begin with a start code */
     MEDIAFILES_REFUSED_TRUNCATED_HEADER, /* a start code, and then less than a NAL unit's header */

@@ -263,6 +263,8 @@ frame_facts look_at_sound(const mp4_audio_desc &audio, frame_pieces pieces, uint
     frame_facts facts;
     facts.key = facts.has_slices = facts.begins_picture = true;
     facts.stored_size = size - header.size;
+    /* One byte has no place for an element before the end of the raw data block (ISO/IEC 14496-3, 4.4.2.1). */
+    if (facts.stored_size == 1) return refused(frame_fault::empty);
     facts.unit_count = 1;
     facts.noted[0] = {header.size, facts.stored_size};
     return facts;

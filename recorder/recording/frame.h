@@ -28,7 +28,7 @@ using frame_pieces = std::span<const iovec>;
 /** Why a frame cannot be stored. */
 enum class frame_fault : uint8_t {
     none,
-    empty,            // no byte
+    empty,            // no byte; one byte of sound
     too_large,        // its sample would have 2^31 bytes or more
     no_start_code,    // video that does not begin with a start code
     truncated_header, // a start code, and then less than a NAL unit's header

@@ -33,8 +33,9 @@ bool writer::complete_description(uint32_t track)
     mp4_track_desc &description = tracks_[track].description;
     if (!options_.is_video(track) || options_.tracks[track].video.width != 0) return true;
     const auto size = read_picture_size(description.type, tracks_[track].sets.first(MEMENTO_SPS));
-    if (size) description.video = {size->width, size->height, 0};
-    return description.video.width != 0;
+    if (!size) return false;
+    description.video = {size->width, size->height, 0};
+    return true;
 }
 
 /*

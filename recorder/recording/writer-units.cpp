@@ -118,6 +118,7 @@ void writer::place(uint32_t track, access_unit &unit)
     const bool is_key = !is_video || is_start(unit.flags());
     if (is_key && !complete_description(track)) {
         shared_->refuse(track, MEDIAFILES_REFUSED_NO_SETS, unit.time());
+        input.needs_key = input.file != nullptr;
         return;
     }
     if (input.needs_key && !is_key) {
