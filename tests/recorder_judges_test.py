@@ -101,6 +101,14 @@ def further_sets(source):
                                               nal_units(source.frames[0].data) if unit[0] & 31 == 8][1:]
 
 
+def absurd_sps():
+    """Of pictures of a million pixels by a million."""
+    bits = "".join(f"{n + 1:b}".zfill(2 * (n + 1).bit_length() - 1) for n in (0, 0, 2, 1))
+    size = "".join(f"{n + 1:b}".zfill(2 * (n + 1).bit_length() - 1) for n in (1 << 16, 1 << 16))
+    bits += "0" + size + "11001"  # no gaps; frames, 8x8 inference, no cropping, no VUI, stop
+    return b"\x67\x42\xc0\x1e" + int(bits.ljust(-(-len(bits) // 8) * 8, "0"), 2).to_bytes(-(-len(bits) // 8), "big")
+
+
 def sample(source, data):
     """A frame as a file has it: each NAL unit after its length; sound without its header of 7 bytes."""
     if source.codec == "aac":
@@ -196,7 +204,7 @@ class Recording:
         done = subprocess.run([*under, GIVEN.drive, self.directory, f"{directory}/media", f"{directory}/plan", *tracks,
                                *(f"{name}={value}" for name, value in options.items())],
                               check=False, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True,
-                              timeout=judge.PATIENCE)
+                              timeout=judge.PATIENCE + GIVEN.week // 600)
         self.status = done.returncode
         self.said = [json.loads(line) for line in done.stderr.splitlines()]
         self.looks = [line for line in self.said if "look" in line]
@@ -368,6 +376,16 @@ class RecorderTest(judge.Test):
                     self.check_durations(made, film.frames[0].time_ns, 2 * film.frames[-1].time_ns - film.frames[-2].time_ns)
 
 
+    def test_ten_hours_of_jitter(self):
+        """Each sample is where it was captured, within a tick, from the first to the last."""
+        odd = random.Random(5)
+        times = [123 * MILLISECOND + i * SECOND + odd.randrange(-90, 91) * MILLISECOND + odd.randrange(MILLISECOND)
+                 for i in range(36_000)]
+        made = self.record([retimed(encoded("keyint=5", seconds=1, size="64x64"), times)])
+        (file,), begin = made.files, made.begins()[0]
+        late = [begin + stored.time - time for stored, time in zip(file.tracks["h264", 64], times, strict=True)]
+        self.assertLessEqual(max(map(abs, late[2:])), SECOND / 90000)
+
     # ---- Units
 
     def test_units(self):
@@ -388,13 +406,14 @@ class RecorderTest(judge.Test):
         for what, source in cases.items():
             for in_parts in (False, True):
                 with self.subTest(what, in_parts=in_parts):
-                    frames = [(0, part, f.time_ns, 0) for f in source.frames
-                              for part in (re.split(b"(?=\0\0\0\1|(?<!\0)\0\0\1)", f.data)[1:] if in_parts else [f.data])]
-                    half = len(frames) // 2
+                    frames = [[(0, part, f.time_ns, 0) for part in
+                               (re.split(b"(?=\0\0\0\1|(?<!\0)\0\0\1)", f.data)[1:] if in_parts else [f.data])]
+                              for f in source.frames]
                     directory = tempfile.mkdtemp(dir=self.directory)
-                    killed = Recording(directory, [source.track], [*frames[:half], "safe 0 10", "kill"], sync_ns=MILLISECOND)
+                    killed = Recording(directory, [source.track], [*itertools.chain(*frames[:len(frames) // 2]),
+                                                                   "safe 0 10", "kill"], sync_ns=200 * MILLISECOND)
                     self.assertEqual(killed.status, -9)
-                    made = Recording(directory, [source.track], frames)
+                    made = Recording(directory, [source.track], itertools.chain(*frames))
                     self.assertEqual([e["path"] for e in made.events(RECOVERED)], ["00000001.mp4"])
                     repaired, finished = made.files
                     stored = [f.data for f in finished.tracks[source.codec, source.measure]]
@@ -406,6 +425,68 @@ class RecorderTest(judge.Test):
                         stream = self.directory / ("source." + source.track)
                         stream.write_bytes(b"".join(f.data for f in source.frames[:count]))
                         self.assertEqual(traced(file.path), traced(stream))
+
+    # ---- A card that stalls
+
+    def test_stalls(self):
+        """Whatever stalls: with the default queue all is stored; with a small one groups go from somewhere to their end."""
+        film = encoded("keyint=25:nal-hrd=cbr", *("-b:v 8M -maxrate 8M -bufsize 8M".split()), seconds=12, size="640x360")
+        pictures = decoded_source(film)
+        cases = list(itertools.product(("writes", "syncs"), (1, 5, 7), (0, 256 << 10)))
+
+        def run(case):
+            what, seconds, queue = case
+            sources = [until(s, (seconds + 5) * SECOND) for s in (film, paced(sound(), 48000 / 1024, 600))]
+            return self.record(sources, [(2 * SECOND, f"stall {what} {seconds * SECOND}")], speed=1, segment_ns=4 * SECOND,
+                               sync_ns=SECOND // 4, queue_bytes=queue), sources
+
+        with concurrent.futures.ThreadPoolExecutor(len(cases)) as pool:
+            all_made = list(pool.map(run, cases))
+        for case, (made, (video, beep)) in zip(cases, all_made):
+            with self.subTest(case):
+                what, seconds, queue = case
+                print(f"{what} stall {seconds} s, queue {queue or 'default'}: worst push {made.end['worst_push'] / 1000:.0f} us,"
+                      f" worst write {made.end['worst_write'] / 1e9:.2f} s, worst sync {made.end['worst_sync'] / 1e9:.2f} s,"
+                      f" {made.end['dropped']} of {made.end['in']} frames dropped, queue {made.end['queue_most'] >> 10} KiB")
+                self.assertGreater(made.end["worst_" + what[:-1]], (seconds - 0.5) * SECOND)
+                self.assertLess(made.end["worst_push"], SECOND // 2)
+                self.check_samples(made, beep)
+                self.check_times(made, beep)
+                kept, late = [], []
+                for begin, file in zip(made.begins(), made.files, strict=True):
+                    for i, stored in enumerate(file.tracks["h264", 640]):
+                        after = kept[-1] + 1 if kept else 0
+                        kept.append(next(n for n in range(after, len(video.frames))
+                                         if sample(video, video.frames[n].data) == stored.data))
+                        at = begin + stored.time - video.frames[kept[-1]].time_ns
+                        if i != 1 and kept[-1] == after and abs(at) > MILLISECOND:
+                            late.append((file.path.name, i, at))
+                self.assertEqual(late, [])
+                gone = sorted(set(range(len(video.frames))) - set(kept))
+                self.assertEqual(made.end["dropped"], len(gone))
+                self.assertEqual(sum(e["count"] for e in made.events(DROPPED)), len(gone))
+                self.assertEqual(bool(gone), what == "writes" and queue != 0)
+                self.assertTrue(all(n + 1 in gone or video.frames[n + 1].key for n in gone))
+                shown = decoded([(f.path, f.indices["h264", 640]) for f in made.files])
+                self.assertEqual(shown, [pictures[n] for n in kept])
+
+    def test_system_calls(self):
+        """Pushing wakes a thread and signals an event, while the medium writes, syncs and stalls."""
+        film, beep = video("h264_base"), until(sound(), 4 * SECOND)
+        frames = list(frames_of([film, beep], [(SECOND, f"stall writes {SECOND}"), (SECOND, f"stall syncs {SECOND}")]))
+        frames[90:90] = ["safe 0 5", "look", "mark", (1, b"\xff\xf1", frames[89][2], 0)]
+        log = self.directory / "calls"
+        made = Recording(self.directory, [film.track, beep.track], [*frames, "mark"], queue_bytes=64 << 10, speed=2,
+                         under=("strace", "-f", "-y", "-o", log))
+        self.assertEqual((made.status, made.end["refused"]), (0, 1))
+        self.assertGreater(min(made.end["dropped"], made.end["worst_write"], made.end["worst_sync"]), 0)
+        calls = [line.split(maxsplit=1) for line in log.read_text().splitlines()]
+        mine = [call for thread, call in calls if thread == calls[0][0] and not call.startswith(("<...", "clock_nanosleep"))]
+        begin, end = (i for i, call in enumerate(mine) if call.startswith("getppid"))
+        kinds = (r"futex\(\w+, FUTEX_WAKE", r"write\(\d+<anon_inode:\[eventfd\]>")
+        seen = {kind: sum(bool(re.match(kind, call)) for call in mine[begin + 1:end]) for kind in kinds}
+        self.assertTrue(all(seen.values()), seen)
+        self.assertEqual([call for call in mine[begin + 1:end] if not re.match("|".join(kinds), call)], [])
 
     # ---- The clock
 
@@ -441,6 +522,82 @@ class RecorderTest(judge.Test):
                             if i != 1 and abs(late) > 2:
                                 wrong.append((source.codec, file.path.name, i, late))
                     self.assertEqual(wrong, [])
+
+    def test_sound_that_pauses(self):
+        """The next key frame begins a file, where it is in time again."""
+        film = paced(encoded("keyint=5", seconds=1, size="64x64"), 5, 200)
+        beep = [f for f in paced(sound(), 48000 / 1024, 1800).frames if not 5 * SECOND < f.time_ns < 17 * SECOND]
+        beep = sound()._replace(frames=beep)
+        made = self.record([film, beep])
+        self.assertEqual((len(made.files), len(made.events(CLOCK)), made.end["dropped"]), (2, 1, 0))
+        for source in film, beep:
+            self.check_samples(made, source)
+        self.check_times(made, film)
+        last = made.files[1].tracks["aac", 48000]
+        for stored, frame in zip(last[2:], beep.frames[2 - len(last):]):
+            self.assertLess(abs(made.begins()[1] + stored.time - frame.time_ns), MILLISECOND)
+
+    # ---- Bad input
+
+    def test_bad_input(self):
+        """Each has a result, a count and a report; what is stored is the rest, and a large frame, and decodes."""
+        film, beep = video("h264_base"), until(sound(), 4 * SECOND)
+        frames = [f._replace(data=f.data + b"\0\0\0\1\x0c" + b"\xff" * 8_000_000 + b"\x80") if i == 30 else f
+                  for i, f in enumerate(film.frames)]
+        film, key = film._replace(frames=frames), film.frames[25].data
+        absurd = b"\0\0\0\1" + absurd_sps() + b"".join(b"\0\0\0\1" + u for u in nal_units(key) if u[0] & 31 in (5, 8))
+        errors = ((0, b""), 22), ((7, key), 22), ((0, bytes(8_400_000)), 90), ((1, bytes(8_400_000)), 90)
+        refused = (
+            ((0, b"\0"), 3), ((0, b"\x65" + bytes(1000)), 3), ((0, b"\0\0\1"), 4), ((0, b"\0\0\0\1\x65"), 4),
+            ((0, b"\0\0\0\1\x67\x42\0\x1e\0"), 5), ((0, absurd), 9),
+            ((1, b"\0"), 1), ((1, b"\xff\xf1\x4c"), 6), ((1, sound("aac_voaac").frames[0].data), 7),
+        )
+        steps = list(frames_of([film, beep]))
+        at = next(i for i, s in enumerate(steps) if s[0] == 0 and s[2] == film.frames[49].time_ns) + 1
+        steps[at:at] = [(track, data, steps[at - 1][2] + 1, 0) for (track, data), _ in (*errors, *refused) * 2]
+        made = Recording(self.directory, [film.track, beep.track], steps)
+        self.assertEqual([e["error"] for e in made.not_taken if e["not_taken"] == -1], [e for _, e in errors] * 2)
+        self.assertEqual(sorted((e["track"], e["reason"]) for e in made.events(REFUSED)),
+                         sorted({(track, reason) for (track, _), reason in refused}))
+        self.assertEqual((made.status, made.end["dropped"], made.end["refused"]), (0, 0, 2 * len(refused)))
+        self.check_samples(made, film)
+        self.check_samples(made, beep)
+        self.check_played(made, video("h264_base"))
+        self.assertTrue(decoded([(f.path, f.indices["aac", 48000]) for f in made.files]))
+
+    def test_times_that_go_back(self):
+        """By less than a frame, again and again: all is stored, and what is stored plays."""
+        film = video("h264_base")
+        film = film._replace(frames=[f._replace(time_ns=f.time_ns - 50 * MILLISECOND * (i % 10 == 5))
+                                     for i, f in enumerate(film.frames)])
+        made = Recording(self.directory, [film.track], [(0, f.data, f.time_ns, 0) for f in film.frames])
+        self.assertEqual((made.status, made.end["dropped"], len(made.files)), (0, 0, 4))
+        self.assertEqual(len(made.events(CLOCK)), 10)
+        self.check_samples(made, film)
+        self.check_played(made, film)
+        self.assertLess(abs(sum(f.duration for f in made.files) - 4000), 150)
+
+    # ---- A long time
+
+    def test_week(self):
+        """Memory and descriptors stay as they are, numbers go on, the quota is kept to a file."""
+        film = encoded("keyint=5", seconds=1, size="64x64")
+        count, quota = GIVEN.week, 1 << 20
+        film, beep = paced(film, 1, count), paced(sound(), 1, count)
+        steps = [(minute * 60 * SECOND, step) for minute in range(1, count // 60)
+                 for step in [f"safe 0 {minute * 60 - 5}", "look"][:1 if minute % 10 else 2]]
+        made = self.record([film, beep], steps, segment_ns=60 * SECOND, quota_bytes=quota, sync_ns=10 * MILLISECOND)
+        self.assertEqual([e["number"] for e in made.events(BEGUN)], list(range(1, count // 60 + 1)))
+        seen = {name: [look[name] for look in made.looks] for name in ("rss", "descriptors", "bytes", "files")}
+        print("simulated", count // 3600, "hours:", {name: (min(all_), max(all_)) for name, all_ in seen.items()})
+        self.assertLessEqual(max(seen["rss"]), seen["rss"][len(seen["rss"]) // 4] + 1024)
+        self.assertLessEqual(max(seen["descriptors"]), 16)
+        self.assertLessEqual(max(seen["bytes"]), quota + max(e["count"] for e in made.events(FINISHED)))
+        self.assertEqual((made.end["dropped"], made.end["refused"]), (0, 0))
+        kept = [int(path.stem) for path in made.paths]
+        self.assertEqual(kept, list(range(kept[0], count // 60 + 1)))
+        more = Recording(made.directory.parent, [film.track, beep.track], frames_of([film._replace(frames=film.frames[:9])]))
+        self.assertEqual([e["number"] for e in more.events(BEGUN)], [count // 60 + 1])
 
 
 if __name__ == "__main__":
