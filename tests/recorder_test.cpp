@@ -157,6 +157,127 @@ TEST(Recorder, ANewFileBeginsWhereItMust)
     }
 }
 
+/** Where a cut is due, or cannot be waited for. */
+TEST(Recorder, AKeyFrameIsWaitedForAsLongAsThereCanBeOne)
+{
+    stream without_key = camera(1, 5'000), seven_hours_on = camera(1, 5'000);
+    for (const frame &each : camera(3, 5'000, 400 * millisecond))
+        if (!each.key) without_key.push_back(each);
+    for (const frame &each : camera(2, 5'000, 7 * 3600 * second))
+        if (!each.key || each.time > 7 * 3600 * second) seven_hours_on.push_back(each);
+    const struct {
+        const char *what;
+        stream video;
+        int64_t segment, segment_bytes;
+        size_t files, wanted, lost;
+    } cases[] = {
+        {"by its length", camera(4, 5'000), 800 * millisecond, 0, 2, 0, 0},
+        {"by its size", camera(4, 50'000), 0, 60'000, 4, 4, 0},
+        {"no key frame comes", without_key, 400 * millisecond, 0, 1, 1, 0},
+        {"longer than a sample can last", seven_hours_on, 0, 0, 2, 1, 9},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        const card on;
+        const std::vector<mp4_track_desc> tracks = {h264()};
+        mediafiles_recorder_options options = options_for(on, tracks);
+        options.segment_ns = c.segment;
+        options.segment_bytes = c.segment_bytes;
+        options.longest_gap_ns = -1;
+        const recorder_ptr recorder = {mediafiles_recorder_start(&options)};
+        push_all(recorder, {{h264(), c.video}});
+        ASSERT_EQ(mediafiles_recorder_stop(recorder, -1), 0);
+        const played all = play(on);
+        EXPECT_EQ(all.files.size(), c.files);
+        EXPECT_EQ(all.samples.at(1).size(), c.video.size() - c.lost);
+        EXPECT_EQ(stats_of(recorder).frames_dropped + stats_of(recorder).frames_refused, c.lost);
+        EXPECT_EQ(events_of(recorder)[MEDIAFILES_EVENT_KEY_WANTED], c.wanted);
+    }
+}
+
+/** The file before stays open for it, at most as long as a gap may be. */
+TEST(Recorder, ACameraWithoutKeyFramesLeavesTheFileBefore)
+{
+    for (const bool has_key : {true, false}) {
+        SCOPED_TRACE(has_key);
+        const card on;
+        const std::vector<mp4_track_desc> tracks = {h264(), h264()};
+        mediafiles_recorder_options options = options_for(on, tracks);
+        options.longest_gap_ns = 2 * second;
+        options.segment_ns = 400 * millisecond;
+        const recorder_ptr recorder = {mediafiles_recorder_start(&options)};
+        stream other = camera(10, 5'000);
+        std::erase_if(other, [&](const frame &each) {
+            return each.key && each.time != 0 && !(has_key && each.time == second + 200 * millisecond);
+        });
+        push_all(recorder, {{h264(), camera(10, 5'000)}, {h264(), other}});
+        ASSERT_EQ(mediafiles_recorder_stop(recorder, -1), 0);
+        const played all = play(on);
+        ASSERT_EQ(all.files.size(), 10u);
+        EXPECT_EQ(all.samples.at(1).size(), 100u);
+        EXPECT_NEAR(double(all.files[0].tracks[1].samples.size()), has_key ? 28 : 55, 2);
+        EXPECT_EQ(all.samples.at(2).size() + stats_of(recorder).frames_dropped, other.size());
+    }
+}
+
+/** Frames that nobody follows are safe after the time between two rounds; what was assumed of their length is made up. */
+TEST(Recorder, WhatIsHeldBackBecomesSafeWithoutASuccessor)
+{
+    const card on;
+    const std::vector<mp4_track_desc> tracks = {h264()};
+    mediafiles_recorder_options options = options_for(on, tracks);
+    options.sync_ns = 20 * millisecond;
+    const recorder_ptr recorder = {mediafiles_recorder_start(&options)};
+    const auto is_safe = [&](uint64_t count) {
+        return comes_true([&] { return stats_of(recorder).safe[0] == count; });
+    };
+    stream video = camera(2, 5'000);
+    for (size_t n = 10; n < video.size(); ++n) video[n].time += second;
+    push_all(recorder, {{h264(), {video.begin(), video.begin() + 10}}});
+    EXPECT_TRUE(is_safe(10));
+    EXPECT_EQ(stats_of(recorder).unsafe_ns, 0);
+    push_all(recorder, {{h264(), {video.begin() + 10, video.end()}}});
+    EXPECT_TRUE(is_safe(20));
+    EXPECT_EQ(stats_of(recorder).made_up_ns, second);
+    ASSERT_EQ(mediafiles_recorder_stop(recorder, -1), 0);
+    const played all = play(on);
+    ASSERT_EQ(all.files.size(), 1u);
+    EXPECT_EQ(all.files[0].tracks[0].samples[9].time, 9u * 3600);
+    EXPECT_EQ(all.files[0].tracks[0].samples[11].time, 11u * 3600 + 90'000);
+    EXPECT_NEAR(double(all.files[0].duration), 1'800, 1);
+}
+
+/** The journal has no place for it: the first sample of the file has it, too. */
+TEST(Recorder, ALargeParameterSetSurvivesAKill)
+{
+    for (const size_t size : {508, 509, 1'000}) {
+        SCOPED_TRACE(size);
+        stream video = camera(1, 5'000);
+        const bytes code = {0, 0, 0, 1};
+        bytes &first = video[0].data;
+        const auto end_of_sps = std::search(first.begin() + 4, first.end(), code.begin(), code.end());
+        first.insert(end_of_sps, size - size_t(end_of_sps - first.begin() - 4), 0x55);
+        const card on, after_cut;
+        const std::vector<mp4_track_desc> tracks = {h264()};
+        mediafiles_recorder_options options = options_for(on, tracks);
+        options.sync_ns = 5 * millisecond;
+        const recorder_ptr recorder = {mediafiles_recorder_start(&options)};
+        push_all(recorder, {{h264(), video}});
+        ASSERT_TRUE(comes_true([&] { return stats_of(recorder).safe[0] == 10; }));
+        std::filesystem::copy(on.path(), after_cut.path());
+        options.directory = after_cut.path().c_str();
+        const recorder_ptr next = {mediafiles_recorder_start(&options)};
+        ASSERT_EQ(mediafiles_recorder_stop(next, -1), 0);
+        ASSERT_EQ(mediafiles_recorder_stop(recorder, -1), 0);
+        for (const card *const each : {&on, &after_cut}) {
+            const played all = play(*each);
+            ASSERT_EQ(all.files.size(), 1u);
+            expect_all_samples(all, {{h264(), video}});
+            EXPECT_EQ(all.files[0].tracks[0].avc->sps.at(0).size(), size);
+        }
+    }
+}
+
 TEST(Recorder, TakesAnAccessUnitInParts)
 {
     const stream slices = load("h264_high_aud_4slices_640x360_30", ".h264");

@@ -230,6 +230,7 @@ typedef struct mediafiles_recorder_stats {
     uint64_t bytes_in, bytes_out;    /* out: given to the kernel */
     uint64_t safe[MP4_MAX_TRACKS];   /* samples of each track that survive a power cut now */
     int64_t unsafe_ns;               /* of media that would be lost now, what is queued included */
+    int64_t made_up_ns;              /* in sum: successors that came late begin as much earlier or later than assumed */
     uint64_t queue_used, queue_most; /* bytes; in event mode with those that are kept for an event */
     int64_t worst_push, worst_write, worst_sync;
     int64_t free_bytes; /* of the file system, at the last round of syncs */

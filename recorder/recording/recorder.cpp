@@ -317,6 +317,7 @@ int mediafiles_recorder_get_stats(mediafiles_recorder *recorder, mediafiles_reco
     made.bytes_out = count.bytes_out;
     std::ranges::copy(count.safe, made.safe);
     made.unsafe_ns = unsafe_time(count, shared.options.track_count());
+    made.made_up_ns = count.made_up;
     made.queue_used = use.bytes;
     made.queue_most = use.most;
     made.worst_push = count.push.get();

@@ -70,7 +70,7 @@ struct counters {
     std::atomic<uint32_t> files = 0;
     std::atomic<uint64_t> frames_in = 0, frames_out = 0, frames_dropped = 0, frames_refused = 0, bytes_in = 0,
                           bytes_out = 0, frames_let_go = 0;
-    std::atomic<int64_t> free_bytes = 0;
+    std::atomic<int64_t> free_bytes = 0, made_up = 0;
     std::array<track_counters, MP4_MAX_TRACKS> tracks = {};
     std::array<std::atomic<uint64_t>, MP4_MAX_TRACKS> safe = {};
     std::array<std::atomic<int64_t>, MP4_MAX_TRACKS> pushed_to = {}, safe_to = {}; // capture times; see has_pushed

@@ -151,7 +151,9 @@ void writer::place(uint32_t track, access_unit &unit)
     timeline &line = to->line;
     const int64_t placed = placed_in(line, track, time);
     if (line.has_started(track)) {
+        const int64_t before = line.made_up();
         const auto given = line.follow(track, placed);
+        shared_->count.made_up += line.made_up() - before;
         if (given && !input.held.empty()) hand_over(track, *given, placed);
     }
     std::swap(input.held, unit);
