@@ -592,6 +592,20 @@ TEST(RecoveryFiles, WhatFailsLeavesNoTemporaryAndCanBeRepeated)
     EXPECT_TRUE(on.state()["a.mp4"].ends_with(" 1500000000.123456789")); // whatever failed before
 }
 
+TEST(RecoveryFiles, RoomKeptAfterTheEndGoes)
+{
+    constexpr off_t room = 4 << 20;
+    const card on;
+    on.put("a.mp4", open_media(), whole().journal);
+    if (fallocate(descriptor{on.open("a.mp4", O_WRONLY)}, FALLOC_FL_KEEP_SIZE, 0, room) != 0)
+        GTEST_SKIP() << "the file system keeps no room: " << strerror(errno);
+    EXPECT_EQ(recover(on), lines{"a.mp4: repaired"});
+    EXPECT_EQ(on.get("a.mp4"), whole().file);
+    struct stat status;
+    ASSERT_EQ(stat((on / "a.mp4").c_str(), &status), 0);
+    EXPECT_LT(int64_t{status.st_blocks} * 512, room);
+}
+
 /* By the progress of a copy, or by whoever takes the reports. */
 TEST(RecoveryFiles, ARecoveryCanBeStopped)
 {

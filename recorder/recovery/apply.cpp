@@ -207,11 +207,13 @@ private:
         sync_directory(journal_->directory);
     }
 
-    /* What follows the samples. */
+    /*
+     * What follows the samples. The size is set even where it is right: room that was kept for the file after its end
+     * goes, which FAT takes for damage when a file grows that was not closed, and then it is read-only.
+     */
     void write_end(int file) const
     {
-        const uint64_t present = info_.media_end - info_.added;
-        if (media_of(plan_).size != present) set_size(file, present);
+        set_size(file, info_.media_end - info_.added);
         if (info_.added != 0) set_size(file, info_.media_end);
         buffered_writer tail(file, info_.media_end);
         check(mediafiles_plan_tail(&plan_, write_to, &tail));
