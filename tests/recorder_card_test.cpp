@@ -219,6 +219,8 @@ TEST(MissingCard, IsOneThatIsMountedLater)
     ASSERT_TRUE(on.take_away());
     const std::vector<std::string> hidden = on.names();
     ASSERT_TRUE(made.goes_on_to(MEDIAFILES_EVENT_NO_MEDIUM, 2));
+    usleep(1'500'000);
+    EXPECT_EQ(made.count(MEDIAFILES_EVENT_GOES_ON), 1u);
     made.stop();
     EXPECT_EQ(on.names(), hidden);
     ASSERT_TRUE(on.give_back());
