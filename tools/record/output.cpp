@@ -91,12 +91,18 @@ output_place place_of(const std::string &output)
     return {output.substr(0, name), output.substr(name), is_numbered};
 }
 
+std::optional<int64_t> longest_gap(const record_options &options)
+{
+    const bool is_one_file =
+        !place_of(options.output).is_numbered && options.segment == 0 && options.segment_bytes == 0;
+    return is_one_file ? std::nullopt : std::optional(10 * second);
+}
+
 recorder_ptr start_recorder(const record_options &options, const output_place &place,
                             const std::vector<mp4_track_desc> &tracks, std::span<const struct stat> inputs)
 {
     if (!place.is_numbered) refuse_inputs(options.output, inputs);
     const std::string directory = real_directory(place);
-    const bool is_one_file = !place.is_numbered && options.segment == 0 && options.segment_bytes == 0;
 
     mediafiles_recorder_options given = {};
     given.size = sizeof given;
@@ -107,7 +113,7 @@ recorder_ptr start_recorder(const record_options &options, const output_place &p
     given.sync_ns = std::max<int64_t>(options.sync_interval, 1);
     given.segment_ns = options.segment;
     given.segment_bytes = options.segment_bytes;
-    given.longest_gap_ns = is_one_file ? -1 : 0; // whatever the times of the source are
+    given.longest_gap_ns = longest_gap(options).value_or(-1);
     given.quota_bytes = options.quota;
     given.keep_free_bytes = keep_free(options, place);
     given.queue_bytes = options.queue != 0 ? options.queue : queue_for(tracks);

@@ -6,6 +6,7 @@
 #define TOOLS_RECORD_OUTPUT_H
 
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -32,6 +33,9 @@ struct output_place {
     bool is_numbered;      // it has {number}
 };
 output_place place_of(const std::string &output);
+
+/** How long nothing may come, and times may jump, within a file; nothing: whatever the times are, it is one file. */
+std::optional<int64_t> longest_gap(const record_options &options);
 
 /**
  * Starts a recorder. Throws failure.

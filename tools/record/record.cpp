@@ -59,7 +59,7 @@ class recording {
 public:
     recording(const record_options &options, console &console, std::atomic<bool> &stop, recording_summary &summary)
         : options_(options), console_(console), stop_(stop), summary_(summary), place_(place_of(options.output)),
-          files_(place_.directory, options.keep_journal)
+          longest_gap_(longest_gap(options)), files_(place_.directory, options.keep_journal)
     {
     }
 
@@ -107,6 +107,7 @@ private:
     std::optional<sources> sources_;
 
     const output_place place_;
+    const std::optional<int64_t> longest_gap_;
     recorded_files files_;
     std::vector<track_state> tracks_;   // by the recorder's index, as the summary's
     std::optional<int64_t> first_time_; // of the recording, ns
@@ -307,11 +308,13 @@ void recording::leave_out(size_t track, const char *why)
 
 /*
  * The time of a frame within its track. Frames of the same time would be parts of one, and where times step back a new
- * file would begin: such a frame lasts no time, less than a tick, until the times have caught up.
+ * file would begin: such a frame lasts no time, less than a tick, until the times have caught up. Only a source that
+ * counts from another time now is not waited for where a new file may begin.
  */
 int64_t recording::following(size_t track, int64_t time)
 {
     auto &[latest, given] = tracks_[track].times;
+    if (given && longest_gap_ && time < latest - *longest_gap_) given.reset();
     if (given && time < latest)
         report_first(++summary_.tracks[track].backwards, track, "time runs backwards", "the frame lasts no time");
     latest = given ? std::max(latest, time) : time;
