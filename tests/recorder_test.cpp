@@ -485,7 +485,7 @@ TEST(Recorder, TheOldestFilesMakeRoom)
     EXPECT_EQ(events[MEDIAFILES_EVENT_FULL], 0u);
     const std::vector<std::string> names = on.names();
     EXPECT_EQ(events[MEDIAFILES_EVENT_DELETED], 12 + 1 - names.size());
-    EXPECT_GE(names.size(), 4u);
+    EXPECT_GE(names.size(), 5u) << "no file is counted twice";
     EXPECT_LE(names.size(), 6u);
     EXPECT_EQ(names.front(), "00000002.mp4") << "it is protected";
     EXPECT_EQ(names.back(), "somebody.mp4");

@@ -233,8 +233,10 @@ void writer::end_old_files(clock::time_point now, bool all)
             int none = 0;
             file.shared->error.compare_exchange_strong(none, errno);
         }
-        syncs_->finish(std::move(file.shared));
+        file_ptr ended = std::move(file.shared);
         each = files_.erase(each);
+        count_running(); // the syncing thread counts it among those that are kept
+        syncs_->finish(std::move(ended));
     }
 }
 
@@ -260,8 +262,10 @@ void writer::give_up_failed()
         }
         file.shared->passed = file.has_end ? file.ended_passed : passed_;
         if (is_want_of_room(file.shared->error)) want_room(true);
-        syncs_->give_up(std::move(file.shared));
+        file_ptr failed = std::move(file.shared);
         each = files_.erase(each);
+        count_running();
+        syncs_->give_up(std::move(failed));
     }
 }
 

@@ -156,17 +156,23 @@ void writer::release_late()
     }
 }
 
-void writer::make_rounds(clock::time_point now)
+void writer::count_running()
 {
-    uint64_t bytes = 0, samples = 0, unkept = 0;
+    uint64_t bytes = 0, samples = 0;
     for (const auto &each : files_) {
         bytes += each->shared->files.bytes();
         samples += each->samples;
-        unkept += each->shared->files.unkept();
     }
-    if (unkept != 0) shared_->spare.hold(shared_->directory, unkept + more_to_spare);
     shared_->running_bytes = bytes;
     shared_->running_samples = samples;
+}
+
+void writer::make_rounds(clock::time_point now)
+{
+    uint64_t unkept = 0;
+    for (const auto &each : files_) unkept += each->shared->files.unkept();
+    if (unkept != 0) shared_->spare.hold(shared_->directory, unkept + more_to_spare);
+    count_running();
     const bool is_awaited = seen_until_ >= round_at_;
     if (is_awaited) round_at_ = queue::everything;
     for (const auto &each : files_) {

@@ -65,6 +65,7 @@ private:
     bool may_go(uint32_t track, const queue::taken &) const;
     std::chrono::nanoseconds patience_for(const track_input &) const;
     void release_late();
+    void count_running();
     void make_rounds(clock::time_point now);
     void release();
     clock::time_point deadline() const;
