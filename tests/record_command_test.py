@@ -140,6 +140,28 @@ class Record(judge.Test):
         self.record(self.directory / "in.ts", AAC)  # the first begins at 1.4 s, but both begin together
         self.assertLess(max(float(s["start_time"]) for s in judge.streams(self.clip)), 0.1)
 
+    def test_files(self):
+        """The files hold the streams once and in order; numbers go on from the highest, and the oldest files go."""
+        names = {"clip.mp4": ("clip.mp4", "clip-2.mp4", "clip-3.mp4", "clip-4.mp4"),
+                 "%Y/n{number:3}.mp4": ("n001.mp4", "n002.mp4", "n003.mp4", "n004.mp4")}
+        for output, expected in names.items():
+            with self.subTest(output):
+                summary, _ = self.record(BASE, AAC, "-o", self.directory / output, "--segment", "1", "--duration", "4")
+                files = [pathlib.Path(f["path"]) for f in summary["files"]]
+                self.assertEqual(tuple(f.name for f in files), expected)
+                self.assertEqual([f["duration"] for f in summary["files"]][:3], [1] * 3)
+                self.assertEqual(sum((judge.frame_checksums(f, "v") for f in files), []), judge.frame_checksums(BASE))
+                sizes = [p.size for f in files for p in judge.packets(f, "a")]
+                self.assertEqual(sizes, [len(u.data) - 7 for u in judge.units(AAC)][:len(sizes)])
+                self.assertEqual([t["frames"] for t in summary["tracks"]], [100, len(sizes)])
+        everything = summary["bytes"]
+        _, err = self.record(BASE, "-o", self.directory / "%Y/n{number:3}.mp4", "--segment-bytes", "40K", "--quota",
+                             everything // 2, "--realtime")
+        left = sorted(files[0].parent.iterdir())
+        self.assertEqual([f.name for f in left][-1], "n008.mp4")
+        self.assertEqual(err.count("deleted: "), 8 - len(left))
+        self.assertTrue(everything // 4 < sum(f.stat().st_size for f in left) <= everything // 2)
+
     def test_reordered_pictures(self):
         mp4 = self.remux("b.mp4", "-framerate", "30", "-i", REORDERED)
         for given in (REORDERED, mp4, self.remux("b.ts", "-i", mp4)):
