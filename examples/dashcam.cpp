@@ -35,7 +35,7 @@ try {
                                    .segment = 1min,
                                    .quota_bytes = int64_t{8} << 30});
     std::atomic<int> running = 2;
-    const auto encode = [&, start = std::chrono::steady_clock::now()](std::stop_token stop, uint32_t track) {
+    const auto encode = [&, start = std::chrono::steady_clock::now()](const std::stop_token &stop, uint32_t track) {
         std::ifstream media(argv[2 + 2 * track], std::ios::binary), frames(argv[3 + 2 * track]);
         std::string rest;
         std::vector<uint8_t> frame;
