@@ -1,4 +1,5 @@
 /** What the recorder is made of: names, the times of a file's samples, frames as they are pushed. */
+#include <chrono>
 #include <cstring>
 #include <fstream>
 #include <iterator>
@@ -6,8 +7,10 @@
 #include <sstream>
 
 #include <gtest/gtest.h>
+#include <poll.h>
 
 #include "recorder/recording/adts.h"
+#include "recorder/recording/events.h"
 #include "recorder/recording/frame.h"
 #include "recorder/recording/names.h"
 #include "recorder/recording/picture-size.h"
@@ -17,6 +20,29 @@
 namespace {
 
 using namespace mediafiles::recorder;
+
+/* ---- Events ---- */
+
+TEST(Events, KeepTheLatestAndCountTheOthers)
+{
+    event_list events;
+    mediafiles_recorder_event event = {};
+    pollfd readable = {events.descriptor(), POLLIN, 0};
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_FALSE(events.take(event, 20));
+    EXPECT_LE(std::chrono::milliseconds(20), std::chrono::steady_clock::now() - begin);
+    for (uint64_t i = 0; i < 260; i++) events.add({.kind = MEDIAFILES_EVENT_STALLED, .number = i}, std::to_string(i));
+    EXPECT_EQ(1, poll(&readable, 1, 0));
+    EXPECT_TRUE(events.take(event, -1));
+    EXPECT_EQ(std::pair(uint32_t{MEDIAFILES_EVENT_LOST}, uint64_t{4}), std::pair(event.kind, event.count));
+    for (uint64_t i = 4; i < 260; i++) {
+        ASSERT_TRUE(events.take(event, 0));
+        EXPECT_EQ(std::pair(i, std::to_string(i)), std::pair(event.number, std::string(event.path)));
+    }
+    EXPECT_TRUE(!events.take(event, 0) && poll(&readable, 1, 0) == 0);
+    events.end();
+    EXPECT_TRUE(!events.take(event, -1) && poll(&readable, 1, 0) == 1);
+}
 
 /* ---- Names ---- */
 
