@@ -516,13 +516,13 @@ bytes set_record(size_t kind, const bytes &set)
     return record;
 }
 
-/* One of each track's sets is too large for a journal, which has the last `journaled` of them. */
+/* One of each track's sets is too large for a journal, one as large as any; the journal has the last `journaled`. */
 TEST_F(Plan, TakesLargeParameterSetsFromTheFirstSample)
 {
     const bytes code = hex("000001"), vps = hex("40010c01ffff01600000030090000003000003003f928090 80*600"),
                 sps = hex("42010101600000030090000003000003003fa0050201696592a4932bc04040000003004000000642");
     const std::tuple<std::string, size_t, std::vector<bytes>, bytes> codecs[] = {
-        {"raw", MEMENTO_SPS, {hex("6742c01e 80*600"), hex("68eeff3c")}, hex("65 11*40")},
+        {"raw", MEMENTO_SPS, {joined({hex("6742c01e"), bytes(65531, 0x80)}), hex("68eeff3c")}, hex("65 11*40")},
         {"hevc", MEMENTO_VPS, {vps, sps, hex("4401c172b46240")}, hex("2601 11*40")}};
     for (const auto &[track, kind, sets, slice] : codecs)
         for (size_t journaled = 0; journaled < sets.size(); journaled++) {
