@@ -104,30 +104,6 @@ TEST(JournalWriter, KeepsTheFirstErrorUntilItIsReset)
             }
 }
 
-TEST(JournalWriter, EndsWithoutAHoleWhenMemoryEnds)
-{
-    const std::string last = " m1:90,5,1 0/0";
-    const std::string three = "m0:40,4,1 m0:44,5,2 m0:49,6,3";
-    const std::pair<std::string, std::string> cases[] = {
-        {"c0:40,3", three}, {"w0:40,4 w0:44,5 w0:49,6", three}, {"0/508", "0/508"}};
-    for (const auto &[placed, kept] : cases) {
-        const bytes good = records(filler(4096 - 28) + kept + last);
-        bool hit = true;
-        for (long nth = 0; hit; nth++) { // the second sample, or the large record, makes the buffer grow
-            SCOPED_TRACE(nth);
-            const journal_ptr journal(mediafile_caretaker_create());
-            const faults::injection injection({.nth = nth, .error = ENOMEM});
-            const int error = add(journal, "p0:1 p0:2 p0:3 s0:4 s0:5 s0:6 " + filler(4096 - 28) + placed + last);
-            hit = injection.hit;
-            EXPECT_EQ(hit ? ENOMEM : 0, error);
-            EXPECT_EQ(std::pair(error, 0), state(journal));
-            const bytes stored = drain(journal);
-            EXPECT_TRUE(std::equal(stored.begin(), stored.end(), good.begin()));
-            EXPECT_EQ(hit, stored.size() < good.size());
-        }
-    }
-}
-
 constexpr size_t positions[] = {0, 28, 8164, 8168, 8188, 8192, 8196, 16380}; // around the reader's buffer
 
 TEST(JournalReader, DropsARecordThatTheEndOfTheFileCuts)
