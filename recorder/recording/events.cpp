@@ -29,12 +29,12 @@ void event_list::signal() noexcept
     errno = error;
 }
 
-void event_list::add(const happening &what, std::string path) noexcept
+void event_list::add(const happening &what, std::string_view path) noexcept
 {
     const std::lock_guard guard(lock_);
     const bool was_empty = waiting_.empty() && lost_ == 0;
     try {
-        waiting_.push_back({what, std::move(path)});
+        waiting_.push_back({what, std::string(path)});
         if (waiting_.size() > most_waiting) {
             waiting_.pop_front();
             ++lost_;

@@ -6,6 +6,7 @@
 #include <deque>
 #include <mutex>
 #include <string>
+#include <string_view>
 
 #include <mediafiles/recorder.h>
 
@@ -27,8 +28,8 @@ class event_list {
 public:
     event_list();
 
-    /** Keeps the latest ones where nobody takes them. */
-    void add(const happening &what, std::string path = {}) noexcept;
+    /** Keeps the latest ones where nobody takes them; for want of memory, the earlier ones. */
+    void add(const happening &what, std::string_view path) noexcept;
     /** Nothing follows; the descriptor stays readable. */
     void end() noexcept;
 

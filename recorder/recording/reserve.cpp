@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <new>
 #include <vector>
 
 #include <fcntl.h>
@@ -56,7 +57,7 @@ int reserve::keep(int file, uint64_t size)
 void spare_file::hold(int directory, uint64_t bytes)
 {
     const std::lock_guard guard(lock_);
-    if (bytes <= size_) return;
+    if (bytes <= size_ || is_over_) return;
     try {
         if (!file_) file_.emplace(directory, S_IRUSR | S_IWUSR);
         if (lengthen(*file_, size_, bytes) == 0)
@@ -64,6 +65,7 @@ void spare_file::hold(int directory, uint64_t bytes)
         else
             recovery::set_size(*file_, size_);
     } catch (const recovery::obstacle &) { // what is written next says why
+    } catch (const std::bad_alloc &) {     // tried again at the next round
     }
 }
 
@@ -82,6 +84,15 @@ void spare_file::remove()
     size_ = 0;
 }
 
+void spare_file::end()
+{
+    {
+        const std::lock_guard guard(lock_);
+        is_over_ = true;
+    }
+    remove();
+}
+
 int try_directory(int directory, uint64_t bytes)
 {
     try {
@@ -92,6 +103,8 @@ int try_directory(int directory, uint64_t bytes)
         return lengthen(file, 0, written) == 0 && fdatasync(file) == 0 ? 0 : errno;
     } catch (const recovery::obstacle &cause) {
         return cause.error;
+    } catch (const std::bad_alloc &) {
+        return ENOMEM;
     }
 }
 

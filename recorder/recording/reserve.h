@@ -44,7 +44,7 @@ private:
 /** Any of the two threads calls it; each waits for the medium in any case. */
 class spare_file {
 public:
-    /** Makes it that large, where there is room for it. It never shrinks. */
+    /** Makes it that large, where there is room for it. It never shrinks. Nothing after `end`. */
     void hold(int directory, uint64_t bytes);
 
     /** Gives back what it holds. @return whether it held anything */
@@ -52,11 +52,14 @@ public:
 
     /** Forgets the directory. */
     void remove();
+    /** For good. */
+    void end();
 
 private:
     std::mutex lock_;
     std::optional<recovery::temporary_file> file_;
     uint64_t size_ = 0;
+    bool is_over_ = false;
 };
 
 /** Whether files can be made there, have so much room and be synced: 0, or errno. Leaves nothing. */

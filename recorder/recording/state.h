@@ -10,6 +10,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -104,7 +105,7 @@ struct state {
     {
     }
 
-    void report(const happening &what, std::string path = {}) { events.add(what, std::move(path)); }
+    void report(const happening &what, std::string_view path = {}) noexcept { events.add(what, path); }
 
     const settings options;
     recovery::descriptor directory; // until both threads have ended; while paused the syncing thread changes it

@@ -1,6 +1,7 @@
 #include "survey.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <string_view>
 #include <utility>
 
@@ -16,6 +17,12 @@ namespace {
 constexpr std::string_view journal_end = ".journal";
 constexpr int deepest = 8; // directories in a pattern
 
+/* A directory that was removed, replaced, or is not to be read by everybody. */
+bool is_nothing_of_ours(int error)
+{
+    return error == ENOENT || error == ENOTDIR || error == ELOOP || error == EACCES;
+}
+
 struct search {
     const name_pattern &names;
     std::vector<std::pair<uint64_t, std::string>> journals;
@@ -25,7 +32,8 @@ struct search {
     void go_through(int parent, const char *name, const std::string &path, int depth)
     {
         const recovery::descriptor directory = recovery::open_at(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
-        if (!directory.is_open()) return;
+        if (!directory.is_open() && depth != 0 && is_nothing_of_ours(errno)) return;
+        if (!directory.is_open()) throw recovery::system_failure();
         recovery::directory_reader reader(directory);
         while (const dirent *found = reader.next()) {
             const std::string below = path + found->d_name;
@@ -58,10 +66,7 @@ struct search {
 found_files find_files(int directory, const name_pattern &names)
 {
     search search = {names, {}, {}, 0};
-    try {
-        search.go_through(directory, ".", "", 0);
-    } catch (const recovery::obstacle &) { // a directory that cannot be read; what was seen counts
-    }
+    search.go_through(directory, ".", "", 0);
     std::ranges::sort(search.journals, std::greater<>());
     found_files found = {search.highest, {}, {}};
     for (kept_file &each : search.media) {

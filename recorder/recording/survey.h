@@ -16,7 +16,7 @@ struct found_files {
     std::vector<kept_file> finished;      // the others
 };
 
-/** Only regular files that the pattern makes are seen. What cannot be read is passed over. */
+/** Only regular files that the pattern makes are seen. Throws recovery::obstacle where they cannot be. */
 found_files find_files(int directory, const name_pattern &names);
 
 } // namespace mediafiles::recorder

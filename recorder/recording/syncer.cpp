@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <new>
 #include <utility>
 
 #include <fcntl.h>
@@ -98,8 +99,13 @@ std::unique_ptr<muxer> syncer::take_tracks()
 
 void syncer::run()
 {
-    while (work()) {}
-    shared_->spare.remove();
+    for (bool is_more = true; is_more;) {
+        try {
+            is_more = work();
+        } catch (const std::bad_alloc &) { // of room that was to be made; the next turn tries again
+        }
+    }
+    shared_->spare.end();
 }
 
 /* @return whether there can be more */
@@ -116,8 +122,6 @@ bool syncer::work()
         else
             wake_.wait(guard, is_due);
         is_asked_ = false;
-        for (kept_file &each : found_) kept_.add(std::move(each));
-        found_.clear();
         taken.swap(jobs_);
         if (taken.empty() && has_find()) {
             name = std::move(to_recover_.back());
@@ -128,19 +132,36 @@ bool syncer::work()
     }
     if (shared_->is_abandoned) return false;
     if (!name.empty()) recover_file(name);
-    for (job &each : taken)
-        if (!shared_->is_abandoned) carry_out(each);
+    for (job &each : taken) {
+        if (shared_->is_abandoned) break;
+        try {
+            carry_out(each);
+        } catch (const std::bad_alloc &) { // of what becomes of a file that has ended: the next recorder finds it
+        }
+    }
     taken.clear();
     if (shared_->is_abandoned) return false;
+    take_found();
     keep_room();
     return true;
+}
+
+/* One by one, so that none is lost where memory is short. */
+void syncer::take_found()
+{
+    const std::lock_guard guard(lock_);
+    for (; !found_.empty(); found_.pop_back()) kept_.add(std::move(found_.back()));
 }
 
 void syncer::make_safe(shared_file &file, round &made)
 {
     const clock::time_point begin = clock::now();
-    if (file.error == 0) file.error = examine_medium();
-    if (file.error == 0 && file.files.sync(made, shared_->spare) != 0) file.error = errno;
+    try {
+        if (file.error == 0) file.error = examine_medium();
+        if (file.error == 0 && file.files.sync(made, shared_->spare) != 0) file.error = errno;
+    } catch (const std::bad_alloc &) {
+        file.error = ENOMEM;
+    }
     shared_->count.sync.note(begin);
     if (file.error != 0) return;
     failures_ = 0;
@@ -379,7 +400,7 @@ bool syncer::complete(shared_file &file)
 
 /* Of files that another recorder or recovery uses nothing is said. */
 void syncer::recover_file(const std::string &name)
-{
+try {
     if (examine_medium() != 0) return recover({name});
     /* In the directory that is open, even when its path leads elsewhere by now. */
     std::string path = "/proc/self/fd/" + std::to_string(int{shared_->directory});
@@ -425,6 +446,8 @@ void syncer::recover_file(const std::string &name)
     if (about.is_whole && past != past_.end() && !std::exchange(past->is_finished, true) && past->is_protected)
         make_read_only(*past);
     remove_surplus();
+} catch (const std::bad_alloc &) {
+    shared_->report({.kind = MEDIAFILES_EVENT_NOT_RECOVERED, .result = MEDIAFILES_FAILED, .error = ENOMEM}, name);
 }
 
 } // namespace mediafiles::recorder

@@ -72,6 +72,7 @@ private:
     bool work();
     void add(job);
     void carry_out(job &);
+    void take_found();
     bool complete(shared_file &);
     void make_safe(shared_file &, round &);
     void remember(const shared_file &, bool is_finished);

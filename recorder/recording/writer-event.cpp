@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <new>
 #include <utility>
 
 namespace mediafiles::recorder {
@@ -45,7 +46,11 @@ void writer::protect(int64_t from, int64_t until)
     protect_until_ = std::max(protect_until_, until);
     for (const auto &each : files_)
         if (!each->has_end || each->ended_passed > from || is_held(*each)) protect(*each);
-    syncs_->protect(from);
+    try {
+        syncs_->protect(from);
+    } catch (const std::bad_alloc &) {
+        shared_->report({.kind = MEDIAFILES_EVENT_PROTECTED, .error = ENOMEM});
+    }
 }
 
 /* Whether a track is still in the file. */

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <new>
 #include <utility>
 
 #include "picture-size.h"
@@ -71,7 +72,9 @@ open_file *writer::begin_file(uint32_t track, int64_t time)
         return nullptr;
     }
     std::unique_ptr<open_file> made;
+    int error = 0;
     try {
+        files_.reserve(files_.size() + 1);
         if (first_second_ == 0 || !is_single) first_second_ = std::time(nullptr);
         for (int tries = 0; !made; ++tries) {
             const uint64_t number = next_number_++;
@@ -91,11 +94,16 @@ open_file *writer::begin_file(uint32_t track, int64_t time)
         }
         if (made->files().begin(ready_tracks(), pace_) != 0) throw recovery::system_failure();
     } catch (const recovery::obstacle &cause) {
+        error = cause.error;
+    } catch (const std::bad_alloc &) {
+        error = ENOMEM;
+    }
+    if (error != 0) {
         if (made) {
             next_number_ = made->files().number();
             made->files().remove();
         }
-        fail_to_begin(cause.error);
+        fail_to_begin(error);
         return nullptr;
     }
     is_failing_ = false;
@@ -132,6 +140,23 @@ void writer::fail_to_begin(int error)
         shared_->miss_medium(error);
     else if (is_news)
         shared_->report({.kind = MEDIAFILES_EVENT_WRITE_ERROR, .error = error, .number = next_number_});
+}
+
+/*
+ * The files are given up as if a write had failed. Frames that wait for a file
+ * are still there; those of no file are lost.
+ */
+void writer::lack_memory()
+{
+    if (std::exchange(is_loose_, false)) ++shared_->count.frames_dropped;
+    if (files_.empty()) shared_->report({.kind = MEDIAFILES_EVENT_WRITE_ERROR, .error = ENOMEM});
+    for (const auto &each : files_) {
+        int none = 0;
+        each->shared->error.compare_exchange_strong(none, ENOMEM);
+        each->has_failed = true;
+    }
+    for (uint32_t track = 0; track < options_.track_count(); ++track) drop(track, tracks_[track].incoming);
+    is_unplaced_ = false;
 }
 
 /* The syncing thread makes some, or says that there is none. */
@@ -233,10 +258,9 @@ void writer::end_old_files(clock::time_point now, bool all)
             int none = 0;
             file.shared->error.compare_exchange_strong(none, errno);
         }
-        file_ptr ended = std::move(file.shared);
+        count_running(&file); // the syncing thread counts it among those that are kept
+        syncs_->finish(file.shared);
         each = files_.erase(each);
-        count_running(); // the syncing thread counts it among those that are kept
-        syncs_->finish(std::move(ended));
     }
 }
 
@@ -262,10 +286,9 @@ void writer::give_up_failed()
         }
         file.shared->passed = file.has_end ? file.ended_passed : passed_;
         if (is_want_of_room(file.shared->error)) want_room(true);
-        file_ptr failed = std::move(file.shared);
+        count_running(&file);
+        syncs_->give_up(file.shared);
         each = files_.erase(each);
-        count_running();
-        syncs_->give_up(std::move(failed));
     }
 }
 

@@ -21,17 +21,21 @@ void writer::feed(uint32_t track, const queue::taken &part)
         if (!input.held.empty() && frame.time == input.held.time()) {
             input.comes_in_parts |= (frame.flags & frame_has_picture) != 0;
             input.held.add(part);
+            is_loose_ = false;
             return;
         }
         if (input.held.empty() && frame.time == input.stored_time) { // the rest of it is on its way to the medium
             if (frame.flags & frame_has_picture) input.comes_in_parts = input.needs_key = true;
             shared_->count.frames_dropped += 1;
+            is_loose_ = false;
             return;
         }
         input.incoming.add(part);
+        is_loose_ = false;
         if (!(frame.flags & frame_has_picture)) return;
     } else {
         input.incoming.add(part);
+        is_loose_ = false;
     }
     place(track, input.incoming);
     if (!is_unplaced_ || track != leader_) input.incoming.clear();

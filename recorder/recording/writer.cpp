@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <new>
 #include <utility>
 
 #include "survey.h"
@@ -33,35 +34,59 @@ writer::writer(std::shared_ptr<state> shared, std::shared_ptr<syncer> syncs)
 void writer::run()
 {
     survey();
-    queue &frames = shared_->frames;
-    for (answer_requests(); !frames.is_drained(); answer_requests()) {
-        if (!is_paused() && shared_->is_new_medium.exchange(false)) survey();
-        if (is_unplaced_ && (!rests() || frames.is_closed())) place_again();
-        const bool goes_on = !rests() || frames.is_closed();
-        const bool is_there = goes_on ? frames.await(deadline()) : frames.rest();
-        answer_requests(); // all those that were made before this frame was pushed
-        if (goes_on) {
-            const queue::taken next = is_there ? frames.next() : queue::taken();
-            as_of_ = next.frame ? next.frame->pushed : clock::now();
-            if (next.frame) take(next);
-            pass_on(false);
+    for (bool is_more = true; is_more;) {
+        try {
+            is_more = turn();
+        } catch (const std::bad_alloc &) {
+            lack_memory();
         }
         if (shared_->is_abandoned) return;
-        const clock::time_point now = clock::now();
-        release_late();
-        end_for_pause();
-        give_up_failed();
-        end_old_files(now, is_paused());
-        if (files_.empty() && shared_->paused.let_go()) syncs_->make_room();
-        make_rounds(now);
-        release();
-        if (frames.goes_on()) shared_->report({.kind = MEDIAFILES_EVENT_GOES_ON});
     }
+    try {
+        end();
+    } catch (const std::bad_alloc &) { // once more, and the recorder ends as if it were destroyed
+        lack_memory();
+        end();
+    }
+}
+
+/* @return whether there can be more */
+bool writer::turn()
+{
+    queue &frames = shared_->frames;
+    answer_requests();
+    if (frames.is_drained()) return false;
+    if (!is_paused() && shared_->is_new_medium.exchange(false)) survey();
+    if (is_unplaced_ && (!rests() || frames.is_closed())) place_again();
+    const bool goes_on = !rests() || frames.is_closed();
+    const bool is_there = goes_on ? frames.await(deadline()) : frames.rest();
+    answer_requests(); // all those that were made before this frame was pushed
+    if (goes_on) {
+        const queue::taken next = is_there ? frames.next() : queue::taken();
+        as_of_ = next.frame ? next.frame->pushed : clock::now();
+        if (next.frame) take(next);
+        pass_on(false);
+    }
+    if (shared_->is_abandoned) return false;
+    const clock::time_point now = clock::now();
+    release_late();
+    end_for_pause();
+    give_up_failed();
+    end_old_files(now, is_paused());
+    if (files_.empty() && shared_->paused.let_go()) syncs_->make_room();
+    make_rounds(now);
+    release();
+    if (frames.goes_on()) shared_->report({.kind = MEDIAFILES_EVENT_GOES_ON});
+    return true;
+}
+
+void writer::end()
+{
     pass_on(true);
     if (is_idle_) let_go(seen_until_, true);
     for (uint32_t track = 0; track < options_.track_count(); ++track) {
         drop(track, tracks_[track].incoming);
-        shared_->report_gap(track, frames.open_gap(track));
+        shared_->report_gap(track, shared_->frames.open_gap(track));
     }
     if (current_) leave_all(*current_);
     give_up_failed();
@@ -84,18 +109,31 @@ void writer::end_for_pause()
     }
 }
 
-/* Numbers go on from the highest that is there; what was interrupted is recovered, newest first. */
+/*
+ * Numbers go on from the highest that is there; what was interrupted is
+ * recovered, newest first. Where the directory cannot be read, nothing is
+ * recorded: with low numbers the new files would be the first to be deleted.
+ */
 void writer::survey()
 {
+    int error = 0;
     try {
         recovery::remove_stale_temporaries(shared_->directory);
     } catch (const recovery::obstacle &) { // the files are looked for in any case
+    } catch (const std::bad_alloc &) {     // likewise
     }
     if (!options_.names.is_numbered()) return;
-    found_files found = find_files(shared_->directory, options_.names);
-    next_number_ = std::max(next_number_, found.highest + 1);
-    syncs_->know(std::move(found.finished));
-    syncs_->recover(std::move(found.interrupted));
+    try {
+        found_files found = find_files(shared_->directory, options_.names);
+        next_number_ = std::max(next_number_, found.highest + 1);
+        syncs_->know(std::move(found.finished));
+        syncs_->recover(std::move(found.interrupted));
+    } catch (const recovery::obstacle &cause) {
+        error = cause.error;
+    } catch (const std::bad_alloc &) {
+        error = ENOMEM;
+    }
+    if (error != 0) shared_->miss_medium(error); // surveyed again when it is back
 }
 
 /* ---- Order ------------------------------------------------------------- */
@@ -107,11 +145,13 @@ void writer::take(const queue::taken &taken)
     seen_until_ = std::max(seen_until_, taken.position + taken.frame->size);
     if (is_idle_) return keep(taken);
     if (taken.position < tracks_[track].done_until) return; // the event before has it
+    is_loose_ = true;
     if (track == leader_) {
         passed_ = taken.frame->passed;
         feed(track, taken);
     } else {
         tracks_[track].waiting.push_back(taken);
+        is_loose_ = false;
     }
 }
 
@@ -119,9 +159,12 @@ void writer::pass_on(bool all)
 {
     for (uint32_t track = 0; track < options_.track_count(); ++track) {
         auto &waiting = tracks_[track].waiting;
-        size_t gone = 0;
-        while (gone < waiting.size() && (all || may_go(track, waiting[gone]))) feed(track, waiting[gone++]);
-        waiting.erase(waiting.begin(), waiting.begin() + static_cast<ptrdiff_t>(gone));
+        while (!waiting.empty() && (all || may_go(track, waiting.front()))) {
+            const queue::taken next = waiting.front();
+            waiting.erase(waiting.begin());
+            is_loose_ = true;
+            feed(track, next);
+        }
     }
 }
 
@@ -156,10 +199,11 @@ void writer::release_late()
     }
 }
 
-void writer::count_running()
+void writer::count_running(const open_file *but)
 {
     uint64_t bytes = 0, samples = 0;
     for (const auto &each : files_) {
+        if (each.get() == but) continue;
         bytes += each->shared->files.bytes();
         samples += each->samples;
     }

@@ -56,6 +56,8 @@ public:
 
 private:
     /* writer.cpp: what comes when */
+    bool turn();
+    void end();
     void survey();
     bool is_paused() const { return shared_->paused.why() != pause::none; }
     bool rests() const { return is_paused() && !is_idle_; }
@@ -65,7 +67,7 @@ private:
     bool may_go(uint32_t track, const queue::taken &) const;
     std::chrono::nanoseconds patience_for(const track_input &) const;
     void release_late();
-    void count_running();
+    void count_running(const open_file *but = nullptr);
     void make_rounds(clock::time_point now);
     void release();
     clock::time_point deadline() const;
@@ -120,6 +122,7 @@ private:
     void leave_all(open_file &);
     void end_old_files(clock::time_point now, bool all);
     void give_up_failed();
+    void lack_memory();
 
     const std::shared_ptr<state> shared_;
     const std::shared_ptr<syncer> syncs_;
@@ -156,6 +159,7 @@ private:
     uint64_t next_number_ = 1;
     int64_t first_second_ = 0; // since 1970, of the first file
     pace pace_;                // of the latest file
+    bool is_loose_ = false;    // a frame was taken from the queue, and nothing holds it yet
     bool is_unplaced_ = false; // the leading track's frame waits for a file
     bool is_failing_ = false;  // the next file could not be begun: the one before goes on
     clock::time_point tried_ = {};
