@@ -10,6 +10,7 @@
 #include <cstring>
 #include <iterator>
 #include <memory>
+#include <new>
 #include <system_error>
 #include <thread>
 #include <utility>
@@ -138,6 +139,28 @@ struct writing {
     void run() { writes->run(); }
 };
 
+/* Both, or none: the next start is to find the directory free. */
+void start_threads(const std::shared_ptr<state> &shared)
+{
+    const auto syncs = std::make_shared<syncer>(shared);
+    int error = 0;
+    try {
+        auto writes = std::make_unique<writing>(shared, syncs);
+        start_thread(shared, syncs);
+        start_thread(shared, std::move(writes));
+    } catch (const std::system_error &cause) {
+        error = cause.code().value();
+    } catch (const std::bad_alloc &) {
+        error = ENOMEM;
+    }
+    if (error == 0) return;
+    abandon(*shared);
+    syncs->end();
+    std::unique_lock guard(shared->lock);
+    shared->ended.wait(guard, [&] { return shared->threads == 0; });
+    throw recovery::system_failure(error);
+}
+
 int refuse(int error)
 {
     errno = error;
@@ -169,17 +192,7 @@ mediafiles_recorder *mediafiles_recorder_start(const mediafiles_recorder_options
         recovery::descriptor directory = prepare_directory(given);
         made = std::make_unique<mediafiles_recorder>();
         made->shared = std::make_shared<state>(std::move(given), std::move(directory));
-        const auto &shared = made->shared;
-        auto syncs = std::make_shared<syncer>(shared);
-        auto writes = std::make_unique<writing>(shared, syncs);
-        try {
-            start_thread(shared, syncs);
-            start_thread(shared, std::move(writes));
-        } catch (const std::system_error &cause) {
-            abandon(*shared);
-            syncs->end();
-            throw recovery::system_failure(cause.code().value());
-        }
+        start_threads(made->shared);
     });
     return result == 0 ? made.release() : nullptr;
 }

@@ -89,6 +89,8 @@ struct track_input {
     bool comes_in_parts = false;     // parts with slices follow the first one of an access unit
     bool needs_key = false;          // video: what comes before the next key frame cannot be decoded
 
+    gap lost; // frames that no file could take, until one takes the next
+
     bool has_time = false; // of the last access unit; JOIN_STEPS included
     int64_t time = 0, offset = 0;
     uint64_t clock_until = 0;        // position: steps before it were seen

@@ -58,6 +58,15 @@ void writer::drop(uint32_t track, access_unit &unit)
     unit.clear();
 }
 
+void writer::lose(uint32_t track, const access_unit &unit)
+{
+    gap &lost = tracks_[track].lost;
+    if (lost.count == 0) lost.from = unit.time();
+    lost.to = unit.time();
+    lost.count += unit.count();
+    shared_->count.frames_dropped += unit.count();
+}
+
 /* Parts whose picture does not come: they would keep their place in the queue for ever. */
 void writer::set_aside(uint32_t track)
 {
@@ -139,7 +148,7 @@ void writer::place(uint32_t track, access_unit &unit)
         else if (is_idle_)
             wait_for_event(track);
         else if (is_failing_ || is_paused())
-            shared_->count.frames_dropped += unit.count();
+            lose(track, unit);
         else if (options_.has_events())
             shared_->count.frames_let_go += unit.count();
         else
@@ -147,6 +156,7 @@ void writer::place(uint32_t track, access_unit &unit)
         return;
     }
     input.needs_key = false;
+    shared_->report_gap(track, std::exchange(input.lost, {}));
     if (to != input.file) {
         leave(track, departure(track));
         enter(track, *to);

@@ -86,6 +86,7 @@ void writer::end()
     if (is_idle_) let_go(seen_until_, true);
     for (uint32_t track = 0; track < options_.track_count(); ++track) {
         drop(track, tracks_[track].incoming);
+        shared_->report_gap(track, tracks_[track].lost);
         shared_->report_gap(track, shared_->frames.open_gap(track));
     }
     if (current_) leave_all(*current_);
