@@ -1,6 +1,7 @@
 // What recovery and recorder know of each codec, in one table.
 #pragma once
 
+#include <cerrno>
 #include <cstdint>
 
 #include <mediafiles/caretaker.h>
@@ -56,6 +57,16 @@ inline bool is_video(const mp4_track_desc &track)
 {
     const codec *codec = codec_of(track.type);
     return codec && codec->is_video();
+}
+
+// Of a track of the movie. -1 with errno, ENOMEM included: the hook that copies the set does not report it.
+inline int give_parameter_set(mp4_movie *movie, uint32_t track, uint8_t kind, const void *unit, uint32_t length)
+{
+    const auto give = kind == MEMENTO_VPS   ? mp4_movie_set_track_vps
+                      : kind == MEMENTO_SPS ? mp4_movie_set_track_sps
+                                            : mp4_movie_set_track_pps;
+    errno = 0;
+    return give(movie, track, unit, length) == 0 && errno != ENOMEM ? 0 : -1;
 }
 
 static_assert(codecs[0].is_key(5) && !codecs[0].is_key(1) && codecs[0].set_kind(7) == MEMENTO_SPS);

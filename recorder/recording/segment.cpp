@@ -13,6 +13,7 @@
 #include <mediafiles/stream.h>
 #include <mediafiles/support/io.h>
 
+#include "codec.h"
 #include "new-files.h"
 #include "recovery/journal-marks.h"
 
@@ -117,10 +118,7 @@ int segment::give_set(uint32_t track, uint8_t kind, std::span<const uint8_t> set
 {
     mp4_movie *const movie = muxer_->builder()->movie;
     const auto slot = static_cast<uint32_t>(muxer_->slot(track));
-    const auto give = kind == MEMENTO_VPS   ? mp4_movie_set_track_vps
-                      : kind == MEMENTO_SPS ? mp4_movie_set_track_sps
-                                            : mp4_movie_set_track_pps;
-    if (give(movie, slot, set.data(), static_cast<uint32_t>(set.size())) != 0) return -1;
+    if (recovery::give_parameter_set(movie, slot, kind, set.data(), static_cast<uint32_t>(set.size())) != 0) return -1;
 
     /* One that is too large for a record is left out: recovery takes it from the track's first sample. */
     if (set.size() > MEMENTO_MAX_SIZE - sizeof(memento)) return 0;

@@ -171,11 +171,9 @@ int movie_tail::replay_record(const record &next)
     case MEMENTO_SAMPLE:
         return add_sample(next.as_sample());
     case MEMENTO_VPS:
-        return mp4_movie_set_track_vps(movie_.get(), track, next.payload, next.header.length);
     case MEMENTO_SPS:
-        return mp4_movie_set_track_sps(movie_.get(), track, next.payload, next.header.length);
     case MEMENTO_PPS:
-        return mp4_movie_set_track_pps(movie_.get(), track, next.payload, next.header.length);
+        return give_parameter_set(movie_.get(), track, next.header.kind, next.payload, next.header.length);
     default:
         return 0;
     }
@@ -219,10 +217,7 @@ int movie_tail::take_missing_sets(const journal_scan &journal, const mediafiles_
         const std::unique_ptr<uint8_t, decltype(&free)> unit(static_cast<uint8_t *>(malloc(length)), free);
         if (!unit) return search.result = -1, false;
         if (!read_all(search.media, offset, unit.get(), length)) return true;
-        const auto set = kind == MEMENTO_VPS   ? mp4_movie_set_track_vps
-                         : kind == MEMENTO_SPS ? mp4_movie_set_track_sps
-                                               : mp4_movie_set_track_pps;
-        search.result = set(search.tail.movie_.get(), search.track, unit.get(), length);
+        search.result = give_parameter_set(search.tail.movie_.get(), search.track, kind, unit.get(), length);
         return search.result == 0;
     };
     for (uint32_t track = 0; track < journal.tracks; ++track) {
