@@ -111,7 +111,6 @@ void syncer::run()
 /* @return whether there can be more */
 bool syncer::work()
 {
-    std::vector<job> taken;
     std::string name;
     {
         std::unique_lock guard(lock_);
@@ -122,24 +121,24 @@ bool syncer::work()
         else
             wake_.wait(guard, is_due);
         is_asked_ = false;
-        taken.swap(jobs_);
-        if (taken.empty() && has_find()) {
+        taken_.swap(jobs_); // both keep their memory
+        if (taken_.empty() && has_find()) {
             name = std::move(to_recover_.back());
             to_recover_.pop_back();
-        } else if (taken.empty() && is_last_) {
+        } else if (taken_.empty() && is_last_) {
             return false;
         }
     }
     if (shared_->is_abandoned) return false;
     if (!name.empty()) recover_file(name);
-    for (job &each : taken) {
+    for (job &each : taken_) {
         if (shared_->is_abandoned) break;
         try {
             carry_out(each);
         } catch (const std::bad_alloc &) { // of what becomes of a file that has ended: the next recorder finds it
         }
     }
-    taken.clear();
+    taken_.clear();
     if (shared_->is_abandoned) return false;
     take_found();
     keep_room();

@@ -106,6 +106,7 @@ private:
     bool is_last_ = false, is_asked_ = false;
 
     /* Of the thread alone. */
+    std::vector<job> taken_;
     kept_files kept_;
     std::deque<past_file> past_;            // the latest ones
     std::vector<std::string> lacking_room_; // files that could not be completed
