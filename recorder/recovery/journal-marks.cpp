@@ -11,14 +11,20 @@
 namespace mediafiles::recovery {
 namespace {
 
-constexpr std::array<uint32_t, 256> crc_table = [] {
-    std::array<uint32_t, 256> table = {};
-    for (uint32_t i = 0; i < table.size(); ++i) {
+/* What a byte does to the CRC: that is followed by no other byte, by one, by two, by three. */
+constexpr std::array<std::array<uint32_t, 256>, 4> crc_tables = [] {
+    std::array<std::array<uint32_t, 256>, 4> tables = {};
+    for (uint32_t i = 0; i < 256; ++i) {
         uint32_t value = i;
         for (int bit = 0; bit < 8; ++bit) value = value & 1 ? value >> 1 ^ 0xEDB88320u : value >> 1;
-        table[i] = value;
+        tables[0][i] = value;
     }
-    return table;
+    for (size_t followers = 1; followers < tables.size(); ++followers)
+        for (uint32_t i = 0; i < 256; ++i) {
+            const uint32_t before = tables[followers - 1][i];
+            tables[followers][i] = tables[0][before & 0xFF] ^ before >> 8;
+        }
+    return tables;
 }();
 
 static_assert(MEDIAFILES_ROUND_MARK_SIZE == sizeof(memento) + round_mark_length);
@@ -73,7 +79,12 @@ uint32_t crc32(uint32_t crc, const void *bytes, size_t count)
 {
     const auto *from = static_cast<const uint8_t *>(bytes);
     crc = ~crc;
-    for (size_t i = 0; i < count; ++i) crc = crc_table[(crc ^ from[i]) & 0xFF] ^ crc >> 8;
+    for (; count >= 4; count -= 4, from += 4) {
+        crc ^= uint32_t{from[0]} | uint32_t{from[1]} << 8 | uint32_t{from[2]} << 16 | uint32_t{from[3]} << 24;
+        crc = crc_tables[3][crc & 0xFF] ^ crc_tables[2][crc >> 8 & 0xFF] ^ crc_tables[1][crc >> 16 & 0xFF] ^
+              crc_tables[0][crc >> 24];
+    }
+    for (; count > 0; --count, ++from) crc = crc_tables[0][(crc ^ *from) & 0xFF] ^ crc >> 8;
     return ~crc;
 }
 
