@@ -90,7 +90,10 @@ bytes least_of_four(const uint8_t *at)
 const uint8_t *skip_parts(const uint8_t *at, const uint8_t *last)
 {
     for (;;) {
-        while (last - at >= block && !has_pair(least(least_of_four(at), least_of_four(at + 4 * part)))) at += block;
+        if (last - at >= block) {
+            const uint8_t *const last_block = last - block;
+            while (at <= last_block && !has_pair(least(least_of_four(at), least_of_four(at + 4 * part)))) at += block;
+        }
         const uint8_t *const end = last - at > block ? at + block : last;
         while (end - at >= part && !has_pair(load(at))) at += part;
         if (end - at >= part || end == last) return at;
