@@ -28,6 +28,12 @@ public:
     /* Copies count bytes from a position on, or as many as there are. */
     uint32_t copy(uint32_t position, uint8_t *to, uint32_t count)
     {
+        if (pieces_.size() == 1) {
+            const size_t size = pieces_[0].iov_len;
+            const auto some = static_cast<uint32_t>(std::min<size_t>(position < size ? size - position : 0, count));
+            memcpy(to, static_cast<const uint8_t *>(pieces_[0].iov_base) + position, some);
+            return some;
+        }
         for (; index_ < pieces_.size() && position - begin_ >= pieces_[index_].iov_len; ++index_)
             begin_ += static_cast<uint32_t>(pieces_[index_].iov_len);
         uint32_t done = 0;
@@ -224,50 +230,50 @@ frame_fault look_at_unit(uint32_t track_type, piece_reader &reader, frame_facts:
     return frame_fault::none;
 }
 
-frame_facts refused(frame_fault fault)
-{
-    frame_facts facts;
-    facts.fault = fault;
-    return facts;
-}
-
-frame_facts look_at_video(uint32_t track_type, frame_pieces pieces)
+frame_fault look_at_video(uint32_t track_type, frame_pieces pieces, frame_facts &facts)
 {
     start_code_search search(pieces);
     piece_reader reader(pieces);
-    frame_facts facts;
     uint64_t stored = 0;
     start_code code = search.next();
-    if (!code.found || code.begin != 0) return refused(frame_fault::no_start_code);
+    if (!code.found || code.begin != 0) return frame_fault::no_start_code;
     while (code.found) {
         const uint32_t begin = code.end;
         code = search.next();
         const frame_facts::extent unit = {begin, code.begin - begin};
         const frame_fault fault = look_at_unit(track_type, reader, unit, facts);
-        if (fault != frame_fault::none) return refused(fault);
+        if (fault != frame_fault::none) return fault;
         if (facts.unit_count < facts.most_noted) facts.noted[facts.unit_count] = unit;
         ++facts.unit_count;
         stored += uint64_t{length_size} + unit.size;
     }
-    if (stored > largest_sample) return refused(frame_fault::too_large);
+    if (stored > largest_sample) return frame_fault::too_large;
     facts.stored_size = static_cast<uint32_t>(stored);
-    return facts;
+    return frame_fault::none;
 }
 
-frame_facts look_at_sound(const mp4_audio_desc &audio, frame_pieces pieces, uint32_t size)
+frame_fault look_at_sound(const mp4_audio_desc &audio, frame_pieces pieces, uint32_t size, frame_facts &facts)
 {
     uint8_t head[adts_header::most];
     const uint32_t got = piece_reader(pieces).copy(0, head, sizeof head);
     const adts_header header = read_adts(audio, {head, got}, size);
-    if (header.fault != frame_fault::none) return refused(header.fault);
-    frame_facts facts;
     facts.key = facts.has_slices = facts.begins_picture = true;
     facts.stored_size = size - header.size;
     /* One byte has no place for an element before the end of the raw data block (ISO/IEC 14496-3, 4.4.2.1). */
     if (facts.stored_size == 1) return refused(frame_fault::empty);
     facts.unit_count = 1;
     facts.noted[0] = {header.size, facts.stored_size};
-    return facts;
+    return header.fault;
+}
+
+frame_fault look(const mp4_track_desc &track, frame_pieces pieces, frame_facts &facts)
+{
+    uint64_t size = 0;
+    for (const iovec &piece : pieces) size += piece.iov_len;
+    if (size == 0) return frame_fault::empty;
+    if (size > largest_sample) return frame_fault::too_large;
+    if (recovery::is_video(track)) return look_at_video(track.type, pieces, facts);
+    return look_at_sound(track.audio, pieces, static_cast<uint32_t>(size), facts);
 }
 
 } // namespace
@@ -297,12 +303,9 @@ const char *text(frame_fault fault)
 
 frame_facts look_at_frame(const mp4_track_desc &track, frame_pieces pieces)
 {
-    uint64_t size = 0;
-    for (const iovec &piece : pieces) size += piece.iov_len;
-    if (size == 0) return refused(frame_fault::empty);
-    if (size > largest_sample) return refused(frame_fault::too_large);
-    if (recovery::is_video(track)) return look_at_video(track.type, pieces);
-    return look_at_sound(track.audio, pieces, static_cast<uint32_t>(size));
+    frame_facts facts;
+    facts.fault = look(track, pieces, facts);
+    return facts;
 }
 
 void store_frame(const mp4_track_desc &track, frame_pieces pieces, const frame_facts &facts, uint8_t *to)
