@@ -164,8 +164,8 @@ int segment::take_round(round &to)
     const auto *records = static_cast<const uint8_t *>(mediafile_caretaker_read(muxer_->journal(), &count));
     to.records.clear();
     if (count != 0) {
+        to.records.assign(records, records + count);
         to.records.resize(count + size_t{MEDIAFILES_ROUND_MARK_SIZE});
-        std::copy_n(records, count, to.records.data());
         mediafiles_round_mark(to.records.data() + count, ++rounds_, bytes(), to.records.data(), count);
     }
     pace_.note(bytes() - bytes_before_, samples_ - samples_before_);

@@ -14,6 +14,7 @@ constexpr int64_t millisecond = 1'000'000;
 constexpr int64_t least_sample = 2 * millisecond; // what begins later than that before the end is the next file's
 constexpr int64_t longest_file = ((int64_t{1} << 31) - 50'000) * second; // with room for the longest last sample
 constexpr int64_t longest_duration = 0x7FFFFFFF;                         // ticks that the core takes
+constexpr int64_t surely_shorter = 3600 * second;                        // at any timescale
 constexpr uint32_t video_timescale = 90000;
 constexpr uint32_t sound_frame = 1024;                 // samples of PCM in an AAC frame
 constexpr uint32_t first_guess = video_timescale / 30; // where no frame has had a successor yet
@@ -24,19 +25,27 @@ int64_t floor_mod(int64_t value, int64_t divisor)
     return rest < 0 ? rest + divisor : rest;
 }
 
-/* Half up. Seconds and their rest apart, or products would need 128 bits. */
+/* Half up. Whole units and their rest apart, or products would need 128 bits. */
+int64_t rescale(int64_t value, int64_t from, int64_t to)
+{
+    int64_t whole = value / from, rest = value % from;
+    if (rest < 0) {
+        rest += from;
+        --whole;
+    }
+    return whole * to + static_cast<int64_t>((static_cast<uint64_t>(rest) * static_cast<uint64_t>(to) +
+                                              static_cast<uint64_t>(from) / 2) /
+                                             static_cast<uint64_t>(from));
+}
+
 int64_t to_ticks(int64_t time, uint32_t timescale)
 {
-    const int64_t rest = floor_mod(time, second);
-    return (time - rest) / second * timescale +
-           static_cast<int64_t>((static_cast<uint64_t>(rest) * timescale + second / 2) / second);
+    return rescale(time, second, timescale);
 }
 
 int64_t to_time(int64_t ticks, uint32_t timescale)
 {
-    const int64_t rest = floor_mod(ticks, timescale);
-    return (ticks - rest) / timescale * second +
-           static_cast<int64_t>((static_cast<uint64_t>(rest) * second + timescale / 2) / timescale);
+    return rescale(ticks, timescale, second);
 }
 
 } // namespace
@@ -72,7 +81,8 @@ bool timeline::has_room_for(uint32_t track, int64_t time) const
     if (length > longest_file || length < -longest_file) return false;
     if (!clock.started) return true;
     const int64_t since = time - clock.origin;
-    return since <= clock.given || to_ticks(since - clock.given, clock.timescale) < longest_duration - 1;
+    return since - clock.given < surely_shorter ||
+           to_ticks(since - clock.given, clock.timescale) < longest_duration - 1;
 }
 
 /* Where a sample begins, in ticks from the track's origin. */
