@@ -43,7 +43,7 @@ try {
         if (!std::getline(frames, rest) || !media) std::cerr << argv[2 + 2 * track] << " cannot be read\n";
         while (!stop.stop_requested() && frames >> index >> offset >> size >> time && std::getline(frames, rest)) {
             frame.resize(static_cast<size_t>(size));
-            media.seekg(offset).read(reinterpret_cast<char *>(frame.data()), size);
+            media.seekg(offset).read(reinterpret_cast<char *>(frame.data()), static_cast<std::streamsize>(size));
             std::this_thread::sleep_until(start + std::chrono::nanoseconds(time) / (argc > 6 ? std::atoi(argv[6]) : 1));
             recorder.push(track, frame, start.time_since_epoch() + std::chrono::nanoseconds(time));
         }
