@@ -259,11 +259,11 @@ frame_fault look_at_sound(const mp4_audio_desc &audio, frame_pieces pieces, uint
     const adts_header header = read_adts(audio, {head, got}, size);
     facts.key = facts.has_slices = facts.begins_picture = true;
     facts.stored_size = size - header.size;
-    /* One byte has no place for an element before the end of the raw data block (ISO/IEC 14496-3, 4.4.2.1). */
-    if (facts.stored_size == 1) return refused(frame_fault::empty);
     facts.unit_count = 1;
     facts.noted[0] = {header.size, facts.stored_size};
-    return header.fault;
+    if (header.fault != frame_fault::none) return header.fault;
+    /* One byte has no place for an element before the end of the raw data block (ISO/IEC 14496-3, 4.4.2.1). */
+    return facts.stored_size == 1 ? frame_fault::empty : frame_fault::none;
 }
 
 frame_fault look(const mp4_track_desc &track, frame_pieces pieces, frame_facts &facts)
