@@ -7,8 +7,8 @@ SECONDS_EACH ?= 20
 KILLS ?= 300
 SEED ?=
 
-.PHONY: all demo test test-arm test-cross test-clang fuzz soak coverage mutants clang lines lint abi bench bench-docs \
-    size cross-arm deb install clean
+.PHONY: all demo test test-threads test-arm test-cross test-clang fuzz soak coverage mutants clang lines lint abi bench \
+    bench-docs size cross-arm deb install clean
 
 all:
 	scripts/install-packages build
@@ -21,7 +21,7 @@ demo:
 	cmake --build out/release -j $(JOBS)
 	scripts/demo out/release
 
-# The tests of the optimised build, those of the sanitizers' build, and the
+# The tests of the optimised build, those of the sanitizers' builds, and the
 # library's for 32-bit ARM under emulation, which writes the same bytes.
 test:
 	scripts/install-packages build tools test arm
@@ -31,9 +31,17 @@ test:
 	cmake --build out/sanitizers -j $(JOBS)
 	ctest --test-dir out/test --output-on-failure -j $(JOBS)
 	ctest --test-dir out/sanitizers --output-on-failure -j $(JOBS)
+	$(MAKE) test-threads
 	$(MAKE) test-arm
 	tests/exchange_test.sh testdata out/test out/arm-neon
 	@scripts/counts check out/test
+
+# The recorder's tests under ThreadSanitizer.
+test-threads:
+	scripts/install-packages build test
+	cmake --preset tsan
+	cmake --build out/tsan -j $(JOBS) --target recorder-tests
+	ctest --test-dir out/tsan --output-on-failure -L threads
 
 test-arm:
 	scripts/install-packages build arm
