@@ -395,6 +395,7 @@ int mediafiles_recorder_stop(mediafiles_recorder *recorder, int64_t patience)
     else if (!shared.ended.wait_for(guard, std::chrono::nanoseconds(std::min(patience, never / 4)), has_ended)) {
         guard.unlock();
         abandon(shared);
+        shared.events.end(); // who waits for events waits no longer than the one who stops
         return refuse(ETIMEDOUT);
     }
     return 0;
