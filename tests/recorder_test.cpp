@@ -523,13 +523,18 @@ TEST(Recorder, AFullCardEndsTheFileUntilThereIsRoom)
 
 TEST(Recorder, AnyThreadCallsAnything)
 {
-    for (int run = 0; run < 5; ++run) {
+    for (int run = 0; run < 8; ++run) {
         const card on;
         const std::vector<mp4_track_desc> tracks = {h264(), h264(), aac(48000), aac(48000)};
         const stream sound = load("aac_lc_48000_2", ".aac");
         mediafiles_recorder_options options = options_for(on, tracks);
         options.sync_ns = 2 * millisecond;
-        const recorder_ptr recorder = {mediafiles_recorder_start(&options)};
+        options.quota_bytes = run == 1 || run == 4 ? 100'000 : 0;
+        options.pre_event_ns = run % 2 ? second : 0;
+        options.pre_event_bytes = run % 2 ? 100'000 : 0;
+        recorder_ptr recorder = {mediafiles_recorder_start(&options)};
+        const bool is_stalled = run >= 6;
+        if (is_stalled) syncs.close();
         std::atomic<bool> is_over = false;
         std::vector<std::thread> threads;
         for (uint32_t track = 0; track < 4; ++track)
@@ -542,18 +547,28 @@ TEST(Recorder, AnyThreadCallsAnything)
         threads.emplace_back([&] {
             for (int i = 0; !is_over; ++i, usleep(1'000)) {
                 if (i % 10 == 0) mediafiles_recorder_split(recorder);
+                if (i % 15 == 5) mediafiles_recorder_protect(recorder, i * millisecond, 100 * millisecond);
                 stats_of(recorder);
             }
+        });
+        threads.emplace_back([&] {
+            for (int i = 0; !is_over; ++i, usleep(7'000))
+                mediafiles_recorder_trigger(recorder, i % 3 * 200 * millisecond);
         });
         threads.emplace_back([&] {
             mediafiles_recorder_event event = {};
             event.size = sizeof event;
             while (mediafiles_recorder_next_event(recorder, &event, -1) == 1) {}
         });
-        usleep(useconds_t(20'000 * run));
-        EXPECT_EQ(mediafiles_recorder_stop(recorder, -1), 0);
+        usleep(useconds_t(15'000 * run));
+        if (is_stalled) syncs.await_someone();
+        EXPECT_EQ(mediafiles_recorder_stop(recorder, is_stalled ? 10 * millisecond : -1), is_stalled ? -1 : 0);
         is_over = true;
         for (std::thread &each : threads) each.join();
+        mediafiles_recorder_destroy(std::exchange(recorder.recorder, nullptr));
+        syncs.open();
+        ASSERT_TRUE(comes_true([&] { return (recorder.recorder = mediafiles_recorder_start(&options)) != nullptr; }));
+        ASSERT_EQ(mediafiles_recorder_stop(recorder, -1), 0); /* it has recovered what was left */
         play(on);
     }
 }

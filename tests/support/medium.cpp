@@ -174,6 +174,10 @@ void *operator new(size_t size)
     if (!made) throw std::bad_alloc();
     return made;
 }
+void *operator new(size_t size, const std::nothrow_t &) noexcept
+{
+    return may_allocate() ? __real_malloc(size) : nullptr;
+}
 void operator delete(void *block) noexcept
 {
     free(block);
