@@ -7,6 +7,10 @@
  * free room is looked at before each step, and a spare file is cut when there
  * is none. posix_fallocate is of no use here: where the file system cannot
  * allocate, it lengthens the file.
+ *
+ * FAT rewrites its tables when a file gets blocks, and a power cut then may
+ * take the file or its neighbours. There a file gets the blocks for all that it
+ * will hold at once.
  */
 #pragma once
 
@@ -25,6 +29,11 @@ inline bool is_want_of_room(int error)
 
 /** Bytes of the file system that are free for everybody. UINT64_MAX when that is not known. */
 uint64_t free_bytes(int file);
+
+uint64_t total_bytes(int file);
+
+/** Whether files are to have all their room from the beginning: see above. */
+bool wants_whole_files(int file);
 
 /** Of one file. */
 class reserve {

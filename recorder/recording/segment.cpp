@@ -33,7 +33,8 @@ constexpr uint64_t header_base = 32 << 10;  // parameter sets of eight tracks am
 constexpr uint64_t journal_base = 16 << 10; // likewise
 constexpr uint64_t sample_in_header = 32;   // with a chunk of its own
 constexpr uint64_t sample_in_journal = 28;
-constexpr pace least_pace = {64 << 10, 64};
+constexpr pace least_pace = {{64 << 10, 64}};
+constexpr uint64_t largest_part = 8; // of the file system, for one file at once
 
 /* The descriptor of a directory below another, which is made when it is missing. */
 descriptor directory_below(int parent, const std::string &name)
@@ -78,7 +79,7 @@ segment::segment(int directory, std::string name, uint64_t number, uint32_t mode
 int segment::begin(std::unique_ptr<muxer> tracks, const pace &expected)
 {
     muxer_ = std::move(tracks);
-    pace_ = {std::max(expected.bytes, least_pace.bytes), std::max(expected.samples, least_pace.samples)};
+    pace_ = {{std::max(expected.bytes, least_pace.bytes), std::max(expected.samples, least_pace.samples)}};
     if (muxer_->builder()->open(muxer_->builder(), media_, write_cache, muxer_->journal()) != 0) return -1;
     return keep_room(bytes());
 }
@@ -94,6 +95,17 @@ int segment::keep_room(uint64_t media)
     const uint64_t new_samples = samples_ - samples_before_ + 2 * pace_.samples;
     if (journal_room_.keep(journal_, records_ + journal_base + new_samples * sample_in_journal) != 0) return -1;
     return media_room_.keep(media_, media + 2 * pace_.bytes + header_room(samples_ + 2 * pace_.samples));
+}
+
+uint64_t segment::keep_whole(const amount &expected, uint64_t left_free)
+{
+    if (media_room_.is_refused() || !wants_whole_files(media_)) return 0;
+    const uint64_t media = expected.bytes + header_room(expected.samples);
+    const uint64_t journal = journal_base + expected.samples * sample_in_journal;
+    if (media > total_bytes(media_) / largest_part) return 0;
+    if (free_bytes(media_) >= left_free + media + journal && media_room_.keep(media_, media) == 0)
+        journal_room_.keep(journal_, journal);
+    return media + journal;
 }
 
 segment::room segment::room_for(uint64_t size)
@@ -169,7 +181,7 @@ int segment::take_round(round &to)
         mediafiles_round_mark(to.records.data() + count, ++rounds_, bytes(), to.records.data(), count);
     }
     pace_.note(bytes() - bytes_before_, samples_ - samples_before_);
-    pace_ = {std::max(pace_.bytes, least_pace.bytes), std::max(pace_.samples, least_pace.samples)};
+    pace_ = {{std::max(pace_.bytes, least_pace.bytes), std::max(pace_.samples, least_pace.samples)}};
     bytes_before_ = bytes();
     samples_before_ = samples_;
     records_ += to.records.size();

@@ -37,9 +37,13 @@ struct round {
     bool is_protected = false;                        // the journal says so with this round, or said so before
 };
 
-/** What comes between two rounds: of the busiest of late. */
-struct pace {
+/** Of media. */
+struct amount {
     uint64_t bytes = 0, samples = 0;
+};
+
+/** What comes between two rounds: of the busiest of late. */
+struct pace : amount {
 
     /** Falls by half in a round at most. */
     void note(uint64_t new_bytes, uint64_t new_samples)
@@ -77,6 +81,14 @@ public:
 
     /** @param time  as the movie is to have it; @param reached  capture time up to which the track then is in the file */
     int add(uint32_t track, std::span<const uint8_t> sample, mp4_time time, bool key, int64_t reached);
+
+    /**
+     * Gives the file room for all that it will hold, where the file system is better off so and has it.
+     *
+     * @param left_free  bytes of the file system, then
+     * @return the room that the next file of that size will want, in bytes
+     */
+    uint64_t keep_whole(const amount &expected, uint64_t left_free);
 
     /**
      * Whether a sample can be added and the file be finished then: room is kept for the journal and the movie header

@@ -120,6 +120,7 @@ struct state {
     spare_file spare;
     std::atomic<uint64_t> running_bytes = 0;   // of the files that are recorded
     std::atomic<uint64_t> running_samples = 0; // likewise
+    std::atomic<uint64_t> next_bytes = 0;      // that the next file takes at once
     std::atomic<bool> is_abandoned = false;    // the threads end as soon as the kernel lets them
     std::array<std::atomic<uint32_t>, MP4_MAX_TRACKS> refused_why = {}; // a bit for each reason that was reported
 

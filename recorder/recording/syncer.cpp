@@ -218,12 +218,12 @@ uint64_t syncer::room_to_finish() const
     return least_room + 2 * round_bytes_ + sample_room * shared_->running_samples;
 }
 
-bool syncer::has_room()
+bool syncer::has_room(uint64_t more)
 {
     const uint64_t free = free_bytes(shared_->directory);
     if (free == UINT64_MAX) return true; // what is written next says why
     shared_->count.free_bytes = static_cast<int64_t>(free);
-    const uint64_t more = shared_->paused.why() == pause::full ? std::max(room_to_go_on, 4 * round_bytes_) : 0;
+    if (shared_->paused.why() == pause::full) more += std::max(room_to_go_on, 4 * round_bytes_);
     return free >= static_cast<uint64_t>(shared_->options.keep_free) + room_to_finish() + more &&
            kept_.bytes() + shared_->running_bytes <= static_cast<uint64_t>(shared_->options.quota);
 }
@@ -247,8 +247,8 @@ void syncer::keep_room()
     if (shared_->paused.why() == pause::no_medium) return await_medium();
     /* What statistics promise is not always to be had. */
     if (shared_->is_short.exchange(false) && has_room()) remove_oldest();
-    bool is_enough = has_room();
-    while (!is_enough && remove_oldest()) is_enough = has_room();
+    while (!has_room(shared_->next_bytes) && remove_oldest()) {}
+    const bool is_enough = has_room();
     if (!is_enough && shared_->paused.begin(pause::full)) {
         is_full_reported_ = true;
         shared_->report({.kind = MEDIAFILES_EVENT_FULL});

@@ -83,7 +83,7 @@ private:
     void report_deleted(const kept_file &);
     void recover_file(const std::string &name);
     uint64_t room_to_finish() const;
-    bool has_room();
+    bool has_room(uint64_t more = 0);
     bool remove_oldest();
     void keep_room();
     void end_full();

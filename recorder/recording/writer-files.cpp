@@ -107,6 +107,8 @@ open_file *writer::begin_file(uint32_t track, int64_t time)
         return nullptr;
     }
     is_failing_ = false;
+    if (current_) last_size_ = {current_->files().bytes(), current_->samples};
+    shared_->next_bytes = made->files().keep_whole(last_size_, static_cast<uint64_t>(options_.keep_free));
 
     track_input &input = tracks_[track];
     if (current_) {

@@ -161,6 +161,7 @@ private:
     int64_t first_second_ = 0; // since 1970, of the first file
     pace pace_;                // of the latest file
     bool is_loose_ = false;    // a frame was taken from the queue, and nothing holds it yet
+    amount last_size_;         // of the latest file that another one followed
     bool is_unplaced_ = false; // the leading track's frame waits for a file
     bool is_failing_ = false;  // the next file could not be begun: the one before goes on
     clock::time_point tried_ = {};
