@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/magic.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -128,20 +129,30 @@ void expect_playable(const card &on)
 /* ---- A full card ---- */
 
 struct full_card {
-    const char *type;
+    const char *name, *type;
     int64_t quota;
+    long magic; // of the file system that it says it is
 };
 class FullCard : public testing::TestWithParam<full_card> {};
 
+/** While it lives each file system says that it is another one. */
+struct pretence {
+    explicit pretence(long magic) { system_type = magic; }
+    ~pretence() { system_type = 0; }
+};
+
 /* ext2 keeps no room ahead of a file: there the spare file has to do. */
 INSTANTIATE_TEST_SUITE_P(, FullCard,
-                         testing::Values(full_card{"tmpfs", 0}, full_card{"tmpfs", 24 << 20}, full_card{"ext2", 0}),
-                         [](const auto &row) { return row.param.type + std::to_string(row.param.quota >> 20); });
+                         testing::Values(full_card{"tmpfs", "tmpfs", 0, 0}, full_card{"quota", "tmpfs", 24 << 20, 0},
+                                         full_card{"ext2", "ext2", 0, 0},
+                                         full_card{"whole", "tmpfs", 0, MSDOS_SUPER_MAGIC}),
+                         [](const auto &row) { return row.param.name; });
 
 TEST_P(FullCard, IsShared)
 {
     mounted_card on(GetParam().type);
     NEEDS_MOUNTED(on);
+    const pretence type(GetParam().magic);
     recording made(on, GetParam().quota);
     made.record(20);
     ASSERT_TRUE(made.sees(MEDIAFILES_EVENT_FINISHED, 2));
@@ -171,6 +182,26 @@ TEST_P(FullCard, IsShared)
     EXPECT_EQ(made.count(MEDIAFILES_EVENT_NOT_RECOVERED), 0u);
     fs::remove(others);
     EXPECT_EQ(on.names().front(), "00000001.mp4") << "it is protected";
+    expect_playable(on);
+}
+
+TEST(FatCard, GivesAFileItsRoomFromTheBeginning)
+{
+    const card on;
+    const pretence fat(MSDOS_SUPER_MAGIC);
+    recording made(on);
+    const auto room = [&](const std::string &name) {
+        struct stat status = {};
+        stat((on.path() + "/" + name).c_str(), &status);
+        return std::pair(int64_t{status.st_size}, int64_t{status.st_blocks} * 512);
+    };
+    ASSERT_TRUE(made.goes_on_to(MEDIAFILES_EVENT_BEGUN, 2));
+    ASSERT_TRUE(made.sees(MEDIAFILES_EVENT_FINISHED));
+    const int64_t whole = room("00000001.mp4").first;
+    EXPECT_LT(room("00000002.mp4").first, whole / 2);
+    EXPECT_GE(room("00000002.mp4").second, whole);
+    made.stop();
+    EXPECT_LT(room("00000002.mp4").second, whole) << "what it did not need is free again";
     expect_playable(on);
 }
 

@@ -7,11 +7,13 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/statfs.h>
 #include <sys/statvfs.h>
 
 gate &syncs = *new gate, &writes = *new gate; // threads that a test abandons outlive it
 std::atomic<int> failing_sync = 0;
 std::atomic<int64_t> free_room = -1;
+std::atomic<long> system_type = 0;
 
 void gate::pass()
 {
@@ -41,7 +43,8 @@ bool failing::fails(call kind)
 {
     if (is_lifted_) return false;
     const long n = made_[kind]++;
-    if (kind != orders_.kind || orders_.nth < 0 || n < orders_.nth || (n > orders_.nth && !orders_.forever)) return false;
+    if (kind != orders_.kind || orders_.nth < 0 || n < orders_.nth || (n > orders_.nth && !orders_.forever))
+        return false;
     has_hit_ = true;
     errno = orders_.error;
     return true;
@@ -99,9 +102,8 @@ ssize_t __real_writev(int, const iovec *, int);
 ssize_t __wrap_writev(int file, const iovec *pieces, int count)
 {
     writes.pass();
-    return static_cast<ssize_t>(
-        pass({.what = writing, .file = file, .pieces = {pieces, static_cast<size_t>(count)}},
-             [=] { return __real_writev(file, pieces, count); }));
+    return static_cast<ssize_t>(pass({.what = writing, .file = file, .pieces = {pieces, static_cast<size_t>(count)}},
+                                     [=] { return __real_writev(file, pieces, count); }));
 }
 
 int __real_fdatasync(int);
@@ -137,9 +139,8 @@ int __wrap_openat64(int at, const char *name, int flags, ...)
     va_start(more, flags);
     const mode_t mode = flags & O_CREAT ? va_arg(more, mode_t) : 0;
     va_end(more);
-    return static_cast<int>(
-        pass({.what = opening, .file = at, .name = name, .makes = (flags & O_CREAT) != 0},
-             [=] { return __real_openat64(at, name, flags, mode); }));
+    return static_cast<int>(pass({.what = opening, .file = at, .name = name, .makes = (flags & O_CREAT) != 0},
+                                 [=] { return __real_openat64(at, name, flags, mode); }));
 }
 
 int __real_fstatvfs64(int file, struct statvfs *room);
@@ -147,6 +148,14 @@ int __wrap_fstatvfs64(int file, struct statvfs *room)
 {
     const int result = __real_fstatvfs64(file, room);
     if (free_room >= 0) room->f_bavail = static_cast<fsblkcnt_t>(free_room / static_cast<int64_t>(room->f_frsize));
+    return result;
+}
+
+int __real_fstatfs64(int file, struct statfs *system);
+int __wrap_fstatfs64(int file, struct statfs *system)
+{
+    const int result = __real_fstatfs64(file, system);
+    if (system_type != 0) system->f_type = static_cast<decltype(system->f_type)>(system_type.load());
     return result;
 }
 

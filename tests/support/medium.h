@@ -31,6 +31,7 @@ private:
 extern gate &syncs, &writes;
 extern std::atomic<int> failing_sync;  // errno of the next fdatasync
 extern std::atomic<int64_t> free_room; // bytes; -1: what there is
+extern std::atomic<long> system_type;  // magic number of the file system; 0: what it is
 
 namespace medium {
 
@@ -53,7 +54,8 @@ struct operation {
 class real_call {
 public:
     template <class Call>
-    real_call(Call &call) : call_(&call), make_([](void *of) { return static_cast<int64_t>((*static_cast<Call *>(of))()); })
+    real_call(Call &call)
+        : call_(&call), make_([](void *of) { return static_cast<int64_t>((*static_cast<Call *>(of))()); })
     {
     }
     int64_t operator()() const { return make_(call_); }
