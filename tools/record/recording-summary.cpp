@@ -80,10 +80,11 @@ std::string to_text(const recording_summary &summary)
                                               uintmax_t{bytes_of(summary)}, name(summary.stopped_by));
     for (size_t i = 0; i < summary.tracks.size(); ++i) text += line(i, summary.tracks[i]);
     if (summary.lost != 0) text += print("  lost: %ju frames\n", uintmax_t{summary.lost});
-    for (const recorded_file &each : summary.files) {
-        if (summary.files.size() > 1) text += "  file: " + each.path + print(", %ju bytes\n", uintmax_t{each.bytes});
+    if (summary.files.size() > 1)
+        text += print("  %zu files: ", summary.files.size()) + summary.files.front().path + " to " +
+                summary.files.back().path + "\n";
+    for (const recorded_file &each : summary.files)
         if (each.journal_kept) text += "  journal kept: " + journal_of(each.path) + "\n";
-    }
     text.pop_back();
     return text;
 }
