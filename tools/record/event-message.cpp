@@ -14,7 +14,7 @@ const char *refusal(uint32_t reason)
 {
     switch (reason) {
     case MEDIAFILES_REFUSED_EMPTY:
-        return "it is empty";
+        return "it holds nothing";
     case MEDIAFILES_REFUSED_TOO_LARGE:
         return "it is too large";
     case MEDIAFILES_REFUSED_NO_START_CODE:
@@ -78,6 +78,7 @@ event_message message_of(const mediafiles_recorder_event &event, const std::stri
     case MEDIAFILES_EVENT_NO_MEDIUM:
         return lasting("cannot record", path, event.error);
     case MEDIAFILES_EVENT_WRITE_ERROR:
+        if (!event.path) return {weight::problem, failure("cannot begin another file", path, event.error).what()};
         return lasting("cannot write", path, event.error);
     default:
         return {};
