@@ -91,14 +91,10 @@ def until(source, time):
     return source._replace(frames=[f for f in source.frames if f.time_ns < time])
 
 
-def nal_units(data):
-    return [unit.rstrip(b"\0") for unit in data.split(b"\0\0\1")[1:]]
-
-
 def further_sets(source):
     """As a sample has them, those beside the first one of H.264's first frame."""
     return [] if source.codec != "h264" else [len(unit).to_bytes(4, "big") + unit for unit in
-                                              nal_units(source.frames[0].data) if unit[0] & 31 == 8][1:]
+                                              judge.nal_units(source.frames[0].data) if unit[0] & 31 == 8][1:]
 
 
 def absurd_sps():
@@ -113,7 +109,7 @@ def sample(source, data):
     """A frame as a file has it: each NAL unit after its length; sound without its header of 7 bytes."""
     if source.codec == "aac":
         return data[7:]
-    return b"".join(len(unit).to_bytes(4, "big") + unit for unit in nal_units(data))
+    return b"".join(len(unit).to_bytes(4, "big") + unit for unit in judge.nal_units(data))
 
 
 # ---- Readers
@@ -545,7 +541,7 @@ class RecorderTest(judge.Test):
         frames = [f._replace(data=f.data + b"\0\0\0\1\x0c" + b"\xff" * 8_000_000 + b"\x80") if i == 30 else f
                   for i, f in enumerate(film.frames)]
         film, key = film._replace(frames=frames), film.frames[25].data
-        absurd = b"\0\0\0\1" + absurd_sps() + b"".join(b"\0\0\0\1" + u for u in nal_units(key) if u[0] & 31 in (5, 8))
+        absurd = b"\0\0\0\1" + absurd_sps() + b"".join(b"\0\0\0\1" + u for u in judge.nal_units(key) if u[0] & 31 in (5, 8))
         errors = ((0, b""), 22), ((7, key), 22), ((0, bytes(8_400_000)), 90), ((1, bytes(8_400_000)), 90)
         refused = (
             ((0, b"\0"), 3), ((0, b"\x65" + bytes(1000)), 3), ((0, b"\0\0\1"), 4), ((0, b"\0\0\0\1\x65"), 4),
