@@ -220,6 +220,39 @@ TEST(Recorder, ACameraWithoutKeyFramesLeavesTheFileBefore)
     }
 }
 
+/** Whenever it arrives. The next file is there before the one before it is finished. */
+TEST(Recorder, SoundGoesToTheFileOfItsTime)
+{
+    const stream video = repeated(load("h264_base_640x360_25", ".h264"), 2),
+                 sound = repeated(load("aac_lc_48000_2", ".aac"), 2);
+    for (const int64_t lag : {-second, second, 3 * second}) {
+        SCOPED_TRACE(lag);
+        const card on;
+        const std::vector<mp4_track_desc> tracks = {h264(), aac(48000)};
+        mediafiles_recorder_options options = options_for(on, tracks);
+        options.segment_ns = second;
+        const recorder_ptr recorder = {mediafiles_recorder_start(&options)};
+        size_t at = 0;
+        for (const frame &each : video) {
+            for (; at < sound.size() && sound[at].time + lag <= each.time; ++at) push(recorder, 1, sound[at]);
+            push(recorder, 0, each);
+        }
+        for (; at < sound.size(); ++at) push(recorder, 1, sound[at]);
+        ASSERT_EQ(mediafiles_recorder_stop(recorder, -1), 0);
+
+        const played all = play(on);
+        expect_all_samples(all, {{h264(), video}, {aac(48000), sound}});
+        for (size_t i = 0; i + 1 < all.files.size(); ++i)
+            EXPECT_NEAR(double(all.files[i].tracks[1].track_duration), double(all.files[i].duration), 1) << i;
+        mediafiles_recorder_event event = {};
+        event.size = sizeof event;
+        int begun = 0;
+        while (mediafiles_recorder_next_event(recorder, &event, 0) == 1 && event.kind != MEDIAFILES_EVENT_FINISHED)
+            begun += event.kind == MEDIAFILES_EVENT_BEGUN;
+        EXPECT_GE(begun, 2);
+    }
+}
+
 /** Frames that nobody follows are safe after the time between two rounds; what was assumed of their length is made up. */
 TEST(Recorder, WhatIsHeldBackBecomesSafeWithoutASuccessor)
 {

@@ -237,6 +237,8 @@ void writer::end_old_files(clock::time_point now, bool all)
         bool is_used = false;
         for (uint32_t track = 0; track < options_.track_count(); ++track) {
             track_input &input = tracks_[track];
+            /* Sound that has not begun may still come for it. */
+            is_used |= !is_over && !options_.is_video(track) && !input.has_time && passed_ < old_files_wait_;
             if (input.file != &file) continue;
             if (is_over) {
                 /* Sound goes on in the next file, video with its next key frame, whenever that comes. */
