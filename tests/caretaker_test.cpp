@@ -86,11 +86,11 @@ const std::tuple<std::string, std::string, int, lines> refused_cases[] = {
 
 TEST(JournalWriter, KeepsTheFirstErrorUntilItIsReset)
 {
-    const journal_ptr journal(mediafile_caretaker_create());
     for (auto *reset : {mediafile_caretaker_reset, mediafile_caretaker_reset2})
         for (const auto &[given, stored, error, refused] : refused_cases)
             for (const std::string &bad : refused) {
                 SCOPED_TRACE(given + " | " + bad);
+                const journal_ptr journal(mediafile_caretaker_create());
                 faults::log_all_but(0);
                 EXPECT_EQ(0, add(journal, given));
                 for (const std::string &next : {bad, std::string("0/4")}) EXPECT_EQ(error, add(journal, next));
@@ -100,7 +100,6 @@ TEST(JournalWriter, KeepsTheFirstErrorUntilItIsReset)
                 reset(journal.get());
                 EXPECT_EQ(0, add(journal, "p0:9 s0:6 p1:8 s1:7 c0:0,1 c1:6,1")); // nothing of before is left
                 EXPECT_EQ(dump(records("m0:0,6,9 m1:6,7,8")), dump(drain(journal)));
-                reset(journal.get());
             }
 }
 

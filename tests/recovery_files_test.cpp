@@ -306,8 +306,7 @@ TEST(RecoveryFiles, AKillAtAnySystemCallEndsInTheSameBytes)
 TEST(RecoveryFiles, AKillAmongManyPairsEndsInTheSameBytes)
 {
     const auto number = [](const char *name, int otherwise) {
-        const char *const value = getenv(name);
-        return value ? std::stoi(value) : otherwise;
+        return getenv(name) ? std::stoi(getenv(name)) : otherwise;
     };
     const int pairs = number("RECOVERY_PAIRS", 10), due = number("RECOVERY_KILLS", 5);
     const card on;
