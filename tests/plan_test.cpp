@@ -411,6 +411,7 @@ std::vector<media_case> media_cases(const recorded &r)
         {"a bad block", r.open, &r.marked, check, "refused: media damaged", 0, {half, half + 512}},
         {"a bad block is kept", r.open, &r.marked, keep, "salvaged", all, {half, half + 512}},
         {"no media", r.open, &r.marked, 0, "not ours", 0, {0, UINT64_MAX}},
+        {"no media, an empty journal", r.open, &none, 0, "not ours", 0, {0, UINT64_MAX}},
         {"a journal that ends", r.open, &r.marked, 0, "repaired", named, nowhere, {mid, UINT64_MAX}},
         {"a bad journal", r.open, &r.marked, 0, "refused: journal damaged", 0, nowhere, {mid, mid + 512}},
         {"no journal to read", r.open, &r.marked, 0, "refused: journal damaged", 0, nowhere, {0, UINT64_MAX}},
