@@ -55,7 +55,7 @@ TEST(SingleRecording, HasItsNameAsItIs)
         ASSERT_TRUE(recorder);
         push(recorder, 0, base.frames[0]);
         ASSERT_TRUE(comes_true([&] { return stats_of(recorder).files == 1; }));
-        mediafiles_recorder_split(recorder);
+        EXPECT_EQ(mediafiles_recorder_split(recorder), 0);
         push_all(recorder, {{h264(), {base.frames.begin() + 1, base.frames.end()}}});
         ASSERT_EQ(mediafiles_recorder_stop(recorder, -1), 0);
         EXPECT_EQ(stats_of(recorder).tracks[0].frames, base.frames.size());

@@ -375,7 +375,8 @@ TEST(Recorder, RefusesWhatItCannotStore)
     ASSERT_EQ(mediafiles_recorder_stop(recorder, -1), 0);
     EXPECT_EQ(mediafiles_recorder_stop(recorder, 0), 0);
     EXPECT_EQ(push(1, sound, 300), ESHUTDOWN);
-    EXPECT_EQ(stats_of(recorder).frames_refused, 3u);
+    const mediafiles_recorder_stats seen = stats_of(recorder);
+    EXPECT_EQ(std::tuple(seen.frames_refused, seen.tracks[0].refused, seen.tracks[1].refused), std::tuple(3u, 2u, 1u));
     EXPECT_EQ(events_of(recorder)[MEDIAFILES_EVENT_REFUSED], 2u);
     EXPECT_TRUE(on.names().empty());
 }
