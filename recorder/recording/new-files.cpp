@@ -69,14 +69,19 @@ new_files make_new(int directory, const std::string &name, uint32_t mode)
 {
     const std::string journal = journal_of(name);
     new_files made;
+    bool is_taken = false;
     made.journal = new_file(directory, journal, mode);
     try {
         made.media = new_file(directory, name, mode);
-        if (flock(made.media, LOCK_EX | LOCK_NB) != 0) throw system_failure(errno == EWOULDBLOCK ? EBUSY : errno);
+        if (flock(made.media, LOCK_EX | LOCK_NB) != 0) {
+            is_taken = errno == EWOULDBLOCK;
+            throw system_failure(is_taken ? EBUSY : errno);
+        }
         if (!recovery::leads_to(directory, name.c_str(), made.media) ||
             !recovery::leads_to(directory, journal.c_str(), made.journal))
             throw system_failure(EBUSY);
     } catch (const obstacle &) {
+        if (is_taken) throw; // who has the lock may use both files by now
         remove_own(directory, name, made.media);
         remove_own(directory, journal, made.journal);
         throw;
