@@ -538,7 +538,7 @@ std::vector<recipe> recipes()
     return {
         {"a camera", {camera}, 400 * millisecond, nullptr, 0, false, 5},
         {"with sound", {camera, microphone}, 600 * millisecond, nullptr, 0, false, 5},
-        {"two cameras", {camera, other_camera, microphone}, 500 * millisecond, "%Y/{number}.mp4", 0, false, 5},
+        {"two cameras", {camera, microphone, other_camera}, 500 * millisecond, "%Y/{number}.mp4", 0, false, 5},
         {"sound alone, beside recoveries", {alone}, 400 * millisecond, nullptr, 0, true, 8},
         {"the oldest go", {camera}, 800 * millisecond, nullptr, 60'000, true, 8},
     };
