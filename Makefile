@@ -57,8 +57,9 @@ fuzz:
 
 # Tests that take too long for every day: KILLS recorders are killed at random
 # moments, and as many recoveries of 200 pairs at random system calls; the power
-# goes at 20,000 moments of recordings; 500 finished files lie beside journals of
-# every kind. SEED repeats what is random.
+# goes at 20,000 moments of recordings; a recorder runs through the times of a
+# week; 500 finished files lie beside journals of every kind. SEED repeats what is
+# random.
 soak:
 	scripts/install-packages build tools test
 	cmake --preset test
@@ -68,6 +69,8 @@ soak:
 	RECORDER_CUTS=20000 out/test/tests/recorder_power_test
 	python3 tests/recovery_command_test.py --tool out/test/tools/mediafiles --example out/test/examples/example-record \
 	    --recover out/test/examples/example-recover --media testdata --finished 500 $(SEED:%=--seed %)
+	python3 tests/recorder_judges_test.py --drive out/test/tests/recorder-drive --media testdata --week 604800 \
+	    RecorderTest.test_week
 	cmake --preset sanitizers
 	cmake --build out/sanitizers -j $(JOBS)
 	out/sanitizers/fuzz/hostile-journals 1000000
