@@ -113,15 +113,15 @@ struct state {
     queue frames;
     event_list events;
     counters count;
-    std::atomic<bool> wants_split = false;
     pause paused;
-    std::atomic<bool> is_short = false;      // room was refused that there should be
-    std::atomic<bool> is_new_medium = false; // the writing thread has to look for numbers and files
     spare_file spare;
     std::atomic<uint64_t> running_bytes = 0;   // of the files that are recorded
     std::atomic<uint64_t> running_samples = 0; // likewise
     std::atomic<uint64_t> next_bytes = 0;      // that the next file takes at once
-    std::atomic<bool> is_abandoned = false;    // the threads end as soon as the kernel lets them
+    std::atomic<bool> wants_split = false;
+    std::atomic<bool> is_short = false;      // room was refused that there should be
+    std::atomic<bool> is_new_medium = false; // the writing thread has to look for numbers and files
+    std::atomic<bool> is_abandoned = false;  // the threads end as soon as the kernel lets them
     std::array<std::atomic<uint32_t>, MP4_MAX_TRACKS> refused_why = {}; // a bit for each reason that was reported
 
     /** From now on nothing touches the medium but the syncing thread, which looks for it. */
