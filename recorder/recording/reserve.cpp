@@ -21,9 +21,10 @@ constexpr size_t written_at_once = 64 << 10;
 int lengthen(int file, uint64_t from, uint64_t to)
 {
     const std::vector<uint8_t> zeros(written_at_once);
-    for (; from < to; from += written_at_once)
-        if (recovery::write_at(file, from, zeros.data(), std::min<uint64_t>(written_at_once, to - from)) != 0)
-            return -1;
+    for (; from < to; from += written_at_once) {
+        const auto some = static_cast<size_t>(std::min<uint64_t>(written_at_once, to - from));
+        if (recovery::write_at(file, from, zeros.data(), some) != 0) return -1;
+    }
     return 0;
 }
 
