@@ -88,9 +88,9 @@ struct step {
 
 std::vector<step> read_plan(const char *path)
 {
-    static const std::map<std::string, decltype(step::what)> words = {
-        {"split", step::split}, {"stall", step::stall}, {"safe", step::safe},
-        {"look", step::look},   {"kill", step::kill},   {"mark", step::mark}};
+    static const std::map<std::string, decltype(step::what)> words = {{"split", step::split}, {"stall", step::stall},
+                                                                      {"safe", step::safe},   {"look", step::look},
+                                                                      {"kill", step::kill},   {"mark", step::mark}};
     std::ifstream in(path);
     std::vector<step> plan;
     for (std::string word; in >> word;) {
