@@ -156,6 +156,15 @@ std::string media_of(const std::string &path)
     return path.ends_with(".journal") ? path.substr(0, path.size() - 8) : path;
 }
 
+/** Of the recorder's tracks, in their order; in a file they stand in the order in which they began. */
+using entries = std::vector<std::string>;
+
+std::vector<mp4::sample> samples_of(const mp4::file &file, const std::string &entry)
+{
+    const auto found = std::ranges::find(file.tracks, entry, &mp4::track::entry);
+    return found == file.tracks.end() ? std::vector<mp4::sample>() : found->samples;
+}
+
 class replay {
 public:
     explicit replay(const story &of) : steps_(of.steps)
@@ -168,9 +177,9 @@ public:
     }
 
     /** All that such a file will show is safe from the beginning. */
-    void promise_all(const std::string &name, const mp4::file &read)
+    void promise_all(const std::string &name, const mp4::file &read, const entries &tracks)
     {
-        for (const mp4::track &track : read.tracks) safe[name][track.id - 1] = track.samples.size();
+        for (uint32_t n = 0; n < tracks.size(); ++n) safe[name][n] = samples_of(read, tracks[n]).size();
     }
 
     /** Whether a step was left. */
@@ -287,17 +296,13 @@ struct finished {
 using catalogue = std::map<std::string, finished>;
 
 /** What is wrong with a file after a recovery; "" when nothing is. */
-std::string compare(const finished &due, const bytes &content, const samples &safe)
+std::string compare(const finished &due, const bytes &content, const samples &safe, const entries &tracks)
 {
     const mp4::file got = mp4::read(content);
     for (const mp4::problem &problem : got.problems)
         if (problem.fault) return problem.text;
-    for (uint32_t track = 0; track < most_tracks; ++track) {
-        const auto of = [&](const mp4::file &file) {
-            const auto found = std::ranges::find(file.tracks, track + 1, &mp4::track::id);
-            return found == file.tracks.end() ? std::vector<mp4::sample>() : found->samples;
-        };
-        const auto all = of(due.read), kept = of(got);
+    for (uint32_t track = 0; track < tracks.size(); ++track) {
+        const auto all = samples_of(due.read, tracks[track]), kept = samples_of(got, tracks[track]);
         const std::string what = "track " + std::to_string(track) + ": " + std::to_string(kept.size()) + " samples";
         if (kept.size() < safe[track]) return what + " of " + std::to_string(safe[track]) + " that were safe";
         if (kept.size() > all.size()) return what + " of " + std::to_string(all.size());
@@ -313,6 +318,7 @@ struct proof {
     const catalogue &due;
     const mediafiles_recorder_options &options; // of the next recorder, with another directory
     const size_t every;                         // of the cases one in so many
+    const entries &tracks;
     size_t cases = 0, offered = 0, recovered = 0;
     std::vector<std::string> failures = {};
     std::set<std::string> said_whole = {}; // by the last recovery
@@ -364,7 +370,8 @@ struct proof {
             const bool is_promised = counts != safe.end() && counts->second != samples{};
             const bool is_refused = is_damaged && !is_promised && !said_whole.contains(path); // and stays as it is
             std::string wrong = "is left";
-            if (due.contains(name)) wrong = compare(due.at(name), content, is_promised ? counts->second : samples{});
+            if (due.contains(name))
+                wrong = compare(due.at(name), content, is_promised ? counts->second : samples{}, tracks);
             if (!wrong.empty() && !is_refused) return name + ": " + wrong;
             missing.erase(name);
         }
@@ -431,7 +438,7 @@ struct proof {
     {
         replay at(told);
         for (const auto &[name, file] : due)
-            if (told.begin.contains(name)) at.promise_all(name, file.read);
+            if (told.begin.contains(name)) at.promise_all(name, file.read, tracks);
         do cut("step " + std::to_string(at.at()), at);
         while (at.go_on());
     }
@@ -549,7 +556,13 @@ size_t prove(const recipe &given, size_t every, uint32_t seed)
 {
     SCOPED_TRACE(given.what);
     std::vector<mp4_track_desc> tracks;
-    for (const source &from : given.sources) tracks.push_back(from.track);
+    entries entries_of;
+    for (const source &from : given.sources) {
+        tracks.push_back(from.track);
+        entries_of.push_back(from.track.type == MP4_TRACK_H264   ? "avc1"
+                             : from.track.type == MP4_TRACK_H265 ? "hev1"
+                                                                 : "mp4a");
+    }
     mediafiles_recorder_options options = options_for({}, tracks);
     options.pattern = given.pattern;
     options.sync_ns = 4 * millisecond;
@@ -557,7 +570,7 @@ size_t prove(const recipe &given, size_t every, uint32_t seed)
     std::unique_ptr<silence> hush(new silence);
     const story told = record(given, options, seed);
     const catalogue due = finished_files(told);
-    proof p = {due, options, every};
+    proof p = {due, options, every, entries_of};
     p.cut_everywhere(told);
     hush.reset();
     printf("%s: %zu files, %zu steps, %zu cases, %zu repaired\n", given.what, due.size(), told.steps.size(), p.cases,
