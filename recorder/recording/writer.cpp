@@ -174,7 +174,13 @@ bool writer::may_go(uint32_t track, const queue::taken &taken) const
     const track_input &input = tracks_[track], &leader = tracks_[leader_];
     if (leader.has_time && input.steps != leader.steps) return true;
     if (leader.has_time && taken.frame->time + input.offset <= leader.time) return true;
-    return as_of_ - taken.frame->pushed >= patience_;
+    return as_of_ - taken.frame->pushed >= patience_with_leader();
+}
+
+/* Before it has begun there is no file to go to, whatever the time between two rounds. */
+std::chrono::nanoseconds writer::patience_with_leader() const
+{
+    return tracks_[leader_].has_time ? patience_ : std::max<std::chrono::nanoseconds>(patience_, parts_patience);
 }
 
 /* ---- Time that passes -------------------------------------------------- */
@@ -254,7 +260,8 @@ clock::time_point writer::deadline() const
     for (const track_input &input : tracks_) {
         if (!input.incoming.empty()) first = std::min(first, input.incoming.pushed() + parts_patience);
         if (!input.held.empty()) first = std::min(first, input.held.pushed() + patience_for(input));
-        if (!input.waiting.empty()) first = std::min(first, input.waiting.front().frame->pushed + patience_);
+        if (!input.waiting.empty())
+            first = std::min(first, input.waiting.front().frame->pushed + patience_with_leader());
     }
     for (const auto &each : files_) {
         if (each->has_end) first = std::min(first, later(each->ended, old_files_wait_));

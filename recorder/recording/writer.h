@@ -65,6 +65,7 @@ private:
     void take(const queue::taken &);
     void pass_on(bool all);
     bool may_go(uint32_t track, const queue::taken &) const;
+    std::chrono::nanoseconds patience_with_leader() const;
     std::chrono::nanoseconds patience_for(const track_input &) const;
     void release_late();
     void count_running(const open_file *but = nullptr);
