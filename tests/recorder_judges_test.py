@@ -482,7 +482,9 @@ class RecorderTest(judge.Test):
         kinds = (r"futex\(\w+, FUTEX_WAKE", r"write\(\d+<anon_inode:\[eventfd\]>")
         seen = {kind: sum(bool(re.match(kind, call)) for call in mine[begin + 1:end]) for kind in kinds}
         self.assertTrue(all(seen.values()), seen)
-        self.assertEqual([call for call in mine[begin + 1:end] if not re.match("|".join(kinds), call)], [])
+        short_wait = r"futex\(\w+, FUTEX_WAIT_PRIVATE, 2, NULL"  # for a lock that is taken, which no stall may hold
+        others = [call for call in mine[begin + 1:end] if not re.match("|".join((*kinds, short_wait)), call)]
+        self.assertEqual((others, made.end["worst_push"] < SECOND // 4), ([], True))
 
     # ---- The clock
 
