@@ -486,12 +486,19 @@ TEST(Recorder, AFailedSyncCostsItsFileAlone)
     push_all(recorder, {{h264(), camera(1, 5'000, second)}});
     ASSERT_TRUE(comes_true([&] { return failing_sync == 0; }));
     ASSERT_TRUE(comes_true([&] { return events_of(recorder)[MEDIAFILES_EVENT_RECOVERED] != 0; }));
-    push_all(recorder, {{h264(), camera(1, 5'000, 2 * second)}});
+    stream later = camera(2, 5'000, 2 * second);
+    later.erase(later.begin()); /* its first group cannot be decoded */
+    push_all(recorder, {{h264(), later}});
     ASSERT_EQ(mediafiles_recorder_stop(recorder, -1), 0);
     const played all = play(on);
     ASSERT_EQ(all.files.size(), 2u);
     EXPECT_GE(all.files[0].tracks[0].samples.size(), safe);
     EXPECT_EQ(all.files[1].tracks[0].samples.size(), 10u);
+    mediafiles_recorder_event event = {};
+    event.size = sizeof event;
+    while (mediafiles_recorder_next_event(recorder, &event, 0) == 1 && event.kind != MEDIAFILES_EVENT_DROPPED) {}
+    EXPECT_EQ(event.to, later[8].time);
+    EXPECT_EQ(event.count, stats_of(recorder).frames_dropped) << "what nothing can be made of is reported, too";
 }
 
 TEST(Recorder, TheOldestFilesMakeRoom)

@@ -14,8 +14,8 @@ void writer::feed(uint32_t track, const queue::taken &part)
     input.done_until = part.position + 1;
     if (options_.is_video(track)) {
         if (frame.flags & frame_after_tear && !input.held.empty()) {
+            lose(track, input.held);
             input.held.clear();
-            shared_->count.frames_dropped += 1;
         }
         if (frame.flags & frame_after_gap) input.needs_key = true;
         if (!input.held.empty() && frame.time == input.held.time()) {
@@ -26,7 +26,7 @@ void writer::feed(uint32_t track, const queue::taken &part)
         }
         if (input.held.empty() && frame.time == input.stored_time) { // the rest of it is on its way to the medium
             if (frame.flags & frame_has_picture) input.comes_in_parts = input.needs_key = true;
-            shared_->count.frames_dropped += 1;
+            lose(track, frame.time, 1);
             is_loose_ = false;
             return;
         }
@@ -54,17 +54,23 @@ void writer::drop(uint32_t track, access_unit &unit)
 {
     if (unit.empty()) return;
     tracks_[track].needs_key = options_.is_video(track);
-    shared_->count.frames_dropped += unit.count();
+    lose(track, unit);
     unit.clear();
 }
 
 void writer::lose(uint32_t track, const access_unit &unit)
 {
+    lose(track, unit.time(), unit.count());
+}
+
+/* Counted, and reported when the track goes on. */
+void writer::lose(uint32_t track, int64_t time, uint64_t frames)
+{
     gap &lost = tracks_[track].lost;
-    if (lost.count == 0) lost.from = unit.time();
-    lost.to = unit.time();
-    lost.count += unit.count();
-    shared_->count.frames_dropped += unit.count();
+    if (lost.count == 0) lost.from = time;
+    lost.to = time;
+    lost.count += frames;
+    shared_->count.frames_dropped += frames;
 }
 
 /* Parts whose picture does not come: they would keep their place in the queue for ever. */
@@ -72,7 +78,7 @@ void writer::set_aside(uint32_t track)
 {
     track_input &input = tracks_[track];
     update_sets(track, input.incoming);
-    shared_->count.frames_dropped += input.incoming.count();
+    lose(track, input.incoming);
     input.incoming.clear();
 }
 
@@ -134,10 +140,7 @@ void writer::place(uint32_t track, access_unit &unit)
         input.needs_key = input.file != nullptr;
         return;
     }
-    if (input.needs_key && !is_key) {
-        shared_->count.frames_dropped += unit.count();
-        return;
-    }
+    if (input.needs_key && !is_key) return lose(track, unit);
 
     open_file *const to = track == leader_ ? choose_for_leader(track, unit, time, is_key)
                           : is_video       ? choose_for_video(track, time, is_key)
@@ -147,7 +150,7 @@ void writer::place(uint32_t track, access_unit &unit)
             is_unplaced_ = true;
         else if (is_idle_)
             wait_for_event(track);
-        else if (is_failing_ || is_paused())
+        else if (is_failing_ || is_paused() || (shared_->count.files != 0 && !options_.has_events()))
             lose(track, unit);
         else if (options_.has_events())
             shared_->count.frames_let_go += unit.count();
@@ -217,7 +220,7 @@ void writer::hand_over(uint32_t track, mp4_time time, int64_t reached)
         shared_->count.bytes_out += bytes.size();
         ++file.samples;
     } else {
-        shared_->count.frames_dropped += input.held.count();
+        lose(track, input.held);
     }
     input.stored_time = input.held.time();
     input.added_sets.clear();

@@ -77,6 +77,7 @@ private:
     void feed(uint32_t track, const queue::taken &);
     void drop(uint32_t track, access_unit &unit);
     void lose(uint32_t track, const access_unit &unit);
+    void lose(uint32_t track, int64_t time, uint64_t frames);
     void set_aside(uint32_t track);
     bool follow_clock(uint32_t track, int64_t pushed_time, bool steps);
     bool is_start(uint16_t flags) const;
