@@ -351,6 +351,7 @@ TEST(Recorder, RefusesWhatItCannotStore)
     EXPECT_EQ(error_of([](options &o) { o.track_count = 9; }), EINVAL);
     EXPECT_EQ(error_of([](options &o) { o.pattern = "../{number}.mp4"; }), EINVAL);
     EXPECT_EQ(error_of([](options &o) { o.sync_ns = -2; }), EINVAL);
+    EXPECT_EQ(error_of([](options &o) { o.pattern = "one.mp4", o.quota_bytes = 1; }), EINVAL);
     EXPECT_EQ(error_of([](options &o) { o.directory = "/nowhere"; }), ENOENT);
     EXPECT_EQ(error_of([&](options &o) { o.track_count = 1, o.tracks = &wrong_rate; }), ENOTSUP);
     EXPECT_EQ(error_of([&](options &o) { o.track_count = 1, o.tracks = &unknown; }), ENOTSUP);

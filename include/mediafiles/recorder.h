@@ -63,8 +63,9 @@ typedef struct mediafiles_recorder mediafiles_recorder; /* opaque */
  *
  * A pattern without {number}, and a plain name, is one recording. Its files are
  * NAME.mp4, NAME-2.mp4, NAME-3.mp4 ...; what was recorded before is neither
- * recovered nor deleted. Where NAME.mp4 or its journal exists, start refuses; a
- * name after the first that is taken is left out. With MEDIAFILES_OVERWRITE each
+ * recovered nor deleted, so quota_bytes and protected_bytes are refused. Where
+ * NAME.mp4 or its journal exists, start refuses; a name after the first that is
+ * taken is left out. With MEDIAFILES_OVERWRITE each
  * of these names gets the new file, and its journal's name the new journal, once
  * both have been made and are locked: until then the old recording stays. A file
  * that somebody else records, one without write permission, and what is no
@@ -112,7 +113,7 @@ typedef struct mediafiles_recorder_options {
     int64_t segment_ns;           /* length of a file; 0: up to the format's limit */
     int64_t segment_bytes;        /* likewise */
     int64_t longest_gap_ns;       /* between two frames of a track; a longer one begins a file; 10 s */
-    int64_t quota_bytes;          /* for all files of the pattern in the directory; 0: no quota */
+    int64_t quota_bytes;          /* for all files of the pattern, which has {number}; 0: no quota */
     int64_t keep_free_bytes;      /* of the file system; 64 MiB */
     int64_t protected_bytes;      /* beyond it the oldest protected files go, too; 0: never */
     int64_t queue_bytes;          /* allocated at start; 8 MiB. The largest frame; in event mode twice that */

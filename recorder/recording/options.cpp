@@ -57,6 +57,7 @@ settings complete(const mediafiles_recorder_options &given)
     const std::string_view pattern = given.pattern ? std::string_view(given.pattern) : default_pattern;
     auto names = given.flags & MEDIAFILES_PLAIN_NAME ? name_pattern::of_file(pattern) : name_pattern::parse(pattern);
     if (!names) throw system_failure(EINVAL);
+    if (!names->is_numbered() && (given.quota_bytes > 0 || given.protected_bytes > 0)) throw system_failure(EINVAL);
     settings made = {
         .tracks = {},
         .video = 0,
