@@ -535,6 +535,29 @@ TEST(Recorder, TheOldestFilesMakeRoom)
         EXPECT_EQ(std::stoul(names[i]), 12 - (names.size() - 2 - i)) << "the latest ones are there";
 }
 
+/* Of a source that comes faster than the card finishes files. */
+TEST(Recorder, TheOldestFilesMakeRoomForEachThatIsFinished)
+{
+    const card on;
+    const std::vector<mp4_track_desc> tracks = {h264()};
+    mediafiles_recorder_options options = options_for(on, tracks);
+    options.segment_ns = 400 * millisecond;
+    options.quota_bytes = 3 * 120'000;
+    const recorder_ptr recorder = {mediafiles_recorder_start(&options)};
+    syncs.close();
+    push_all(recorder, {{h264(), camera(12, 100'000)}});
+    ASSERT_TRUE(comes_true([&] { return stats_of(recorder).files == 12; }));
+    syncs.open();
+    ASSERT_EQ(mediafiles_recorder_stop(recorder, -1), 0);
+    mediafiles_recorder_event event = {};
+    event.size = sizeof event;
+    for (int files = 0; mediafiles_recorder_next_event(recorder, &event, 0) == 1;) {
+        files += (event.kind == MEDIAFILES_EVENT_FINISHED) - (event.kind == MEDIAFILES_EVENT_DELETED);
+        EXPECT_LE(files, 4);
+    }
+    EXPECT_EQ(on.names().size(), 3u);
+}
+
 TEST(Recorder, AFullCardEndsTheFileUntilThereIsRoom)
 {
     const card on;
@@ -544,7 +567,6 @@ TEST(Recorder, AFullCardEndsTheFileUntilThereIsRoom)
     const recorder_ptr recorder = {mediafiles_recorder_start(&options)};
     push_all(recorder, {{h264(), camera(1, 5'000)}});
     ASSERT_TRUE(comes_true([&] { return stats_of(recorder).safe[0] >= 9; }));
-    chmod((on.path() + "/00000001.mp4").c_str(), 0444);
     free_room = 0;
     push_all(recorder, {{h264(), camera(1, 5'000, 400 * millisecond)}});
     std::map<uint32_t, uint64_t> seen;

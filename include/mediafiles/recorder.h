@@ -74,8 +74,9 @@ typedef struct mediafiles_recorder mediafiles_recorder; /* opaque */
  *
  * To keep to quota_bytes and keep_free_bytes the oldest finished files of the
  * pattern are deleted, by their number; those without write permission are
- * protected. When none can go, the running file is finished, and recording goes
- * on when there is room. Once the protected files together take more than
+ * protected. When none can go, or where others fill the file system so far that
+ * all of them would not be enough, the running file is finished, and recording
+ * goes on when there is room. Once the protected files together take more than
  * protected_bytes, the oldest of them are deleted: as soon as one more is
  * protected, or when room is to be made. The one with the highest number stays.
  *

@@ -7,6 +7,7 @@
  */
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <map>
 #include <optional>
@@ -30,6 +31,8 @@ public:
     void add(kept_file file);
     void clear();
     uint64_t bytes() const { return bytes_; }
+    /** Bytes that can be had at most when files are removed. */
+    uint64_t removable() const { return bytes_ - std::min(protected_bytes_, most_protected_); }
 
     /**
      * Takes the write permission of a file away, known or not. One that is known counts as protected even where that

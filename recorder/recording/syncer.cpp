@@ -32,7 +32,9 @@ void syncer::add(job added)
 {
     {
         const std::lock_guard guard(lock_);
+        const uint64_t ending = added.ending;
         jobs_.push_back(std::move(added));
+        ending_bytes_ += ending;
     }
     wake_.notify_one();
 }
@@ -45,7 +47,8 @@ void syncer::sync(file_ptr file)
 
 void syncer::finish(file_ptr file)
 {
-    add({task::finish, std::move(file), 0});
+    const uint64_t bytes = file->files.bytes();
+    add({task::finish, std::move(file), 0, bytes});
 }
 
 void syncer::give_up(file_ptr file)
@@ -134,7 +137,9 @@ bool syncer::work()
     for (job &each : taken_) {
         if (shared_->is_abandoned) break;
         try {
+            ending_bytes_ -= each.ending;
             carry_out(each);
+            while (each.ending != 0 && shared_->paused.why() == pause::none && make_some_room()) {}
         } catch (const std::bad_alloc &) { // of what becomes of a file that has ended: the next recorder finds it
         }
     }
@@ -218,14 +223,33 @@ uint64_t syncer::room_to_finish() const
     return least_room + 2 * round_bytes_ + sample_room * shared_->running_samples;
 }
 
-bool syncer::has_room(uint64_t more)
+/* Bytes that are to be free in the file system, and are not. */
+uint64_t syncer::lacking(uint64_t more)
 {
     const uint64_t free = free_bytes(shared_->directory);
-    if (free == UINT64_MAX) return true; // what is written next says why
+    if (free == UINT64_MAX) return 0; // what is written next says why
     shared_->count.free_bytes = static_cast<int64_t>(free);
     if (shared_->paused.why() == pause::full) more += std::max(room_to_go_on, 4 * round_bytes_);
-    return free >= static_cast<uint64_t>(shared_->options.keep_free) + room_to_finish() + more &&
-           kept_.bytes() + shared_->running_bytes <= static_cast<uint64_t>(shared_->options.quota);
+    const uint64_t due = static_cast<uint64_t>(shared_->options.keep_free) + room_to_finish() + more;
+    return due > free ? due - free : 0;
+}
+
+bool syncer::is_within_quota(uint64_t ending) const
+{
+    return kept_.bytes() + ending + shared_->running_bytes <= static_cast<uint64_t>(shared_->options.quota);
+}
+
+bool syncer::has_room()
+{
+    return lacking(0) == 0 && is_within_quota(0);
+}
+
+/* Nothing goes in vain: where others fill the file system, all files together may not be enough. */
+bool syncer::make_some_room(uint64_t more)
+{
+    const uint64_t missing = lacking(more);
+    const bool helps = missing != 0 && missing <= kept_.removable();
+    return (helps || !is_within_quota(ending_bytes_)) && remove_oldest();
 }
 
 bool syncer::remove_oldest()
@@ -247,7 +271,7 @@ void syncer::keep_room()
     if (shared_->paused.why() == pause::no_medium) return await_medium();
     /* What statistics promise is not always to be had. */
     if (shared_->is_short.exchange(false) && has_room()) remove_oldest();
-    while (!has_room(shared_->next_bytes) && remove_oldest()) {}
+    while (make_some_room(shared_->next_bytes) || make_some_room()) {}
     const bool is_enough = has_room();
     if (!is_enough && shared_->paused.begin(pause::full)) {
         is_full_reported_ = true;
@@ -265,7 +289,7 @@ void syncer::end_full()
         const bool is_promised = has_room();
         const int error = is_promised && shared_->is_short ? try_directory(shared_->directory, room_to_finish()) : 0;
         if (is_promised && error == 0) break;
-        if ((!is_promised || is_want_of_room(error)) && remove_oldest()) continue;
+        if (is_promised ? is_want_of_room(error) && remove_oldest() : make_some_room()) continue;
         if (!std::exchange(is_full_reported_, true)) shared_->report({.kind = MEDIAFILES_EVENT_FULL, .error = error});
         return recover_again(false);
     }

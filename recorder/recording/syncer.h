@@ -5,6 +5,7 @@
  */
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <memory>
@@ -61,6 +62,7 @@ private:
         task what;
         file_ptr file;
         int64_t from = 0;
+        uint64_t ending = 0; // bytes of a file that is to be finished
     };
     /* What protect may still concern. */
     struct past_file {
@@ -83,7 +85,10 @@ private:
     void report_deleted(const kept_file &);
     void recover_file(const std::string &name);
     uint64_t room_to_finish() const;
-    bool has_room(uint64_t more = 0);
+    uint64_t lacking(uint64_t more);
+    bool is_within_quota(uint64_t ending) const;
+    bool has_room();
+    bool make_some_room(uint64_t more = 0);
     bool remove_oldest();
     void keep_room();
     void end_full();
@@ -104,6 +109,7 @@ private:
     std::vector<kept_file> found_;        // at start
     std::unique_ptr<muxer> idle_;
     bool is_last_ = false, is_asked_ = false;
+    std::atomic<uint64_t> ending_bytes_ = 0; // of files that are to be finished
 
     /* Of the thread alone. */
     std::vector<job> taken_;
