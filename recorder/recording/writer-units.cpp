@@ -150,7 +150,7 @@ void writer::place(uint32_t track, access_unit &unit)
             is_unplaced_ = true;
         else if (is_idle_)
             wait_for_event(track);
-        else if (is_failing_ || is_paused() || (shared_->count.files != 0 && !options_.has_events()))
+        else if (is_failing_ || is_paused() || (input.stored_time != INT64_MIN && !options_.has_events()))
             lose(track, unit);
         else if (options_.has_events())
             shared_->count.frames_let_go += unit.count();
