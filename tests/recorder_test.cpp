@@ -20,6 +20,8 @@ TEST(Recorder, LosesNothingBetweenFiles)
                  hevc = load("h265_aud_sei_640x360_25", ".h265"), cra = load("h265_cra_2slices_640x360_30", ".h265"),
                  sound = load("aac_lc_48000_2", ".aac");
     const int64_t late = 3'600 * second + 123'456'789; // a clock does not begin at 0
+    stream coarse = base;
+    for (size_t i = 1; i < coarse.size(); i += 2) coarse[i].time = coarse[i - 1].time;
     const struct {
         const char *what;
         std::vector<source> sources;
@@ -28,6 +30,7 @@ TEST(Recorder, LosesNothingBetweenFiles)
     } cases[] = {
         {"one file", {{h264(), base}}, 0, 1},
         {"a file each second", {{h264(), base}}, second, 4},
+        {"a clock that is too coarse", {{h264(), coarse}}, 0, 1},
         {"an odd length, with sound",
          {{h264(), repeated(base, 3, late)}, {aac(48000), repeated(sound, 2, late)}},
          1'700 * millisecond,

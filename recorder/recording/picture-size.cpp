@@ -90,8 +90,10 @@ std::optional<picture_size> read_h264(field_reader fields)
     if (fields_in_frame == 2) fields.skip(1); // mb_adaptive_frame_field_flag
     fields.skip(1);                           // direct_8x8_inference_flag
     const window cut = read_window(fields);
-    return cropped(fields, width, map_units * 16 * fields_in_frame,
-                   {cut.columns * sub_width[chroma], cut.rows * sub_height[chroma] * fields_in_frame});
+    auto size = cropped(fields, width, map_units * 16 * fields_in_frame,
+                        {cut.columns * sub_width[chroma], cut.rows * sub_height[chroma] * fields_in_frame});
+    if (size) size->has_fields = fields_in_frame == 2;
+    return size;
 }
 
 /* ISO/IEC 23008-2, 7.3.2.2.1 */

@@ -8,7 +8,8 @@
 namespace mediafiles::recorder {
 
 struct picture_size {
-    uint32_t width, height; // luma samples
+    uint32_t width, height;  // luma samples
+    bool has_fields = false; // H.264: a picture may be coded as two fields
 };
 
 /** The longest side that the highest level below 7 allows: the square root of eight times its largest picture. */

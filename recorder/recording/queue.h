@@ -41,6 +41,7 @@ enum frame_flag : uint16_t {
     frame_steps = 16,      // the caller says that its time does not continue those before
     frame_after_gap = 32,  // frames of its track that came before it were dropped
     frame_after_tear = 64, // likewise, parts of the access unit before the gap among them
+    frame_begins = 128,    // its first slice is a picture's first
 };
 
 /** Frames of one track that were dropped one after another. */

@@ -224,10 +224,10 @@ int mediafiles_recorder_pushv(mediafiles_recorder *recorder, uint32_t track, con
     }
     const bool is_video = shared.options.is_video(track);
     const bool is_key = facts.key || flags & MEDIAFILES_KEY;
-    const auto known =
-        static_cast<uint32_t>((is_key ? frame_is_key : 0) | (facts.has_slices || !is_video ? frame_has_picture : 0) |
-                              (facts.has_sets ? frame_has_sets : 0) | (facts.recovery_point ? frame_is_recovery : 0) |
-                              (flags & MEDIAFILES_DISC ? frame_steps : 0));
+    const auto known = static_cast<uint32_t>(
+        (is_key ? frame_is_key : 0) | (facts.has_slices || !is_video ? frame_has_picture : 0) |
+        (facts.begins_picture ? frame_begins : 0) | (facts.has_sets ? frame_has_sets : 0) |
+        (facts.recovery_point ? frame_is_recovery : 0) | (flags & MEDIAFILES_DISC ? frame_steps : 0));
     const queue::result made =
         shared.frames.push(track, time, facts.stored_size, known, [&](uint8_t *to, queue::entry &entry) {
             store_frame(description, frame, facts, to);

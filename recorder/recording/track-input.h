@@ -87,6 +87,7 @@ struct track_input {
     uint32_t file_sets = 0;          // version of the parameter sets with which it entered that file
     std::vector<uint8_t> added_sets; // to its first sample there
     bool comes_in_parts = false;     // parts with slices follow the first one of an access unit
+    bool may_have_fields = true;     // two pictures with the same time can be one access unit
     bool needs_key = false;          // video: what comes before the next key frame cannot be decoded
 
     gap lost; // frames that no file could take, until one takes the next

@@ -5,6 +5,8 @@
 #include <cerrno>
 #include <utility>
 
+#include "picture-size.h"
+
 namespace mediafiles::recorder {
 
 void writer::feed(uint32_t track, const queue::taken &part)
@@ -18,13 +20,15 @@ void writer::feed(uint32_t track, const queue::taken &part)
             input.held.clear();
         }
         if (frame.flags & frame_after_gap) input.needs_key = true;
-        if (!input.held.empty() && frame.time == input.held.time()) {
+        const bool is_next = begins_next(input, frame);
+        if (!input.held.empty() && frame.time == input.held.time() && !is_next) {
             input.comes_in_parts |= (frame.flags & frame_has_picture) != 0;
             input.held.add(part);
             is_loose_ = false;
             return;
         }
-        if (input.held.empty() && frame.time == input.stored_time) { // the rest of it is on its way to the medium
+        if (input.held.empty() && frame.time == input.stored_time &&
+            !is_next) { // the rest of it is on its way to the medium
             if (frame.flags & frame_has_picture) input.comes_in_parts = input.needs_key = true;
             lose(track, frame.time, 1);
             is_loose_ = false;
@@ -118,7 +122,16 @@ bool writer::is_start(uint16_t flags) const
 void writer::update_sets(uint32_t track, const access_unit &unit)
 {
     if (!options_.is_video(track) || !unit.has(frame_has_sets)) return;
-    for (const queue::taken &part : unit.parts()) tracks_[track].sets.update(options_.tracks[track], *part.frame);
+    track_input &input = tracks_[track];
+    for (const queue::taken &part : unit.parts()) input.sets.update(options_.tracks[track], *part.frame);
+    const auto size = read_picture_size(options_.tracks[track].type, input.sets.first(MEMENTO_SPS));
+    input.may_have_fields = !size || size->has_fields;
+}
+
+/* Whether a frame is another access unit than the one before, though it has its time: a clock may be too coarse. */
+bool writer::begins_next(const track_input &input, const queue::entry &frame) const
+{
+    return frame.flags & frame_begins && !input.may_have_fields && (input.held.empty() || input.held.has(frame_begins));
 }
 
 void writer::place(uint32_t track, access_unit &unit)

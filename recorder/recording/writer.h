@@ -82,6 +82,7 @@ private:
     bool follow_clock(uint32_t track, int64_t pushed_time, bool steps);
     bool is_start(uint16_t flags) const;
     void update_sets(uint32_t track, const access_unit &unit);
+    bool begins_next(const track_input &, const queue::entry &) const;
     void place(uint32_t track, access_unit &unit);
     void place_again();
     bool has_room_for(open_file &, uint64_t size);
