@@ -183,7 +183,9 @@ MEDIAFILES_API int mediafiles_recorder_split(mediafiles_recorder *);
  * of this recorder that holds any of it, of those that are finished the latest
  * 256. The capture time of the latest frame of the first video track is now.
  * Before the first frame it begins with that; a step of the capture times
- * counts as no time. Files that begin until then are covered, too.
+ * counts as no time. Files that begin until then are covered, too; while what
+ * was pushed waits in the queue, so is the file that is recorded, whatever it
+ * holds.
  *
  * A file that is recorded says so in its journal, which is synced at once, and
  * loses its write permission when it is finished or recovered. On FAT that is
