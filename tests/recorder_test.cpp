@@ -490,6 +490,24 @@ TEST(Recorder, StopKeepsToItsPatience)
     play(on);
 }
 
+/* A directory that has a file's name, and a link in its place, beside a journal: what they hold stays as it is. */
+TEST(Recorder, RecoversOnlyFilesOfItsPattern)
+{
+    namespace fs = std::filesystem;
+    const card on;
+    const std::vector<mp4_track_desc> tracks = {h264()};
+    const mediafiles_recorder_options options = options_for(on, tracks);
+    const std::string theirs = on.path() + "/00000001.mp4";
+    fs::create_directory(theirs);
+    for (const char *name : {"/a.mp4", "/a.mp4.journal"}) std::ofstream(theirs + name);
+    fs::create_directory_symlink(theirs, on.path() + "/00000002.mp4");
+    for (const char *name : {"/00000001.mp4.journal", "/00000002.mp4.journal"}) std::ofstream(on.path() + name);
+    const recorder_ptr recorder = {mediafiles_recorder_start(&options)};
+    ASSERT_EQ(mediafiles_recorder_stop(recorder, -1), 0);
+    EXPECT_TRUE(fs::exists(theirs + "/a.mp4") && fs::exists(theirs + "/a.mp4.journal"));
+    EXPECT_TRUE(fs::is_symlink(on.path() + "/00000002.mp4"));
+}
+
 TEST(Recorder, AFailedSyncCostsItsFileAlone)
 {
     const card on;

@@ -1,34 +1,15 @@
 #include "kept-files.h"
 
 #include <cerrno>
-#include <string_view>
 #include <utility>
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "safe-file.h"
-
 namespace mediafiles::recorder {
 
 namespace {
-
-/* The directory of a path; no link is followed on the way. */
-recovery::descriptor open_parent(int directory, std::string_view path)
-{
-    recovery::descriptor at = recovery::open_at(directory, ".", O_RDONLY | O_DIRECTORY);
-    size_t begin = 0;
-    for (size_t end; at.is_open() && (end = path.find('/', begin)) != path.npos; begin = end + 1)
-        at = recovery::open_at(at, std::string(path.substr(begin, end - begin)).c_str(),
-                               O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
-    return at;
-}
-
-std::string last_part(std::string_view path)
-{
-    return std::string(path.substr(path.rfind('/') + 1));
-}
 
 void remove_empty_directories(int directory, std::string_view path)
 {
@@ -57,6 +38,21 @@ removal remove(int directory, const std::string &path, bool also_protected)
 }
 
 } // namespace
+
+recovery::descriptor open_parent(int directory, std::string_view path)
+{
+    recovery::descriptor at = recovery::open_at(directory, ".", O_RDONLY | O_DIRECTORY);
+    size_t begin = 0;
+    for (size_t end; at.is_open() && (end = path.find('/', begin)) != path.npos; begin = end + 1)
+        at = recovery::open_at(at, std::string(path.substr(begin, end - begin)).c_str(),
+                               O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
+    return at;
+}
+
+std::string last_part(std::string_view path)
+{
+    return std::string(path.substr(path.rfind('/') + 1));
+}
 
 void kept_files::add(kept_file file)
 {

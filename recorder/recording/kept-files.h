@@ -13,6 +13,9 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
+
+#include "safe-file.h"
 
 namespace mediafiles::recorder {
 
@@ -22,6 +25,10 @@ struct kept_file {
     uint64_t bytes;
     bool is_protected = false;
 };
+
+/** The directory of a path below another one; no link is followed on the way. */
+recovery::descriptor open_parent(int directory, std::string_view path);
+std::string last_part(std::string_view path);
 
 class kept_files {
 public:

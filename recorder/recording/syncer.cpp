@@ -373,7 +373,7 @@ void syncer::add_kept(const std::string &name)
     struct stat status;
     const auto number = shared_->options.names.match(name);
     if (number && shared_->options.names.is_numbered() &&
-        fstatat(shared_->directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0)
+        fstatat(shared_->directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(status.st_mode))
         kept_.add(
             {*number, name, static_cast<uint64_t>(status.st_size), !(status.st_mode & recovery::write_permissions)});
 }
@@ -425,12 +425,20 @@ bool syncer::complete(shared_file &file)
 void syncer::recover_file(const std::string &name)
 try {
     if (examine_medium() != 0) return recover({name});
-    /* In the directory that is open, even when its path leads elsewhere by now. */
-    std::string path = "/proc/self/fd/" + std::to_string(int{shared_->directory});
-    if (access(path.c_str(), F_OK) != 0) path = shared_->options.directory; // without /proc
-    path += '/' + name;
-    /* A journal whose media never was: it stands for it. */
-    if (faccessat(shared_->directory, name.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) != 0) path += ".journal";
+    /* In the directory that is open, even when its path leads elsewhere by now; below it no link is followed. */
+    const recovery::descriptor parent = open_parent(shared_->directory, name);
+    if (!parent.is_open())
+        return shared_->report({.kind = MEDIAFILES_EVENT_NOT_RECOVERED, .result = MEDIAFILES_FAILED, .error = errno},
+                               name);
+    const std::string file = last_part(name);
+    std::string path = "/proc/self/fd/" + std::to_string(int{parent});
+    if (access(path.c_str(), F_OK) == 0)
+        path += '/' + file;
+    else
+        path = shared_->options.directory + '/' + name; // without /proc
+    /* A journal whose media never was: it stands for it. What a directory of that name holds is not the recorder's. */
+    struct stat status;
+    if (fstatat(parent, file.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0 || S_ISDIR(status.st_mode)) path += ".journal";
     struct context {
         state &shared;
         const std::string &name;
