@@ -58,7 +58,7 @@ bool writer::turn()
     if (frames.is_drained()) return false;
     if (!is_paused() && shared_->is_new_medium.exchange(false)) survey();
     if (is_unplaced_ && (!rests() || frames.is_closed())) place_again();
-    const bool goes_on = !rests() || frames.is_closed();
+    const bool goes_on = !is_unplaced_ && (!rests() || frames.is_closed());
     const bool is_there = goes_on ? frames.await(deadline()) : frames.rest();
     answer_requests(); // all those that were made before this frame was pushed
     if (goes_on) {
