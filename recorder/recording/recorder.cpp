@@ -207,9 +207,12 @@ int mediafiles_recorder_pushv(mediafiles_recorder *recorder, uint32_t track, con
     const mp4_track_desc &description = shared.options.tracks[track];
     const frame_pieces frame(pieces, static_cast<size_t>(count));
     uint64_t size = 0;
-    for (const iovec &piece : frame) size += piece.iov_len;
+    for (const iovec &piece : frame) {
+        size += piece.iov_len;
+        if (std::max<uint64_t>(size, piece.iov_len) > static_cast<uint64_t>(shared.options.queue_bytes))
+            return refuse(EMSGSIZE);
+    }
     if (size == 0) return refuse(EINVAL);
-    if (size > static_cast<uint64_t>(shared.options.queue_bytes)) return refuse(EMSGSIZE);
 
     const frame_facts facts = look_at_frame(description, frame);
     if (facts.fault != frame_fault::none || time > latest_time || time < earliest_time) {

@@ -44,7 +44,8 @@ struct open_file {
 
 inline clock::time_point later(clock::time_point from, int64_t by)
 {
-    return by == never ? clock::time_point::max() : from + std::chrono::nanoseconds(by);
+    const clock::duration left = clock::time_point::max() - from;
+    return left.count() <= by ? clock::time_point::max() : from + std::chrono::nanoseconds(by);
 }
 
 class writer {
