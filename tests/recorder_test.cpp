@@ -369,6 +369,8 @@ TEST(Recorder, RefusesWhatItCannotStore)
     EXPECT_EQ(error_of([](options &o) { o.pattern = "../{number}.mp4"; }), EINVAL);
     EXPECT_EQ(error_of([](options &o) { o.sync_ns = -2; }), EINVAL);
     EXPECT_EQ(error_of([](options &o) { o.pattern = "one.mp4", o.quota_bytes = 1; }), EINVAL);
+    EXPECT_EQ(error_of([](options &o) { o.flags = 1u << 20; }), EINVAL);
+    EXPECT_EQ(error_of([](options &o) { o.pre_event_bytes = 1; }), EINVAL);
     EXPECT_EQ(error_of([](options &o) { o.directory = "/nowhere"; }), ENOENT);
     EXPECT_EQ(error_of([&](options &o) { o.track_count = 1, o.tracks = &wrong_rate; }), ENOTSUP);
     EXPECT_EQ(error_of([&](options &o) { o.track_count = 1, o.tracks = &unknown; }), ENOTSUP);
@@ -387,6 +389,8 @@ TEST(Recorder, RefusesWhatItCannotStore)
     EXPECT_EQ(push(0, sound, 0), EINVAL);
     EXPECT_EQ(push(1, sound, 300, 4), EINVAL);
     EXPECT_EQ(push(1, large, large.size()), EMSGSIZE);
+    const iovec pieces[] = {{const_cast<uint8_t *>(sound.data()), 300}, {nullptr, SIZE_MAX - 100}};
+    EXPECT_EQ(mediafiles_recorder_pushv(recorder, 1, pieces, 2, 0, 0), -1) << "together 199 bytes, or 2^32 more";
     EXPECT_EQ(push(0, garbage, garbage.size()), -1);
     EXPECT_EQ(push(0, garbage, garbage.size()), -1);
     EXPECT_EQ(push(1, sound, 300), 0); /* before the first key frame */
@@ -490,20 +494,27 @@ TEST(Recorder, StopKeepsToItsPatience)
     play(on);
 }
 
-/* A directory that has a file's name, and a link in its place, beside a journal: what they hold stays as it is. */
-TEST(Recorder, RecoversOnlyFilesOfItsPattern)
+/*
+ * A directory that has a file's name, and a link in its place, beside a journal: what they hold stays as it is. Numbers
+ * do not follow one after which there is none.
+ */
+TEST(Recorder, RecoversAndFollowsOnlyFilesOfItsPattern)
 {
     namespace fs = std::filesystem;
     const card on;
     const std::vector<mp4_track_desc> tracks = {h264()};
-    const mediafiles_recorder_options options = options_for(on, tracks);
+    mediafiles_recorder_options options = options_for(on, tracks);
+    options.sync_ns = options.longest_gap_ns = INT64_MAX - 1;
     const std::string theirs = on.path() + "/00000001.mp4";
     fs::create_directory(theirs);
     for (const char *name : {"/a.mp4", "/a.mp4.journal"}) std::ofstream(theirs + name);
     fs::create_directory_symlink(theirs, on.path() + "/00000002.mp4");
-    for (const char *name : {"/00000001.mp4.journal", "/00000002.mp4.journal"}) std::ofstream(on.path() + name);
+    for (const char *name : {"/00000001.mp4.journal", "/00000002.mp4.journal", "/9999999999.mp4"})
+        std::ofstream(on.path() + name);
     const recorder_ptr recorder = {mediafiles_recorder_start(&options)};
+    push_all(recorder, {{h264(), camera(2, 5'000)}});
     ASSERT_EQ(mediafiles_recorder_stop(recorder, -1), 0);
+    EXPECT_TRUE(fs::is_regular_file(on.path() + "/00000003.mp4"));
     EXPECT_TRUE(fs::exists(theirs + "/a.mp4") && fs::exists(theirs + "/a.mp4.journal"));
     EXPECT_TRUE(fs::is_symlink(on.path() + "/00000002.mp4"));
 }

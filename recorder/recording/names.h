@@ -24,6 +24,8 @@ namespace mediafiles::recorder {
 
 /** Ten digits: a file each second for three centuries. Names with a higher number are not ours. */
 inline constexpr uint64_t largest_number = 9'999'999'999;
+/** From a higher one numbers do not go on: what follows could not be found again. */
+inline constexpr uint64_t largest_to_follow = largest_number - 1'000'000'000;
 
 inline constexpr std::string_view default_pattern = "{number}.mp4";
 

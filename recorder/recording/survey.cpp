@@ -52,7 +52,7 @@ struct search {
         if (is_journal) path.remove_suffix(journal_end.size());
         const auto number = names.match(path);
         if (!number) return;
-        highest = std::max(highest, *number);
+        if (*number <= largest_to_follow) highest = std::max(highest, *number);
         if (is_journal)
             journals.emplace_back(*number, path);
         else

@@ -11,7 +11,7 @@
 namespace mediafiles::recorder {
 
 struct found_files {
-    uint64_t highest = 0;                 // number; 0: none
+    uint64_t highest = 0;                 // number that another one can follow; 0: none
     std::vector<std::string> interrupted; // files with a journal, newest first
     std::vector<kept_file> finished;      // the others
 };
