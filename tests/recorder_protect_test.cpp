@@ -146,6 +146,11 @@ TEST(RecorderProtect, TheOldestGoWhereTheyTakeTooMuch)
     }
 }
 
+recorder_ptr in_event_mode(const card &on, const std::vector<mp4_track_desc> &tracks, int64_t before, int64_t memory)
+{
+    return start(on, tracks, [&](auto &options) { options.pre_event_ns = before, options.pre_event_bytes = memory; });
+}
+
 /** One call after the other: groups of pictures that are pushed, and triggers with their `after`. */
 struct step {
     int groups;
@@ -176,11 +181,7 @@ TEST(RecorderEvents, AFileHoldsWhatCameBeforeAndAfter)
     for (const auto &c : cases) {
         SCOPED_TRACE(c.what);
         const card on;
-        const std::vector<mp4_track_desc> tracks = {h264()};
-        mediafiles_recorder_options options = options_for(on, tracks);
-        options.pre_event_ns = c.pre_event;
-        options.pre_event_bytes = c.memory;
-        const recorder_ptr recorder = {mediafiles_recorder_start(&options)};
+        const recorder_ptr recorder = in_event_mode(on, {h264()}, c.pre_event, c.memory);
         ASSERT_TRUE(recorder) << strerror(errno);
         int pushed = 0;
         for (const step &each : c.steps) {
@@ -216,11 +217,7 @@ TEST(RecorderEvents, NothingIsMissingBetweenEvents)
     for (const int64_t lag : {0, 200, -200}) {
         SCOPED_TRACE(lag);
         const card on;
-        const std::vector<mp4_track_desc> tracks = {h264(), aac(48000), h264()};
-        mediafiles_recorder_options options = options_for(on, tracks);
-        options.pre_event_ns = 2 * second;
-        options.pre_event_bytes = 4 << 20;
-        const recorder_ptr recorder = {mediafiles_recorder_start(&options)};
+        const recorder_ptr recorder = in_event_mode(on, {h264(), aac(48000), h264()}, 2 * second, 4 << 20);
         const stream video = repeated(base, 5), sound = repeated(aac_frames, 4), other = camera(50, 5'000);
         size_t at = 0, files = 0;
         for (size_t i = 0; i < video.size(); ++i) {
@@ -255,12 +252,8 @@ TEST(RecorderEvents, NothingIsMissingBetweenEvents)
 TEST(RecorderEvents, RefusesWhatMakesNoSense)
 {
     const card on;
-    const std::vector<mp4_track_desc> tracks = {h264()};
     const auto error_of = [&](int64_t pre_event, int64_t memory, auto call) {
-        mediafiles_recorder_options options = options_for(on, tracks);
-        options.pre_event_ns = pre_event;
-        options.pre_event_bytes = memory;
-        const recorder_ptr recorder = {mediafiles_recorder_start(&options)};
+        const recorder_ptr recorder = in_event_mode(on, {h264()}, pre_event, memory);
         return recorder && call(recorder) == 0 ? 0 : errno;
     };
     const auto trigger = [](mediafiles_recorder *recorder) { return mediafiles_recorder_trigger(recorder, 0); };
@@ -275,42 +268,6 @@ TEST(RecorderEvents, RefusesWhatMakesNoSense)
     EXPECT_EQ(error_of(0, 0, protect), EINVAL);
     EXPECT_EQ(error_of(second, 0, trigger), EINVAL);
     EXPECT_EQ(error_of(0, 1 << 20, trigger), EINVAL);
-}
-
-TEST(RecorderEvents, AnyThreadAsks)
-{
-    for (const int64_t memory : {100'000, 10'000}) {
-        const card on;
-        const std::vector<mp4_track_desc> tracks = {h264(), h264(), aac(48000)};
-        mediafiles_recorder_options options = options_for(on, tracks);
-        options.sync_ns = 2 * millisecond;
-        options.queue_bytes = 32 << 10; // too small, now and then
-        options.pre_event_ns = 300 * millisecond;
-        options.pre_event_bytes = memory;
-        const recorder_ptr recorder = {mediafiles_recorder_start(&options)};
-        std::vector<std::thread> threads;
-        for (uint32_t track = 0; track < 3; ++track)
-            threads.emplace_back([&, track] {
-                for (const frame &each : track < 2 ? camera(30, 3'000) : load("aac_lc_48000_2", ".aac")) {
-                    push(recorder, track, each);
-                    usleep(300);
-                }
-            });
-        threads.emplace_back([&] {
-            for (int i = 0; i < 40; ++i, usleep(2'000)) {
-                mediafiles_recorder_trigger(recorder, i % 4 * 100 * millisecond);
-                if (i % 5 == 0) mediafiles_recorder_split(recorder);
-                mediafiles_recorder_protect(recorder, i * 10 * millisecond, 0);
-                stats_of(recorder);
-            }
-        });
-        for (std::thread &each : threads) each.join();
-        EXPECT_EQ(mediafiles_recorder_stop(recorder, -1), 0);
-        const mediafiles_recorder_stats stats = stats_of(recorder);
-        EXPECT_EQ(stats.frames_in,
-                  stats.frames_out + stats.frames_dropped + stats.frames_refused + stats.frames_let_go);
-        play(on);
-    }
 }
 
 } // namespace

@@ -1,11 +1,8 @@
 /** The recorder: nothing is lost between files, nothing that was safe is lost with the power, no caller waits for a card. */
-#include <csignal>
 #include <fstream>
 #include <thread>
 
-#include <sys/mman.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
 #include <gtest/gtest.h>
 
@@ -46,71 +43,13 @@ TEST(Recorder, LosesNothingBetweenFiles)
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.what);
-        const card on;
-        std::vector<mp4_track_desc> tracks;
-        for (const source &each : c.sources) tracks.push_back(each.track);
-        mediafiles_recorder_options options = options_for(on, tracks);
-        options.segment_ns = c.segment;
-        const recorder_ptr recorder = {mediafiles_recorder_start(&options)};
-        ASSERT_TRUE(recorder) << strerror(errno);
-        push_all(recorder, c.sources);
-        ASSERT_EQ(mediafiles_recorder_stop(recorder, -1), 0);
-
-        const played all = play(on);
-        EXPECT_EQ(all.files.size(), c.files);
-        expect_all_samples(all, c.sources);
-        const mediafiles_recorder_stats stats = stats_of(recorder);
-        EXPECT_EQ(stats.frames_dropped + stats.frames_refused, 0u);
-        EXPECT_EQ(stats.files, c.files);
-        for (size_t i = 0; i < c.sources.size(); ++i) EXPECT_EQ(stats.safe[i], c.sources[i].frames.size()) << i;
-        EXPECT_EQ(events_of(recorder)[MEDIAFILES_EVENT_FINISHED], c.files);
-    }
-}
-
-TEST(Recorder, LengthsOfFilesAddUp)
-{
-    const stream base = load("h264_base_640x360_25", ".h264");
-    const struct {
-        const char *what;
-        double rate;
-        int64_t jitter, segment;
-    } cases[] = {
-        {"25 a second", 25, 0, 1'500 * millisecond},
-        {"29.97 a second", 30000 / 1001.0, 0, 2'300 * millisecond},
-        {"a jittering clock", 30, 7 * millisecond, second},
-        {"5 a second", 5, 0, 7 * second},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.what);
-        stream video = repeated(base, 12, 0);
-        for (size_t i = 0; i < video.size(); ++i)
-            video[i].time = 77'777'777 + int64_t(double(i) * 1e9 / c.rate) + int64_t(i * 7919 % 13) * c.jitter / 13;
-        const card on;
-        const std::vector<mp4_track_desc> tracks = {h264()};
-        mediafiles_recorder_options options = options_for(on, tracks);
-        options.segment_ns = c.segment;
-        const recorder_ptr recorder = {mediafiles_recorder_start(&options)};
-        push_all(recorder, {{h264(), video}});
-        ASSERT_EQ(mediafiles_recorder_stop(recorder, -1), 0);
-
-        const played all = play(on);
-        ASSERT_GT(all.files.size(), 5u);
-        uint64_t length = 0;
-        size_t at = 0;
-        for (const mp4::file &file : all.files) {
-            const int64_t begin = video[at].time;
-            for (size_t i = 2; i < file.tracks[0].samples.size(); ++i) {
-                const int64_t since = int64_t(file.tracks[0].samples[i].time) * 100'000 / 9;
-                EXPECT_NEAR(double(since), double(video[at + i].time - begin), 600'000)
-                    << i; /* half a millisecond, a tick */
-            }
-            at += file.tracks[0].samples.size();
-            length += file.duration;
-            const int64_t end = at < video.size() ? video[at].time : 0;
-            if (end) { EXPECT_NEAR(double(file.duration) * 1e6, double(end - begin), 1e6); }
-        }
-        const int64_t whole = video.back().time - video[0].time; /* and the last frame, as long as the one before it */
-        EXPECT_NEAR(double(length) * 1e6, double(whole + video.back().time - video[video.size() - 2].time), 1e6);
+        recorded made = record(c.sources, [&](auto &given) { given.segment_ns = c.segment; });
+        EXPECT_EQ(made.all.files.size(), c.files);
+        expect_all_samples(made.all, c.sources);
+        EXPECT_EQ(made.stats.frames_dropped + made.stats.frames_refused, 0u);
+        EXPECT_EQ(made.stats.files, c.files);
+        for (size_t i = 0; i < c.sources.size(); ++i) EXPECT_EQ(made.stats.safe[i], c.sources[i].frames.size()) << i;
+        EXPECT_EQ(made.events[MEDIAFILES_EVENT_FINISHED], c.files);
     }
 }
 
@@ -126,75 +65,41 @@ TEST(Recorder, ANewFileBeginsWhereItMust)
         }
         return first;
     };
-    const int64_t frame_time = 40 * millisecond;
-    const struct {
-        const char *what;
-        stream video;
-        uint32_t flags;
-        size_t files, clocks;
-        uint64_t seconds; // of all files
-    } cases[] = {
-        {"a second back", after(base, base, -second), 0, 2, 1, 8},
-        {"54 years on", after(base, base, 54LL * 365 * 86400 * second), 0, 2, 1, 8},
-        {"from zero again", after(repeated(base, 1, 90'000 * second), base, -90'000 * second), 0, 2, 1, 8},
-        {"joined on", after(base, base, -second), MEDIAFILES_JOIN_STEPS, 1, 1, 8},
-        {"a gap that is not too long", after(base, base, 5 * second), 0, 1, 0, 13},
-        {"other parameter sets", after(base, other, frame_time), 0, 2, 0, 9},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.what);
-        const card on;
-        const std::vector<mp4_track_desc> tracks = {h264()};
-        mediafiles_recorder_options options = options_for(on, tracks);
-        options.flags = c.flags;
-        const recorder_ptr recorder = {mediafiles_recorder_start(&options)};
-        push_all(recorder, {{h264(), c.video}});
-        ASSERT_EQ(mediafiles_recorder_stop(recorder, -1), 0);
-        const played all = play(on);
-        EXPECT_EQ(all.files.size(), c.files);
-        expect_all_samples(all, {{h264(), c.video}});
-        EXPECT_EQ(events_of(recorder)[MEDIAFILES_EVENT_CLOCK], c.clocks);
-        uint64_t length = 0;
-        for (const mp4::file &file : all.files) length += file.duration;
-        EXPECT_NEAR(double(length), double(c.seconds) * 1000, 100);
-    }
-}
-
-/** Where a cut is due, or cannot be waited for. */
-TEST(Recorder, AKeyFrameIsWaitedForAsLongAsThereCanBeOne)
-{
-    stream without_key = camera(1, 5'000), seven_hours_on = camera(1, 5'000);
-    for (const frame &each : camera(3, 5'000, 400 * millisecond))
-        if (!each.key) without_key.push_back(each);
+    stream without_key = camera(4, 5'000), seven_hours_on = camera(1, 5'000);
+    std::erase_if(without_key, [](const frame &each) { return each.key && each.time != 0; });
     for (const frame &each : camera(2, 5'000, 7 * 3600 * second))
         if (!each.key || each.time > 7 * 3600 * second) seven_hours_on.push_back(each);
+    const change_of_options usual = [](auto &) {};
     const struct {
         const char *what;
         stream video;
-        int64_t segment, segment_bytes;
-        size_t files, wanted, lost;
+        change_of_options change;
+        size_t files, clocks, wanted, lost;
+        double length; // seconds of all files
     } cases[] = {
-        {"by its length", camera(4, 5'000), 800 * millisecond, 0, 2, 0, 0},
-        {"by its size", camera(4, 50'000), 0, 60'000, 4, 4, 0},
-        {"no key frame comes", without_key, 400 * millisecond, 0, 1, 1, 0},
-        {"longer than a sample can last", seven_hours_on, 0, 0, 2, 1, 9},
+        {"a second back", after(base, base, -second), usual, 2, 1, 0, 0, 8},
+        {"54 years on", after(base, base, 54LL * 365 * 86400 * second), usual, 2, 1, 0, 0, 8},
+        {"from zero again", after(repeated(base, 1, 90'000 * second), base, -90'000 * second), usual, 2, 1, 0, 0, 8},
+        {"joined on", after(base, base, -second), [](auto &o) { o.flags = MEDIAFILES_JOIN_STEPS; }, 1, 1, 0, 0, 8},
+        {"a gap that is not too long", after(base, base, 5 * second), usual, 1, 0, 0, 0, 13},
+        {"other parameter sets", after(base, other, 40 * millisecond), usual, 2, 0, 0, 0, 9},
+        {"by its length", camera(4, 5'000), [](auto &o) { o.segment_ns = 800 * millisecond; }, 2, 0, 0, 0, 1.6},
+        {"by its size", camera(4, 50'000), [](auto &o) { o.segment_bytes = 60'000; }, 4, 0, 4, 0, 1.6},
+        {"no key frame comes", without_key, [](auto &o) { o.segment_ns = 400 * millisecond; }, 1, 0, 1, 0, 1.6},
+        {"longer than a sample can last", seven_hours_on, [](auto &o) { o.longest_gap_ns = -1; }, 2, 0, 1, 9, 0.8},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.what);
-        const card on;
-        const std::vector<mp4_track_desc> tracks = {h264()};
-        mediafiles_recorder_options options = options_for(on, tracks);
-        options.segment_ns = c.segment;
-        options.segment_bytes = c.segment_bytes;
-        options.longest_gap_ns = -1;
-        const recorder_ptr recorder = {mediafiles_recorder_start(&options)};
-        push_all(recorder, {{h264(), c.video}});
-        ASSERT_EQ(mediafiles_recorder_stop(recorder, -1), 0);
-        const played all = play(on);
-        EXPECT_EQ(all.files.size(), c.files);
-        EXPECT_EQ(all.samples.at(1).size(), c.video.size() - c.lost);
-        EXPECT_EQ(stats_of(recorder).frames_dropped + stats_of(recorder).frames_refused, c.lost);
-        EXPECT_EQ(events_of(recorder)[MEDIAFILES_EVENT_KEY_WANTED], c.wanted);
+        recorded made = record({{h264(), c.video}}, c.change);
+        EXPECT_EQ(made.all.files.size(), c.files);
+        if (c.lost == 0) expect_all_samples(made.all, {{h264(), c.video}});
+        EXPECT_EQ(made.all.samples.at(1).size(), c.video.size() - c.lost);
+        EXPECT_EQ(made.stats.frames_dropped + made.stats.frames_refused, c.lost);
+        EXPECT_EQ(made.events[MEDIAFILES_EVENT_CLOCK], c.clocks);
+        EXPECT_EQ(made.events[MEDIAFILES_EVENT_KEY_WANTED], c.wanted);
+        double length = 0;
+        for (const mp4::file &file : made.all.files) length += double(file.duration);
+        EXPECT_NEAR(length, c.length * 1000, 100);
     }
 }
 
@@ -203,48 +108,34 @@ TEST(Recorder, ACameraWithoutKeyFramesLeavesTheFileBefore)
 {
     for (const bool has_key : {true, false}) {
         SCOPED_TRACE(has_key);
-        const card on;
-        const std::vector<mp4_track_desc> tracks = {h264(), h264()};
-        mediafiles_recorder_options options = options_for(on, tracks);
-        options.longest_gap_ns = 2 * second;
-        options.segment_ns = 400 * millisecond;
-        const recorder_ptr recorder = {mediafiles_recorder_start(&options)};
         stream other = camera(10, 5'000);
         std::erase_if(other, [&](const frame &each) {
             return each.key && each.time != 0 && !(has_key && each.time == second + 200 * millisecond);
         });
-        push_all(recorder, {{h264(), camera(10, 5'000)}, {h264(), other}});
-        ASSERT_EQ(mediafiles_recorder_stop(recorder, -1), 0);
-        const played all = play(on);
-        ASSERT_EQ(all.files.size(), 10u);
-        EXPECT_EQ(all.samples.at(1).size(), 100u);
-        EXPECT_NEAR(double(all.files[0].tracks[1].samples.size()), has_key ? 28 : 55, 2);
-        EXPECT_EQ(all.samples.at(2).size() + stats_of(recorder).frames_dropped, other.size());
+        const recorded made = record({{h264(), camera(10, 5'000)}, {h264(), other}}, [](auto &given) {
+            given.longest_gap_ns = 2 * second;
+            given.segment_ns = 400 * millisecond;
+        });
+        ASSERT_EQ(made.all.files.size(), 10u);
+        EXPECT_EQ(made.all.samples.at(1).size(), 100u);
+        EXPECT_NEAR(double(made.all.files[0].tracks[1].samples.size()), has_key ? 28 : 55, 2);
+        EXPECT_EQ(made.all.samples.at(2).size() + made.stats.frames_dropped, other.size());
     }
 }
 
 /** Whenever it arrives. The next file is there before the one before it is finished. */
 TEST(Recorder, SoundGoesToTheFileOfItsTime)
 {
-    const stream video = repeated(load("h264_base_640x360_25", ".h264"), 2),
-                 sound = repeated(load("aac_lc_48000_2", ".aac"), 2);
     for (const int64_t lag : {-second, second, 3 * second}) {
         SCOPED_TRACE(lag);
+        const std::vector<source> sources = {{h264(), repeated(load("h264_base_640x360_25", ".h264"), 2)},
+                                             {aac(48000), repeated(load("aac_lc_48000_2", ".aac"), 2), lag}};
         const card on;
-        const std::vector<mp4_track_desc> tracks = {h264(), aac(48000)};
-        mediafiles_recorder_options options = options_for(on, tracks);
-        options.segment_ns = second;
-        const recorder_ptr recorder = {mediafiles_recorder_start(&options)};
-        size_t at = 0;
-        for (const frame &each : video) {
-            for (; at < sound.size() && sound[at].time + lag <= each.time; ++at) push(recorder, 1, sound[at]);
-            push(recorder, 0, each);
-        }
-        for (; at < sound.size(); ++at) push(recorder, 1, sound[at]);
+        const recorder_ptr recorder = start(on, {h264(), aac(48000)}, [](auto &o) { o.segment_ns = second; });
+        push_all(recorder, sources);
         ASSERT_EQ(mediafiles_recorder_stop(recorder, -1), 0);
-
         const played all = play(on);
-        expect_all_samples(all, {{h264(), video}, {aac(48000), sound}});
+        expect_all_samples(all, sources);
         for (size_t i = 0; i + 1 < all.files.size(); ++i)
             EXPECT_NEAR(double(all.files[i].tracks[1].track_duration), double(all.files[i].duration), 1) << i;
         mediafiles_recorder_event event = {};
@@ -274,10 +165,7 @@ TEST(Recorder, SoundBeforeTheFirstPictureIsRefused)
 TEST(Recorder, WhatIsHeldBackBecomesSafeWithoutASuccessor)
 {
     const card on;
-    const std::vector<mp4_track_desc> tracks = {h264()};
-    mediafiles_recorder_options options = options_for(on, tracks);
-    options.sync_ns = 20 * millisecond;
-    const recorder_ptr recorder = {mediafiles_recorder_start(&options)};
+    const recorder_ptr recorder = start(on, {h264()}, [](auto &o) { o.sync_ns = 20 * millisecond; });
     const auto is_safe = [&](uint64_t count) {
         return comes_true([&] { return stats_of(recorder).safe[0] == count; });
     };
@@ -308,15 +196,11 @@ TEST(Recorder, ALargeParameterSetSurvivesAKill)
         const auto end_of_sps = std::search(first.begin() + 4, first.end(), code.begin(), code.end());
         first.insert(end_of_sps, size - size_t(end_of_sps - first.begin() - 4), 0x55);
         const card on, after_cut;
-        const std::vector<mp4_track_desc> tracks = {h264()};
-        mediafiles_recorder_options options = options_for(on, tracks);
-        options.sync_ns = 5 * millisecond;
-        const recorder_ptr recorder = {mediafiles_recorder_start(&options)};
+        const recorder_ptr recorder = start(on, {h264()}, [](auto &o) { o.sync_ns = 5 * millisecond; });
         push_all(recorder, {{h264(), video}});
         ASSERT_TRUE(comes_true([&] { return stats_of(recorder).safe[0] == 10; }));
         std::filesystem::copy(on.path(), after_cut.path());
-        options.directory = after_cut.path().c_str();
-        const recorder_ptr next = {mediafiles_recorder_start(&options)};
+        const recorder_ptr next = start(after_cut, {h264()});
         ASSERT_EQ(mediafiles_recorder_stop(next, -1), 0);
         ASSERT_EQ(mediafiles_recorder_stop(recorder, -1), 0);
         for (const card *const each : {&on, &after_cut}) {
@@ -328,58 +212,26 @@ TEST(Recorder, ALargeParameterSetSurvivesAKill)
     }
 }
 
-TEST(Recorder, TakesAnAccessUnitInParts)
-{
-    const stream slices = load("h264_high_aud_4slices_640x360_30", ".h264");
-    const card on;
-    const std::vector<mp4_track_desc> tracks = {h264()};
-    mediafiles_recorder_options options = options_for(on, tracks);
-    options.segment_ns = second;
-    const recorder_ptr recorder = {mediafiles_recorder_start(&options)};
-    for (const frame &each : slices) {
-        size_t begin = 0;
-        for (size_t at = 4; at <= each.data.size(); ++at) {
-            const bool is_code = at + 4 <= each.data.size() && !each.data[at] && !each.data[at + 1] &&
-                                 !each.data[at + 2] && each.data[at + 3] == 1;
-            if (!is_code && at != each.data.size()) continue;
-            ASSERT_EQ(mediafiles_recorder_push(recorder, 0, &each.data[begin], at - begin, each.time, 0), 0);
-            begin = at;
-        }
-    }
-    ASSERT_EQ(mediafiles_recorder_stop(recorder, -1), 0);
-    const played all = play(on);
-    EXPECT_EQ(all.files.size(), 3u);
-    expect_all_samples(all, {{h264(), slices}});
-}
-
 TEST(Recorder, RefusesWhatItCannotStore)
 {
     const card on;
-    std::vector<mp4_track_desc> tracks = {h264(), aac(48000)};
-    const auto error_of = [&](auto change) {
-        mediafiles_recorder_options options = options_for(on, tracks);
-        change(options);
-        const recorder_ptr recorder = {mediafiles_recorder_start(&options)};
-        return recorder ? 0 : errno;
-    };
-    using options = mediafiles_recorder_options;
+    const std::vector<mp4_track_desc> tracks = {h264(), aac(48000)};
+    const auto error_of = [&](auto change) { return start(on, tracks, change) ? 0 : errno; };
     mp4_track_desc wrong_rate = aac(96000), unknown = {.type = 0x103, .video = {}};
-    EXPECT_EQ(error_of([](options &) {}), 0);
-    EXPECT_EQ(error_of([](options &o) { o.track_count = 9; }), EINVAL);
-    EXPECT_EQ(error_of([](options &o) { o.pattern = "../{number}.mp4"; }), EINVAL);
-    EXPECT_EQ(error_of([](options &o) { o.sync_ns = -2; }), EINVAL);
-    EXPECT_EQ(error_of([](options &o) { o.pattern = "one.mp4", o.quota_bytes = 1; }), EINVAL);
-    EXPECT_EQ(error_of([](options &o) { o.flags = 1u << 20; }), EINVAL);
-    EXPECT_EQ(error_of([](options &o) { o.pre_event_bytes = 1; }), EINVAL);
-    EXPECT_EQ(error_of([](options &o) { o.directory = "/nowhere"; }), ENOENT);
-    EXPECT_EQ(error_of([&](options &o) { o.track_count = 1, o.tracks = &wrong_rate; }), ENOTSUP);
-    EXPECT_EQ(error_of([&](options &o) { o.track_count = 1, o.tracks = &unknown; }), ENOTSUP);
+    EXPECT_EQ(error_of([](auto &) {}), 0);
+    EXPECT_EQ(error_of([](auto &o) { o.track_count = 9; }), EINVAL);
+    EXPECT_EQ(error_of([](auto &o) { o.pattern = "../{number}.mp4"; }), EINVAL);
+    EXPECT_EQ(error_of([](auto &o) { o.sync_ns = -2; }), EINVAL);
+    EXPECT_EQ(error_of([](auto &o) { o.pattern = "one.mp4", o.quota_bytes = 1; }), EINVAL);
+    EXPECT_EQ(error_of([](auto &o) { o.flags = 1u << 20; }), EINVAL);
+    EXPECT_EQ(error_of([](auto &o) { o.pre_event_bytes = 1; }), EINVAL);
+    EXPECT_EQ(error_of([](auto &o) { o.directory = "/nowhere"; }), ENOENT);
+    EXPECT_EQ(error_of([&](auto &o) { o.track_count = 1, o.tracks = &wrong_rate; }), ENOTSUP);
+    EXPECT_EQ(error_of([&](auto &o) { o.track_count = 1, o.tracks = &unknown; }), ENOTSUP);
 
-    options given = options_for(on, tracks);
-    given.queue_bytes = 64 << 10;
-    const recorder_ptr recorder = {mediafiles_recorder_start(&given)};
+    const recorder_ptr recorder = start(on, tracks, [](auto &o) { o.queue_bytes = 64 << 10; });
     ASSERT_TRUE(recorder);
-    EXPECT_EQ(error_of([](options &) {}), EBUSY);
+    EXPECT_EQ(error_of([](auto &) {}), EBUSY);
     const bytes large(100'000, 1), garbage(100, 7), sound(300, 0x21);
     const auto push = [&](uint32_t track, const bytes &data, size_t size, uint32_t flags = 0) {
         const int result = mediafiles_recorder_push(recorder, track, data.data(), size, 0, flags);
@@ -418,13 +270,11 @@ TEST(Recorder, NoCallerWaitsForAStalledCard)
     for (const auto &c : cases) {
         SCOPED_TRACE(c.what);
         const card on;
-        const std::vector<mp4_track_desc> tracks = {h264(), aac(48000)};
-        mediafiles_recorder_options options = options_for(on, tracks);
-        options.queue_bytes = int64_t(c.queue);
-        options.sync_ns = 10 * millisecond;
-        const recorder_ptr recorder = {mediafiles_recorder_start(&options)};
-        const std::vector<source> begin = {{h264(), camera(1, 20'000)}, {aac(48000), {}}};
-        push_all(recorder, begin);
+        const recorder_ptr recorder = start(on, {h264(), aac(48000)}, [&](auto &o) {
+            o.queue_bytes = int64_t(c.queue);
+            o.sync_ns = 10 * millisecond;
+        });
+        push_all(recorder, {{h264(), camera(1, 20'000)}});
         ASSERT_TRUE(comes_true([&] { return stats_of(recorder).safe[0] >= 10; }));
 
         /* Five seconds while nothing can be written. */
@@ -442,8 +292,7 @@ TEST(Recorder, NoCallerWaitsForAStalledCard)
         EXPECT_LT(stats_of(recorder).worst_push, second / 2); /* a sync that is waited for would never end */
         c.closed.open();
         ASSERT_TRUE(comes_true([&] { return stats_of(recorder).queue_used < 100'000; }));
-        const std::vector<source> after = {{h264(), camera(2, 20'000, 6 * second)}};
-        push_all(recorder, after);
+        push_all(recorder, {{h264(), camera(2, 20'000, 6 * second)}});
         ASSERT_EQ(mediafiles_recorder_stop(recorder, -1), 0);
 
         const mediafiles_recorder_stats stats = stats_of(recorder);
@@ -453,8 +302,7 @@ TEST(Recorder, NoCallerWaitsForAStalledCard)
         EXPECT_EQ(stats.frames_out + stats.frames_dropped + stats.frames_refused, pushed + sound.size());
         EXPECT_EQ(sound_taken, sound.size()) << "sound goes when no video is left";
         if (!c.drops) { EXPECT_EQ(stored, pushed); }
-        auto events = events_of(recorder);
-        EXPECT_EQ(events[MEDIAFILES_EVENT_DROPPED] != 0, c.drops);
+        EXPECT_EQ(events_of(recorder)[MEDIAFILES_EVENT_DROPPED] != 0, c.drops);
 
         /* Groups of pictures are whole from their beginning: each frame follows the one that it was coded after. */
         const std::vector<bytes> &samples = all.samples.at(1);
@@ -468,32 +316,6 @@ TEST(Recorder, NoCallerWaitsForAStalledCard)
     }
 }
 
-TEST(Recorder, StopKeepsToItsPatience)
-{
-    const card on;
-    const std::vector<mp4_track_desc> tracks = {h264()};
-    const mediafiles_recorder_options options = options_for(on, tracks);
-    {
-        const recorder_ptr recorder = {mediafiles_recorder_start(&options)};
-        syncs.close();
-        push_all(recorder, {{h264(), camera(3, 5'000)}});
-        syncs.await_someone();
-        const auto begin = std::chrono::steady_clock::now();
-        EXPECT_EQ(mediafiles_recorder_stop(recorder, 50 * millisecond), -1);
-        EXPECT_EQ(errno, ETIMEDOUT);
-        EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2));
-        EXPECT_EQ(mediafiles_recorder_push(recorder, 0, "x", 1, 0, 0), -1);
-    }
-    syncs.open();
-
-    /* The next recorder finds what is left, once the kernel has let go of it. */
-    recorder_ptr next;
-    ASSERT_TRUE(comes_true([&] { return (next.recorder = mediafiles_recorder_start(&options)) != nullptr; }));
-    ASSERT_EQ(mediafiles_recorder_stop(next, -1), 0);
-    EXPECT_EQ(events_of(next)[MEDIAFILES_EVENT_RECOVERED], 1u);
-    play(on);
-}
-
 /*
  * A directory that has a file's name, and a link in its place, beside a journal: what they hold stays as it is. Numbers
  * do not follow one after which there is none.
@@ -503,15 +325,13 @@ TEST(Recorder, RecoversAndFollowsOnlyFilesOfItsPattern)
     namespace fs = std::filesystem;
     const card on;
     const std::vector<mp4_track_desc> tracks = {h264()};
-    mediafiles_recorder_options options = options_for(on, tracks);
-    options.sync_ns = options.longest_gap_ns = INT64_MAX - 1;
     const std::string theirs = on.path() + "/00000001.mp4";
     fs::create_directory(theirs);
     for (const char *name : {"/a.mp4", "/a.mp4.journal"}) std::ofstream(theirs + name);
     fs::create_directory_symlink(theirs, on.path() + "/00000002.mp4");
     for (const char *name : {"/00000001.mp4.journal", "/00000002.mp4.journal", "/9999999999.mp4"})
         std::ofstream(on.path() + name);
-    const recorder_ptr recorder = {mediafiles_recorder_start(&options)};
+    const recorder_ptr recorder = start(on, tracks, [](auto &o) { o.sync_ns = o.longest_gap_ns = INT64_MAX - 1; });
     push_all(recorder, {{h264(), camera(2, 5'000)}});
     ASSERT_EQ(mediafiles_recorder_stop(recorder, -1), 0);
     EXPECT_TRUE(fs::is_regular_file(on.path() + "/00000003.mp4"));
@@ -522,10 +342,7 @@ TEST(Recorder, RecoversAndFollowsOnlyFilesOfItsPattern)
 TEST(Recorder, AFailedSyncCostsItsFileAlone)
 {
     const card on;
-    const std::vector<mp4_track_desc> tracks = {h264()};
-    mediafiles_recorder_options options = options_for(on, tracks);
-    options.sync_ns = 5 * millisecond;
-    const recorder_ptr recorder = {mediafiles_recorder_start(&options)};
+    const recorder_ptr recorder = start(on, {h264()}, [](auto &o) { o.sync_ns = 5 * millisecond; });
     push_all(recorder, {{h264(), camera(2, 5'000)}});
     ASSERT_TRUE(comes_true([&] { return stats_of(recorder).safe[0] >= 19; }));
     const uint64_t safe = stats_of(recorder).safe[0];
@@ -607,10 +424,7 @@ TEST(Recorder, TheOldestFilesMakeRoomForEachThatIsFinished)
 TEST(Recorder, AFullCardEndsTheFileUntilThereIsRoom)
 {
     const card on;
-    const std::vector<mp4_track_desc> tracks = {h264()};
-    mediafiles_recorder_options options = options_for(on, tracks);
-    options.sync_ns = 5 * millisecond;
-    const recorder_ptr recorder = {mediafiles_recorder_start(&options)};
+    const recorder_ptr recorder = start(on, {h264()}, [](auto &o) { o.sync_ns = 5 * millisecond; });
     push_all(recorder, {{h264(), camera(1, 5'000)}});
     ASSERT_TRUE(comes_true([&] { return stats_of(recorder).safe[0] >= 9; }));
     free_room = 0;
@@ -641,7 +455,8 @@ TEST(Recorder, AnyThreadCallsAnything)
         options.sync_ns = 2 * millisecond;
         options.quota_bytes = run == 1 || run == 4 ? 100'000 : 0;
         options.pre_event_ns = run % 2 ? second : 0;
-        options.pre_event_bytes = run % 2 ? 100'000 : 0;
+        options.pre_event_bytes = run % 2 == 0 ? 0 : run == 3 ? 10'000 : 100'000;
+        options.queue_bytes = run == 3 || run == 5 ? 32 << 10 : 0; // too small, now and then
         recorder_ptr recorder = {mediafiles_recorder_start(&options)};
         const bool is_stalled = run >= 6;
         if (is_stalled) syncs.close();
@@ -672,58 +487,19 @@ TEST(Recorder, AnyThreadCallsAnything)
         });
         usleep(useconds_t(15'000 * run));
         if (is_stalled) syncs.await_someone();
-        EXPECT_EQ(mediafiles_recorder_stop(recorder, is_stalled ? 10 * millisecond : -1), is_stalled ? -1 : 0);
+        const int stopped = mediafiles_recorder_stop(recorder, is_stalled ? 10 * millisecond : -1);
+        EXPECT_TRUE(is_stalled ? stopped == -1 && errno == ETIMEDOUT : stopped == 0) << strerror(errno);
         is_over = true;
         for (std::thread &each : threads) each.join();
+        const mediafiles_recorder_stats s = stats_of(recorder);
+        if (!is_stalled) {
+            EXPECT_EQ(s.frames_in, s.frames_out + s.frames_dropped + s.frames_refused + s.frames_let_go);
+        }
         mediafiles_recorder_destroy(std::exchange(recorder.recorder, nullptr));
         syncs.open();
         ASSERT_TRUE(comes_true([&] { return (recorder.recorder = mediafiles_recorder_start(&options)) != nullptr; }));
         ASSERT_EQ(mediafiles_recorder_stop(recorder, -1), 0); /* it has recovered what was left */
         play(on);
-    }
-}
-
-/** What stats called safe is there after the process is killed. */
-TEST(Recorder, WhatWasSafeSurvivesAKill)
-{
-    for (int run = 0; run < 12; ++run) {
-        SCOPED_TRACE(run);
-        const card on;
-        const std::vector<mp4_track_desc> tracks = {h264(), aac(48000)};
-        mediafiles_recorder_options options = options_for(on, tracks);
-        options.sync_ns = 3 * millisecond;
-        options.segment_ns = second;
-        auto *const safe =
-            static_cast<uint64_t *>(mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
-        const stream video = repeated(load("h264_base_640x360_25", ".h264"), 20),
-                     sound = repeated(load("aac_lc_48000_2", ".aac"), 16);
-        const pid_t child = fork();
-        if (child == 0) {
-            mediafiles_recorder *const recorder = mediafiles_recorder_start(&options);
-            size_t at = 0;
-            for (const frame &each : video) {
-                for (; at < sound.size() && sound[at].time <= each.time; ++at) push(recorder, 1, sound[at]);
-                push(recorder, 0, each);
-                const mediafiles_recorder_stats stats = stats_of(recorder);
-                safe[0] = stats.safe[0], safe[1] = stats.safe[1];
-                usleep(300);
-            }
-            pause();
-        }
-        ASSERT_TRUE(comes_true([&] { return safe[0] != 0 && safe[1] != 0; }));
-        usleep(useconds_t(run * 37'000));
-        kill(child, SIGKILL);
-        waitpid(child, nullptr, 0);
-        const std::string path = on.path();
-        const char *const paths[] = {path.c_str()};
-        ASSERT_EQ(mediafiles_recover(
-                      paths, 1, nullptr, [](void *, const mediafiles_report *) { return 0; }, nullptr),
-                  0);
-        played all = play(on);
-        ASSERT_GE(all.samples[1].size(), safe[0]);
-        ASSERT_GE(all.samples[2].size(), safe[1]);
-        for (size_t n = 0; n < all.samples[1].size(); ++n) ASSERT_EQ(all.samples[1][n], sample_of(video[n], true)) << n;
-        munmap(safe, 4096);
     }
 }
 

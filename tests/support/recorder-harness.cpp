@@ -89,6 +89,13 @@ mediafiles_recorder_options options_for(const card &on, const std::vector<mp4_tr
     return options;
 }
 
+recorder_ptr start(const card &on, const std::vector<mp4_track_desc> &tracks, const change_of_options &change)
+{
+    mediafiles_recorder_options options = options_for(on, tracks);
+    change(options);
+    return {mediafiles_recorder_start(&options)};
+}
+
 mediafiles_recorder_stats stats_of(mediafiles_recorder *recorder)
 {
     mediafiles_recorder_stats stats = {};
@@ -111,10 +118,9 @@ void push_all(mediafiles_recorder *recorder, const std::vector<source> &sources)
     std::vector<size_t> next(sources.size());
     for (;;) {
         size_t first = sources.size();
+        const auto comes = [&](size_t i) { return sources[i].frames[next[i]].time + sources[i].lag; };
         for (size_t i = 0; i < sources.size(); ++i)
-            if (next[i] < sources[i].frames.size() &&
-                (first == sources.size() || sources[i].frames[next[i]].time < sources[first].frames[next[first]].time))
-                first = i;
+            if (next[i] < sources[i].frames.size() && (first == sources.size() || comes(i) < comes(first))) first = i;
         if (first == sources.size()) return;
         const frame &each = sources[first].frames[next[first]++];
         ASSERT_EQ(0, push(recorder, uint32_t(first), each));
@@ -158,4 +164,16 @@ void expect_all_samples(const played &all, const std::vector<source> &sources)
         for (size_t n = 0; n < std::min(found->second.size(), sources[i].frames.size()); ++n)
             ASSERT_EQ(found->second[n], sample_of(sources[i].frames[n], sources[i].video())) << "sample " << n;
     }
+}
+
+recorded record(const std::vector<source> &sources, const change_of_options &change)
+{
+    const card on;
+    std::vector<mp4_track_desc> tracks;
+    for (const source &each : sources) tracks.push_back(each.track);
+    const recorder_ptr recorder = start(on, tracks, change);
+    EXPECT_TRUE(recorder) << strerror(errno);
+    push_all(recorder, sources);
+    EXPECT_EQ(mediafiles_recorder_stop(recorder, -1), 0);
+    return {play(on), stats_of(recorder), events_of(recorder)};
 }

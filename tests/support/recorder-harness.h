@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <thread>
 
@@ -52,6 +53,7 @@ bytes sample_of(const frame &given, bool video);
 struct source {
     mp4_track_desc track;
     stream frames;
+    int64_t lag = 0; // nanoseconds that its frames come late
     bool video() const { return (track.type & 0x200) == 0; }
 };
 inline mp4_track_desc h264()
@@ -78,6 +80,10 @@ struct recorder_ptr {
 /** They borrow the card's path and the tracks. */
 mediafiles_recorder_options options_for(const card &on, const std::vector<mp4_track_desc> &tracks);
 
+using change_of_options = std::function<void(mediafiles_recorder_options &)>;
+recorder_ptr start(
+    const card &on, const std::vector<mp4_track_desc> &tracks, const change_of_options &change = [](auto &) {});
+
 mediafiles_recorder_stats stats_of(mediafiles_recorder *recorder);
 
 /** The events that wait: how many of each kind. */
@@ -99,7 +105,7 @@ inline int push(mediafiles_recorder *recorder, uint32_t track, const frame &give
     return mediafiles_recorder_push(recorder, track, given.data.data(), given.data.size(), given.time, 0);
 }
 
-/** All sources, in the order of their times, as fast as the recorder stores them. */
+/** All sources, in the order in which their frames come, as fast as the recorder stores them. */
 void push_all(mediafiles_recorder *recorder, const std::vector<source> &sources);
 
 /* ---- What was stored ---- */
@@ -114,3 +120,11 @@ played play(const card &on);
 
 /** Each frame of each source is there, and nothing else. */
 void expect_all_samples(const played &all, const std::vector<source> &sources);
+
+/** What comes of sources that are recorded from their beginning to their end. */
+struct recorded {
+    played all;
+    mediafiles_recorder_stats stats;
+    std::map<uint32_t, uint64_t> events;
+};
+recorded record(const std::vector<source> &sources, const change_of_options &change);
