@@ -4,13 +4,9 @@
  * what was safe is there after a recovery, each file is sound, a failure that costs anything was reported, and the next
  * file is recorded.
  */
-#include <fstream>
 #include <set>
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-
-#include <mediafiles/recovery.h>
 
 #include "support/descriptors.h"
 #include "support/recorder-harness.h"
@@ -68,18 +64,11 @@ const kept &interrupted()
 {
     static const kept made = [] {
         const card on;
-        const std::vector<mp4_track_desc> tracks = {h264(), aac(48000)};
-        mediafiles_recorder_options options = options_for(on, tracks);
-        options.sync_ns = millisecond;
-        const recorder_ptr recorder = {mediafiles_recorder_start(&options)};
+        const recorder_ptr recorder = start(on, {h264(), aac(48000)}, [](auto &o) { o.sync_ns = millisecond; });
         push_all(recorder, three_segments());
         EXPECT_TRUE(comes_true([&] { return stats_of(recorder).safe[0] >= 25; }));
         kept all;
-        for (const std::string &name : on.names()) {
-            const int file = open((on.path() + "/" + name).c_str(), O_RDONLY);
-            all[name] = file_content(file);
-            close(file);
-        }
+        for (const std::string &name : on.names()) all[name] = on.get(name);
         return all;
     }();
     return made;
@@ -175,23 +164,13 @@ std::set<size_t> found_frames(const std::vector<bytes> &samples, const stream &f
     return found;
 }
 
-void put(const card &on, const kept &all)
-{
-    for (const auto &[name, content] : all)
-        std::ofstream(on.path() + "/" + name)
-            .write(reinterpret_cast<const char *>(content.data()), std::streamsize(content.size()));
-}
-
 /** The file that was interrupted is apart: it holds the same frames. */
 void judge(const card &on, const outcome &seen)
 {
     bool is_whole = true;
     for (const std::string &name : on.names()) is_whole &= name.ends_with(".mp4");
     const std::string path = on.path();
-    const char *const paths[] = {path.c_str()};
-    EXPECT_EQ(mediafiles_recover(
-                  paths, 1, nullptr, [](void *, const mediafiles_report *) { return 0; }, nullptr),
-              0);
+    recover(on);
     EXPECT_TRUE(seen.has_deleted || std::filesystem::exists(path + "/00000001.mp4"));
     if (std::filesystem::exists(path + "/00000001.mp4")) {
         const card apart; // the recovered one
@@ -219,9 +198,7 @@ void judge(const card &on, const outcome &seen)
 /** Whatever has happened to it, the next recorder uses the card. */
 void record_next(const card &on)
 {
-    const std::vector<mp4_track_desc> tracks = {h264()};
-    const mediafiles_recorder_options options = options_for(on, tracks);
-    const recorder_ptr recorder = {mediafiles_recorder_start(&options)};
+    const recorder_ptr recorder = start(on, {h264()});
     ASSERT_TRUE(recorder) << strerror(errno);
     push_all(recorder, {{h264(), camera(1, 2'000)}});
     EXPECT_EQ(mediafiles_recorder_stop(recorder, -1), 0);
@@ -233,7 +210,7 @@ void record_next(const card &on)
 bool fail(const failing::plan &orders)
 {
     const card on;
-    put(on, interrupted());
+    for (const auto &[name, content] : interrupted()) on.put(name, content);
     const outcome seen = record(on, orders);
     if (!seen.has_hit) return false;
     if (seen.error_of_start) { EXPECT_EQ(seen.error_of_start, orders.error); }

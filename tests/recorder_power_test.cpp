@@ -341,13 +341,7 @@ struct proof {
     std::string judge(const files &left, const promise &safe, bool is_damaged, bool by_recorder)
     {
         const card on;
-        for (const auto &[name, content] : left) {
-            const std::string path = on.path() + "/" + name;
-            if (name.find('/') != name.npos) fs::create_directories(fs::path(path).parent_path());
-            const int file = open(path.c_str(), O_WRONLY | O_CREAT, 0640);
-            fill(file, content);
-            close(file);
-        }
+        for (const auto &[name, content] : left) on.put(name, content);
         if (by_recorder) {
             mediafiles_recorder_options next = options;
             next.directory = on.path().c_str();
@@ -362,16 +356,13 @@ struct proof {
         for (const auto &[name, counts] : safe)
             if (left.contains(name) || counts != samples{}) missing.insert(name);
         for (const std::string &name : on.names()) {
-            const std::string path = on.path() + "/" + name;
-            const int file = open(path.c_str(), O_RDONLY);
-            const bytes content = file_content(file);
-            close(file);
             const auto counts = safe.find(media_of(name));
             const bool is_promised = counts != safe.end() && counts->second != samples{};
-            const bool is_refused = is_damaged && !is_promised && !said_whole.contains(path); // and stays as it is
+            const bool is_refused =
+                is_damaged && !is_promised && !said_whole.contains(on.path() + "/" + name); // and stays as it is
             std::string wrong = "is left";
             if (due.contains(name))
-                wrong = compare(due.at(name), content, is_promised ? counts->second : samples{}, tracks);
+                wrong = compare(due.at(name), on.get(name), is_promised ? counts->second : samples{}, tracks);
             if (!wrong.empty() && !is_refused) return name + ": " + wrong;
             missing.erase(name);
         }

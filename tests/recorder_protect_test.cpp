@@ -91,10 +91,7 @@ TEST(RecorderProtect, ItIsSafeAtOnce)
             ASSERT_EQ(mediafiles_recorder_stop(next.recorder, -1), 0);
             EXPECT_EQ(events_of(next.recorder)[MEDIAFILES_EVENT_RECOVERED], 1u);
         } else {
-            const char *const path = after_cut.path().c_str();
-            ASSERT_EQ(mediafiles_recover(
-                          &path, 1, nullptr, [](void *, const mediafiles_report *) { return 0; }, nullptr),
-                      0);
+            recover(after_cut);
         }
         EXPECT_EQ(protected_files(after_cut), std::vector<std::string>{"1"});
         EXPECT_EQ(after_cut.names().size(), 1u);

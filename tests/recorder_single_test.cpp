@@ -31,15 +31,9 @@ int error_of_start(const card &on, uint32_t flags, const char *pattern = name)
     return start(on, flags, pattern).recorder ? 0 : errno;
 }
 
-void put(const card &on, const std::string &file, const std::string &text)
+bytes text(const std::string &of)
 {
-    std::ofstream(on.path() + "/" + file) << text;
-}
-
-std::string text_of(const card &on, const std::string &file)
-{
-    std::ifstream in(on.path() + "/" + file);
-    return {std::istreambuf_iterator<char>(in), {}};
+    return {of.begin(), of.end()};
 }
 
 } // namespace
@@ -48,7 +42,7 @@ TEST(SingleRecording, HasItsNameAsItIs)
 {
     const card on;
     const std::string second_file = "100% {number} \xff-2.mov", third_file = "100% {number} \xff-3.mov";
-    put(on, second_file, "somebody else's");
+    on.put(second_file, text("somebody else's"));
     const source base = {h264(), load("h264_base_640x360_25", ".h264")};
     {
         const recorder_ptr recorder = start(on, MEDIAFILES_PLAIN_NAME);
@@ -62,7 +56,7 @@ TEST(SingleRecording, HasItsNameAsItIs)
         EXPECT_GT(stats_of(recorder).tracks[0].key_frames, 1u);
     }
     EXPECT_EQ(on.names(), (std::vector<std::string>{second_file, third_file, name}));
-    EXPECT_EQ(text_of(on, second_file), "somebody else's");
+    EXPECT_EQ(on.get(second_file), text("somebody else's"));
     for (const char *astray : {"", ".", "..", "a/b", "/a"})
         EXPECT_EQ(error_of_start(on, replacing, astray), EINVAL) << astray;
 }
@@ -95,11 +89,11 @@ TEST(SingleRecording, ReplacesAnotherOnceItCanBeMade)
 {
     const card on;
     const std::string journal = std::string(name) + ".journal";
-    put(on, name, "old");
-    put(on, journal, "stale");
+    on.put(name, text("old"));
+    on.put(journal, text("stale"));
     const recorder_ptr recorder = start(on, replacing);
     ASSERT_TRUE(recorder);
-    EXPECT_EQ(text_of(on, name) + text_of(on, journal), "oldstale"); /* nothing was recorded yet */
+    EXPECT_EQ(joined({on.get(name), on.get(journal)}), text("oldstale")); /* nothing was recorded yet */
     const source base = {h264(), load("h264_base_640x360_25", ".h264")};
     push_all(recorder, {base});
     ASSERT_TRUE(comes_true([&] { return stats_of(recorder).files == 1; }));
@@ -117,7 +111,7 @@ TEST(SingleRecording, LeavesWhatAnotherRecorderHasMeanwhile)
         const card on;
         const recorder_ptr recorder = start(on, flags);
         ASSERT_TRUE(recorder);
-        put(on, name, "another's");
+        on.put(name, text("another's"));
         const int other = open((on.path() + "/" + name).c_str(), O_RDONLY);
         ASSERT_EQ(flock(other, LOCK_EX), 0);
         push(recorder, 0, base.frames[0]);
@@ -127,7 +121,7 @@ TEST(SingleRecording, LeavesWhatAnotherRecorderHasMeanwhile)
         EXPECT_EQ(event.kind, uint32_t{MEDIAFILES_EVENT_NO_MEDIUM});
         EXPECT_EQ(event.error, flags == replacing ? EBUSY : EEXIST);
         EXPECT_TRUE(comes_true([&] { return on.names() == std::vector<std::string>{name}; })); /* room was tried */
-        EXPECT_EQ(text_of(on, name), "another's");
+        EXPECT_EQ(on.get(name), text("another's"));
         close(other);
     }
 }

@@ -8,7 +8,6 @@
  * something else that is done at this place:
  *
  *     TRACK OFFSET LENGTH TIME FLAGS    bytes of MEDIA; several frames of one track and time are parts of one
- *     split
  *     stall writes|syncs NANOSECONDS    the medium does not answer for so long
  *     safe TRACK COUNT                  waits until so many samples are safe
  *     look                              prints a line
@@ -73,7 +72,7 @@ namespace {
 /* ---- What is asked for ------------------------------------------------- */
 
 struct step {
-    enum { frame, split, stall, safe, look, kill, mark } what = frame;
+    enum { frame, stall, safe, look, kill, mark } what = frame;
     uint32_t track = 0, flags = 0;
     bool of_writes = false;
     size_t offset = 0, length = 0;
@@ -88,9 +87,8 @@ struct step {
 
 std::vector<step> read_plan(const char *path)
 {
-    static const std::map<std::string, decltype(step::what)> words = {{"split", step::split}, {"stall", step::stall},
-                                                                      {"safe", step::safe},   {"look", step::look},
-                                                                      {"kill", step::kill},   {"mark", step::mark}};
+    static const std::map<std::string, decltype(step::what)> words = {
+        {"stall", step::stall}, {"safe", step::safe}, {"look", step::look}, {"kill", step::kill}, {"mark", step::mark}};
     std::ifstream in(path);
     std::vector<step> plan;
     for (std::string word; in >> word;) {
@@ -137,10 +135,8 @@ struct asked {
         static const std::map<std::string, int64_t options_record::*> numbers = {
             {"sync_ns", &options_record::sync_ns},
             {"segment_ns", &options_record::segment_ns},
-            {"segment_bytes", &options_record::segment_bytes},
             {"longest_gap_ns", &options_record::longest_gap_ns},
             {"quota_bytes", &options_record::quota_bytes},
-            {"keep_free_bytes", &options_record::keep_free_bytes},
             {"queue_bytes", &options_record::queue_bytes},
         };
         if (name == "speed")
@@ -255,9 +251,6 @@ int main(int argc, char **argv)
                         result < 0 ? errno : 0, each.track, intmax_t{each.number});
             break;
         }
-        case step::split:
-            mediafiles_recorder_split(recorder);
-            break;
         case step::stall:
             (each.of_writes ? writes_answer_at : syncs_answer_at) = steady_clock::now() + nanoseconds(each.number);
             break;

@@ -1,11 +1,16 @@
 #include "recorder-harness.h"
 
+#include <cstring>
 #include <fstream>
 #include <sstream>
 
 #include <unistd.h>
 
 #include <gtest/gtest.h>
+
+#include <mediafiles/recovery.h>
+
+#include "descriptors.h"
 
 namespace fs = std::filesystem;
 
@@ -21,6 +26,19 @@ std::vector<std::string> card::names() const
         if (each.is_regular_file()) all.push_back(fs::relative(each.path(), path_).string());
     std::ranges::sort(all);
     return all;
+}
+
+void card::put(const std::string &name, const bytes &content) const
+{
+    fs::create_directories(fs::path(path_ + "/" + name).parent_path());
+    std::ofstream out(path_ + "/" + name, std::ios::binary);
+    out.write(reinterpret_cast<const char *>(content.data()), std::streamsize(content.size()));
+}
+
+bytes card::get(const std::string &name) const
+{
+    const descriptor file{open((path_ + "/" + name).c_str(), O_RDONLY)};
+    return file_content(file);
 }
 
 /* ---- Streams ---- */
@@ -131,21 +149,25 @@ void push_all(mediafiles_recorder *recorder, const std::vector<source> &sources)
 
 /* ---- What was stored ---- */
 
+void recover(const card &on)
+{
+    const char *const path = on.path().c_str();
+    const auto ignore = [](void *, const mediafiles_report *) { return 0; };
+    EXPECT_EQ(mediafiles_recover(&path, 1, nullptr, ignore, nullptr), 0) << strerror(errno);
+}
+
 played play(const card &on)
 {
     played all;
     for (const std::string &name : on.names()) {
         SCOPED_TRACE(name);
-        const std::string path = on.path() + "/" + name;
-        mp4::file file = mp4::read(path);
+        const bytes content = on.get(name);
+        mp4::file file = mp4::read(content);
         for (const auto &problem : file.problems) EXPECT_FALSE(problem.fault) << problem.text;
-        std::ifstream media(path, std::ios::binary);
         for (const mp4::track &track : file.tracks) {
             for (const mp4::sample &sample : track.samples) {
-                bytes data(sample.size);
-                media.seekg(static_cast<std::streamoff>(sample.offset));
-                media.read(reinterpret_cast<char *>(data.data()), sample.size);
-                all.samples[track.id].push_back(std::move(data));
+                const auto begin = content.begin() + ptrdiff_t(sample.offset);
+                if (file.sound()) all.samples[track.id].emplace_back(begin, begin + sample.size);
             }
             EXPECT_TRUE(track.samples.empty() || track.samples[0].sync);
         }

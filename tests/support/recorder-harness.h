@@ -24,6 +24,8 @@ public:
     card &operator=(const card &) = delete;
     const std::string &path() const { return path_; }
     std::vector<std::string> names() const; // of all files, sorted
+    void put(const std::string &name, const bytes &content) const;
+    bytes get(const std::string &name) const;
 
 private:
     std::string path_;
@@ -114,6 +116,9 @@ struct played {
     std::vector<mp4::file> files;
     std::map<uint32_t, std::vector<bytes>> samples; // of each track ID, over all files
 };
+
+/** Recovers a card without a recorder. */
+void recover(const card &on);
 
 /** All files of a card, by the strict reader: they are sound, and each begins with a key frame. */
 played play(const card &on);
