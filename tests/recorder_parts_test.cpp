@@ -477,22 +477,6 @@ TEST(Frames, AreTakenApartHoweverTheyAreCut)
     }
 }
 
-TEST(Frames, HaveAnyNumberOfUnits)
-{
-    for (const char *name : {"h264_high_aud_4slices_640x360_30.h264", "ext_intel_176x96_30.h264",
-                             "h265_cra_2slices_640x360_30.h265", "h265_aud_sei_640x360_25.h265"}) {
-        SCOPED_TRACE(name);
-        std::ifstream in(std::string(STREAMS "/") + name, std::ios::binary);
-        const bytes stream{std::istreambuf_iterator<char>(in), {}};
-        ASSERT_GT(stream.size(), 1000u);
-        const size_t third = stream.size() / 3;
-        const iovec pieces[] = {piece(stream, 0, third), piece(stream, third, stream.size())};
-        bytes sample;
-        EXPECT_TRUE(outcome(name[2] == '6' && name[3] == '5' ? h265 : h264, pieces, sample).starts_with("key"));
-        EXPECT_TRUE(sample == sized_units(stream));
-    }
-}
-
 TEST(Frames, SoundThatATrackCanState)
 {
     for (const uint32_t rate : {7350u, 8000u, 44100u, 64000u}) EXPECT_TRUE(can_state({6, 16, rate}));

@@ -32,6 +32,7 @@ TEST(Recorder, LosesNothingBetweenFiles)
          {{h264(), repeated(base, 3, late)}, {aac(48000), repeated(sound, 2, late)}},
          1'700 * millisecond,
          6},
+        {"pictures of 8 MB", {{h264(), camera(2, 8'000'000)}}, 0, 1},
         {"four slices", {{h264(), repeated(slices, 2)}, {aac(48000), sound}}, second, 6},
         {"H.265", {{h265(), repeated(hevc, 2)}, {aac(48000), sound}}, second, 8},
         {"open groups", {{h265(), repeated(cra, 2)}}, 2 * second, 3},
@@ -65,8 +66,9 @@ TEST(Recorder, ANewFileBeginsWhereItMust)
         }
         return first;
     };
-    stream without_key = camera(4, 5'000), seven_hours_on = camera(1, 5'000);
+    stream back = base, without_key = camera(4, 5'000), seven_hours_on = camera(1, 5'000);
     std::erase_if(without_key, [](const frame &each) { return each.key && each.time != 0; });
+    for (size_t n = 5; n < back.size(); n += 10) back[n].time -= 50 * millisecond;
     for (const frame &each : camera(2, 5'000, 7 * 3600 * second))
         if (!each.key || each.time > 7 * 3600 * second) seven_hours_on.push_back(each);
     const change_of_options usual = [](auto &) {};
@@ -78,6 +80,7 @@ TEST(Recorder, ANewFileBeginsWhereItMust)
         double length; // seconds of all files
     } cases[] = {
         {"a second back", after(base, base, -second), usual, 2, 1, 0, 0, 8},
+        {"less than a frame back, again and again", back, usual, 4, 10, 4, 0, 4},
         {"54 years on", after(base, base, 54LL * 365 * 86400 * second), usual, 2, 1, 0, 0, 8},
         {"from zero again", after(repeated(base, 1, 90'000 * second), base, -90'000 * second), usual, 2, 1, 0, 0, 8},
         {"joined on", after(base, base, -second), [](auto &o) { o.flags = MEDIAFILES_JOIN_STEPS; }, 1, 1, 0, 0, 8},
@@ -493,7 +496,7 @@ TEST(Recorder, AnyThreadCallsAnything)
         for (std::thread &each : threads) each.join();
         const mediafiles_recorder_stats s = stats_of(recorder);
         if (!is_stalled) {
-            EXPECT_EQ(s.frames_in, s.frames_out + s.frames_dropped + s.frames_refused + s.frames_let_go);
+            EXPECT_EQ(s.frames_in, s.frames_out + s.frames_dropped + s.frames_refused + s.frames_let_go) << run;
         }
         mediafiles_recorder_destroy(std::exchange(recorder.recorder, nullptr));
         syncs.open();

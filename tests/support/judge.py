@@ -77,11 +77,6 @@ class Test(unittest.TestCase):
         root = self.directory / under
         return {str(p.relative_to(root)): p.read_bytes() for p in root.rglob("*") if p.is_file()}
 
-    def check_track(self, source, stream, timescale):
-        """The recorded track is the elementary stream, unit by unit."""
-        self.assertEqual(packets(self.clip, stream), expected_packets(units(source), source.suffix[1:], timescale))
-        self.assertEqual(frame_checksums(self.clip, stream), frame_checksums(source))
-
 
 def record(tool, *sources, options=()):
     """A finished file, the same before it was finished, its journal (a round a frame), its samples."""
