@@ -248,58 +248,6 @@ TEST_F(Plan, LeavesAloneWhatOtherProgramsHaveWritten)
 
 /* ---- the end of a journal ---- */
 
-/** What stands in a journal from an offset on, after a cut. */
-bytes torn(const bytes &journal, size_t at, const std::string &way, const bytes &old)
-{
-    bytes out = first(journal, at);
-    if (way == "cut") return out;
-    for (size_t i = at; i < journal.size(); i++)
-        out.push_back(way == "zeros"  ? uint8_t(0)
-                      : way == "junk" ? uint8_t(i * 2654435761u >> 13)
-                                      : old[i % old.size()]);
-    if (way == "sector") // of zeros; what follows it has reached the medium
-        for (size_t i = at; i < journal.size(); i++) out[i] = i < (at / 512 + 1) * 512 ? uint8_t(0) : journal[i];
-    return out;
-}
-
-struct torn_counts {
-    size_t cases, lost, wrong;
-};
-
-/** Holds the plan with a torn journal against the records before the tear. */
-void check_torn(const recorded &r, const bytes &journal, size_t at, const std::string &way, const bytes &old,
-                torn_counts &counts)
-{
-    const bytes left = torn(journal, at, way, old);
-    const planned p = plan_of(r.open, &left);
-    const long whole = named_in(journal, at), kept = kept_of(r, p.file);
-    counts.cases++;
-    if (whole == 0) return;
-    SCOPED_TRACE(r.name + ", " + way + " from " + std::to_string(at) + ": " + text_of(p));
-    ASSERT_EQ("repaired", outcome_of(p));
-    /* The record in which other bytes begin may be taken for what it is not, its place apart. */
-    ASSERT_TRUE(kept >= whole || (kept < 0 && (way == "junk" || way == "old"))) << kept << " of " << whole;
-    counts.wrong += kept < 0;
-    counts.lost += kept >= 0 && kept < named_in(journal, journal.size());
-}
-
-TEST_F(Plan, UsesTheValidRecordsOfATornJournal)
-{
-    torn_counts counts = {};
-    for (size_t i = 0; i < recordings().size(); i++) {
-        const recorded &r = recordings()[i], &other = recordings()[(i + 2) % recordings().size()];
-        for (const bool marked : {true, false}) {
-            const bytes &journal = marked ? r.marked : r.journal, &old = marked ? other.marked : other.journal;
-            const size_t all = journal.size();
-            for (size_t at = marked ? *(r.rounds.end() - 2) : all - std::min<size_t>(all, 1000); at <= all; at++)
-                for (const char *way : {"cut", "zeros", "junk", "old", "sector"})
-                    if (at % 512 == 0 || way != std::string("sector")) check_torn(r, journal, at, way, old, counts);
-        }
-    }
-    fprintf(stderr, "%zu torn journals: %zu without all samples, %zu with a last sample of wrong bytes\n", counts.cases,
-            counts.lost, counts.wrong);
-}
-
 struct torn_or_damaged {
     std::string what;
     bytes journal;

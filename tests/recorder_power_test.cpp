@@ -484,19 +484,14 @@ void record(const recipe &given, mediafiles_recorder_options options, diary *int
     };
     check(recorder, "start");
     if (into) into->recorder = recorder.recorder;
-    std::vector<std::pair<int64_t, std::pair<uint32_t, const frame *>>> all;
-    for (uint32_t track = 0; track < given.sources.size(); ++track)
-        for (const frame &each : given.sources[track].frames) all.push_back({each.time, {track, &each}});
-    std::ranges::sort(all);
-    for (const auto &[time, each] : all) {
-        check(push(recorder, each.first, *each.second) == 0, "push");
-        std::this_thread::sleep_for(std::chrono::microseconds(1'000));
-    }
+    push_all(recorder, given.sources, 1'000);
     if (!into) return;
     check(mediafiles_recorder_stop(recorder, -1) == 0, "stop");
     into->recorder = nullptr;
     const mediafiles_recorder_stats stats = stats_of(recorder);
-    check(stats.frames_in == all.size() && stats.frames_out == all.size(), "frames are missing");
+    size_t due = 0;
+    for (const source &each : given.sources) due += each.frames.size();
+    check(stats.frames_in == due && stats.frames_out == due, "frames are missing");
 }
 
 /** All that such a recording does. */

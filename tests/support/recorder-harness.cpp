@@ -131,7 +131,7 @@ std::map<uint32_t, uint64_t> events_of(mediafiles_recorder *recorder)
     return seen;
 }
 
-void push_all(mediafiles_recorder *recorder, const std::vector<source> &sources)
+void push_all(mediafiles_recorder *recorder, const std::vector<source> &sources, unsigned pause)
 {
     std::vector<size_t> next(sources.size());
     for (;;) {
@@ -142,6 +142,7 @@ void push_all(mediafiles_recorder *recorder, const std::vector<source> &sources)
         if (first == sources.size()) return;
         const frame &each = sources[first].frames[next[first]++];
         ASSERT_EQ(0, push(recorder, uint32_t(first), each));
+        if (pause != 0) usleep(pause);
         if (stats_of(recorder).queue_used > 4 << 20) /* faster than any camera */
             comes_true([&] { return stats_of(recorder).queue_used < 1 << 20; });
     }

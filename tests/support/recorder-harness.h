@@ -107,8 +107,8 @@ inline int push(mediafiles_recorder *recorder, uint32_t track, const frame &give
     return mediafiles_recorder_push(recorder, track, given.data.data(), given.data.size(), given.time, 0);
 }
 
-/** All sources, in the order in which their frames come, as fast as the recorder stores them. */
-void push_all(mediafiles_recorder *recorder, const std::vector<source> &sources);
+/** All sources, in the order in which their frames come, as fast as the recorder stores them, or with pauses (microseconds). */
+void push_all(mediafiles_recorder *recorder, const std::vector<source> &sources, unsigned pause = 0);
 
 /* ---- What was stored ---- */
 
