@@ -24,7 +24,6 @@ from support import judge
 GIVEN = judge.given("drive", "media", week=6 * 3600, growth=1024)
 SECOND, MILLISECOND = 10**9, 10**6
 FRAME = 1024 * SECOND // 48000
-KEY, DISC = 1, 2
 ANY_START, JOIN_STEPS = 1, 4
 (BEGUN, FINISHED, RECOVERED, NOT_RECOVERED, DELETED, STALLED, DROPPED, REFUSED, FULL, NO_MEDIUM, WRITE_ERROR, GOES_ON,
  CLOCK, KEY_WANTED, LOST) = range(1, 16)
@@ -190,7 +189,6 @@ class Recording:
         self.said = [json.loads(line) for line in done.stderr.splitlines()]
         self.looks = [line for line in self.said if "look" in line]
         self.end = self.looks[-1] if self.looks else None
-        self.not_taken = [line for line in self.said if "not_taken" in line]
         self.paths = sorted(self.directory.glob("*.mp4"))
 
     def events(self, kind):

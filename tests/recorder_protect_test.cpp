@@ -1,5 +1,4 @@
 /** What an event asks of the recorder: files that are kept whatever happens, and what was seen before it. */
-#include <fstream>
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>

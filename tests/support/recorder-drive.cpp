@@ -14,7 +14,7 @@
  *     kill                              ends the process, as SIGKILL does
  *     mark                              makes a system call that nothing else makes
  *
- * What happens is printed on standard error, a JSON object a line: events, looks, and the frames that were not taken.
+ * What happens is printed on standard error, a JSON object a line: events and looks.
  */
 #include <algorithm>
 #include <atomic>
@@ -244,11 +244,8 @@ int main(int argc, char **argv)
                     begin + nanoseconds(static_cast<int64_t>(double(each.number - first->number) / asked.speed)));
             else
                 wait_until([&] { return stats_of(recorder).queue_used < half; });
-            const int result = mediafiles_recorder_push(recorder, each.track, media.data() + each.offset, each.length,
-                                                        each.number, each.flags);
-            if (result != 0)
-                fprintf(stderr, "{\"not_taken\": %d, \"error\": %d, \"track\": %u, \"time\": %jd}\n", result,
-                        result < 0 ? errno : 0, each.track, intmax_t{each.number});
+            mediafiles_recorder_push(recorder, each.track, media.data() + each.offset, each.length, each.number,
+                                     each.flags);
             break;
         }
         case step::stall:
