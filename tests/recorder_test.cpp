@@ -190,7 +190,7 @@ TEST(Recorder, WhatIsHeldBackBecomesSafeWithoutASuccessor)
 /** The journal has no place for it: the first sample of the file has it, too. */
 TEST(Recorder, ALargeParameterSetSurvivesAKill)
 {
-    for (const size_t size : {508, 509, 1'000}) {
+    for (const size_t size : {508u, 509u, 1'000u}) {
         SCOPED_TRACE(size);
         stream video = camera(1, 5'000);
         const bytes code = {0, 0, 0, 1};
