@@ -330,10 +330,10 @@ TEST(Recorder, RecoversAndFollowsOnlyFilesOfItsPattern)
     const std::vector<mp4_track_desc> tracks = {h264()};
     const std::string theirs = on.path() + "/00000001.mp4";
     fs::create_directory(theirs);
-    for (const char *name : {"/a.mp4", "/a.mp4.journal"}) std::ofstream(theirs + name);
+    for (const char *name : {"00000001.mp4/a.mp4", "00000001.mp4/a.mp4.journal"}) on.put(name, {});
     fs::create_directory_symlink(theirs, on.path() + "/00000002.mp4");
-    for (const char *name : {"/00000001.mp4.journal", "/00000002.mp4.journal", "/9999999999.mp4"})
-        std::ofstream(on.path() + name);
+    for (const char *name : {"00000001.mp4.journal", "00000002.mp4.journal", "9999999999.mp4"}) on.put(name, {});
+    ASSERT_EQ(mkfifo((on.path() + "/00000009.mp4").c_str(), 0600), 0);
     const recorder_ptr recorder = start(on, tracks, [](auto &o) { o.sync_ns = o.longest_gap_ns = INT64_MAX - 1; });
     push_all(recorder, {{h264(), camera(2, 5'000)}});
     ASSERT_EQ(mediafiles_recorder_stop(recorder, -1), 0);
