@@ -401,11 +401,8 @@ TEST(Recorder, TheOldestFilesMakeRoom)
 TEST(Recorder, TheOldestFilesMakeRoomForEachThatIsFinished)
 {
     const card on;
-    const std::vector<mp4_track_desc> tracks = {h264()};
-    mediafiles_recorder_options options = options_for(on, tracks);
-    options.segment_ns = 400 * millisecond;
-    options.quota_bytes = 3 * 120'000;
-    const recorder_ptr recorder = {mediafiles_recorder_start(&options)};
+    const recorder_ptr recorder =
+        start(on, {h264()}, [](auto &o) { o.segment_ns = 400 * millisecond, o.quota_bytes = 3 * 120'000; });
     syncs.close();
     push_all(recorder, {{h264(), camera(12, 100'000)}});
     ASSERT_TRUE(comes_true([&] { return stats_of(recorder).files == 12; }));
