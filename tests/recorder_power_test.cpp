@@ -418,7 +418,8 @@ struct proof {
                             const bytes bad = damaged(is, was, from * unit, to * unit, way);
                             offer_with(", " + path + " " + way + " " + std::to_string(unit) + " " +
                                            std::to_string(from) + " " + std::to_string(to),
-                                       at.now, [&](int each) { return each == number ? bad : now(each); });
+                                       at.now,
+                                       [&, number = number](int each) { return each == number ? bad : now(each); });
                         }
             }
         }
