@@ -192,7 +192,7 @@ TEST(RecorderEvents, AFileHoldsWhatCameBeforeAndAfter)
         const played all = play(on);
         ASSERT_EQ(all.files.size(), c.files.size());
         const stream video = camera(pushed, 20'000);
-        uint64_t stored = 0;
+        size_t stored = 0;
         for (size_t i = 0; i < c.files.size(); ++i) {
             const auto [first, last] = c.files[i];
             ASSERT_EQ(all.files[i].tracks[0].samples.size(), last - first);
