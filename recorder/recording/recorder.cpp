@@ -77,13 +77,14 @@ void abandon(state &shared)
     shared.frames.close();
 }
 
-/* While it exists, new threads get no signal: those of a process are for the threads that it knows. */
+/* While it exists, new threads get no signal but those of their own faults: others are for the threads that it knows. */
 class without_signals {
 public:
     without_signals()
     {
         sigset_t all;
         sigfillset(&all);
+        for (const int own : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT, SIGSYS}) sigdelset(&all, own);
         pthread_sigmask(SIG_BLOCK, &all, &before_);
     }
     ~without_signals() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
