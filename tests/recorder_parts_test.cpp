@@ -119,12 +119,6 @@ TEST(Names, DatesAreThoseOfTheSystem)
     }
 }
 
-TEST(Names, DirectoriesOutermostFirst)
-{
-    EXPECT_EQ(directories_of("a/b/c.mp4"), (std::vector<std::string_view>{"a", "a/b"}));
-    EXPECT_TRUE(directories_of("c.mp4").empty());
-}
-
 /* ---- Times ---- */
 
 constexpr int64_t second = 1'000'000'000;

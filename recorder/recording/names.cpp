@@ -226,11 +226,4 @@ std::optional<uint64_t> name_pattern::match(std::string_view path) const
     return number;
 }
 
-std::vector<std::string_view> directories_of(std::string_view path)
-{
-    std::vector<std::string_view> all;
-    for (size_t at = path.find('/'); at != path.npos; at = path.find('/', at + 1)) all.push_back(path.substr(0, at));
-    return all;
-}
-
 } // namespace mediafiles::recorder

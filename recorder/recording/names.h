@@ -82,7 +82,4 @@ private:
     bool numbered_ = false;
 };
 
-/** The directories of a path, outermost first: "a" and "a/b" of "a/b/c.mp4". Views into the path. */
-std::vector<std::string_view> directories_of(std::string_view path);
-
 } // namespace mediafiles::recorder
