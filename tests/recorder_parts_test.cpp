@@ -471,6 +471,21 @@ TEST(Frames, AreTakenApartHoweverTheyAreCut)
     }
 }
 
+/* A device's buffer, written again too early: no byte goes beyond the place that the frame was given. */
+TEST(Frames, ThatChangeWhileTheyAreStoredStayInTheirPlace)
+{
+    const bytes unit = hex("000001 41e0"), shorter = hex("000001 41");
+    bytes frame;
+    for (int i = 0; i < 17; i++) frame.insert(frame.end(), unit.begin(), unit.end());
+    frame.resize(frame.size() + 96, 0xe0);
+    const iovec whole[] = {piece(frame, 0, frame.size())};
+    const frame_facts facts = look_at_frame(h264, whole);
+    for (size_t at = 80; at + 4 <= frame.size(); at += 4) std::copy_n(shorter.data(), 4, frame.data() + at);
+    bytes sample(facts.stored_size + 1, 0xEE);
+    store_frame(h264, whole, facts, sample.data());
+    EXPECT_EQ(sample.back(), 0xEE);
+}
+
 TEST(Frames, SoundThatATrackCanState)
 {
     for (const uint32_t rate : {7350u, 8000u, 44100u, 64000u}) EXPECT_TRUE(can_state({6, 16, rate}));

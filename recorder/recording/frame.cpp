@@ -315,7 +315,10 @@ void store_frame(const mp4_track_desc &track, frame_pieces pieces, const frame_f
         reader.copy(facts.noted[0].begin, to, facts.noted[0].size);
         return;
     }
+    uint32_t left = facts.stored_size;
     const auto store = [&](uint32_t begin, uint32_t size) {
+        if (left < length_size || left - length_size < size) return; // the caller changes the frame meanwhile
+        left -= length_size + size;
         recovery::store_be32(to, size);
         to += length_size + reader.copy(begin, to + length_size, size);
     };

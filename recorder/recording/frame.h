@@ -64,7 +64,10 @@ struct frame_facts {
 /** Only the codec, and for sound rate and channels, of the track matter. With a fault nothing else is said. */
 frame_facts look_at_frame(const mp4_track_desc &, frame_pieces);
 
-/** Writes exactly facts.stored_size bytes. The same track and pieces as those that were looked at, which had no fault. */
+/**
+ * Writes facts.stored_size bytes. The same track and pieces as those that were looked at, which had no fault. Where their
+ * bytes have changed since, it writes no more than that.
+ */
 void store_frame(const mp4_track_desc &, frame_pieces, const frame_facts &, uint8_t *to);
 
 struct parameter_set {
