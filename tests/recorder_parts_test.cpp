@@ -380,7 +380,8 @@ constexpr mp4_track_desc h264 = {MP4_TRACK_H264, {}}, h265 = {MP4_TRACK_H265, {}
 std::string outcome(const mp4_track_desc &track, frame_pieces pieces, bytes &sample)
 {
     const frame_facts facts = look_at_frame(track, pieces);
-    if (facts.fault != frame_fault::none) return std::string("fault: ") + text(facts.fault);
+    const auto fault = static_cast<uint32_t>(facts.fault);
+    if (fault != 0) return std::string("fault: ") + mediafiles_refused_text(fault);
     sample.assign(facts.stored_size + 1, 0xEE);
     store_frame(track, pieces, facts, sample.data());
     EXPECT_EQ(sample.back(), 0xEE);
@@ -423,9 +424,9 @@ const struct {
     {"H.265, picture of an upper layer alone", h265, "000001 260980", "", "00000003 260980"},
     {"H.265 recovery point", h265, "000001 4e01060180 80 000001 0201d0", "recovery picture", nullptr},
     {"nothing", h264, "", "fault: it is empty", nullptr},
-    {"no start code", h264, "6588", "fault: it does not begin with a start code", nullptr},
-    {"something before it", h264, "00ff000001 6588", "fault: it does not begin with a start code", nullptr},
-    {"zeros", h264, "00000000", "fault: it does not begin with a start code", nullptr},
+    {"no start code", h264, "6588", "fault: it has no start code", nullptr},
+    {"something before it", h264, "00ff000001 6588", "fault: it has no start code", nullptr},
+    {"zeros", h264, "00000000", "fault: it has no start code", nullptr},
     {"start code at the end", h264, "000001 6588 000001", "fault: a NAL unit header is cut off", nullptr},
     {"slice without a header", h264, "000001 65", "fault: a NAL unit header is cut off", nullptr},
     {"H.265, half a header", h265, "000001 26 000001 260180", "fault: a NAL unit header is cut off", nullptr},

@@ -278,29 +278,6 @@ frame_fault look(const mp4_track_desc &track, frame_pieces pieces, frame_facts &
 
 } // namespace
 
-const char *text(frame_fault fault)
-{
-    switch (fault) {
-    case frame_fault::none:
-        return "it can be stored";
-    case frame_fault::empty:
-        return "it is empty";
-    case frame_fault::too_large:
-        return "it is too large for a sample";
-    case frame_fault::no_start_code:
-        return "it does not begin with a start code";
-    case frame_fault::truncated_header:
-        return "a NAL unit header is cut off";
-    case frame_fault::bad_set:
-        return "a parameter set has no valid number";
-    case frame_fault::bad_adts:
-        return "its ADTS header is damaged";
-    case frame_fault::other_format:
-        return "its ADTS header does not fit the track";
-    }
-    return "";
-}
-
 frame_facts look_at_frame(const mp4_track_desc &track, frame_pieces pieces)
 {
     frame_facts facts;

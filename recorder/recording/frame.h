@@ -36,8 +36,6 @@ enum class frame_fault : uint8_t {
     bad_adts,         // an ADTS header that is cut, or has another length than the frame
     other_format,     // an ADTS header of another profile, rate or channel count than the track's, or several blocks
 };
-/** As a message has it: "it has no start code". */
-const char *text(frame_fault);
 
 struct frame_facts {
     frame_fault fault = frame_fault::none;

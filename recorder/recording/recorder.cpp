@@ -373,6 +373,25 @@ const char *mediafiles_event_text(uint32_t kind)
     return kind < std::size(texts) ? texts[kind] : "";
 }
 
+const char *mediafiles_refused_text(uint32_t reason)
+{
+    static constexpr const char *texts[] = {
+        "",
+        "it is empty",
+        "it is too large",
+        "it has no start code",
+        "a NAL unit header is cut off",
+        "a parameter set has no valid number",
+        "its ADTS header is damaged",
+        "its ADTS header does not fit the track",
+        "a file begins with a key frame",
+        "no parameter set says its size",
+        "its time is out of range",
+    };
+    static_assert(std::size(texts) == MEDIAFILES_REFUSED_TIME + 1);
+    return reason < std::size(texts) ? texts[reason] : "";
+}
+
 int mediafiles_recorder_event_descriptor(mediafiles_recorder *recorder)
 {
     return recorder->shared->events.descriptor();

@@ -10,34 +10,6 @@ namespace tools {
 
 namespace {
 
-const char *refusal(uint32_t reason)
-{
-    switch (reason) {
-    case MEDIAFILES_REFUSED_EMPTY:
-        return "it holds nothing";
-    case MEDIAFILES_REFUSED_TOO_LARGE:
-        return "it is too large";
-    case MEDIAFILES_REFUSED_NO_START_CODE:
-        return "it has no start code";
-    case MEDIAFILES_REFUSED_TRUNCATED_HEADER:
-        return "a NAL unit header is cut off";
-    case MEDIAFILES_REFUSED_BAD_SET:
-        return "a parameter set cannot be read";
-    case MEDIAFILES_REFUSED_BAD_ADTS:
-        return "its framing is broken";
-    case MEDIAFILES_REFUSED_OTHER_FORMAT:
-        return "its ADTS header does not fit the track";
-    case MEDIAFILES_REFUSED_BEFORE_KEY:
-        return "a file begins with a key frame";
-    case MEDIAFILES_REFUSED_NO_SETS:
-        return "no parameter set says its size";
-    case MEDIAFILES_REFUSED_TIME:
-        return "its time is out of range";
-    default:
-        return "it cannot be stored";
-    }
-}
-
 std::string frames(uint64_t count)
 {
     return std::to_string(count) + (count == 1 ? " frame" : " frames");
@@ -72,7 +44,7 @@ event_message message_of(const mediafiles_recorder_event &event, const std::stri
     case MEDIAFILES_EVENT_DROPPED:
         return {weight::problem, "no room in the queue: " + stream + ": " + frames(event.count) + " lost"};
     case MEDIAFILES_EVENT_REFUSED:
-        return {weight::problem, "frame dropped: " + stream + ": " + refusal(event.reason)};
+        return {weight::problem, "frame dropped: " + stream + ": " + mediafiles_refused_text(event.reason)};
     case MEDIAFILES_EVENT_FULL:
         return lasting("cannot write", path, event.error != 0 ? event.error : ENOSPC);
     case MEDIAFILES_EVENT_NO_MEDIUM:
