@@ -130,17 +130,10 @@ bool queue::note_use()
     return is_stalled_ = true;
 }
 
-bool queue::goes_on()
-{
-    const std::lock_guard guard(lock_);
-    if (!is_stalled_ || end_ - begin_ > part_in_use(4)) return false;
-    is_stalled_ = false;
-    return true;
-}
-
-bool queue::await(clock::time_point deadline)
+bool queue::await(clock::time_point deadline, bool all)
 {
     std::unique_lock guard(lock_);
+    awaits_all_ = all;
     const auto is_due = [this] {
         skip_padding(next_);
         return next_ < end_ || is_woken_ || is_closed_;
@@ -166,19 +159,24 @@ queue::taken queue::next()
     const std::lock_guard guard(lock_);
     skip_padding(next_);
     if (next_ == end_) return {};
-    const taken found = {&at(next_), next_};
+    taken found = {&at(next_), next_};
     next_ += found.frame->size;
+    found.has_next = next_ != end_;
     seen_ = std::max(seen_, next_);
     return found;
 }
 
-void queue::release(uint64_t position)
+bool queue::release(uint64_t position)
 {
+    bool goes_on;
     {
         const std::lock_guard guard(lock_);
         begin_ = std::min(position, next_);
+        goes_on = is_stalled_ && end_ - begin_ <= part_in_use(4);
+        if (goes_on) is_stalled_ = false;
     }
     released_.notify_all();
+    return goes_on;
 }
 
 queue::wait queue::await_room(uint64_t room, clock::time_point until)
@@ -186,6 +184,10 @@ queue::wait queue::await_room(uint64_t room, clock::time_point until)
     std::unique_lock guard(lock_);
     room = std::min(room, largest());
     const auto is_due = [&] { return is_closed_ || (end_ - begin_ <= part_in_use(2) && has_room(room)); };
+    if (!is_due()) {
+        is_woken_ = true; // what it has not taken takes room
+        wake_.notify_one();
+    }
     if (until == clock::time_point::max())
         released_.wait(guard, is_due);
     else if (!released_.wait_until(guard, until, is_due))

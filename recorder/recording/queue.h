@@ -93,14 +93,15 @@ public:
     /**
      * Adds a frame.
      *
+     * @param now   when it was given
      * @param room  bytes that fill may write
      * @param fill  (uint8_t *to, entry &) sets length and flags; false: the frame is refused. Called with the lock held
      */
     template <class Fill>
-    result push(uint32_t track, int64_t time, uint64_t room, uint32_t flags, Fill fill)
+    result push(uint32_t track, int64_t time, clock::time_point now, uint64_t room, uint32_t flags, Fill fill)
     {
         result made = {outcome::taken, {}, false};
-        const clock::time_point now = clock::now();
+        bool wakes;
         {
             const std::lock_guard guard(lock_);
             if (is_closed_) return {outcome::closed, {}, false};
@@ -128,28 +129,37 @@ public:
             state.last = time;
             append(*to);
             made.stalls = note_use();
+            wakes = track == leader_ || awaits_all_ || end_ - next_ > (capacity() - kept_) / 4;
         }
-        wake_.notify_one();
+        if (wakes) wake_.notify_one();
         return made;
     }
-
-    /** Whether more than half of the queue was used and no more than a quarter is: once for each `stalls`. */
-    bool goes_on();
 
     /** An entry that next gave; it stays in place until it is released. */
     struct taken {
         const entry *frame = nullptr;
         uint64_t position = 0;
+        bool has_next = false; // another one may be there
     };
-    /** Waits for an entry, until the deadline, wake or close. @return whether there is one */
-    bool await(clock::time_point deadline);
+    /**
+     * Waits for an entry, until the deadline, wake or close.
+     *
+     * @param all  frames of any track end the wait; otherwise those of the leading track, and others when a quarter of
+     *             the queue is full of them
+     * @return whether there is one
+     */
+    bool await(clock::time_point deadline, bool all);
     /** Waits until wake or close. @return false: what comes is left where it is */
     bool rest();
     /** The next entry, or none. */
     taken next();
 
-    /** What lies before this position is not needed any more; `everything`: all that next gave. */
-    void release(uint64_t position);
+    /**
+     * What lies before this position is not needed any more; `everything`: all that next gave.
+     *
+     * @return whether more than half of the queue was used and no more than a quarter is: once for each `stalls`
+     */
+    bool release(uint64_t position);
     static constexpr uint64_t everything = UINT64_MAX;
 
     enum class wait { over, timed_out, closed };
@@ -225,6 +235,7 @@ private:
     uint64_t end_ = 0;
     uint64_t seen_ = 0; // what lies before was given once: it stays where it is
     uint64_t most_used_ = 0;
+    bool awaits_all_ = true;
     bool is_stalled_ = false, is_woken_ = false, is_closed_ = false;
     std::array<track_state, MP4_MAX_TRACKS> tracks_;
 };

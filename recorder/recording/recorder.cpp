@@ -233,7 +233,7 @@ int mediafiles_recorder_pushv(mediafiles_recorder *recorder, uint32_t track, con
         (facts.begins_picture ? frame_begins : 0) | (facts.has_sets ? frame_has_sets : 0) |
         (facts.recovery_point ? frame_is_recovery : 0) | (flags & MEDIAFILES_DISC ? frame_steps : 0));
     const queue::result made =
-        shared.frames.push(track, time, facts.stored_size, known, [&](uint8_t *to, queue::entry &entry) {
+        shared.frames.push(track, time, begin, facts.stored_size, known, [&](uint8_t *to, queue::entry &entry) {
             store_frame(description, frame, facts, to);
             entry.length = facts.stored_size;
             return true;

@@ -14,6 +14,7 @@ void writer::feed(uint32_t track, const queue::taken &part)
     track_input &input = tracks_[track];
     const queue::entry &frame = *part.frame;
     input.done_until = part.position + 1;
+    none_late_until_ = std::min(none_late_until_, frame.pushed + patience_); // the least that any waits
     if (options_.is_video(track)) {
         if (frame.flags & frame_after_tear && !input.held.empty()) {
             lose(track, input.held);
@@ -214,7 +215,6 @@ void writer::hand_over(uint32_t track, mp4_time time, int64_t reached)
 {
     track_input &input = tracks_[track];
     open_file &file = *input.file;
-    const clock::time_point begin = clock::now();
     const auto bytes = input.sample(scratch_);
     bool is_stored = has_room_for(file, bytes.size());
     if (is_stored && file.files().add(track, bytes, time, input.held.has(frame_is_key), reached) != 0) {
@@ -223,7 +223,6 @@ void writer::hand_over(uint32_t track, mp4_time time, int64_t reached)
         int none = 0;
         file.shared->error.compare_exchange_strong(none, errno);
     }
-    shared_->count.write.note(begin);
     if (is_stored) {
         track_counters &count = shared_->count.tracks[track];
         ++count.frames;

@@ -55,28 +55,35 @@ bool writer::turn()
 {
     queue &frames = shared_->frames;
     answer_requests();
-    if (frames.is_drained()) return false;
+    if (is_unplaced_ && frames.is_drained()) return false;
     if (!is_paused() && shared_->is_new_medium.exchange(false)) survey();
     if (is_unplaced_ && (!rests() || frames.is_closed())) place_again();
     const bool goes_on = !is_unplaced_ && (!rests() || frames.is_closed());
-    const bool is_there = goes_on ? frames.await(deadline()) : frames.rest();
-    answer_requests(); // all those that were made before this frame was pushed
-    if (goes_on) {
-        const queue::taken next = is_there ? frames.next() : queue::taken();
-        as_of_ = next.frame ? next.frame->pushed : clock::now();
-        if (next.frame) take(next);
-        pass_on(false);
+    const bool is_there = goes_on ? frames.await(deadline(), tracks_[leader_].held.empty()) : frames.rest();
+    const clock::time_point begin = clock::now();
+    if (is_there) {
+        take_some();
+    } else {
+        answer_requests();
+        if (frames.is_drained()) {
+            end_for_pause();
+            return false;
+        }
+        if (goes_on) {
+            as_of_ = begin;
+            pass_on(false);
+        }
+        if (!shared_->is_abandoned) release_late();
     }
     if (shared_->is_abandoned) return false;
     const clock::time_point now = clock::now();
-    release_late();
     end_for_pause();
     give_up_failed();
     end_old_files(now, is_paused());
     if (files_.empty() && shared_->paused.let_go()) syncs_->make_room();
     make_rounds(now);
     release();
-    if (frames.goes_on()) shared_->report({.kind = MEDIAFILES_EVENT_GOES_ON});
+    shared_->count.write.note(begin);
     return true;
 }
 
@@ -139,6 +146,33 @@ void writer::survey()
 
 /* ---- Order ------------------------------------------------------------- */
 
+/*
+ * Frames of the other tracks wait for the leading one: while one of that track
+ * is held back, and its successor must come before long, they wake nobody. They
+ * are taken with it, one after the other as if each had woken the thread; where
+ * more than that can follow from a frame, the turn ends with it.
+ */
+void writer::take_some()
+{
+    for (queue::taken next = {nullptr, 0, true}; next.has_next;) {
+        answer_requests(); // all those that were made before this frame was pushed
+        next = shared_->frames.next();
+        if (!next.frame) return;
+        as_of_ = next.frame->pushed;
+        take(next);
+        pass_on(false);
+        release_late();
+        if (next.frame->track == leader_ || !is_steady()) return;
+    }
+}
+
+/* One file is recorded, nothing stops it, and nobody waits for its next round. */
+bool writer::is_steady() const
+{
+    return files_.size() == 1 && current_ && !current_->has_failed && !is_unplaced_ && !is_paused() &&
+           seen_until_ < round_at_ && !shared_->is_abandoned;
+}
+
 void writer::take(const queue::taken &taken)
 {
     const uint32_t track = taken.frame->track;
@@ -194,6 +228,7 @@ std::chrono::nanoseconds writer::patience_for(const track_input &input) const
 /* A frame is late when its successor was not pushed in time; that it waits in the queue, while the medium stalls, is not. */
 void writer::release_late()
 {
+    if (as_of_ < none_late_until_) return;
     for (uint32_t track = 0; track < options_.track_count(); ++track) {
         track_input &input = tracks_[track];
         if (!input.incoming.empty() && as_of_ - input.incoming.pushed() >= parts_patience) set_aside(track);
@@ -204,6 +239,17 @@ void writer::release_late()
         else if (const auto given = line.release(track))
             hand_over(track, *given, line.usual_next(track));
     }
+    none_late_until_ = clock::time_point::max();
+    for (const track_input &input : tracks_) none_late_until_ = std::min(none_late_until_, late_at(input));
+}
+
+/* When time does something to what the track has. */
+clock::time_point writer::late_at(const track_input &input) const
+{
+    clock::time_point first = clock::time_point::max();
+    if (!input.incoming.empty()) first = std::min(first, input.incoming.pushed() + parts_patience);
+    if (!input.held.empty()) first = std::min(first, input.held.pushed() + patience_for(input));
+    return first;
 }
 
 void writer::count_running(const open_file *but)
@@ -231,12 +277,10 @@ void writer::make_rounds(clock::time_point now)
         if (is_awaited) file.had_round = false;
         if (file.has_failed || file.shared->is_busy || !file.files().has_news()) continue;
         if (file.had_round && now < later(file.last_round, options_.sync)) continue;
-        const clock::time_point begin = clock::now();
         if (file.files().take_round(file.shared->pending) != 0) {
             file.shared->error = errno;
             continue;
         }
-        shared_->count.write.note(begin);
         if (&file == current_) pace_ = file.files().rate();
         file.had_round = true;
         file.last_round = now;
@@ -251,15 +295,14 @@ void writer::release()
         oldest = std::min({oldest, input.incoming.position(), input.held.position()});
         if (!input.waiting.empty()) oldest = std::min(oldest, input.waiting.front().position);
     }
-    shared_->frames.release(oldest);
+    if (shared_->frames.release(oldest)) shared_->report({.kind = MEDIAFILES_EVENT_GOES_ON});
 }
 
 clock::time_point writer::deadline() const
 {
     clock::time_point first = clock::time_point::max();
     for (const track_input &input : tracks_) {
-        if (!input.incoming.empty()) first = std::min(first, input.incoming.pushed() + parts_patience);
-        if (!input.held.empty()) first = std::min(first, input.held.pushed() + patience_for(input));
+        first = std::min(first, late_at(input));
         if (!input.waiting.empty())
             first = std::min(first, input.waiting.front().frame->pushed + patience_with_leader());
     }

@@ -63,12 +63,15 @@ private:
     bool is_paused() const { return shared_->paused.why() != pause::none; }
     bool rests() const { return is_paused() && !is_idle_; }
     void end_for_pause();
+    void take_some();
+    bool is_steady() const;
     void take(const queue::taken &);
     void pass_on(bool all);
     bool may_go(uint32_t track, const queue::taken &) const;
     std::chrono::nanoseconds patience_with_leader() const;
     std::chrono::nanoseconds patience_for(const track_input &) const;
     void release_late();
+    clock::time_point late_at(const track_input &) const;
     void count_running(const open_file *but = nullptr);
     void make_rounds(clock::time_point now);
     void release();
@@ -141,9 +144,10 @@ private:
     open_file *current_ = nullptr;
     int64_t passed_ = 0; // on the capture line, up to the leading track's latest frame in a file
     uint64_t seen_until_ = 0;
-    clock::time_point as_of_ = {};          // when the latest frame was pushed; later once none waits
-    int64_t protect_until_ = -1;            // files that begin until then, on the capture line
-    uint64_t round_at_ = queue::everything; // position: a round is made at once when the queue has come there
+    clock::time_point as_of_ = {};           // when the latest frame was pushed; later once none waits
+    clock::time_point none_late_until_ = {}; // of frames that are held or incoming
+    int64_t protect_until_ = -1;             // files that begin until then, on the capture line
+    uint64_t round_at_ = queue::everything;  // position: a round is made at once when the queue has come there
 
     /* A start of a group of pictures in the memory of event mode. */
     struct group {
