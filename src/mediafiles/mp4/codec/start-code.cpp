@@ -3,9 +3,9 @@
 //
 // In a start code, 00 00 01, a zero at an even address is followed by 0 or 1.
 // The vector code skips blocks without such a pair. Bytes of different parts of
-// a block may make one up, in a few blocks of a hundred; these are examined
-// part by part. A part that has a pair, and both ends of the data, are left to
-// the portable code.
+// a block may make one up, in six blocks of a hundred; in these the pair is
+// looked for group by group, and in a group part by part. A part that has a
+// pair, and both ends of the data, are left to the portable code.
 
 #include "mediafiles/mp4/codec/start-code.h"
 
@@ -27,7 +27,8 @@ namespace {
 #if defined(SEARCH_SSE2) || defined(SEARCH_NEON)
 
 constexpr ptrdiff_t part = 16; // bytes; their addresses are multiples of it
-constexpr ptrdiff_t block = 8 * part;
+constexpr ptrdiff_t group = 4 * part;
+constexpr ptrdiff_t block = 4 * group;
 
 #else
 
@@ -81,9 +82,15 @@ bool has_pair(bytes of)
 
 #if defined(SEARCH_SSE2) || defined(SEARCH_NEON)
 
-bytes least_of_four(const uint8_t *at)
+bytes least_of_group(const uint8_t *at)
 {
     return least(least(load(at), load(at + part)), least(load(at + 2 * part), load(at + 3 * part)));
+}
+
+bytes least_of_block(const uint8_t *at)
+{
+    return least(least(least_of_group(at), least_of_group(at + group)),
+                 least(least_of_group(at + 2 * group), least_of_group(at + 3 * group)));
 }
 
 // The first part from `at` on that has a pair; or where less than a part is left.
@@ -92,9 +99,11 @@ const uint8_t *skip_parts(const uint8_t *at, const uint8_t *last)
     for (;;) {
         if (last - at >= block) {
             const uint8_t *const last_block = last - block;
-            while (at <= last_block && !has_pair(least(least_of_four(at), least_of_four(at + 4 * part)))) at += block;
+            while (at <= last_block && !has_pair(least_of_block(at))) at += block;
         }
-        const uint8_t *const end = last - at > block ? at + block : last;
+        const uint8_t *end = last - at > block ? at + block : last;
+        while (end - at >= group && !has_pair(least_of_group(at))) at += group;
+        if (end - at > group) end = at + group;
         while (end - at >= part && !has_pair(load(at))) at += part;
         if (end - at >= part || end == last) return at;
     }
