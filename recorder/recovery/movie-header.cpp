@@ -77,17 +77,17 @@ bool track_places::begin_chunk()
     return true;
 }
 
-bool track_places::next(place &out)
+bool track_places::next(extent &out)
 {
     return take(out, false);
 }
 
-bool track_places::next_run(place &out)
+bool track_places::next_run(extent &out)
 {
     return take(out, true);
 }
 
-bool track_places::take(place &out, bool run)
+bool track_places::take(extent &out, bool run)
 {
     const uint32_t samples = track_.stsz.count - sample_;
     if (!sound_ || samples == 0) return false;
@@ -318,7 +318,7 @@ bool movie_header::sync_samples_ascend(const header_track &track)
 bool movie_header::covers(uint64_t begin, uint64_t end)
 {
     begin_places();
-    place next[MP4_MAX_TRACKS];
+    extent next[MP4_MAX_TRACKS];
     bool waits[MP4_MAX_TRACKS];
     for (uint32_t i = 0; i < count_; ++i) waits[i] = places_[i]->next_run(next[i]);
     uint64_t at = begin;
@@ -347,7 +347,7 @@ void movie_header::begin_places()
 
 bool movie_header::has_next(uint32_t track, uint64_t offset, uint32_t size)
 {
-    place next;
+    extent next;
     return track < count_ && places_[track]->next(next) && next.offset == offset && next.size == size;
 }
 

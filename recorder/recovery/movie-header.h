@@ -15,7 +15,7 @@
 
 namespace mediafiles::recovery {
 
-struct place {
+struct extent {
     uint64_t offset; // in the file
     uint64_t size;   // bytes
 };
@@ -47,16 +47,16 @@ public:
     }
 
     // false after the last sample, and where the tables contradict each other: then is_sound is false.
-    bool next(place &out);
+    bool next(extent &out);
     // The next samples of a chunk at once, where they have one size: their table has no entries that would bound them.
-    bool next_run(place &out);
+    bool next_run(extent &out);
     bool is_sound() const { return sound_; }
     // Whether exactly as many chunks were used as there are.
     bool is_complete() const { return sample_ == track_.stsz.count && chunk_ == track_.stco.count && left_ == 0; }
     bool out_of_memory() const { return sizes_.out_of_memory() || chunks_.out_of_memory() || runs_.out_of_memory(); }
 
 private:
-    bool take(place &out, bool run);
+    bool take(extent &out, bool run);
     bool begin_chunk();
     bool begin_run();
     bool fail() { return sound_ = false; }
