@@ -17,7 +17,8 @@ constexpr uint64_t rounded(uint64_t bytes)
 /* The header of one frame of the full size, and room for start codes of three bytes, which grow by one. */
 queue::queue(uint64_t bytes, uint64_t kept, uint32_t video, uint32_t leader, capture_line line)
     : video_(video), leader_(leader), kept_(kept),
-      memory_(static_cast<size_t>(rounded(bytes + kept + spare) / sizeof(entry))), line_(line)
+      memory_(static_cast<size_t>(rounded(bytes + kept + spare) / sizeof(entry))),
+      capacity_(memory_.size() * sizeof(entry)), line_(line)
 {
 }
 
@@ -130,39 +131,64 @@ bool queue::note_use()
     return is_stalled_ = true;
 }
 
+template <class IsDue>
+void queue::sleep(std::unique_lock<std::mutex> &guard, clock::time_point until, IsDue is_due)
+{
+    for (bool is_time_left = true; is_time_left && !is_due();) {
+        taker_.lie_down();
+        guard.unlock();
+        is_time_left = taker_.sleep(until);
+        guard.lock();
+        taker_.get_up();
+    }
+    is_woken_ = false;
+}
+
 bool queue::await(clock::time_point deadline, bool all)
 {
+    if (given_ < reserved_) return true;
     std::unique_lock guard(lock_);
     awaits_all_ = all;
-    const auto is_due = [this] {
+    sleep(guard, deadline, [this] {
         skip_padding(next_);
         return next_ < end_ || is_woken_ || is_closed_;
-    };
-    if (deadline == clock::time_point::max())
-        wake_.wait(guard, is_due);
-    else
-        wake_.wait_until(guard, deadline, is_due);
-    is_woken_ = false;
-    return next_ < end_;
+    });
+    return reserve();
 }
 
 bool queue::rest()
 {
     std::unique_lock guard(lock_);
-    wake_.wait(guard, [this] { return is_woken_ || is_closed_; });
-    is_woken_ = false;
+    sleep(guard, clock::time_point::max(), [this] { return is_woken_ || is_closed_; });
     return false;
+}
+
+/* Entries up to one of the leading track are for the thread that takes them: it needs no lock for each. */
+bool queue::reserve()
+{
+    skip_padding(next_);
+    given_ = next_;
+    for (uint32_t count = 0; count < most_reserved && next_ < end_; ++count) {
+        const entry &each = at(next_);
+        next_ += each.size;
+        if (each.track == leader_) break;
+    }
+    reserved_ = next_;
+    seen_ = std::max(seen_, next_);
+    return given_ < reserved_;
 }
 
 queue::taken queue::next()
 {
-    const std::lock_guard guard(lock_);
-    skip_padding(next_);
-    if (next_ == end_) return {};
-    taken found = {&at(next_), next_};
-    next_ += found.frame->size;
-    found.has_next = next_ != end_;
-    seen_ = std::max(seen_, next_);
+    if (given_ == reserved_) {
+        const std::lock_guard guard(lock_);
+        reserve();
+    }
+    while (given_ < reserved_ && at(given_).track == padding) given_ += at(given_).size;
+    if (given_ == reserved_) return {};
+    taken found = {&at(given_), given_};
+    given_ += found.frame->size;
+    found.has_next = given_ < reserved_;
     return found;
 }
 
@@ -171,7 +197,7 @@ bool queue::release(uint64_t position)
     bool goes_on;
     {
         const std::lock_guard guard(lock_);
-        begin_ = std::min(position, next_);
+        begin_ = std::min(position, given_ < reserved_ ? given_ : next_);
         goes_on = is_stalled_ && end_ - begin_ <= part_in_use(4);
         if (goes_on) is_stalled_ = false;
     }
@@ -184,9 +210,9 @@ queue::wait queue::await_room(uint64_t room, clock::time_point until)
     std::unique_lock guard(lock_);
     room = std::min(room, largest());
     const auto is_due = [&] { return is_closed_ || (end_ - begin_ <= part_in_use(2) && has_room(room)); };
-    if (!is_due()) {
-        is_woken_ = true; // what it has not taken takes room
-        wake_.notify_one();
+    if (!is_due()) { // what was not taken takes room
+        is_woken_ = true;
+        if (taker_.call()) taker_.wake();
     }
     if (until == clock::time_point::max())
         released_.wait(guard, is_due);
@@ -198,7 +224,7 @@ queue::wait queue::await_room(uint64_t room, clock::time_point until)
 void queue::rewind(uint64_t position)
 {
     const std::lock_guard guard(lock_);
-    next_ = position;
+    next_ = given_ = reserved_ = position;
 }
 
 queue::moment queue::now()
@@ -209,20 +235,24 @@ queue::moment queue::now()
 
 void queue::wake()
 {
+    bool wakes;
     {
         const std::lock_guard guard(lock_);
         is_woken_ = true;
+        wakes = taker_.call();
     }
-    wake_.notify_one();
+    if (wakes) taker_.wake();
 }
 
 void queue::close()
 {
+    bool wakes;
     {
         const std::lock_guard guard(lock_);
         is_closed_ = true;
+        wakes = taker_.call();
     }
-    wake_.notify_one();
+    if (wakes) taker_.wake();
     released_.notify_all();
 }
 
@@ -236,7 +266,7 @@ bool queue::is_drained()
 {
     const std::lock_guard guard(lock_);
     skip_padding(next_);
-    return is_closed_ && next_ == end_;
+    return is_closed_ && given_ == reserved_ && next_ == end_;
 }
 
 gap queue::open_gap(uint32_t track)

@@ -27,6 +27,7 @@
 #include <mediafiles/movie.h>
 
 #include "capture-line.h"
+#include "sleeper.h"
 
 namespace mediafiles::recorder {
 
@@ -129,9 +130,9 @@ public:
             state.last = time;
             append(*to);
             made.stalls = note_use();
-            wakes = track == leader_ || awaits_all_ || end_ - next_ > (capacity() - kept_) / 4;
+            wakes = (track == leader_ || awaits_all_ || end_ - next_ > (capacity() - kept_) / 4) && taker_.call();
         }
-        if (wakes) wake_.notify_one();
+        if (wakes) taker_.wake();
         return made;
     }
 
@@ -205,10 +206,15 @@ private:
     };
     /* Positions count bytes from the beginning of time; an entry lies at the position modulo the ring's size. */
     static constexpr uint16_t padding = UINT16_MAX; // as its track: an entry that fills the ring up to its end
-    uint64_t capacity() const { return memory_.size() * sizeof(entry); }
+    static constexpr uint32_t most_reserved = 16;
+    uint64_t capacity() const { return capacity_; }
     /* What is kept, and of the rest one in so many. */
     uint64_t part_in_use(uint64_t divisor) const { return kept_ + (capacity() - kept_) / divisor; }
-    entry &at(uint64_t position) { return memory_[static_cast<size_t>(position % capacity() / sizeof(entry))]; }
+    entry &at(uint64_t position)
+    {
+        return *reinterpret_cast<entry *>(reinterpret_cast<uint8_t *>(memory_.data()) +
+                                          static_cast<size_t>(position % capacity_));
+    }
     bool is_video(uint32_t track) const { return video_ >> track & 1; }
     static bool starts_group(const entry &each)
     {
@@ -222,18 +228,25 @@ private:
     void drop(uint32_t track, int64_t time);
     bool drop_newest_group();
     void skip_padding(uint64_t &position);
+    bool reserve();
     bool note_use();
+    template <class IsDue>
+    void sleep(std::unique_lock<std::mutex> &, clock::time_point until, IsDue);
 
     const uint32_t video_, leader_;
     const uint64_t kept_;
     std::vector<entry> memory_; // entries and the bytes between them
+    const uint64_t capacity_;   // bytes of it
     std::mutex lock_;
     capture_line line_; // of what was pushed
-    std::condition_variable wake_, released_;
+    std::condition_variable released_;
+    sleeper taker_;      // the thread that calls next
     uint64_t begin_ = 0; // oldest entry that is not released
-    uint64_t next_ = 0;  // entry that next gives
+    uint64_t next_ = 0;  // entry that next gives, after those that are reserved
     uint64_t end_ = 0;
-    uint64_t seen_ = 0; // what lies before was given once: it stays where it is
+    uint64_t given_ = 0,
+             reserved_ = 0; // next gives what lies between them; of the thread that calls it, without the lock
+    uint64_t seen_ = 0;     // what lies before was given once: it stays where it is
     uint64_t most_used_ = 0;
     bool awaits_all_ = true;
     bool is_stalled_ = false, is_woken_ = false, is_closed_ = false;

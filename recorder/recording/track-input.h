@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <span>
+#include <utility>
 #include <vector>
 
 #include <mediafiles/movie.h>
@@ -29,6 +30,14 @@ public:
         parts_.clear();
         flags_ = 0;
         size_ = 0;
+    }
+
+    void swap(access_unit &other)
+    {
+        parts_.swap(other.parts_);
+        std::swap(flags_, other.flags_);
+        std::swap(size_, other.size_);
+        std::swap(time_, other.time_);
     }
 
     uint16_t flags() const { return flags_; }

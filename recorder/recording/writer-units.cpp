@@ -173,7 +173,7 @@ void writer::place(uint32_t track, access_unit &unit)
         return;
     }
     input.needs_key = false;
-    shared_->report_gap(track, std::exchange(input.lost, {}));
+    if (input.lost.count != 0) shared_->report_gap(track, std::exchange(input.lost, {}));
     if (to != input.file) {
         leave(track, departure(track));
         enter(track, *to);
@@ -187,7 +187,7 @@ void writer::place(uint32_t track, access_unit &unit)
         shared_->count.made_up += line.made_up() - before;
         if (given && !input.held.empty()) hand_over(track, *given, placed);
     }
-    std::swap(input.held, unit);
+    input.held.swap(unit);
     input.held_time = placed;
 }
 

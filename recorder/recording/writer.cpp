@@ -60,7 +60,7 @@ bool writer::turn()
     if (is_unplaced_ && (!rests() || frames.is_closed())) place_again();
     const bool goes_on = !is_unplaced_ && (!rests() || frames.is_closed());
     const bool is_there = goes_on ? frames.await(deadline(), tracks_[leader_].held.empty()) : frames.rest();
-    const clock::time_point begin = clock::now();
+    const clock::time_point now = clock::now();
     if (is_there) {
         take_some();
     } else {
@@ -70,20 +70,19 @@ bool writer::turn()
             return false;
         }
         if (goes_on) {
-            as_of_ = begin;
+            as_of_ = now;
             pass_on(false);
         }
         if (!shared_->is_abandoned) release_late();
     }
     if (shared_->is_abandoned) return false;
-    const clock::time_point now = clock::now();
     end_for_pause();
     give_up_failed();
     end_old_files(now, is_paused());
     if (files_.empty() && shared_->paused.let_go()) syncs_->make_room();
     make_rounds(now);
     release();
-    shared_->count.write.note(begin);
+    shared_->count.write.note(now);
     return true;
 }
 
