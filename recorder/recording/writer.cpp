@@ -61,6 +61,7 @@ bool writer::turn()
     const bool goes_on = !is_unplaced_ && (!rests() || frames.is_closed());
     const bool is_there = goes_on ? frames.await(deadline(), tracks_[leader_].held.empty()) : frames.rest();
     const clock::time_point now = clock::now();
+    give_up_failed(); // while nothing was taken: the file after it must not begin before the pause
     if (is_there) {
         take_some();
     } else {
