@@ -43,6 +43,7 @@ using std::chrono::nanoseconds, std::chrono::steady_clock;
 /* ---- A medium that stalls ---------------------------------------------- */
 
 static std::atomic<steady_clock::time_point> writes_answer_at, syncs_answer_at;
+static const std::thread::id pusher = std::this_thread::get_id(); // has no calls but its own
 
 extern "C" {
 int __real_fdatasync(int file);
@@ -56,7 +57,8 @@ int __wrap_fdatasync(int file)
 ssize_t __wrap_write(int file, const void *data, size_t size)
 {
     struct stat status;
-    if (steady_clock::now() < writes_answer_at.load() && fstat(file, &status) == 0 && S_ISREG(status.st_mode))
+    if (std::this_thread::get_id() != pusher && steady_clock::now() < writes_answer_at.load() &&
+        fstat(file, &status) == 0 && S_ISREG(status.st_mode))
         std::this_thread::sleep_until(writes_answer_at.load());
     return __real_write(file, data, size);
 }
