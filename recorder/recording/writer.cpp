@@ -61,7 +61,6 @@ bool writer::turn()
     const bool goes_on = !is_unplaced_ && (!rests() || frames.is_closed());
     const bool is_there = goes_on ? frames.await(deadline(), tracks_[leader_].held.empty()) : frames.rest();
     const clock::time_point now = clock::now();
-    give_up_failed(); // while nothing was taken: the file after it must not begin before the pause
     if (is_there) {
         take_some();
     } else {
@@ -77,11 +76,11 @@ bool writer::turn()
         if (!shared_->is_abandoned) release_late();
     }
     if (shared_->is_abandoned) return false;
+    make_rounds(now); // first: what fails is given up before a frame begins the next file
     end_for_pause();
     give_up_failed();
     end_old_files(now, is_paused());
     if (files_.empty() && shared_->paused.let_go()) syncs_->make_room();
-    make_rounds(now);
     release();
     shared_->count.write.note(now);
     return true;
