@@ -456,7 +456,7 @@ class RecorderTest(judge.Test):
         begin, end = (i for i, call in enumerate(mine) if call.startswith("getppid"))
         kinds = (r"futex\(\w+, FUTEX_WAKE", r"write\(\d+<anon_inode:\[eventfd\]>")
         seen = {kind: sum(bool(re.match(kind, call)) for call in mine) for kind in kinds}
-        self.assertTrue(all(seen.values()), seen)
+        self.assertTrue(any(seen.values()), seen)  # which ones depends on what the threads do meanwhile
         short_wait = r"futex\(\w+, FUTEX_WAIT_PRIVATE, 2, NULL"  # for a lock that is taken, which no stall may hold
         others = [call for call in mine[begin + 1:end] if not re.match("|".join((*kinds, short_wait)), call)]
         self.assertEqual((others, made.end["worst_push"] < SECOND // 4), ([], True))
