@@ -11,9 +11,9 @@
 namespace mediafiles::recovery {
 namespace {
 
-/* What a byte does to the CRC: that is followed by no other byte, by one, by two, by three. */
-constexpr std::array<std::array<uint32_t, 256>, 4> crc_tables = [] {
-    std::array<std::array<uint32_t, 256>, 4> tables = {};
+/* What a byte does to the CRC: that is followed by no other byte, by one, by two, up to seven. */
+constexpr std::array<std::array<uint32_t, 256>, 8> crc_tables = [] {
+    std::array<std::array<uint32_t, 256>, 8> tables = {};
     for (uint32_t i = 0; i < 256; ++i) {
         uint32_t value = i;
         for (int bit = 0; bit < 8; ++bit) value = value & 1 ? value >> 1 ^ 0xEDB88320u : value >> 1;
@@ -26,6 +26,11 @@ constexpr std::array<std::array<uint32_t, 256>, 4> crc_tables = [] {
         }
     return tables;
 }();
+
+uint32_t le32(const uint8_t *bytes)
+{
+    return uint32_t{bytes[0]} | uint32_t{bytes[1]} << 8 | uint32_t{bytes[2]} << 16 | uint32_t{bytes[3]} << 24;
+}
 
 static_assert(MEDIAFILES_ROUND_MARK_SIZE == sizeof(memento) + round_mark_length);
 static_assert(repair_mark_size == sizeof(memento) + repair_mark_length);
@@ -79,10 +84,12 @@ uint32_t crc32(uint32_t crc, const void *bytes, size_t count)
 {
     const auto *from = static_cast<const uint8_t *>(bytes);
     crc = ~crc;
-    for (; count >= 4; count -= 4, from += 4) {
-        crc ^= uint32_t{from[0]} | uint32_t{from[1]} << 8 | uint32_t{from[2]} << 16 | uint32_t{from[3]} << 24;
-        crc = crc_tables[3][crc & 0xFF] ^ crc_tables[2][crc >> 8 & 0xFF] ^ crc_tables[1][crc >> 16 & 0xFF] ^
-              crc_tables[0][crc >> 24];
+    for (; count >= 8; count -= 8, from += 8) {
+        crc ^= le32(from);
+        const uint32_t after = le32(from + 4);
+        crc = crc_tables[7][crc & 0xFF] ^ crc_tables[6][crc >> 8 & 0xFF] ^ crc_tables[5][crc >> 16 & 0xFF] ^
+              crc_tables[4][crc >> 24] ^ crc_tables[3][after & 0xFF] ^ crc_tables[2][after >> 8 & 0xFF] ^
+              crc_tables[1][after >> 16 & 0xFF] ^ crc_tables[0][after >> 24];
     }
     for (; count > 0; --count, ++from) crc = crc_tables[0][(crc ^ *from) & 0xFF] ^ crc >> 8;
     return ~crc;
