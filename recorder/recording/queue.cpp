@@ -18,7 +18,9 @@ constexpr uint64_t rounded(uint64_t bytes)
 queue::queue(uint64_t bytes, uint64_t kept, uint32_t video, uint32_t leader, capture_line line)
     : video_(video), leader_(leader), kept_(kept),
       memory_(static_cast<size_t>(rounded(bytes + kept + spare) / sizeof(entry))),
-      capacity_(memory_.size() * sizeof(entry)), line_(line)
+      capacity_(memory_.size() * sizeof(entry)),
+      largest_((kept == 0 ? capacity_ : (capacity_ - kept) / 2) / sizeof(entry) * sizeof(entry) - sizeof(entry)),
+      line_(line)
 {
 }
 
@@ -132,7 +134,7 @@ bool queue::note_use()
 }
 
 template <class IsDue>
-void queue::sleep(std::unique_lock<std::mutex> &guard, clock::time_point until, IsDue is_due)
+void queue::sleep(std::unique_lock<light_lock> &guard, clock::time_point until, IsDue is_due)
 {
     for (bool is_time_left = true; is_time_left && !is_due();) {
         taker_.lie_down();
@@ -194,14 +196,15 @@ queue::taken queue::next()
 
 bool queue::release(uint64_t position)
 {
-    bool goes_on;
+    bool goes_on, is_awaited;
     {
         const std::lock_guard guard(lock_);
         begin_ = std::min(position, given_ < reserved_ ? given_ : next_);
         goes_on = is_stalled_ && end_ - begin_ <= part_in_use(4);
         if (goes_on) is_stalled_ = false;
+        is_awaited = awaiting_room_ != 0;
     }
-    released_.notify_all();
+    if (is_awaited) released_.notify_all();
     return goes_on;
 }
 
@@ -214,11 +217,14 @@ queue::wait queue::await_room(uint64_t room, clock::time_point until)
         is_woken_ = true;
         if (taker_.call()) taker_.wake();
     }
+    ++awaiting_room_;
+    bool is_over = true;
     if (until == clock::time_point::max())
         released_.wait(guard, is_due);
-    else if (!released_.wait_until(guard, until, is_due))
-        return wait::timed_out;
-    return is_closed_ ? wait::closed : wait::over;
+    else
+        is_over = released_.wait_until(guard, until, is_due);
+    --awaiting_room_;
+    return !is_over ? wait::timed_out : is_closed_ ? wait::closed : wait::over;
 }
 
 void queue::rewind(uint64_t position)

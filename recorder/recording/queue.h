@@ -27,7 +27,7 @@
 #include <mediafiles/movie.h>
 
 #include "capture-line.h"
-#include "sleeper.h"
+#include "light-lock.h"
 
 namespace mediafiles::recorder {
 
@@ -86,10 +86,7 @@ public:
     queue(uint64_t bytes, uint64_t kept, uint32_t video, uint32_t leader, capture_line line);
 
     /** Bytes of the largest frame. Half of them lie before the ring's end, when what is kept divides the rest. */
-    uint64_t largest() const
-    {
-        return (kept_ == 0 ? capacity() : (capacity() - kept_) / 2) / sizeof(entry) * sizeof(entry) - sizeof(entry);
-    }
+    uint64_t largest() const { return largest_; }
 
     /**
      * Adds a frame.
@@ -231,18 +228,20 @@ private:
     bool reserve();
     bool note_use();
     template <class IsDue>
-    void sleep(std::unique_lock<std::mutex> &, clock::time_point until, IsDue);
+    void sleep(std::unique_lock<light_lock> &, clock::time_point until, IsDue);
 
     const uint32_t video_, leader_;
     const uint64_t kept_;
     std::vector<entry> memory_; // entries and the bytes between them
     const uint64_t capacity_;   // bytes of it
-    std::mutex lock_;
+    const uint64_t largest_;
+    light_lock lock_;
     capture_line line_; // of what was pushed
-    std::condition_variable released_;
-    sleeper taker_;      // the thread that calls next
-    uint64_t begin_ = 0; // oldest entry that is not released
-    uint64_t next_ = 0;  // entry that next gives, after those that are reserved
+    std::condition_variable_any released_;
+    uint32_t awaiting_room_ = 0; // threads
+    sleeper taker_;              // the thread that calls next
+    uint64_t begin_ = 0;         // oldest entry that is not released
+    uint64_t next_ = 0;          // entry that next gives, after those that are reserved
     uint64_t end_ = 0;
     uint64_t given_ = 0,
              reserved_ = 0; // next gives what lies between them; of the thread that calls it, without the lock
