@@ -1,6 +1,7 @@
 /** What the recorder is made of: names, the times of a file's samples, frames as they are pushed. */
 #include <chrono>
 #include <cstring>
+#include <deque>
 #include <fstream>
 #include <iterator>
 #include <random>
@@ -14,6 +15,7 @@
 #include "recorder/recording/frame.h"
 #include "recorder/recording/names.h"
 #include "recorder/recording/picture-size.h"
+#include "recorder/recording/queue.h"
 #include "recorder/recording/timeline.h"
 #include "support/three-codecs.h"
 
@@ -369,6 +371,101 @@ TEST(Times, WhatTheCoreCannotHoldNeedsANewFile)
     EXPECT_FALSE(line.has_room_for(0, 23'861 * second)); // 2^31 ticks of 1/90000 s
     line.follow(0, second);
     EXPECT_EQ(text_of(line.finish(0, second * 1'000'000)), "2.000000000"); // as long as usual
+}
+
+/* ---- The queue ---- */
+
+/** Video of units in two parts, in groups of six, and sound, pushed and taken at random; each frame is its number. */
+class queue_run {
+public:
+    explicit queue_run(uint32_t seed) : random_(seed) {}
+
+    void push()
+    {
+        const uint32_t track = random_() % 2;
+        const uint64_t number = pushed_[track]++;
+        const uint16_t flags = track == 0 && number % 12 == 0 ? frame_is_key : 0;
+        const auto size = static_cast<uint32_t>(sizeof number + random_() % 3000);
+        const auto fill = [&](uint8_t *to, queue::entry &entry) {
+            memset(to, 0x55, size);
+            memcpy(to, &number, sizeof number);
+            entry.length = size;
+            return true;
+        };
+        const queue::result made = frames_.push(track, time_of(track, number), {}, size, flags, fill);
+        lost_[track] += made.ended.count;
+        if (made.ended.count != 0) { EXPECT_EQ(made.ended.to, time_of(track, number - 1)); }
+        if (track == 0 || made.what == queue::outcome::taken) return;
+        int videos = 0;
+        for (int taken = take(); taken >= 0; taken = take()) videos += taken == 0;
+        EXPECT_LE(videos, 1) << "sound went while there was video that nobody had looked for";
+    }
+
+    /** @return the track of what was taken; without a frame, -1 */
+    int take()
+    {
+        const queue::taken next = frames_.next();
+        if (!next.frame) return -1;
+        const uint32_t track = next.frame->track;
+        uint64_t number;
+        memcpy(&number, next.frame->bytes(), sizeof number);
+        const uint64_t due = taken_[track];
+        EXPECT_GE(number, due);
+        EXPECT_EQ(next.frame->flags & frame_after_gap, number != due ? frame_after_gap : 0);
+        const bool torn = track == 0 && number != due && due % 2 == 1;
+        EXPECT_EQ(next.frame->flags & frame_after_tear, torn ? frame_after_tear : 0) << number << " after " << due;
+        if (track == 0 && number != due) { EXPECT_TRUE(next.frame->flags & frame_is_key); }
+        EXPECT_EQ(next.frame->time, time_of(track, number));
+        count_[track]++;
+        taken_[track] = number + 1;
+        held_.push_back(next);
+        return static_cast<int>(track);
+    }
+
+    void release()
+    {
+        if (held_.empty()) return;
+        const queue::taken oldest = held_.front();
+        held_.pop_front();
+        const uint8_t *const end = oldest.frame->bytes() + oldest.frame->length;
+        EXPECT_TRUE(std::all_of(oldest.frame->bytes() + 8, end, [](uint8_t byte) { return byte == 0x55; }));
+        frames_.release(held_.empty() ? queue::everything : held_.front().position);
+    }
+
+    void expect_all_counted()
+    {
+        while (take() >= 0) release();
+        for (const uint32_t track : {0u, 1u})
+            EXPECT_EQ(count_[track] + lost_[track] + frames_.open_gap(track).count, pushed_[track]);
+    }
+
+private:
+    static int64_t time_of(uint32_t track, uint64_t number)
+    {
+        return static_cast<int64_t>(track == 0 ? number / 2 : number);
+    }
+
+    std::mt19937 random_;
+    queue frames_{30'000, 0, 1, 0, capture_line(second)};
+    std::array<uint64_t, 2> pushed_ = {}, taken_ = {}, count_ = {}, lost_ = {};
+    std::deque<queue::taken> held_;
+};
+
+TEST(Queue, DropsGroupsOfPicturesAndCountsThem)
+{
+    for (uint32_t seed = 0; seed < 50; ++seed) {
+        SCOPED_TRACE(seed);
+        queue_run run(seed);
+        std::mt19937 random(seed);
+        for (int step = 0; step < 2'000 && !testing::Test::HasFailure(); ++step) {
+            const uint32_t pace = step / 200 % 2 ? 2 : 5; // of ten steps that take: the queue fills, and empties
+            run.push();
+            if (random() % 10 < pace) run.take();
+            if (random() % 10 < pace) run.take();
+            if (random() % 10 < 2 * pace) run.release();
+        }
+        run.expect_all_counted();
+    }
 }
 
 /* ---- Frames ---- */

@@ -102,7 +102,7 @@ bool queue::drop_newest_group()
     const uint64_t end = end_;
     gap newer = tracks_[track].dropped; // these were dropped after what goes now
     tracks_[track].dropped = {};
-    tracks_[track].last = INT64_MIN;
+    tracks_[track].last = tracks_[track].seen;
     for (uint64_t position = begin; position < from; position += at(position).size)
         if (at(position).track == track) tracks_[track].last = at(position).time;
 
@@ -111,6 +111,7 @@ bool queue::drop_newest_group()
         const entry header = at(position);
         if (header.track == track) {
             drop(track, header.time);
+            if (header.flags & frame_after_tear) tracks_[track].is_torn = true; // by frames that went before
         } else if (header.track != padding) {
             entry *const to = room_at_end(header.length);
             std::memmove(static_cast<void *>(to), &at(position), sizeof(entry) + header.length);
@@ -172,6 +173,7 @@ bool queue::reserve()
     given_ = next_;
     for (uint32_t count = 0; count < most_reserved && next_ < end_; ++count) {
         const entry &each = at(next_);
+        if (next_ >= seen_ && each.track != padding) tracks_[each.track].seen = each.time;
         next_ += each.size;
         if (each.track == leader_) break;
     }

@@ -199,6 +199,7 @@ private:
     struct track_state {
         bool is_dropping = false, is_torn = false;
         int64_t last = INT64_MIN; // time of the last entry
+        int64_t seen = INT64_MIN; // and of the last one that next gives, or gave
         gap dropped;
     };
     /* Positions count bytes from the beginning of time; an entry lies at the position modulo the ring's size. */
