@@ -76,11 +76,12 @@ bool writer::turn()
         if (!shared_->is_abandoned) release_late();
     }
     if (shared_->is_abandoned) return false;
-    make_rounds(now); // first: what fails is given up before a frame begins the next file
-    end_for_pause();
-    give_up_failed();
-    end_old_files(now, is_paused());
-    if (files_.empty() && shared_->paused.let_go()) syncs_->make_room();
+    do { // what fails in a round is given up before a frame begins the next file
+        end_for_pause();
+        give_up_failed();
+        end_old_files(now, is_paused());
+        if (files_.empty() && shared_->paused.let_go()) syncs_->make_room();
+    } while (!make_rounds(now));
     release();
     shared_->count.write.note(now);
     return true;
@@ -263,8 +264,10 @@ void writer::count_running(const open_file *but)
     shared_->running_samples = samples;
 }
 
-void writer::make_rounds(clock::time_point now)
+/* @return whether all that was to be written is written */
+bool writer::make_rounds(clock::time_point now)
 {
+    bool is_good = true;
     uint64_t unkept = 0;
     for (const auto &each : files_) unkept += each->shared->files.unkept();
     if (unkept != 0) shared_->spare.hold(shared_->directory, unkept + more_to_spare);
@@ -278,6 +281,7 @@ void writer::make_rounds(clock::time_point now)
         if (file.had_round && now < later(file.last_round, options_.sync)) continue;
         if (file.files().take_round(file.shared->pending) != 0) {
             file.shared->error = errno;
+            is_good = false;
             continue;
         }
         if (&file == current_) pace_ = file.files().rate();
@@ -285,6 +289,7 @@ void writer::make_rounds(clock::time_point now)
         file.last_round = now;
         syncs_->sync(file.shared);
     }
+    return is_good;
 }
 
 void writer::release()

@@ -73,7 +73,7 @@ private:
     void release_late();
     clock::time_point late_at(const track_input &) const;
     void count_running(const open_file *but = nullptr);
-    void make_rounds(clock::time_point now);
+    bool make_rounds(clock::time_point now);
     void release();
     clock::time_point deadline() const;
 
