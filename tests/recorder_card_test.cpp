@@ -179,7 +179,6 @@ TEST_P(FullCard, IsShared)
     made.record(20);
     made.stop();
     EXPECT_GE(made.count(MEDIAFILES_EVENT_GOES_ON), 1u);
-    EXPECT_EQ(made.count(MEDIAFILES_EVENT_NOT_RECOVERED), 0u);
     fs::remove(others);
     EXPECT_EQ(on.names().front(), "00000001.mp4") << "it is protected";
     expect_playable(on);

@@ -129,7 +129,8 @@ bool syncer::work()
             name = std::move(to_recover_.back());
             to_recover_.pop_back();
         } else if (taken_.empty() && is_last_) {
-            return false;
+            if (std::exchange(is_ending_, true) || !to_recover_.empty() || lacking_room_.empty()) return false;
+            to_recover_.swap(lacking_room_); // once more: there may be room by now
         }
     }
     if (shared_->is_abandoned) return false;

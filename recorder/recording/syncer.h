@@ -118,7 +118,7 @@ private:
     std::vector<std::string> lacking_room_; // files that could not be completed
     uint64_t room_lacked_ = 0;              // what was free then
     clock::time_point tried_ = {};          // to complete them, or to find the medium
-    bool is_full_reported_ = false;
+    bool is_full_reported_ = false, is_ending_ = false;
     uint32_t failures_ = 0; // files in a row of which nothing could be made safe
     uint64_t round_bytes_ = 0, bytes_before_ = 0;
 };
