@@ -130,67 +130,26 @@ constexpr mp4_track_desc microphone(uint32_t rate)
     return {MP4_TRACK_AAC | MP4_TRACK_RAW, {{2, 16, rate}}};
 }
 
-struct capture {
-    uint32_t track;
-    int64_t time;
-};
-
-/** A builder over a file in memory, with the samples that a timeline holds back. */
-class open_file {
-public:
-    open_file(std::span<const mp4_track_desc> tracks, const timeline &before, int64_t begin) : line(before)
-    {
-        for (const mp4_track_desc &track : tracks) builder_->add_track(builder_.get(), &track);
-        if (builder_->open(builder_.get(), file_, 65536, nullptr) != 0) std::abort();
-        const bytes sps = hex("6742c01e"), pps = hex("68eeff3c");
-        mp4_movie_set_track_sps(builder_->movie, 0, sps.data(), uint32_t(sps.size()));
-        mp4_movie_set_track_pps(builder_->movie, 0, pps.data(), uint32_t(pps.size()));
-        line.begin(begin);
-    }
-    void take(capture sample)
-    {
-        ASSERT_TRUE(line.has_room_for(sample.track, sample.time));
-        if (!line.has_started(sample.track)) return hand_over(sample.track, line.start(sample.track, sample.time));
-        if (const auto time = line.follow(sample.track, sample.time)) hand_over(sample.track, *time);
-    }
-    mp4::file finish(int64_t end)
-    {
-        for (uint32_t i = 0; i + 1 < builder_->movie->next_track_id; i++)
-            if (const auto time = line.finish(i, end)) hand_over(i, *time);
-        if (builder_->close(builder_.get()) != 0) std::abort();
-        return mp4::read(file_content(file_));
-    }
-    void hand_over(uint32_t track, mp4_time time)
-    {
-        static const bytes sample = hex("00000002 6580");
-        const mp4_frame frame = {int32_t(track), sample.data(), uint32_t(sample.size()), time, 1};
-        ASSERT_EQ(error_of(builder_->add_frame(builder_.get(), &frame)), 0);
-    }
-
-    timeline line;
-
-private:
-    descriptor file_;
-    builder_ptr builder_{mp4_builder_create()};
-};
-
-/** When a sample begins, after the file's beginning. */
-int64_t begin_of(const mp4::track &track, const mp4::sample &sample)
+/** A file whose samples have the times that a timeline gives them. */
+mp4::file file_of(const mp4_track_desc &track, timeline &line, const std::vector<int64_t> &times)
 {
-    const bool delayed = !track.edits.empty() && track.edits[0].media_time == -1;
-    const int64_t delay = delayed ? int64_t(track.edits[0].duration) * 1'000'000 : 0;
-    return delay + int64_t(sample.time / track.timescale) * second +
-           int64_t(sample.time % track.timescale) * second / track.timescale;
-}
-
-/** The largest distance of a sample, the second left out, from its capture, in nanoseconds. */
-int64_t most_off(const mp4::track &track, int64_t file_begin, std::span<const int64_t> captured)
-{
-    if (track.samples.size() != captured.size()) return INT64_MAX;
-    int64_t most = 0;
-    for (size_t i = 2; i < captured.size(); i++)
-        most = std::max(most, std::abs(file_begin + begin_of(track, track.samples[i]) - captured[i]));
-    return most;
+    const descriptor file;
+    const builder_ptr owner(mp4_builder_create());
+    mp4_builder *const builder = owner.get();
+    EXPECT_EQ(builder->add_track(builder, &track) | builder->open(builder, file, 65536, nullptr), 0);
+    const auto add = [&](std::optional<mp4_time> time) {
+        const mp4_frame frame = {0, "\0\0\0\2e\x80", 6, time.value_or(mp4_time()), 1};
+        EXPECT_TRUE(!time || builder->add_frame(builder, &frame) == 0);
+    };
+    line.begin(times[0]);
+    add(line.start(0, times[0]));
+    for (size_t i = 1; i < times.size(); i++) {
+        EXPECT_TRUE(line.has_room_for(0, times[i]));
+        add(line.follow(0, times[i]));
+    }
+    add(line.finish(0, line.usual_next(0)));
+    EXPECT_EQ(builder->close(builder), 0);
+    return mp4::read(file_content(file));
 }
 
 struct pace {
@@ -231,77 +190,18 @@ TEST(Times, StayOnTheirFramesForHours)
         SCOPED_TRACE(c.what);
         const int64_t from = -5 * second + 123'456; // any origin
         const std::vector<int64_t> times = times_of(c, from);
-        const mp4_track_desc tracks[] = {c.track};
-        open_file file(tracks, timeline(tracks), times[0]);
-        for (const int64_t time : times) file.take({0, time});
-        const int64_t end = file.line.usual_next(0), begin = file.line.beginning();
-        const mp4::file read = file.finish(end);
-        EXPECT_EQ(int64_t(read.duration) * 1'000'000, whole_millisecond(end) - whole_millisecond(times[0]));
-        EXPECT_LE(most_off(read.tracks[0], begin, times), c.most_off);
-        EXPECT_TRUE(c.most_off != sound_tick || read.tracks[0].stts.size() == 4); // 0, 2048, 1024 ..., the last
+        timeline line({&c.track, 1});
+        const mp4::file read = file_of(c.track, line, times);
+        const mp4::track &track = read.tracks[0];
+        EXPECT_EQ(int64_t(read.duration) * 1'000'000, whole_millisecond(line.usual_next(0)) - line.beginning());
+        EXPECT_EQ(line.beginning(), whole_millisecond(times[0]));
+        ASSERT_EQ(track.samples.size(), times.size());
+        int64_t most = 0;
+        for (size_t i = 2; i < times.size(); i++) // the second begins with the first
+            most = std::max(most, std::abs(line.beginning() + begin_of(track, track.samples[i]) - times[i]));
+        EXPECT_LE(most, c.most_off);
+        EXPECT_TRUE(c.most_off != sound_tick || track.stts.size() == 4); // 0, 2048, 1024 ..., the last
     }
-}
-
-/** Recorded as files that each begin with the frame that has such an index. */
-struct segments {
-    std::vector<mp4::file> files;
-    std::vector<int64_t> begins;                   // of the files, and the end
-    std::vector<std::vector<int64_t>> captured[2]; // by track and file
-};
-
-segments record_segments(std::vector<int64_t> video, std::vector<int64_t> sound, std::span<const size_t> cuts)
-{
-    const mp4_track_desc tracks[] = {camera, microphone(48000)};
-    segments out;
-    timeline line(tracks);
-    size_t heard = 0;
-    for (size_t file = 0; file + 1 < cuts.size(); file++) {
-        open_file open(tracks, line, video[cuts[file]]);
-        out.begins.push_back(open.line.beginning());
-        for (auto &track : out.captured) track.emplace_back();
-        for (size_t i = cuts[file]; i < cuts[file + 1]; i++) {
-            const int64_t end = video[cuts[file + 1]];
-            open.take({0, video[i]});
-            out.captured[0].back().push_back(video[i]);
-            for (; heard < sound.size() && sound[heard] < video[i + 1]; heard++) {
-                if (!open.line.is_before(1, sound[heard], end)) break;
-                open.take({1, sound[heard]});
-                out.captured[1].back().push_back(sound[heard]);
-            }
-        }
-        out.files.push_back(open.finish(video[cuts[file + 1]]));
-        line = open.line;
-    }
-    out.begins.push_back(whole_millisecond(video[cuts.back()]));
-    return out;
-}
-
-TEST(Times, LengthsOfFilesAddUp)
-{
-    const pace frames = {"", camera, 1001, 30000, 2'000'000, 1, 0},
-               beeps = {"", microphone(48000), 1024, 48000, 300'000, 1, 0};
-    const std::vector<int64_t> video = times_of(frames, 77'777'777'777), sound = times_of(beeps, 77'790'000'001);
-    std::mt19937 random(3);
-    std::vector<size_t> cuts = {0};
-    for (int i = 0; i < 60; i++) cuts.push_back(cuts.back() + 2 + random() % 700);
-    const segments out = record_segments(video, sound, cuts);
-
-    size_t samples[2] = {};
-    for (size_t i = 0; i < 60; i++) {
-        SCOPED_TRACE(i);
-        const int64_t length = out.begins[i + 1] - out.begins[i];
-        EXPECT_TRUE(out.files[i].sound());
-        EXPECT_EQ(int64_t(out.files[i].duration) * 1'000'000, length);
-        for (size_t track = 0; track < 2; track++) {
-            const mp4::track &read = out.files[i].tracks[track];
-            samples[track] += read.samples.size();
-            EXPECT_LE(most_off(read, out.begins[i], out.captured[track][i]), track == 0 ? 5557 : 1'000'000);
-            EXPECT_EQ(int64_t(read.track_duration) * 1'000'000, length); // with the delay
-        }
-    }
-    EXPECT_EQ(samples[0], cuts.back());
-    EXPECT_GE(out.captured[1].back().back(), out.begins.back() - 24'000'000); // no sound was left out before it
-    EXPECT_EQ(samples[1], size_t(std::ranges::lower_bound(sound, out.captured[1].back().back()) - sound.begin()) + 1);
 }
 
 std::string text_of(std::optional<mp4_time> time)

@@ -26,3 +26,12 @@ inline std::vector<place> places(const mp4::file &file)
     std::ranges::sort(all);
     return all;
 }
+
+/** When a sample begins, in nanoseconds after the file's beginning. */
+inline int64_t begin_of(const mp4::track &track, const mp4::sample &sample)
+{
+    const bool delayed = !track.edits.empty() && track.edits[0].media_time == -1;
+    const int64_t delay = delayed ? int64_t(track.edits[0].duration) * 1'000'000 : 0;
+    return delay + int64_t(sample.time / track.timescale) * 1'000'000'000 +
+           int64_t(sample.time % track.timescale) * 1'000'000'000 / track.timescale;
+}

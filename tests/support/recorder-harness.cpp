@@ -11,6 +11,7 @@
 #include <mediafiles/recovery.h>
 
 #include "descriptors.h"
+#include "places.h"
 
 namespace fs = std::filesystem;
 
@@ -186,6 +187,28 @@ void expect_all_samples(const played &all, const std::vector<source> &sources)
         EXPECT_EQ(found->second.size(), sources[i].frames.size());
         for (size_t n = 0; n < std::min(found->second.size(), sources[i].frames.size()); ++n)
             ASSERT_EQ(found->second[n], sample_of(sources[i].frames[n], sources[i].video())) << "sample " << n;
+    }
+}
+
+void expect_times(const played &all, const std::vector<source> &sources)
+{
+    std::vector<size_t> next(sources.size());
+    int64_t begin = 0, length = 0;
+    for (const mp4::file &file : all.files) {
+        const int64_t before = std::exchange(begin, (sources[0].frames[next[0]].time + millisecond / 2) / millisecond);
+        EXPECT_TRUE(length == 0 || before + length == begin) << before << " + " << length << ", " << begin;
+        length = int64_t(file.tracks.at(0).track_duration);
+        for (const mp4::track &track : file.tracks) {
+            const source &from = sources[track.id - 1];
+            for (size_t n = 0; n < track.samples.size(); ++n) {
+                const int64_t captured = from.frames.at(next[track.id - 1]++).time,
+                              late = begin * millisecond + begin_of(track, track.samples[n]) - captured,
+                              slack = n == 0         ? 2 * millisecond
+                                      : from.video() ? 5'557
+                                                     : millisecond; // half a tick
+                EXPECT_TRUE(n == 1 || std::abs(late) <= slack) << track.id << ": " << n << " is late by " << late;
+            }
+        }
     }
 }
 

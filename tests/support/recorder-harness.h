@@ -126,6 +126,12 @@ played play(const card &on);
 /** Each frame of each source is there, and nothing else. */
 void expect_all_samples(const played &all, const std::vector<source> &sources);
 
+/**
+ * Each sample begins when its frame was captured, sound within a millisecond, but for the second one of a file; one at a
+ * seam may wait for it. A file is as long as it takes until the next one begins: what leads is the first source.
+ */
+void expect_times(const played &all, const std::vector<source> &sources);
+
 /** What comes of sources that are recorded from their beginning to their end. */
 struct recorded {
     played all;
