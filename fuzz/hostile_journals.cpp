@@ -1,6 +1,7 @@
 /**
- * Feeds the journal target with journals that mean harm: hostile-journals COUNT [SEED]. First every field of every
- * record at its extremes, beside media of several sizes; then COUNT journals that are mutated or made up.
+ * Feeds the journal target, or with PLAN the one of recovery's plan, with journals that mean harm: hostile-journals COUNT
+ * [SEED]. First every field of every record at its extremes, beside media of several sizes; then COUNT journals that are
+ * mutated or made up.
  */
 #include <iomanip>
 #include <iterator>
@@ -68,8 +69,14 @@ void set(bytes &journal, field where, uint32_t value)
 
 void run(const bytes &journal, size_t media)
 {
-    bytes input = {static_cast<uint8_t>(media), static_cast<uint8_t>(media >> 8)};
-    input.insert(input.end(), journal.begin(), journal.end());
+#ifdef PLAN // any options, a recording's head, and after it the units of the good samples
+    const bytes head = {static_cast<uint8_t>(any(256)), 1, static_cast<uint8_t>(journal.size()),
+                        static_cast<uint8_t>(journal.size() >> 8)},
+                units = hex("00000010 65 00*36 00000012 26 00*17 00000010 65 00*37 00000010 65 00*500"),
+                input = joined({head, journal, first(units, media)});
+#else
+    const bytes size = {static_cast<uint8_t>(media), static_cast<uint8_t>(media >> 8)}, input = joined({size, journal});
+#endif
     LLVMFuzzerTestOneInput(input.data(), input.size());
 }
 
