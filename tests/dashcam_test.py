@@ -23,7 +23,7 @@ class Dashcam(judge.Test):
         """What is expected of each track: decoded pictures, packets of sound."""
         cls.pictures = judge.frame_checksums(GIVEN.media / STREAMS[0][0]) * STREAMS[0][1]
         sound = judge.units(GIVEN.media / STREAMS[1][0])
-        cls.sounds = [hashlib.md5(judge.stored(unit, "aac")).hexdigest() for unit in sound] * STREAMS[1][1]
+        cls.sounds = [hashlib.md5(judge.recorded(unit, "aac")).hexdigest() for unit in sound] * STREAMS[1][1]
 
     def setUp(self):
         super().setUp()

@@ -99,21 +99,6 @@ def units(stream):
             for r in rows]
 
 
-def runs_to_end(codec, header):
-    return header & 0x1F in (1, 5) if codec == "h264" else header >> 1 & 0x3F in (1, 19)
-
-
-def stored_units(data, codec):
-    """The NAL units of an access unit as the core stores them: some slices run to the end."""
-    found = []
-    starts = list(re.finditer(rb"\x00?\x00\x00\x01", data))
-    for i, start in enumerate(starts):
-        if runs_to_end(codec, data[start.end()]):
-            return found + [data[start.end():]]
-        found.append(data[start.end():starts[i + 1].start() if i + 1 < len(starts) else len(data)])
-    return found
-
-
 def nal_units(data):
     """Every NAL unit of an access unit, without the zeros after it."""
     return [nal.rstrip(b"\0") for nal in data.split(b"\0\0\1")[1:]]
@@ -124,23 +109,6 @@ def recorded(unit, codec):
     if codec == "aac":
         return unit.data[7:]
     return b"".join(struct.pack(">I", len(nal)) + nal for nal in nal_units(unit.data))
-
-
-def stored(unit, codec):
-    """A unit's bytes as the core's sample has them."""
-    if codec == "aac":
-        return unit.data[7:]
-    return b"".join(struct.pack(">I", len(nal)) + nal for nal in stored_units(unit.data, codec))
-
-
-def expected_packets(all_units, codec, timescale):
-    """The first sample lasts 0, each next the time since the one before, rounded half up."""
-    found, begin, last = [], 0, all_units[0].time_ns
-    for unit in all_units:
-        found.append(Packet(len(stored(unit, codec)), begin, bool(unit.key)))
-        begin += ((unit.time_ns - last) * timescale + 500_000_000) // 1_000_000_000
-        last = unit.time_ns
-    return found
 
 
 def records_of(journal):
