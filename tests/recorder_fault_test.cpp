@@ -32,20 +32,11 @@ class to_errors : public testing::EmptyTestEventListener {
 
 constexpr int64_t begin_of_extra = 5 * second;
 
-/** Frames that are all different, so that each is known again. */
-stream numbered(stream all, size_t from = 0)
-{
-    for (size_t n = from; n < from + all.size(); ++n)
-        for (const size_t byte : {n % 200, n / 200}) all[n - from].data.push_back(uint8_t(1 + byte));
-    return all;
-}
-
 const std::vector<source> &three_segments()
 {
     static const std::vector<source> all = [] {
         stream sound = repeated(load("aac_lc_48000_2", ".aac"), 1);
         std::erase_if(sound, [](const frame &each) { return each.time > 1'160 * millisecond; });
-        for (frame &each : sound) each.data.erase(each.data.begin(), each.data.begin() + 7); // its header has a length
         return std::vector<source>{{h264(), numbered(camera(3, 2'000))}, {aac(48000), numbered(sound)}};
     }();
     return all;
@@ -143,25 +134,6 @@ outcome record(const card &on, const failing::plan &orders)
     EXPECT_GE(stats.frames_in, stats.frames_out + seen.dropped);
     for (int kind = 0; kind < medium::kinds; ++kind) seen.made[size_t(kind)] = faults.made(medium::call(kind));
     return seen;
-}
-
-/** Each sample is a frame of the source, none twice, in their order. @return which ones are there */
-std::set<size_t> found_frames(const std::vector<bytes> &samples, const stream &frames, bool video)
-{
-    const auto text = [](const bytes &of) { return std::string(of.begin(), of.end()); };
-    std::map<std::string, size_t> numbers;
-    for (size_t n = 0; n < frames.size(); ++n) numbers[text(video ? sized_units(frames[n].data) : frames[n].data)] = n;
-    std::set<size_t> found;
-    for (const bytes &each : samples) {
-        const auto number = numbers.find(text(each));
-        if (number == numbers.end()) {
-            ADD_FAILURE() << "a sample that was not recorded";
-            continue;
-        }
-        EXPECT_TRUE(found.empty() || *found.rbegin() < number->second) << "out of order";
-        found.insert(number->second);
-    }
-    return found;
 }
 
 /** The file that was interrupted is apart: it holds the same frames. */

@@ -7,7 +7,6 @@ makes it.
 """
 
 import collections
-import concurrent.futures
 import functools
 import heapq
 import itertools
@@ -337,48 +336,6 @@ class RecorderTest(judge.Test):
                         self.assertEqual(traced(file.path), traced(stream))
 
     # ---- A card that stalls
-
-    def test_stalls(self):
-        """Whatever stalls: with the default queue all is stored; with a small one groups go from somewhere to their end."""
-        film = encoded("keyint=25:nal-hrd=cbr", *("-b:v 8M -maxrate 8M -bufsize 8M".split()), seconds=12, size="640x360")
-        pictures = decoded_source(film)
-        cases = list(itertools.product(("writes", "syncs"), (1, 5, 7), (0, 256 << 10)))
-
-        def run(case):
-            what, seconds, queue = case
-            sources = [until(s, (seconds + 5) * SECOND) for s in (film, paced(sound(), 48000 / 1024, 600))]
-            return self.record(sources, [(2 * SECOND, f"stall {what} {seconds * SECOND}")], speed=1, segment_ns=4 * SECOND,
-                               sync_ns=SECOND // 4, queue_bytes=queue), sources
-
-        with concurrent.futures.ThreadPoolExecutor(len(cases)) as pool:
-            all_made = list(pool.map(run, cases))
-        for case, (made, (video, beep)) in zip(cases, all_made):
-            with self.subTest(case):
-                what, seconds, queue = case
-                print(f"{what} stall {seconds} s, queue {queue or 'default'}: worst push {made.end['worst_push'] / 1000:.0f} us,"
-                      f" worst write {made.end['worst_write'] / 1e9:.2f} s, worst sync {made.end['worst_sync'] / 1e9:.2f} s,"
-                      f" {made.end['dropped']} of {made.end['in']} frames dropped, queue {made.end['queue_most'] >> 10} KiB")
-                self.assertGreater(made.end["worst_" + what[:-1]], (seconds - 0.5) * SECOND)
-                self.assertLess(made.end["worst_push"], SECOND // 2)
-                self.check_samples(made, beep)
-                self.check_times(made, beep)
-                kept, late = [], []
-                for begin, file in zip(made.begins(), made.files, strict=True):
-                    for i, stored in enumerate(file.tracks["h264", 640]):
-                        after = kept[-1] + 1 if kept else 0
-                        kept.append(next(n for n in range(after, len(video.frames))
-                                         if judge.recorded(video.frames[n], "h264") == stored.data))
-                        at = begin + stored.time - video.frames[kept[-1]].time_ns
-                        if i != 1 and kept[-1] == after and abs(at) > MILLISECOND:
-                            late.append((file.path.name, i, at))
-                self.assertEqual(late, [])
-                gone = sorted(set(range(len(video.frames))) - set(kept))
-                self.assertEqual(made.end["dropped"], len(gone))
-                self.assertEqual(sum(e["count"] for e in made.events(DROPPED)), len(gone))
-                self.assertEqual(bool(gone), what == "writes" and queue != 0)
-                self.assertTrue(all(n + 1 in gone or video.frames[n + 1].key for n in gone))
-                shown = decoded([(f.path, f.indices["h264", 640]) for f in made.files])
-                self.assertEqual(shown, [pictures[n] for n in kept])
 
     def test_system_calls(self):
         """Pushing wakes a thread and signals an event, while the medium writes, syncs and stalls."""

@@ -457,13 +457,9 @@ stream small(const stream &from, size_t frames, size_t limit, int64_t begin = 0)
 {
     stream all = repeated(from, int(1 + frames / from.size()), begin);
     all.resize(frames);
-    for (size_t n = 0; n < all.size(); ++n) {
-        bytes &data = all[n].data;
-        if (data[0] == 0xFF) data.erase(data.begin(), data.begin() + 7); // an ADTS header, which has the length
-        if ((!all[n].key || data[0]) && data.size() > limit) data.resize(limit);
-        for (size_t i = 0; i < 4; ++i) data.push_back(uint8_t(1 + n % 200)); // no two are alike
-    }
-    return all;
+    for (frame &each : all)
+        if ((!each.key || each.data[0]) && each.data.size() > limit) each.data.resize(limit);
+    return numbered(all);
 }
 
 struct recipe {

@@ -90,9 +90,21 @@ stream camera(int groups, size_t key_size, int64_t from)
     return all;
 }
 
+stream numbered(stream all, size_t from)
+{
+    for (frame &each : all) {
+        if (each.data[0] == 0xFF)
+            each.data.erase(each.data.begin(), each.data.begin() + 7); // an ADTS header has the length
+        for (const size_t byte : {from % 200, from / 200}) each.data.push_back(uint8_t(1 + byte));
+        ++from;
+    }
+    return all;
+}
+
 bytes sample_of(const frame &given, bool video)
 {
-    return video ? sized_units(given.data) : bytes(given.data.begin() + 7, given.data.end()); // ADTS has 7 bytes
+    return video ? sized_units(given.data)
+                 : bytes(given.data.begin() + (given.data[0] == 0xFF ? 7 : 0), given.data.end());
 }
 
 /* ---- Recordings ---- */
@@ -188,6 +200,22 @@ void expect_all_samples(const played &all, const std::vector<source> &sources)
         for (size_t n = 0; n < std::min(found->second.size(), sources[i].frames.size()); ++n)
             ASSERT_EQ(found->second[n], sample_of(sources[i].frames[n], sources[i].video())) << "sample " << n;
     }
+}
+
+std::set<size_t> found_frames(const std::vector<bytes> &samples, const stream &frames, bool video)
+{
+    const auto text = [](const bytes &of) { return std::string(of.begin(), of.end()); };
+    std::map<std::string, size_t> numbers;
+    for (size_t n = 0; n < frames.size(); ++n) numbers[text(sample_of(frames[n], video))] = n;
+    std::set<size_t> found;
+    for (const bytes &each : samples) {
+        const auto number = numbers.find(text(each));
+        EXPECT_NE(number, numbers.end()) << "a sample that was not recorded";
+        if (number == numbers.end()) continue;
+        EXPECT_TRUE(found.empty() || *found.rbegin() < number->second) << "out of order";
+        found.insert(number->second);
+    }
+    return found;
 }
 
 void expect_times(const played &all, const std::vector<source> &sources)

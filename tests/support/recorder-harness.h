@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <functional>
 #include <map>
+#include <set>
 #include <thread>
 
 #include <mediafiles/recorder.h>
@@ -48,6 +49,9 @@ stream repeated(const stream &once, int times, int64_t from = 0);
 
 /** Ten frames of a group each: the first is a key frame of the size that is asked for, the others are small. */
 stream camera(int groups, size_t key_size, int64_t from = 0);
+
+/** Frames that are all different, so that each is known again; sound without its header. */
+stream numbered(stream all, size_t from = 0);
 
 /** The NAL units of an Annex-B frame, each after its length; sound without its header. */
 bytes sample_of(const frame &given, bool video);
@@ -125,6 +129,9 @@ played play(const card &on);
 
 /** Each frame of each source is there, and nothing else. */
 void expect_all_samples(const played &all, const std::vector<source> &sources);
+
+/** Each sample is a frame of the source, none twice, in their order. @return which ones are there */
+std::set<size_t> found_frames(const std::vector<bytes> &samples, const stream &frames, bool video);
 
 /**
  * Each sample begins when its frame was captured, sound within a millisecond, but for the second one of a file; one at a
