@@ -156,13 +156,13 @@ TEST_P(FullCard, IsShared)
     recording made(on, GetParam().quota);
     made.record(20);
     ASSERT_TRUE(made.sees(MEDIAFILES_EVENT_FINISHED, 2));
-    ASSERT_EQ(chmod((on.path() + "/00000001.mp4").c_str(), 0444), 0);
+    ASSERT_EQ(chmod((on / "00000001.mp4").c_str(), 0444), 0);
     made.record(160); /* more than the card holds */
     EXPECT_EQ(made.count(MEDIAFILES_EVENT_FULL), 0u);
     EXPECT_GT(made.count(MEDIAFILES_EVENT_DELETED), 4u);
 
     /* Somebody else takes everything at once, between two rounds, and again what is deleted for him. */
-    const std::string others = on.path() + "/others";
+    const std::string others = on / "others";
     int other = open(others.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
     const bytes block(1 << 20, 7);
     const auto fill = [&] {
@@ -191,7 +191,7 @@ TEST(FatCard, GivesAFileItsRoomFromTheBeginning)
     recording made(on);
     const auto room = [&](const std::string &name) {
         struct stat status = {};
-        stat((on.path() + "/" + name).c_str(), &status);
+        stat((on / name).c_str(), &status);
         return std::pair(int64_t{status.st_size}, int64_t{status.st_blocks} * 512);
     };
     ASSERT_TRUE(made.goes_on_to(MEDIAFILES_EVENT_BEGUN, 2));

@@ -358,8 +358,7 @@ struct proof {
         for (const std::string &name : on.names()) {
             const auto counts = safe.find(media_of(name));
             const bool is_promised = counts != safe.end() && counts->second != samples{};
-            const bool is_refused =
-                is_damaged && !is_promised && !said_whole.contains(on.path() + "/" + name); // and stays as it is
+            const bool is_refused = is_damaged && !is_promised && !said_whole.contains(on / name); // and stays as it is
             std::string wrong = "is left";
             if (due.contains(name))
                 wrong = compare(due.at(name), on.get(name), is_promised ? counts->second : samples{}, tracks);

@@ -16,7 +16,7 @@ std::vector<std::string> protected_files(const card &on)
 {
     std::vector<std::string> all;
     for (const std::string &name : on.names())
-        if ((fs::status(on.path() + "/" + name).permissions() & fs::perms(0222)) == fs::perms::none)
+        if ((fs::status(on / name).permissions() & fs::perms(0222)) == fs::perms::none)
             all.push_back(name.substr(7, 1));
     return all;
 }

@@ -78,10 +78,10 @@ TEST(SingleRecording, IsRefusedWhereSomethingIsInItsWay)
         for (const std::string suffix : {"", ".journal"}) {
             SCOPED_TRACE(c.what + suffix);
             const card on;
-            c.put(on.path() + "/" + name + suffix);
+            c.put(on / name + suffix);
             EXPECT_EQ(error_of_start(on, MEDIAFILES_PLAIN_NAME), c.plain);
             EXPECT_EQ(error_of_start(on, replacing), c.replaced);
-            EXPECT_EQ(on.names().size(), c.plain == EEXIST && fs::is_regular_file(on.path() + "/" + name + suffix));
+            EXPECT_EQ(on.names().size(), c.plain == EEXIST && fs::is_regular_file(on / name + suffix));
         }
 }
 
@@ -112,7 +112,7 @@ TEST(SingleRecording, LeavesWhatAnotherRecorderHasMeanwhile)
         const recorder_ptr recorder = start(on, flags);
         ASSERT_TRUE(recorder);
         on.put(name, text("another's"));
-        const int other = open((on.path() + "/" + name).c_str(), O_RDONLY);
+        const int other = open((on / name).c_str(), O_RDONLY);
         ASSERT_EQ(flock(other, LOCK_EX), 0);
         push(recorder, 0, base.frames[0]);
         mediafiles_recorder_event event = {};

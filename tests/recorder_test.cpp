@@ -346,18 +346,18 @@ TEST(Recorder, RecoversAndFollowsOnlyFilesOfItsPattern)
     namespace fs = std::filesystem;
     const card on;
     const std::vector<mp4_track_desc> tracks = {h264()};
-    const std::string theirs = on.path() + "/00000001.mp4";
+    const std::string theirs = on / "00000001.mp4";
     fs::create_directory(theirs);
     for (const char *name : {"00000001.mp4/a.mp4", "00000001.mp4/a.mp4.journal"}) on.put(name, {});
-    fs::create_directory_symlink(theirs, on.path() + "/00000002.mp4");
+    fs::create_directory_symlink(theirs, on / "00000002.mp4");
     for (const char *name : {"00000001.mp4.journal", "00000002.mp4.journal", "9999999999.mp4"}) on.put(name, {});
-    ASSERT_EQ(mkfifo((on.path() + "/00000009.mp4").c_str(), 0600), 0);
+    ASSERT_EQ(mkfifo((on / "00000009.mp4").c_str(), 0600), 0);
     const recorder_ptr recorder = start(on, tracks, [](auto &o) { o.sync_ns = o.longest_gap_ns = INT64_MAX - 1; });
     push_all(recorder, {{h264(), camera(2, 5'000)}});
     ASSERT_EQ(mediafiles_recorder_stop(recorder, -1), 0);
-    EXPECT_TRUE(fs::is_regular_file(on.path() + "/00000003.mp4"));
+    EXPECT_TRUE(fs::is_regular_file(on / "00000003.mp4"));
     EXPECT_TRUE(fs::exists(theirs + "/a.mp4") && fs::exists(theirs + "/a.mp4.journal"));
-    EXPECT_TRUE(fs::is_symlink(on.path() + "/00000002.mp4"));
+    EXPECT_TRUE(fs::is_symlink(on / "00000002.mp4"));
 }
 
 TEST(Recorder, AFailedSyncCostsItsFileAlone)
@@ -401,7 +401,7 @@ TEST(Recorder, TheOldestFilesMakeRoom)
         return events_of(recorder);
     };
     EXPECT_EQ(record(4, 0, 0)[MEDIAFILES_EVENT_DELETED], 0u);
-    chmod((on.path() + "/00000002.mp4").c_str(), 0444);
+    chmod((on / "00000002.mp4").c_str(), 0444);
     on.put("somebody.mp4", {1});
     auto events = record(8, 0, 5 * 120'000); /* bytes of a file */
     EXPECT_EQ(events[MEDIAFILES_EVENT_FULL], 0u);

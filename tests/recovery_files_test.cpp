@@ -20,6 +20,7 @@
 
 #include "recorder/recovery/sha256.h"
 #include "recorder/safe-file.h"
+#include "support/recorder-harness.h"
 #include "support/three-codecs.h"
 
 namespace {
@@ -53,58 +54,42 @@ bytes journal_with(size_t samples)
     return first(all, at);
 }
 
-/** A directory that goes away with all that is in it. */
-class card {
-public:
-    card()
-    {
-        /* Where a sync costs nothing. */
-        const bool memory = access("/dev/shm", W_OK) == 0 && !getenv("TEST_TMPDIR");
-        root = mkdtemp(((memory ? "/dev/shm/" : testing::TempDir()) + "card-XXXXXX").data());
-    }
-    ~card() { fs::remove_all(root); }
-    std::string operator/(const std::string &name) const { return (root / name).string(); }
+/** A card with recordings of some age. */
+struct dated_card : card {
     int open(const std::string &name, int flags = O_RDONLY) const
     {
         return ::open((*this / name).c_str(), flags | O_CLOEXEC, 0644);
     }
-
     void put(const std::string &name, const bytes &content, time_t time = old_time) const
     {
-        fs::create_directories((root / name).parent_path());
-        const descriptor file{open(name, O_WRONLY | O_CREAT | O_TRUNC)};
+        card::put(name, content);
         const struct timespec times[2] = {{time, 5}, {time, 123456789}};
-        fill(file, content);
-        futimens(file, times);
+        utimensat(AT_FDCWD, (*this / name).c_str(), times, 0);
     }
     void put(const std::string &name, const bytes &media, const bytes &journal, time_t time = old_time) const
     {
         put(name, media, time);
         put(name + ".journal", journal, time + 1);
     }
-    bytes get(const std::string &name) const { return file_content(descriptor{open(name)}); }
     /** Every name with what it is, media files with their times: the same when nothing has changed. */
     std::map<std::string, std::string> state() const
     {
         std::map<std::string, std::string> all;
-        for (const auto &entry : fs::recursive_directory_iterator(root)) {
+        for (const auto &entry : fs::recursive_directory_iterator(path())) {
             struct stat status;
             lstat(entry.path().c_str(), &status);
+            const std::string name = entry.path().lexically_relative(path());
             std::string text = std::to_string(status.st_mode) + " " + std::to_string(status.st_size);
             if (S_ISREG(status.st_mode) && status.st_size < 10'000'000) {
-                const bytes content = get(entry.path().lexically_relative(root));
-                const std::string_view characters(reinterpret_cast<const char *>(content.data()), content.size());
-                text += " " + std::to_string(std::hash<std::string_view>{}(characters));
+                const bytes content = get(name);
+                text += " " + std::to_string(std::hash<std::string>{}({content.begin(), content.end()}));
             }
-            if (entry.path().extension() == ".mp4")
+            if (name.ends_with(".mp4"))
                 text += " " + std::to_string(status.st_mtim.tv_sec) + "." + std::to_string(status.st_mtim.tv_nsec);
-            if (S_ISDIR(status.st_mode)) text = "directory";
-            all[entry.path().lexically_relative(root)] = text;
+            all[name] = S_ISDIR(status.st_mode) ? "directory" : text;
         }
         return all;
     }
-
-    fs::path root;
 };
 
 const char *const results[] = {"", "repaired", "salvaged", "finished", "removed", "not ours", "refused", "failed"};
@@ -147,14 +132,14 @@ struct order {
     int error = 0; // that is due
 };
 
-lines recover(const card &on, std::vector<std::string> paths = {}, const order &how = {})
+lines recover(const dated_card &on, std::vector<std::string> paths = {}, const order &how = {})
 {
-    if (paths.empty()) paths = {on.root};
+    if (paths.empty()) paths = {on.path()};
     std::vector<const char *> pointers;
     for (const std::string &path : paths) pointers.push_back(path.c_str());
     const mediafiles_recover_options options = {sizeof options, how.flags,    how.journal,
                                                 how.output,     how.progress, nullptr};
-    said heard = {on.root, {}, how.stop_after};
+    said heard = {on.path(), {}, how.stop_after};
     const without_stdin first; // the first file's descriptor is 0
     const int free_before = free_descriptor();
     EXPECT_EQ(how.error, error_of(mediafiles_recover(pointers.data(), pointers.size(), &options, said::take, &heard)));
@@ -180,13 +165,13 @@ TEST(RecoveryFiles, HashesAsTheStandardDoes)
         }
 }
 
-void copy_all(const card &from, const card &to)
+void copy_all(const dated_card &from, const dated_card &to)
 {
-    if (system(("cp -a " + from.root.string() + "/. " + to.root.string()).c_str()) != 0) std::abort();
+    if (system(("cp -a " + from.path() + "/. " + to.path()).c_str()) != 0) std::abort();
 }
 
 /** Five recordings in the states that cuts leave. */
-void fill_with_cuts(const card &on, const std::string &in = "")
+void fill_with_cuts(const dated_card &on, const std::string &in = "")
 {
     bytes torn = open_media(), longer = open_media();
     torn.resize(torn.size() - 5);
@@ -205,7 +190,7 @@ void fill_with_cuts(const card &on, const std::string &in = "")
  * @return how often it stopped; 0 where processes cannot be traced
  */
 template <class Visit>
-int trace_recovery(const card &on, Visit visit)
+int trace_recovery(const dated_card &on, Visit visit)
 {
     fflush(nullptr);
     const pid_t child = fork();
@@ -213,7 +198,7 @@ int trace_recovery(const card &on, Visit visit)
         dup2(open("/dev/null", O_WRONLY), STDOUT_FILENO);
         if (ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0) _exit(1);
         raise(SIGSTOP);
-        const char *const paths[] = {on.root.c_str()};
+        const char *const paths[] = {on.path().c_str()};
         mediafiles_recover(
             paths, 1, nullptr, [](void *, const mediafiles_report *) { return 0; }, nullptr);
         _exit(0);
@@ -229,15 +214,15 @@ int trace_recovery(const card &on, Visit visit)
 
 /** Recovers a copy of a card, cut off wherever that is chosen, and again: the same comes of it as of one recovery. */
 template <class Choose>
-int recover_with_kills(const card &pristine, Choose is_chosen)
+int recover_with_kills(const dated_card &pristine, Choose is_chosen)
 {
-    const card whole_run, on;
+    const dated_card whole_run, on;
     copy_all(pristine, whole_run), copy_all(pristine, on);
     recover(whole_run);
     const auto wanted = whole_run.state();
     return trace_recovery(on, [&] {
         if (!is_chosen()) return;
-        const card cut;
+        const dated_card cut;
         copy_all(on, cut);
         recover(cut);
         EXPECT_EQ(wanted, cut.state());
@@ -251,7 +236,7 @@ TEST(RecoveryFiles, AKillAmongManyPairsEndsInTheSameBytes)
         return getenv(name) ? std::stoi(getenv(name)) : otherwise;
     };
     const int pairs = number("RECOVERY_PAIRS", 10), due = number("RECOVERY_KILLS", 5);
-    const card on;
+    const dated_card on;
     for (int i = 0; i < pairs / 5; i++) fill_with_cuts(on, std::to_string(i) + "/");
     const int stops = recover_with_kills(on, [] { return false; });
     if (stops == 0) GTEST_SKIP() << "no ptrace";
@@ -306,7 +291,7 @@ const struct {
 };
 
 /** Makes a file of a card, a link if what it is to hold is no word. False where there are no devices. */
-bool make(const card &on, const card &elsewhere, const std::string &name, const std::string &what)
+bool make(const dated_card &on, const dated_card &elsewhere, const std::string &name, const std::string &what)
 {
     static const std::map<std::string, bytes> contents = {
         {"media", open_media()}, {"journal", whole().journal},     {"finished", whole().file}, {"nine", bytes(9)},
@@ -327,7 +312,7 @@ bool make(const card &on, const card &elsewhere, const std::string &name, const 
 
 TEST(RecoveryFiles, AHostileCardIsLeftAlone)
 {
-    const card on, elsewhere;
+    const dated_card on, elsewhere;
     elsewhere.put("victim.mp4", open_media());
     elsewhere.put("victim.journal", whole().journal);
     fs::create_directories(on / "directory.mp4");
@@ -354,9 +339,9 @@ TEST(RecoveryFiles, AHostileCardIsLeftAlone)
 
 TEST(RecoveryFiles, DirectoriesThatCannotBeSearchedDoNotStopTheOthers)
 {
-    const card on;
+    const dated_card on;
     on.put("a.mp4", open_media(), whole().journal);
-    fs::create_directory_symlink(on.root, on / "link");
+    fs::create_directory_symlink(on.path(), on / "link");
     on.put("deep/a.mp4", open_media(), whole().journal);
     int at = on.open("deep", O_DIRECTORY);
     for (int level = 0; level < 10'000; level++) { // longer than any path
@@ -365,7 +350,7 @@ TEST(RecoveryFiles, DirectoriesThatCannotBeSearchedDoNotStopTheOthers)
         close(std::exchange(at, below));
     }
     close(at);
-    const lines reports = recover(on, {on / "nowhere", on / "link", on.root, on / "a.mp4"}, {.error = ENOENT});
+    const lines reports = recover(on, {on / "nowhere", on / "link", on.path(), on / "a.mp4"}, {.error = ENOENT});
     ASSERT_EQ(reports.size(), 5u);
     EXPECT_EQ(reports[0], "nowhere: failed: a system call failed (ENOENT)");
     EXPECT_EQ(reports[1], "link: refused: it is a link, has several names, or is no regular file (ELOOP)");
@@ -380,7 +365,7 @@ TEST(RecoveryFiles, DirectoriesThatCannotBeSearchedDoNotStopTheOthers)
 /* While a name changes between a recording and a link to a file elsewhere, that file is never touched. */
 TEST(RecoveryFiles, WhatIsSwappedBetweenLookAndOpenIsNotFollowed)
 {
-    const card on, elsewhere;
+    const dated_card on, elsewhere;
     elsewhere.put("victim.mp4", open_media());
     const auto before = elsewhere.state();
     symlink((elsewhere / "victim.mp4").c_str(), (on / "link").c_str());
@@ -401,7 +386,7 @@ TEST(RecoveryFiles, WhatIsSwappedBetweenLookAndOpenIsNotFollowed)
 
 TEST(RecoveryFiles, NoticesANameThatChanges)
 {
-    const card on;
+    const dated_card on;
     on.put("b.mp4", open_media()), on.put("c.mp4", open_media());
     const descriptor directory{on.open(".", O_DIRECTORY)};
     try {
@@ -425,7 +410,7 @@ TEST(RecoveryFiles, NoticesANameThatChanges)
 
 TEST(RecoveryFiles, WhatSomebodyWritesIsLeftAlone)
 {
-    const card on;
+    const dated_card on;
     const std::string busy = ": refused: another process is recording or repairing it (EAGAIN)";
     on.put("a.mp4", open_media(), whole().journal);
     const auto before = on.state();
@@ -448,7 +433,7 @@ TEST(RecoveryFiles, WhatSomebodyWritesIsLeftAlone)
 
 TEST(RecoveryFiles, JournalsFindTheirMedia)
 {
-    const card on;
+    const dated_card on;
     const auto cut = [&](const char *media, const char *journal, time_t time) {
         on.put(media, open_media(), time), on.put(journal, whole().journal, time);
     };
@@ -460,7 +445,7 @@ TEST(RecoveryFiles, JournalsFindTheirMedia)
     fs::create_directory(on / "others.journal");
     const std::string none = ": refused: it was cut off, and there is no journal that names its frames";
     /* Newest first; each once, whichever path leads to it; a journal stands for its media. */
-    const lines dry = recover(on, {on / "x.mp4.journal", on / "no.mp4", on.root, on / "x.mp4"}, {MEDIAFILES_DRY_RUN});
+    const lines dry = recover(on, {on / "x.mp4.journal", on / "no.mp4", on.path(), on / "x.mp4"}, {MEDIAFILES_DRY_RUN});
     EXPECT_EQ(dry, (lines{"CLIP.MP4: repaired", "a-z.mp4: repaired", "x.mp4: repaired", "X.mp4: removed",
                           "film.mov: repaired", "no.mp4" + none}));
     EXPECT_EQ(recover(on, {on / "A-Z.mp4.Journal", on / "others.journal", on / "no.mp4"}),
@@ -468,7 +453,7 @@ TEST(RecoveryFiles, JournalsFindTheirMedia)
     EXPECT_EQ(on.get("a-z.mp4"), whole().file);
 
     /* The journal may be named, and lie elsewhere. */
-    const card elsewhere;
+    const dated_card elsewhere;
     elsewhere.put("kept", whole().journal);
     const std::string journal = elsewhere / "kept";
     EXPECT_EQ(lines{"no.mp4: repaired"}, recover(on, {on / "no.mp4"}, {.journal = journal.c_str()}));
@@ -478,14 +463,14 @@ TEST(RecoveryFiles, JournalsFindTheirMedia)
 
 TEST(RecoveryFiles, CopiesNeverTakeANameThatIsThere)
 {
-    const card on, out;
+    const dated_card on, out;
     on.put("1/a.mp4", open_media(), whole().journal, 20), on.put("2/a.mp4", open_media(), whole().journal, 10);
     chmod((on / "1/a.mp4").c_str(), 04600);
     const lines wanted = {"1/a.mp4: repaired as " + (out / "a.mp4") + ", journal 1/a.mp4.journal",
                           "2/a.mp4: refused: the output exists (EEXIST) because of " + (out / "a.mp4") +
                               ", journal 2/a.mp4.journal"};
     for (const uint32_t flags : {MEDIAFILES_DRY_RUN, 0u})
-        EXPECT_EQ(recover(on, {on / "1", on / "2"}, {flags, out.root.c_str()}), wanted);
+        EXPECT_EQ(recover(on, {on / "1", on / "2"}, {flags, out.path().c_str()}), wanted);
     EXPECT_EQ(out.get("a.mp4"), whole().file);
     EXPECT_EQ(out.state().size(), 1u);
     EXPECT_TRUE(out.state()["a.mp4"].starts_with("33152 ")); // 0600, without what gives rights to others
@@ -503,9 +488,9 @@ TEST(RecoveryFiles, CopiesNeverTakeANameThatIsThere)
     EXPECT_EQ(on.get("1/a.mp4"), open_media());
 
     /* A link in the way leads nowhere. */
-    const card other;
+    const dated_card other;
     fs::create_directory_symlink(on / "2", other / "2");
-    EXPECT_EQ(recover(on, {on.root, on / "1"}, {0, other.root.c_str()}).back(),
+    EXPECT_EQ(recover(on, {on.path(), on / "1"}, {0, other.path().c_str()}).back(),
               "2/a.mp4: failed: a system call failed (ENOTDIR) because of " + (other / "2/") +
                   ", journal 2/a.mp4.journal");
     EXPECT_EQ(on.get("2/a.mp4"), open_media());
@@ -514,7 +499,7 @@ TEST(RecoveryFiles, CopiesNeverTakeANameThatIsThere)
 TEST(RecoveryFiles, RoomKeptAfterTheEndGoes)
 {
     constexpr off_t room = 4 << 20;
-    const card on;
+    const dated_card on;
     on.put("a.mp4", open_media(), whole().journal);
     if (fallocate(descriptor{on.open("a.mp4", O_WRONLY)}, FALLOC_FL_KEEP_SIZE, 0, room) != 0)
         GTEST_SKIP() << "the file system keeps no room: " << strerror(errno);
@@ -528,14 +513,14 @@ TEST(RecoveryFiles, RoomKeptAfterTheEndGoes)
 /* By the progress of a copy, or by whoever takes the reports. */
 TEST(RecoveryFiles, ARecoveryCanBeStopped)
 {
-    const card on, out;
+    const dated_card on, out;
     on.put("a.mp4", whole().file), on.put("b.mp4", open_media(), whole().journal, old_time + 9);
     const auto stop = [](void *, uint64_t, uint64_t total) {
         if (total == 0) usleep(250'000); // a few times a second it is asked
         return total == 0 ? 0 : 1;
     };
     for (const bool by_progress : {true, false}) {
-        order how = {.output = out.root.c_str(), .error = ECANCELED};
+        order how = {.output = out.path().c_str(), .error = ECANCELED};
         by_progress ? void(how.progress = stop) : void(how.stop_after = 1);
         const lines heard = recover(on, {}, how);
         ASSERT_EQ(1u, heard.size());
@@ -547,7 +532,7 @@ TEST(RecoveryFiles, ARecoveryCanBeStopped)
 /** The functions for one file, with descriptors that a caller has opened. */
 TEST(RecoveryFiles, APlanIsAppliedInPlaceAndToASink)
 {
-    const card on;
+    const dated_card on;
     on.put("a.mp4", open_media(), whole().journal);
     const descriptor directory{on.open(".", O_DIRECTORY)};
     descriptor files[] = {{on.open("a.mp4")}, {on.open("a.mp4.journal")}};

@@ -24,6 +24,7 @@ public:
     card(const card &) = delete;
     card &operator=(const card &) = delete;
     const std::string &path() const { return path_; }
+    std::string operator/(const std::string &name) const { return path_ + "/" + name; }
     std::vector<std::string> names() const; // of all files, sorted
     void put(const std::string &name, const bytes &content) const;
     bytes get(const std::string &name) const;
