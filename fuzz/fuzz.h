@@ -5,7 +5,6 @@
 #pragma once
 
 #include <cstddef>
-#include <cstring>
 #include <span>
 #include <string_view>
 #include <vector>

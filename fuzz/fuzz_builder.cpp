@@ -4,7 +4,6 @@
  *
  * The input is a program: a byte for each call, followed by its arguments.
  */
-#include <algorithm>
 
 #include <mediafiles/builder.h>
 #include <mediafiles/caretaker.h>

@@ -5,7 +5,6 @@
  * A byte for the tracks, two for the options, three for what fails; then a byte for each call, and its arguments.
  */
 #include <filesystem>
-#include <map>
 #include <string>
 
 #include <mediafiles/recorder.h>

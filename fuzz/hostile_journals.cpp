@@ -51,15 +51,11 @@ const std::vector<uint32_t> extremes = [] {
 
 std::mt19937 engine; // the same numbers everywhere, unlike the distributions
 
-uint32_t any(size_t limit)
-{
-    return static_cast<uint32_t>(engine() % limit);
-}
-
-const auto &any_of(const auto &list)
+const auto any = [](size_t limit) { return static_cast<uint32_t>(engine() % limit); };
+const auto any_of = [](const auto &list) -> const auto &
 {
     return list[any(std::size(list))];
-}
+};
 
 void set(bytes &journal, field where, uint32_t value)
 {

@@ -46,10 +46,7 @@ const struct fault {
     {syncing, EIO, true},        {syncing, ENOSPC, true},   {syncing, EINTR, true},
 };
 
-std::string text(long number)
-{
-    return std::to_string(number);
-}
+const auto text = [](long number) { return std::to_string(number); };
 
 /** Injections so far, by the rows of the table; printed when all tests have run, of which each row needs some. */
 struct tally : testing::Environment {
@@ -135,15 +132,11 @@ std::vector<bytes> records_of(const bytes &journal, int first, int last)
     }
     return found;
 }
-std::vector<bytes> samples_of(const bytes &journal)
-{
-    return records_of(journal, MEMENTO_SAMPLE, MEMENTO_SAMPLE);
-}
+const auto samples_of = [](const bytes &journal) { return records_of(journal, MEMENTO_SAMPLE, MEMENTO_SAMPLE); };
 
-bool is_prefix(const auto &part, const auto &all)
-{
+const auto is_prefix = [](const auto &part, const auto &all) {
     return part.size() <= all.size() && std::equal(part.begin(), part.end(), all.begin());
-}
+};
 
 /** The first of two files holds the beginning of the second, but for the size of mdat, which comes late. */
 bool begins(bytes part, const bytes &all)

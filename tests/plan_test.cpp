@@ -2,7 +2,6 @@
  * The plan of a repair: every state that a cut leaves of a file's end and of its journal's, damage, and hostile input.
  * The judges are the strict reader, what was recorded, and mp4_fix.
  */
-#include <array>
 #include <map>
 #include <tuple>
 

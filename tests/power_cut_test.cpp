@@ -20,7 +20,6 @@
  * bytes are not there in full. In each case that the order of writes and syncs allows (all but some of media, journal
  * and pair) these hold all samples that were synced.
  */
-#include <climits>
 #include <functional>
 #include <map>
 #include <string_view>

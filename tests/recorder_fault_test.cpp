@@ -4,7 +4,6 @@
  * what was safe is there after a recovery, each file is sound, a failure that costs anything was reported, and the next
  * file is recorded.
  */
-#include <set>
 
 #include <gtest/gtest.h>
 

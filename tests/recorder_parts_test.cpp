@@ -2,8 +2,6 @@
 #include <chrono>
 #include <cstring>
 #include <deque>
-#include <fstream>
-#include <iterator>
 #include <random>
 #include <sstream>
 

@@ -1,7 +1,6 @@
 /** What an event asks of the recorder: files that are kept whatever happens, and what was seen before it. */
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include "support/recorder-harness.h"

@@ -3,7 +3,6 @@
 
 #include <climits>
 #include <cstring>
-#include <memory>
 #include <tuple>
 
 #include <gtest/gtest.h>

@@ -5,7 +5,6 @@
 #include <cerrno>
 #include <functional>
 #include <memory>
-#include <optional>
 #include <span>
 
 #include <mediafiles/recovery.h>

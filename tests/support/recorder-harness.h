@@ -8,7 +8,7 @@
 #include <set>
 #include <thread>
 
-#include <mediafiles/recorder.h>
+#include <mediafiles/recorder.hpp>
 
 #include "hex.h"
 #include "medium.h"
@@ -63,18 +63,9 @@ struct source {
     int64_t lag = 0; // nanoseconds that its frames come late
     bool video() const { return (track.type & 0x200) == 0; }
 };
-inline mp4_track_desc h264()
-{
-    return {.type = MP4_TRACK_H264, .video = {}};
-}
-inline mp4_track_desc h265(uint32_t width = 0, uint32_t height = 0)
-{
-    return {.type = MP4_TRACK_H265, .video = {width, height, 0}};
-}
-inline mp4_track_desc aac(uint32_t rate)
-{
-    return {MP4_TRACK_AAC, {{2, 16, rate}}};
-}
+inline constexpr auto h264 = [] { return mediafiles::h264_track(); };
+inline constexpr auto h265 = [](uint32_t width, uint32_t height) { return mediafiles::h265_track(width, height); };
+inline constexpr auto aac = [](uint32_t rate) { return mediafiles::aac_track(rate, 2); };
 
 /* ---- Recordings ---- */
 

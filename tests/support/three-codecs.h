@@ -1,8 +1,6 @@
 /** A recording of all three codecs, frame by frame. */
 #pragma once
 
-#include <memory>
-
 #include <mediafiles/movie.h>
 
 #include "descriptors.h"
