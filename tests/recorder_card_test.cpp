@@ -59,16 +59,15 @@ private:
 
 /** A recorder, its frames group by group, and its events as they come. */
 struct recording {
-    explicit recording(const card &on, int64_t quota = 0, const std::string &below = "") : directory(on.path() + below)
+    explicit recording(const card &on, int64_t quota = 0, const std::string &directory = "")
+        : recorder(start(on, {h264()}, [&](auto &o) {
+              if (!directory.empty()) o.directory = directory.c_str();
+              o.segment_ns = 2 * second;
+              o.sync_ns = 10 * millisecond;
+              o.keep_free_bytes = int64_t{4} << 20;
+              o.quota_bytes = quota;
+          }))
     {
-        mediafiles_recorder_options options = options_for(on, tracks);
-        options.directory = directory.c_str();
-        options.segment_ns = 2 * second;
-        options.sync_ns = 10 * millisecond;
-        options.keep_free_bytes = int64_t{4} << 20;
-        options.quota_bytes = quota;
-        recorder.recorder = mediafiles_recorder_start(&options);
-        EXPECT_TRUE(recorder) << strerror(errno);
     }
 
     /** At least one round of syncs for each group. */
@@ -103,9 +102,7 @@ struct recording {
     }
     void stop() { EXPECT_EQ(mediafiles_recorder_stop(recorder, -1), 0); }
 
-    const std::vector<mp4_track_desc> tracks = {h264()};
-    const std::string directory;
-    recorder_ptr recorder;
+    const recorder_ptr recorder;
     int groups = 0;
     std::map<uint32_t, uint64_t> seen;
     uint64_t last_deleted = 0;
@@ -213,7 +210,7 @@ TEST(MissingCard, GetsNothingBelowItsMountPoint)
         mounted_card on;
         NEEDS_MOUNTED(on);
         fs::create_directories(on.path() + below);
-        recording made(on, 0, below);
+        recording made(on, 0, on.path() + below);
         made.record(8);
         ASSERT_TRUE(made.sees(MEDIAFILES_EVENT_FINISHED));
 

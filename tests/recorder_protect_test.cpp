@@ -22,14 +22,10 @@ std::vector<std::string> protected_files(const card &on)
 
 /** A recorder that makes a file of each group of pictures, and a camera for it. */
 struct recording_of_groups {
-    explicit recording_of_groups(const card &on, int64_t sync = 0, int64_t most_protected = 0)
+    explicit recording_of_groups(const card &on, int64_t sync = 0, int64_t limit = 0)
+        : recorder(start(on, {h264()},
+                         [=](auto &o) { o.segment_ns = group_time, o.sync_ns = sync, o.protected_bytes = limit; }))
     {
-        mediafiles_recorder_options options = options_for(on, tracks);
-        options.segment_ns = group_time;
-        options.sync_ns = sync;
-        options.protected_bytes = most_protected;
-        recorder.recorder = mediafiles_recorder_start(&options);
-        EXPECT_TRUE(recorder);
     }
     void push_groups(int groups, int64_t step = 0)
     {
@@ -38,8 +34,7 @@ struct recording_of_groups {
         EXPECT_TRUE(comes_true([&] { return stats_of(recorder).safe[0] >= uint64_t(10 * (pushed - 1)); }));
     }
 
-    const std::vector<mp4_track_desc> tracks = {h264()};
-    recorder_ptr recorder;
+    const recorder_ptr recorder;
     int pushed = 0;
 };
 
@@ -116,28 +111,24 @@ TEST(RecorderProtect, AFileThatIsGivenUpIsProtectedByItsRecovery)
 TEST(RecorderProtect, TheOldestGoWhereTheyTakeTooMuch)
 {
     constexpr int64_t file_size = 120'000;
-    const struct {
-        const char *what;
-        int64_t limit;
-        std::vector<std::string> left;
-    } cases[] = {
-        {"no limit", 0, {"1", "2", "3", "4"}},
-        {"as they are protected", 5 * file_size / 2, {"3", "4"}},
-        {"the last one stays", 1, {"4"}},
+    const std::pair<int64_t, std::vector<std::string>> cases[] = {
+        {0, {"1", "2", "3", "4"}}, // no limit
+        {5 * file_size / 2, {"3", "4"}},
+        {1, {"4"}}, // the last one stays
     };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.what);
+    for (const auto &[limit, left] : cases) {
+        SCOPED_TRACE(limit);
         const card on;
-        recording_of_groups all(on, 0, c.limit);
+        recording_of_groups all(on, 0, limit);
         for (int file = 0; file < 4; ++file) {
             all.push_groups(1);
             ASSERT_EQ(mediafiles_recorder_protect(all.recorder, 0, 0), 0);
         }
         all.push_groups(2);
         ASSERT_EQ(mediafiles_recorder_stop(all.recorder, -1), 0);
-        EXPECT_EQ(protected_files(on), c.left);
-        EXPECT_EQ(events_of(all.recorder)[MEDIAFILES_EVENT_DELETED], 4 - c.left.size());
-        EXPECT_EQ(on.names().size(), c.left.size() + 2);
+        EXPECT_EQ(protected_files(on), left);
+        EXPECT_EQ(events_of(all.recorder)[MEDIAFILES_EVENT_DELETED], 4 - left.size());
+        EXPECT_EQ(on.names().size(), left.size() + 2);
     }
 }
 
@@ -247,22 +238,17 @@ TEST(RecorderEvents, NothingIsMissingBetweenEvents)
 TEST(RecorderEvents, RefusesWhatMakesNoSense)
 {
     const card on;
-    const auto error_of = [&](int64_t pre_event, int64_t memory, auto call) {
-        const recorder_ptr recorder = in_event_mode(on, {h264()}, pre_event, memory);
-        return recorder && call(recorder) == 0 ? 0 : errno;
-    };
-    const auto trigger = [](mediafiles_recorder *recorder) { return mediafiles_recorder_trigger(recorder, 0); };
-    const auto protect = [](mediafiles_recorder *recorder) { return mediafiles_recorder_protect(recorder, 1, -1); };
-    const auto late = [](mediafiles_recorder *recorder) {
-        mediafiles_recorder_stop(recorder, -1);
-        return mediafiles_recorder_trigger(recorder, 0);
-    };
-    EXPECT_EQ(error_of(second, 1 << 20, trigger), 0);
-    EXPECT_EQ(error_of(second, 1 << 20, late), ESHUTDOWN);
-    EXPECT_EQ(error_of(0, 0, trigger), ENOTSUP);
-    EXPECT_EQ(error_of(0, 0, protect), EINVAL);
-    EXPECT_EQ(error_of(second, 0, trigger), EINVAL);
-    EXPECT_EQ(error_of(0, 1 << 20, trigger), EINVAL);
+    const auto error_of = [](int result) { return result == 0 ? 0 : errno; };
+    {
+        const recorder_ptr events = in_event_mode(on, {h264()}, second, 1 << 20);
+        EXPECT_EQ(error_of(mediafiles_recorder_trigger(events, 0)), 0);
+        mediafiles_recorder_stop(events, -1);
+        EXPECT_EQ(error_of(mediafiles_recorder_trigger(events, 0)), ESHUTDOWN);
+    }
+    EXPECT_TRUE(!in_event_mode(on, {h264()}, second, 0) && errno == EINVAL);
+    const recorder_ptr usual = start(on, {h264()});
+    EXPECT_EQ(error_of(mediafiles_recorder_trigger(usual, 0)), ENOTSUP);
+    EXPECT_EQ(error_of(mediafiles_recorder_protect(usual, 1, -1)), EINVAL);
 }
 
 } // namespace

@@ -14,26 +14,16 @@ namespace {
 constexpr const char *name = "100% {number} \xff.mov";
 constexpr uint32_t replacing = MEDIAFILES_PLAIN_NAME | MEDIAFILES_OVERWRITE;
 
-const std::vector<mp4_track_desc> one_camera = {h264()};
-
 recorder_ptr start(const card &on, uint32_t flags, const char *pattern = name)
 {
-    mediafiles_recorder_options options = options_for(on, one_camera);
-    options.pattern = pattern;
-    options.flags = flags;
-    options.queue_bytes = 256 << 10;
-    return {mediafiles_recorder_start(&options)};
+    return start(on, {h264()}, [=](auto &o) { o.pattern = pattern, o.flags = flags, o.queue_bytes = 256 << 10; });
 }
 
-int error_of_start(const card &on, uint32_t flags, const char *pattern = name)
-{
+const auto error_of_start = [](const card &on, uint32_t flags, const char *pattern = name) {
     return start(on, flags, pattern).recorder ? 0 : errno;
-}
+};
 
-bytes text(const std::string &of)
-{
-    return {of.begin(), of.end()};
-}
+const auto text = [](const std::string &of) { return bytes(of.begin(), of.end()); };
 
 } // namespace
 
@@ -62,25 +52,22 @@ TEST(SingleRecording, HasItsNameAsItIs)
 
 TEST(SingleRecording, IsRefusedWhereSomethingIsInItsWay)
 {
-    const struct {
-        const char *what;
-        int plain, replaced; // errno
-        std::function<void(const std::string &path)> put;
-    } cases[] = {
+    const std::tuple<const char *, int, int, std::function<void(const std::string &path)>> cases[] = {
+        // errno without and with the flag to replace it
         {"a file", EEXIST, 0, [](const std::string &path) { std::ofstream(path) << "old"; }},
         {"a link", EEXIST, ELOOP, [](const std::string &path) { fs::create_symlink("elsewhere", path); }},
         {"a directory", EEXIST, EEXIST, [](const std::string &path) { fs::create_directory(path); }},
         {"a protected file", EEXIST, EEXIST,
          [](const std::string &path) { close(open(path.c_str(), O_CREAT | O_WRONLY, 0444)); }},
     };
-    for (const auto &c : cases)
+    for (const auto &[what, plain, replaced, put] : cases)
         for (const std::string suffix : {"", ".journal"}) {
-            SCOPED_TRACE(c.what + suffix);
+            SCOPED_TRACE(what + suffix);
             const card on;
-            c.put(on / name + suffix);
-            EXPECT_EQ(error_of_start(on, MEDIAFILES_PLAIN_NAME), c.plain);
-            EXPECT_EQ(error_of_start(on, replacing), c.replaced);
-            EXPECT_EQ(on.names().size(), c.plain == EEXIST && fs::is_regular_file(on / name + suffix));
+            put(on / name + suffix);
+            EXPECT_EQ(error_of_start(on, MEDIAFILES_PLAIN_NAME), plain);
+            EXPECT_EQ(error_of_start(on, replacing), replaced);
+            EXPECT_EQ(on.names().size(), plain == EEXIST && fs::is_regular_file(on / name + suffix));
         }
 }
 

@@ -171,16 +171,10 @@ TEST(Recorder, SoundGoesToTheFileOfItsTime)
 
 TEST(Recorder, SoundBeforeTheFirstPictureIsRefused)
 {
-    const card on;
-    const std::vector<mp4_track_desc> tracks = {h264(), aac(48000)};
-    const mediafiles_recorder_options options = options_for(on, tracks);
-    const recorder_ptr recorder = {mediafiles_recorder_start(&options)};
     stream sound = load("aac_lc_48000_2", ".aac");
     sound.resize(20);
-    push_all(recorder, {{h264(), camera(1, 5'000, second)}, {aac(48000), sound}});
-    ASSERT_EQ(mediafiles_recorder_stop(recorder, -1), 0);
-    EXPECT_EQ(stats_of(recorder).frames_refused, sound.size());
-    EXPECT_EQ(stats_of(recorder).frames_dropped, 0u);
+    const recorded made = record({{h264(), camera(1, 5'000, second)}, {aac(48000), sound}}, [](auto &) {});
+    EXPECT_EQ(std::pair(made.stats.frames_refused, made.stats.frames_dropped), std::pair(uint64_t{20}, uint64_t{0}));
 }
 
 /** Frames that nobody follows are safe after the time between two rounds; what was assumed of their length is made up. */

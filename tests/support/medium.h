@@ -92,7 +92,6 @@ public:
     int64_t carry_out(const operation &, real_call call) override;
     bool allocates() override { return !fails(memory); }
     bool has_hit() const { return has_hit_; }
-    long made(call kind) const { return made_[kind]; }
     void lift() { is_lifted_ = true; }
 
 private:
