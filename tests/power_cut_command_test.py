@@ -17,14 +17,13 @@ import struct
 import subprocess
 import tempfile
 import unittest
-import zlib
 from collections import Counter, defaultdict, namedtuple
 
 from support import judge
 
 GIVEN = judge.given("tool", "recover", "cases", "streams", "shim", "check", every=40, page="")
-Want = namedtuple("Want", "track begin size key checksum")
-Case = namedtuple("Case", "media journal samples kept")  # kept: how many of the samples no repair may lose
+Want = namedtuple("Want", "track begin size key")
+Case = namedtuple("Case", "media journal open samples kept")  # kept: how many of the samples no repair may lose
 NAMES = "clip.mp4", "clip.mp4.journal"
 PLAYED = re.compile("(avc|hevc|aac|hevc-aac-large|avc-aac-large)-[a-z]+-[0-9]")  # they begin where their streams do
 EXAMPLE = "by the example"  # instead of the command and its options
@@ -51,7 +50,8 @@ def cases_of_the_proof():
             rows = [[int(n) for n in line.split()] for line in want.read_text().splitlines()]
             media = want.with_suffix(".mp4")
             yield want.stem, Case(media.read_bytes(), pathlib.Path(f"{media}.journal").read_bytes(),
-                                  [Want(r[0], r[1], r[2], r[4] != 0, r[5]) for r in rows], sum(r[6] for r in rows))
+                                  want.with_suffix(".open").read_bytes(), [Want(*r[:3], r[3] != 0) for r in rows],
+                                  sum(r[4] for r in rows))
 
 
 class PowerCut(judge.Test):
@@ -120,9 +120,10 @@ class PowerCut(judge.Test):
     def judge(self, case, path, found, faults):
         """Every sample is one that was recorded, in its place. Gives whether all are whole."""
         data, wants = path.read_bytes(), case.samples
-        self.assertEqual(found, [want[:4] for want in wants[:len(found)]], path)
+        self.assertEqual(found, wants[:len(found)], path)
         self.assertGreaterEqual(len(found), case.kept, path)
-        torn = [w for w in wants[:len(found)] if zlib.crc32(data[w.begin:w.begin + w.size]) != w.checksum]
+        places = [(w, slice(w.begin, w.begin + w.size)) for w in wants[:len(found)]]
+        torn = [want for want, place in places if data[place] != case.open[place]]
         for want in torn:  # the end of the media has cut it: zeros follow
             self.assertIs(want, wants[len(found) - 1], path)
             there = case.media[want.begin:].ljust(want.size, b"\0")

@@ -10,18 +10,18 @@
  *     power_cut_test STREAMS --faults        whether the proof sees faults that are built in
  *     power_cut_test STREAMS --dump=N DIR    writes every Nth case, for other judges, and repairs nothing
  *
- * A dumped case is DIR/ID.mp4, DIR/ID.mp4.journal and DIR/ID.want, which has a line for each sample of the uncut
- * recording in the order of the file:
+ * A dumped case is DIR/ID.mp4, DIR/ID.mp4.journal, DIR/ID.open, the uncut media before the file was closed, and
+ * DIR/ID.want, which has a line for each sample of the uncut recording in the order of the file:
  *
- *     TRACK OFFSET SIZE NANOSECONDS KEY CRC32 KEPT
+ *     TRACK OFFSET SIZE KEY KEPT
  *
- * the track from 0, the place in the file, the capture time since the epoch, the key flag as it was given, the CRC-32
- * of the sample's bytes as zlib has it, and 1 for a sample that no repair may lose: up to the first one whose record or
- * bytes are not there in full. In each case that the order of writes and syncs allows (all but some of media, journal
+ * the track from 0, the place in the file, the key flag as it was given, and 1 for a sample that no repair may lose: up
+ * to the first one whose record or bytes are not there in full. In each case that the order of writes and syncs allows (all but some of media, journal
  * and pair) these hold all samples that were synced.
  */
 #include <functional>
 #include <map>
+#include <sstream>
 #include <string_view>
 #include <unordered_set>
 
@@ -216,45 +216,39 @@ struct proof {
     }
 };
 
-uint32_t crc32(const uint8_t *data, size_t size)
+void dump_case(const recording &r, const power_cut &c, const std::string &directory)
 {
-    uint32_t crc = ~0u;
-    for (size_t i = 0; i < 8 * size; i++) crc = crc >> 1 ^ ((crc ^ data[i / 8] >> i % 8) & 1 ? 0xEDB88320u : 0);
-    return ~crc;
-}
-
-void dump_case(const recording &r, const power_cut &c, const std::string &name)
-{
-    std::ofstream media(name + ".mp4"), journal(name + ".mp4.journal"), want(name + ".want");
-    std::ranges::copy(c.media, std::ostreambuf_iterator<char>(media));
-    std::ranges::copy(c.journal, std::ostreambuf_iterator<char>(journal));
+    const auto write = [&](const std::string &name, const auto &content) {
+        std::ofstream file(directory + "/" + name);
+        std::ranges::copy(content, std::ostreambuf_iterator<char>(file));
+        if (!file.flush()) throw std::runtime_error("cannot write " + name);
+    };
+    std::ostringstream want;
     size_t n = 0;
     for (const size_t kept = intact(r, c); const sample &s : r.samples)
-        want << +s.track << ' ' << s.offset << ' ' << s.size << ' ' << s.time() << ' ' << s.key << ' '
-             << crc32(&r.open[s.offset], s.size) << ' ' << (n++ < kept) << '\n';
-    if (!media.flush() || !journal.flush() || !want.flush()) throw std::runtime_error("cannot write " + name);
+        want << +s.track << ' ' << s.offset << ' ' << s.size << ' ' << s.key << ' ' << (n++ < kept) << '\n';
+    write(c.id + ".mp4", c.media);
+    write(c.id + ".mp4.journal", c.journal);
+    write(c.id + ".open", r.open);
+    write(c.id + ".want", want.str());
 }
 
 /** Each fault has to be seen by the check that is meant for it. */
 int prove_faults(const std::string &streams, FILE *say)
 {
-    const struct {
-        const char *what;
-        fault built_in;
-        const char *check;
-    } faults[] = {
+    const std::tuple<const char *, fault, const char *> faults[] = {
         {"the journal is written before the media is flushed", fault::order, "durable"},
         {"a repair does not truncate", fault::cut, "structure"},
         {"a key flag is lost", fault::key, "recorded"},
     };
     size_t unseen = 0;
-    for (const auto &f : faults) {
-        proof p = {.streams = streams, .built_in = f.built_in, .every = 50};
+    for (const auto &[what, built_in, meant] : faults) {
+        proof p = {.streams = streams, .built_in = built_in, .every = 50};
         p.run();
-        unseen += p.failures[f.check] == 0;
-        fprintf(say, "%s: %zu cases;", f.what, p.cases);
+        unseen += p.failures[meant] == 0;
+        fprintf(say, "%s: %zu cases;", what, p.cases);
         for (const auto &[check, count] : p.failures) fprintf(say, " %s: %zu", check.c_str(), count);
-        fprintf(say, "%s\n", p.failures[f.check] ? "" : ": NOT SEEN");
+        fprintf(say, "%s\n", p.failures[meant] ? "" : ": NOT SEEN");
     }
     return unseen != 0;
 }
@@ -278,7 +272,7 @@ int main(int argc, char **argv)
     const size_t every = dump ? dump : std::stoul(option("--every=", "1"));
     proof p = {.streams = words[0], .every = every, .only = option("--case=", "")};
     if (dump)
-        p.for_each([&](const recording &r, const power_cut &c) { dump_case(r, c, words.back() + "/" + c.id); });
+        p.for_each([&](const recording &r, const power_cut &c) { dump_case(r, c, words.back()); });
     else
         p.run();
     for (const auto &[check, count] : p.failures) fprintf(say, "%s: %zu failures\n", check.c_str(), count);
