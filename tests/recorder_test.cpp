@@ -15,12 +15,13 @@ TEST(Recorder, LosesNothingBetweenFiles)
     const stream base = load("h264_base_640x360_25", ".h264"),
                  slices = load("h264_high_aud_4slices_640x360_30", ".h264"),
                  hevc = load("h265_aud_sei_640x360_25", ".h265"), cra = load("h265_cra_2slices_640x360_30", ".h265"),
-                 sound = load("aac_lc_48000_2", ".aac");
+                 sound = load("aac_lc_48000_2", ".aac"), other = load("aac_voaac_44100_2", ".aac");
     const int64_t late = 3'600 * second + 123'456'789; // a clock does not begin at 0
     std::mt19937 random(3);
     const auto paced = [&](stream all, double rate, int64_t jitter) { // nanoseconds, to both sides
         for (size_t n = 0; n < all.size(); ++n)
-            all[n].time = late + int64_t(double(n) / rate * second) + int64_t(random() % (2 * jitter + 1)) - jitter;
+            all[n].time = -5 * second + 123'456 + int64_t(double(n) / rate * second) +
+                          int64_t(random() % (2 * jitter + 1)) - jitter;
         return all;
     };
     const struct {
@@ -33,7 +34,7 @@ TEST(Recorder, LosesNothingBetweenFiles)
         {"a file each second", {{h264(), base}}, second, 4},
         {"29.97 a second, with jitter",
          {{h264(), paced(camera(120, 2'000), 30 / 1.001, 2 * millisecond)},
-          {aac(48000), paced(repeated(sound, 8), 46.875, millisecond / 3)}},
+          {aac(48000), paced(repeated(sound, 8), 46.875, millisecond / 3), 0, millisecond}},
          600 * millisecond,
          60},
         {"a second",
@@ -41,6 +42,10 @@ TEST(Recorder, LosesNothingBetweenFiles)
          7 * second,
          4},
         {"as they come", {{h264(), paced(camera(20, 2'000), 5, 90 * millisecond)}}, 3 * second, 10},
+        {"60 a second", {{h264(), paced(camera(360, 2'000), 60, 3 * millisecond)}}, 0, 1},
+        {"one in ten minutes, for eight days", {{h264(), paced(camera(120, 2'000), 1. / 600, second)}}, 0, 1},
+        {"a rate that is no whole number", {{aac(44100), paced(repeated(other, 40), 44100 / 1024., 0)}}, 0, 1},
+        {"in bursts", {{aac(48000), paced(repeated(sound, 20), 46.875, 10 * millisecond), 0, 11 * millisecond}}, 0, 1},
         {"an odd length, with sound",
          {{h264(), repeated(base, 3, late)}, {aac(48000), repeated(sound, 2, late)}},
          1'700 * millisecond,
@@ -57,7 +62,11 @@ TEST(Recorder, LosesNothingBetweenFiles)
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.what);
-        recorded made = record(c.sources, [&](auto &o) { o.segment_ns = c.segment, o.sync_ns = 60 * second; });
+        recorded made = record(c.sources, [&](auto &o) {
+            o.segment_ns = c.segment;
+            o.sync_ns = 60 * second;
+            o.longest_gap_ns = -1;
+        });
         EXPECT_EQ(made.all.files.size(), c.files);
         expect_all_samples(made.all, c.sources);
         expect_times(made.all, c.sources);

@@ -1,5 +1,6 @@
 #include "recorder-harness.h"
 
+#include <cmath>
 #include <cstring>
 #include <fstream>
 #include <sstream>
@@ -222,24 +223,27 @@ std::set<size_t> found_frames(const std::vector<bytes> &samples, const stream &f
 
 void expect_times(const played &all, const std::vector<source> &sources)
 {
+    const stream &lead = sources[0].frames;
+    const auto whole = [](int64_t time) { return std::llround(double(time) / millisecond); };
     std::vector<size_t> next(sources.size());
-    int64_t begin = 0, length = 0;
+    int64_t end = whole(lead[0].time);
     for (const mp4::file &file : all.files) {
-        const int64_t before = std::exchange(begin, (sources[0].frames[next[0]].time + millisecond / 2) / millisecond);
-        EXPECT_TRUE(length == 0 || before + length == begin) << before << " + " << length << ", " << begin;
-        length = int64_t(file.tracks.at(0).track_duration);
+        const int64_t begin = whole(lead.at(next[0]).time);
+        EXPECT_EQ(begin, end);
+        end = begin + int64_t(file.tracks.at(0).track_duration);
         for (const mp4::track &track : file.tracks) {
             const source &from = sources[track.id - 1];
+            const int64_t tick = from.video() ? 5'557 : second / from.track.audio.sample_rate + 1; // half a tick
             for (size_t n = 0; n < track.samples.size(); ++n) {
                 const int64_t captured = from.frames.at(next[track.id - 1]++).time,
-                              late = begin * millisecond + begin_of(track, track.samples[n]) - captured,
-                              slack = n == 0         ? 2 * millisecond
-                                      : from.video() ? 5'557
-                                                     : millisecond; // half a tick
-                EXPECT_TRUE(n == 1 || std::abs(late) <= slack) << track.id << ": " << n << " is late by " << late;
+                              late = begin * millisecond + begin_of(track, track.samples[n]) - captured;
+                EXPECT_TRUE(n == 1 || std::abs(late) <= (n == 0 ? 2 * millisecond : tick) + from.slack)
+                    << track.id << ": " << n << " is late by " << late;
             }
         }
     }
+    const int64_t last = lead.back().time, due = whole(last + (last - lead[lead.size() - 2].time));
+    EXPECT_LE(std::abs(end - due), 1 + sources[0].slack / millisecond * 2);
 }
 
 recorded record(const std::vector<source> &sources, const change_of_options &change)

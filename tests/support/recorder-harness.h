@@ -60,7 +60,8 @@ bytes sample_of(const frame &given, bool video);
 struct source {
     mp4_track_desc track;
     stream frames;
-    int64_t lag = 0; // nanoseconds that its frames come late
+    int64_t lag = 0;   // nanoseconds that its frames come late
+    int64_t slack = 0; // by which sound may be off its capture, beside a tick
     bool video() const { return (track.type & 0x200) == 0; }
 };
 inline constexpr auto h264 = [] { return mediafiles::h264_track(); };
@@ -126,8 +127,9 @@ void expect_all_samples(const played &all, const std::vector<source> &sources);
 std::set<size_t> found_frames(const std::vector<bytes> &samples, const stream &frames, bool video);
 
 /**
- * Each sample begins when its frame was captured, sound within a millisecond, but for the second one of a file; one at a
- * seam may wait for it. A file is as long as it takes until the next one begins: what leads is the first source.
+ * Each sample begins when its frame was captured, to a tick, but for the second one of a file; one at a seam may wait for
+ * it. A file is as long as it takes until the next one begins, and the last one until another frame was due: what leads
+ * is the first source.
  */
 void expect_times(const played &all, const std::vector<source> &sources);
 
