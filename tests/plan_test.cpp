@@ -454,6 +454,22 @@ TEST_F(Plan, AsksBeforeItCutsOrAddsALot)
     }
 }
 
+/* A recording as long as one can be, cut off in its last sample. */
+TEST_F(Plan, GoesUpToTheLastByte)
+{
+    constexpr uint64_t end = 32 + uint64_t{0xDFFFFFFF}, size = 0x3FFFFF3, count = (end - 32 + size - 1) / size;
+    std::string samples = "aac ";
+    for (uint64_t at = 32, n = 1; at < end; at += size)
+        samples += "m0:" + std::to_string(at) + "," + std::to_string(std::min(size, end - at)) + "," +
+                   std::to_string(n++) + " ";
+    const bytes journal = records(samples);
+    planned::input media = {recordings()[0].open, end - 100}, beside = {journal};
+    const planned p(media, &beside, 0, 0);
+    EXPECT_EQ(std::tuple(end, count, 100u), std::tuple(p.info.media_end, p.info.samples, p.info.added)) << text_of(p);
+    EXPECT_EQ(p.info.file_size, p.info.info.fileSize);
+    EXPECT_LT(end, p.info.file_size);
+}
+
 /* ---- parameter sets, records ---- */
 
 /** A journal's record of a parameter set. */

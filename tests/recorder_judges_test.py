@@ -228,14 +228,6 @@ class RecorderTest(judge.Test):
                     wrong.append((file.path.name, i, late))
         self.assertEqual(wrong, [])
 
-    def check_durations(self, made, begin, end):
-        """Each within a millisecond, all together exact, of what leads the recording."""
-        ends = [*made.begins()[1:], end]
-        for file, a, b in zip(made.files, made.begins(), ends, strict=True):
-            self.assertLessEqual(abs(file.duration * MILLISECOND - (b - a)), MILLISECOND)
-        whole = [(t + MILLISECOND // 2) // MILLISECOND for t in (begin, end)]
-        self.assertEqual(sum(f.duration for f in made.files), whole[1] - whole[0])
-
     def check_played(self, made, source):
         """Every file that has the track begins it with a key frame and plays alone."""
         key = source.codec, source.measure
@@ -272,22 +264,19 @@ class RecorderTest(judge.Test):
         long_sound = until(long_sound, film.frames[-1].time_ns)
         refresh = encoded("intra-refresh=1:keyint=20", seconds=4)
         cases = (
-            ("sixty odd lengths", [film, long_sound], {"segment_ns": 1}, 60, range(60)),
-            ("odd lengths of sound", [paced(sound(), 48000 / 1024, 2300)], {"segment_ns": 777_777_777}, 64, range(60)),
+            ("sixty odd lengths", [film, long_sound], {"segment_ns": 1}, 60),
+            ("odd lengths of sound", [paced(sound(), 48000 / 1024, 2300)], {"segment_ns": 777_777_777}, 64),
             ("two cameras", [paced(base, 25, 350), slow, paced(sound(), 48000 / 1024, 600)],
-             {"segment_ns": 2 * SECOND}, 7, ()),
-            ("intra refresh", [refresh], {"segment_ns": SECOND, "flags": ANY_START}, 3, range(4)),
+             {"segment_ns": 2 * SECOND}, 7),
+            ("intra refresh", [refresh], {"segment_ns": SECOND, "flags": ANY_START}, 3),
         )
-        for what, sources, options, count, ordered in cases:
+        for what, sources, options, count in cases:
             with self.subTest(what):
                 made = self.record(sources, **options)
                 self.assertEqual((len(made.files), made.end["dropped"], made.end["refused"]), (count, 0, 0))
                 for source in sources:
                     self.check_samples(made, source)
                     self.check_times(made, source)
-                if ordered:
-                    last, before = sources[0].frames[-1].time_ns, sources[0].frames[-2].time_ns
-                    self.check_durations(made, sources[0].frames[0].time_ns, 2 * last - before)
                 if what == "intra refresh":
                     judge.run("ffmpeg", "-v", "error", "-i", made.paths[1], "-f", "null", "-")
                     continue

@@ -67,29 +67,6 @@ class Repair(judge.Test):
         self.assertEqual(self.repair("--drop-last-frame")["cut_bytes"], len(cut) - samples[count - 1].end)
         self.check(count)
 
-    def test_up_to_the_last_byte(self):
-        """A sparse recording as long as a recording can be, cut off in its last sample."""
-        _, head, journal, samples = self.whole["hevc"]
-        size, end = 0x3FFFFF3, 32 + 0xDFFFFFFF
-        notes, begins = journal[:samples[0].record_end - 28], [*range(32, end, size)]
-        with open(self.clip, "wb") as media:
-            media.write(head[:32])
-            for second, begin in enumerate(begins):
-                kept = min(size, end - begin)
-                notes += struct.pack("<BBHIIqIi", 2, 0, 24, begin, kept, second, 0, 1)
-                media.seek(begin)
-                media.write(struct.pack(">IH", kept - 4, 0x2601))  # one NAL unit, IDR_W_RADL
-            media.truncate(begins[-1] + 9)
-        self.journal.write_bytes(notes)
-        one = self.repair()
-        self.assertEqual((one["tracks"][0]["frames"], one["bytes"]), (len(begins), self.clip.stat().st_size))
-        with open(self.clip, "rb") as media:
-            media.seek(24)
-            self.assertEqual(media.read(8), struct.pack(">I4s", end - 24, b"mdat"))
-            media.seek(end)
-            self.assertEqual(media.read(8), struct.pack(">I4s", one["bytes"] - end, b"moov"))
-        self.assertEqual(self.repair(exit_code=NOTHING)["result"], "finished")
-
     def test_refused(self):
         _, media, journal, samples = self.whole["av"]
         frame = next(s for s in samples[30:] if s.track == 0)
