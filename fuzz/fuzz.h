@@ -26,6 +26,19 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***);
 
 namespace fuzz {
 
+/** The bytes of an input, from its beginning; after its end zeros. */
+struct program_bytes {
+    std::span<const uint8_t> left;
+
+    bool is_empty() const { return left.empty(); }
+    size_t take()
+    {
+        const size_t byte = is_empty() ? 0 : left[0];
+        left = left.subspan(!is_empty());
+        return byte;
+    }
+};
+
 /** A number of an MP4 box. */
 inline uint32_t big(const uint8_t *at)
 {

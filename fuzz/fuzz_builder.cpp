@@ -18,7 +18,7 @@ constexpr int64_t second = 1'000'000'000; // nanoseconds
 
 class session {
 public:
-    explicit session(std::span<const uint8_t> program) : input(program) { begin_file(); }
+    explicit session(std::span<const uint8_t> program) : input{program} { begin_file(); }
     ~session()
     {
         end_file(true);
@@ -27,8 +27,8 @@ public:
 
     void run()
     {
-        for (int calls = 0; !input.empty() && calls < 120; calls++) {
-            const size_t call = take(), kind = call % 16;
+        for (int calls = 0; !input.is_empty() && calls < 120; calls++) {
+            const size_t call = input.take(), kind = call % 16;
             if (kind == 0) add_track();
             if (kind == 1) sync();
             if (kind == 2) keep(drain(journal));
@@ -47,23 +47,15 @@ private:
         std::vector<model::sample> accepted = {}; // frames, dropped ones included, without their places
     };
 
-    size_t take()
-    {
-        if (input.empty()) return 0;
-        const size_t byte = input[0];
-        input = input.subspan(1);
-        return byte;
-    }
-
     size_t take_two()
     {
-        const size_t high = take();
-        return high * 256 + take();
+        const size_t high = input.take();
+        return high * 256 + input.take();
     }
 
     void add_track()
     {
-        const size_t kind = take();
+        const size_t kind = input.take();
         const uint32_t rates[] = {8000, 4000, 1000, 64}; // 16 bits: caches of 16,000 bytes down to 128
         mp4_track_desc description = {MP4_TRACK_AAC, {.audio = {2, kind & 64 ? 16u : 0u, rates[kind / 4 % 4]}}};
         if (kind % 3 != 2) description = {kind % 3 ? MP4_TRACK_H265 : MP4_TRACK_H264, {.video = {16, 16, 0}}};
@@ -74,7 +66,7 @@ private:
 
     void add_frame(bool key)
     {
-        const size_t index = take() % (tracks.size() + 1), step = take(), length = take();
+        const size_t index = input.take() % (tracks.size() + 1), step = input.take(), length = input.take();
         /* Once a file, a gap beyond the longest duration; days of it would not fit the arithmetic. */
         const bool jump = step == 255 && !jumped;
         jumped |= jump;
@@ -152,7 +144,7 @@ private:
         jumped = false;
         file = std::make_unique<descriptor>();
         const uint32_t caches[] = {0, 64, 512, 4096};
-        REQUIRE(builder->open(builder, *file, caches[take() % 4], journal.get()) == 0);
+        REQUIRE(builder->open(builder, *file, caches[input.take() % 4], journal.get()) == 0);
     }
 
     void end_file(bool close)
@@ -218,7 +210,7 @@ private:
         }
     }
 
-    std::span<const uint8_t> input;
+    program_bytes input;
     mp4_builder *builder = mp4_builder_create();
     const journal_ptr journal{mediafile_caretaker_create()};
     std::unique_ptr<descriptor> file;

@@ -42,7 +42,7 @@ auto call(Call made)
 
 class program {
 public:
-    explicit program(std::span<const uint8_t> input) : input_(input)
+    explicit program(std::span<const uint8_t> input) : input_{input}
     {
         const char *const place = access("/dev/shm", W_OK) == 0 ? "/dev/shm/fuzz-XXXXXX" : "/tmp/fuzz-XXXXXX";
         directory_ = place;
@@ -57,28 +57,20 @@ public:
             medium::failing faults(take_faults());
             recorder_ = call([&] { return mediafiles_recorder_start(&options); });
             REQUIRE(recorder_ || faults.has_hit());
-            for (int calls = 0; recorder_ && !input_.empty() && calls < 150; ++calls) make_call(faults);
+            for (int calls = 0; recorder_ && !input_.is_empty() && calls < 150; ++calls) make_call(faults);
             end();
         }
         judge();
     }
 
 private:
-    size_t take()
-    {
-        if (input_.empty()) return 0;
-        const size_t byte = input_[0];
-        input_ = input_.subspan(1);
-        return byte;
-    }
-
     mediafiles_recorder_options take_options()
     {
         const mp4_track_desc h264 = {MP4_TRACK_H264, {{640, 360, 0}}}, h265 = {MP4_TRACK_H265, {{640, 360, 0}}},
                              aac = {MP4_TRACK_AAC, {{2, 16, 48000}}}, late = {MP4_TRACK_H264, {{0, 0, 0}}};
         const std::vector<mp4_track_desc> choices[] = {{h264}, {h264, aac}, {h264, h265, aac}, {aac}, {late, aac}};
-        tracks_ = choices[take() % std::size(choices)];
-        const size_t how = take(), sizes = take();
+        tracks_ = choices[input_.take() % std::size(choices)];
+        const size_t how = input_.take(), sizes = input_.take();
         mediafiles_recorder_options options = {};
         options.size = sizeof options;
         options.track_count = uint32_t(tracks_.size());
@@ -100,7 +92,7 @@ private:
 
     medium::failing::plan take_faults()
     {
-        const size_t kind = take(), nth = take(), how = take();
+        const size_t kind = input_.take(), nth = input_.take(), how = input_.take();
         const int errors[] = {EIO, ENOSPC, EROFS, ENODEV};
         const auto failing = medium::call(kind % medium::kinds);
         return {failing, kind & 128 ? long(nth + 256 * (how >> 4)) : -1, (how & 1) != 0,
@@ -109,9 +101,9 @@ private:
 
     void make_call(medium::failing &faults)
     {
-        const size_t what = take();
+        const size_t what = input_.take();
         if (what < 200) return push(what);
-        const int64_t some = int64_t(take()) * 10 * millisecond;
+        const int64_t some = int64_t(input_.take()) * 10 * millisecond;
         call([&] {
             mediafiles_recorder_stats stats = {};
             stats.size = sizeof stats;
@@ -141,14 +133,14 @@ private:
         const int64_t steps[] = {40, 40, 40, 21, 0, -1'000, 15'000, 3'600'000};
         const auto track = uint32_t(what % (tracks_.size() + 1));
         now_ += steps[what / 4 % 8] * millisecond;
-        const size_t length = take();
+        const size_t length = input_.take();
         bytes data;
         const bool is_video = track < tracks_.size() && tracks_[track].type != MP4_TRACK_AAC, is_key = what & 32;
         if (is_video && what < 190) data = units[tracks_[track].type == MP4_TRACK_H265][is_key];
         if (what < 190)
             data.resize(data.size() + 1 + length * 16, uint8_t(0x80 | length));
         else
-            for (size_t n = 0; n < length % 64; ++n) data.push_back(uint8_t(take()));
+            for (size_t n = 0; n < length % 64; ++n) data.push_back(uint8_t(input_.take()));
         call(
             [&] { mediafiles_recorder_push(recorder_, track, data.data(), data.size(), now_, what == 150 ? 2u : 0u); });
     }
@@ -197,7 +189,7 @@ private:
         REQUIRE(has_deleted_ || samples >= safe_);
     }
 
-    std::span<const uint8_t> input_;
+    program_bytes input_;
     std::string directory_;
     std::vector<mp4_track_desc> tracks_;
     mediafiles_recorder *recorder_ = nullptr;

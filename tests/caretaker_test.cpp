@@ -56,6 +56,8 @@ const std::pair<std::string, std::string> stored_cases[] = {
     {"m7:100,50,1 m0:150,1,2 p0:9 s0:1", "m7:100,50,1 m0:150,1,2"},
     {"m0:0xFFFFFFF0,32,1 m0:16,1,2 p1:3 s1:0xFFFFFFF0 c1:17,1 m0:1,1,4", // the least offset has 32 bits
      "m0:0xFFFFFFF0,32,1 m0:16,1,2 m1:17,0xFFFFFFF0,3 m0:1,1,4"},
+    {"p0:5 s0:9 c0:0x7FFFFFFC,1 p0:6 s0:9 c0:0x80000005,1 p0:7 s0:1 c0:0xFFFFFFF0,1",
+     "m0:0x7FFFFFFC,9,5 m0:0x80000005,9,6 m0:0xFFFFFFF0,1,7"},
     {other_kinds, other_kinds},
 };
 
@@ -78,6 +80,7 @@ const std::tuple<std::string, std::string, int, lines> refused_cases[] = {
     {"", "", EBADRQC, {"10/600", "255/4"}},
     {"", "", ENOBUFS, {"p8:1", "m8:1,1,1"}},
     {"m0:100,50,1", "m0:100,50,1", EILSEQ, {"m1:149,1,2", "c0:149,0", "w0:149,0"}},
+    {"m0:0xFFFFFFF0,1,7 p0:8 s0:1", "m0:0xFFFFFFF0,1,7", EILSEQ, {"c0:0xFFFFFFF0,1"}},
     {"m0:0xFFFFFFFF,2,1", "m0:0xFFFFFFFF,2,1", EILSEQ, {"m0:0,1,2"}},
     {"p0:1 s0:1", "", EINVAL, {"s0:0", "c0:1,0", "c0:1,-1", "w0:1,0", "3/0/0", "4/4/0"}},
     {"p1:1 s1:5", "", ENOENT, {"s8:0", "c8:1,0", "w8:1,0", "s0:5", "s1:5", "c0:1,1", "w0:1,1"}},

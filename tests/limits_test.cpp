@@ -149,14 +149,6 @@ TEST(Limits, HoldForAJournalWithGaps)
     EXPECT_TRUE(repaired.sound()) << repaired.problems.front().text;
 }
 
-TEST(Limits, HoldForPositionsInTheJournal)
-{
-    const journal_ptr journal(mediafile_caretaker_create());
-    EXPECT_EQ(0, add(journal, "p0:5 s0:9 c0:0x7FFFFFFC,1 p0:6 s0:9 c0:0x80000005,1 p0:7 s0:1 c0:0xFFFFFFF0,1"));
-    EXPECT_EQ(dump(records("m0:0x7FFFFFFC,9,5 m0:0x80000005,9,6 m0:0xFFFFFFF0,1,7")), dump(drain(journal)));
-    EXPECT_EQ(EILSEQ, add(journal, "p0:8 s0:1 c0:0xFFFFFFF0,1"));
-}
-
 TEST(BundledLogger, WritesToStandardErrorAtTwoLevels)
 {
     testing::internal::CaptureStdout();

@@ -228,18 +228,15 @@ TEST_F(Plan, LeavesAloneWhatOtherProgramsHaveWritten)
     const std::string text(r.closed.begin(), r.closed.end());
     const auto at = [&](const char *box) { return text.find(box, r.open.size()); };
     const bytes stale = first(r.journal, r.journal.size() / 2 / 28 * 28), empty;
-    const struct {
-        const char *what;
-        bytes file;
-        uint32_t result;
-    } cases[] = {{"a size of 64 bits", with(r.closed, 24, hex("00000001")), MEDIAFILES_NOT_OURS},
-                 {"ctts", with(r.closed, at("stss"), hex("'ctts'")), MEDIAFILES_NOT_OURS},
-                 {"hvc1", with(r.closed, at("avc1"), hex("'hvc1'")), MEDIAFILES_NOT_OURS},
-                 {"udta, and no samples", with(r.closed, at("mdia"), hex("'udta'")), MEDIAFILES_NOT_OURS},
-                 {"udta, and all samples", with(r.closed, at("iods"), hex("'udta'")), MEDIAFILES_FINISHED}};
-    for (const auto &c : cases)
+    const std::tuple<const char *, bytes, uint32_t> cases[] = {
+        {"a size of 64 bits", with(r.closed, 24, hex("00000001")), MEDIAFILES_NOT_OURS},
+        {"ctts", with(r.closed, at("stss"), hex("'ctts'")), MEDIAFILES_NOT_OURS},
+        {"hvc1", with(r.closed, at("avc1"), hex("'hvc1'")), MEDIAFILES_NOT_OURS},
+        {"udta, and no samples", with(r.closed, at("mdia"), hex("'udta'")), MEDIAFILES_NOT_OURS},
+        {"udta, and all samples", with(r.closed, at("iods"), hex("'udta'")), MEDIAFILES_FINISHED}};
+    for (const auto &[what, file, result] : cases)
         for (const bytes *journal : {static_cast<const bytes *>(nullptr), &empty, &stale, &r.journal})
-            EXPECT_EQ(plan_of(c.file, journal).info.result, c.result) << c.what;
+            EXPECT_EQ(plan_of(file, journal).info.result, result) << what;
     /* Damage: a sector was lost that begins at a type. */
     EXPECT_EQ(plan_of(with(r.closed, at("stss"), hex("00000000")), &r.journal).file, r.closed);
     EXPECT_EQ(plan_of(with(r.closed, 24, hex("00000005")), &empty).info.reason, MEDIAFILES_REASON_NO_SAMPLES);
@@ -247,14 +244,8 @@ TEST_F(Plan, LeavesAloneWhatOtherProgramsHaveWritten)
 
 /* ---- the end of a journal ---- */
 
-struct torn_or_damaged {
-    std::string what;
-    bytes journal;
-    bool damaged;
-};
-
-/** Journals of a recording, each changed in one way: near its end, or at an offset in the middle. */
-std::vector<torn_or_damaged> changed_journals(const recorded &r, size_t middle)
+/** Journals of a recording, each changed in one way, near its end or at an offset in the middle; whether that is damage. */
+std::vector<std::tuple<std::string, bytes, bool>> changed_journals(const recorded &r, size_t middle)
 {
     const size_t rounds = r.rounds.size(), end = r.marked.size();
     const auto all = uint32_t(rounds); // above the last one's number

@@ -191,27 +191,24 @@ TEST(RecorderFaults, WhateverFailsNothingSafeIsLost)
     medium::is_own_memory = true;
     const silence hush;
     interrupted();
-    const struct {
-        medium::call kind;
-        int error;
-        long spread; // after the first calls
-    } cases[] = {
+    const std::tuple<medium::call, int, long> cases[] = {
+        // the last: of so many one, after the first calls
         {medium::writing, EIO, 1},        {medium::writing, ENOSPC, 1},   {medium::syncing, EIO, 1},
         {medium::opening, EIO, 1},        {medium::unlinking, EIO, 1},    {medium::renaming, EIO, 1},
         {medium::cutting, EIO, 1},        {medium::reserving, ENOSPC, 1}, {medium::reserving, EOPNOTSUPP, 1},
         {medium::memory, ENOMEM, SPREAD},
     };
-    for (const auto &c : cases)
+    for (const auto &[kind, error, spread] : cases)
         for (const bool forever : {false, true}) {
             long failed = 0;
             const auto begin = std::chrono::steady_clock::now();
-            for (long nth = 0;; nth += nth < 10 ? 1 : c.spread, ++failed) {
-                SCOPED_TRACE(std::string(medium::call_names[c.kind]) + " " + std::to_string(nth) + ", " +
-                             strerror(c.error) + (forever ? ", for ever" : ""));
-                if (!fail({c.kind, nth, forever, c.error}) || HasFatalFailure()) break;
+            for (long nth = 0;; nth += nth < 10 ? 1 : spread, ++failed) {
+                SCOPED_TRACE(std::string(medium::call_names[kind]) + " " + std::to_string(nth) + ", " +
+                             strerror(error) + (forever ? ", for ever" : ""));
+                if (!fail({kind, nth, forever, error}) || HasFatalFailure()) break;
             }
             const double took = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
-            fprintf(stderr, "%s, %s%s: %ld failures, %.1f s\n", medium::call_names[c.kind], strerror(c.error),
+            fprintf(stderr, "%s, %s%s: %ld failures, %.1f s\n", medium::call_names[kind], strerror(error),
                     forever ? ", for ever" : "", failed, took);
         }
 }

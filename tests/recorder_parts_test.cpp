@@ -417,12 +417,7 @@ TEST(Frames, SoundThatATrackCanState)
 }
 
 /** Encoded by x264 and x265 at these sizes. */
-const struct {
-    const char *what;
-    uint32_t type;
-    const char *sps;
-    uint32_t width, height;
-} pictures[] = {
+const std::tuple<const char *, uint32_t, const char *, uint32_t, uint32_t> pictures[] = {
     {"baseline", 0x101, "6742c00bd902c4ec0440000003004000000c83c50a92", 176, 144},
     {"cropped", 0x101, "6764001eacd940a42fe224c044000003000400000300c83c58b658", 642, 362},
     {"4:4:4", 0x8101, "67f4001e919b281485fc21360220000003002000000641e2c5b2c0", 641, 363},
@@ -444,19 +439,19 @@ const struct {
 
 TEST(Pictures, HaveTheirSize)
 {
-    for (const auto &c : pictures) {
-        SCOPED_TRACE(c.what);
-        const bytes sps = hex(c.sps);
-        const auto size = read_picture_size(c.type, sps);
+    for (const auto &[what, type, sps, width, height] : pictures) {
+        SCOPED_TRACE(what);
+        const bytes set = hex(sps);
+        const auto size = read_picture_size(type, set);
         ASSERT_TRUE(size);
-        EXPECT_EQ(size->width, c.width);
-        EXPECT_EQ(size->height, c.height);
+        EXPECT_EQ(size->width, width);
+        EXPECT_EQ(size->height, height);
         for (size_t length = 0; length < 7; length++) { // exact blocks, for the sanitizers
-            const bytes cut(sps.begin(), sps.begin() + ptrdiff_t(length));
-            EXPECT_FALSE(read_picture_size(c.type, cut)) << length;
+            const bytes cut(set.begin(), set.begin() + ptrdiff_t(length));
+            EXPECT_FALSE(read_picture_size(type, cut)) << length;
         }
-        EXPECT_FALSE(read_picture_size(c.type ^ 3, sps)); // the other codec's
-        EXPECT_FALSE(read_picture_size(MP4_TRACK_AAC, sps));
+        EXPECT_FALSE(read_picture_size(type ^ 3, set)); // the other codec's
+        EXPECT_FALSE(read_picture_size(MP4_TRACK_AAC, set));
     }
 }
 

@@ -40,11 +40,8 @@ struct recording_of_groups {
 
 TEST(RecorderProtect, EveryFileThatHoldsTheTimeLosesItsWritePermission)
 {
-    const struct {
-        const char *what;
-        int64_t before, after, step; // step: of the capture clock, before the last group
-        std::vector<std::string> files;
-    } cases[] = {
+    const std::tuple<const char *, int64_t, int64_t, int64_t, std::vector<std::string>> cases[] = {
+        // before, after, a step of the capture clock before the last group
         {"the running one", 0, 0, 0, {"5"}},
         {"the previous one too", group_time, 0, 0, {"4", "5"}},
         {"more than there is", INT64_MAX, 0, 0, {"1", "2", "3", "4", "5"}},
@@ -52,17 +49,17 @@ TEST(RecorderProtect, EveryFileThatHoldsTheTimeLosesItsWritePermission)
         {"the clock has stepped back", 2 * group_time, 0, -5 * second, {"3", "4", "5"}},
         {"and on", 2 * group_time, 0, 100 * 86400 * second, {"3", "4", "5"}},
     };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.what);
+    for (const auto &[what, before, after, step, files] : cases) {
+        SCOPED_TRACE(what);
         const card on;
         recording_of_groups all(on);
         all.push_groups(4);
-        all.push_groups(1, c.step);
-        ASSERT_EQ(mediafiles_recorder_protect(all.recorder, c.before, c.after), 0);
-        all.push_groups(4, c.step);
+        all.push_groups(1, step);
+        ASSERT_EQ(mediafiles_recorder_protect(all.recorder, before, after), 0);
+        all.push_groups(4, step);
         ASSERT_EQ(mediafiles_recorder_stop(all.recorder, -1), 0);
-        EXPECT_EQ(protected_files(on), c.files);
-        EXPECT_EQ(events_of(all.recorder)[MEDIAFILES_EVENT_PROTECTED], c.files.size());
+        EXPECT_EQ(protected_files(on), files);
+        EXPECT_EQ(events_of(all.recorder)[MEDIAFILES_EVENT_PROTECTED], files.size());
         EXPECT_EQ(play(on).files.size(), 9u);
     }
 }

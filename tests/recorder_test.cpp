@@ -21,7 +21,7 @@ TEST(Recorder, LosesNothingBetweenFiles)
     const auto paced = [&](stream all, double rate, int64_t jitter) { // nanoseconds, to both sides
         for (size_t n = 0; n < all.size(); ++n)
             all[n].time = -5 * second + 123'456 + int64_t(double(n) / rate * second) +
-                          int64_t(random() % (2 * jitter + 1)) - jitter;
+                          int64_t(random() % uint64_t(2 * jitter + 1)) - jitter;
         return all;
     };
     const struct {
@@ -96,13 +96,8 @@ TEST(Recorder, ANewFileBeginsWhereItMust)
     for (const frame &each : camera(2, 5'000, 7 * 3600 * second))
         if (!each.key || each.time > 7 * 3600 * second) seven_hours_on.push_back(each);
     const change_of_options usual = [](auto &) {};
-    const struct {
-        const char *what;
-        stream video;
-        change_of_options change;
-        size_t files, clocks, wanted, lost;
-        double length; // seconds of all files
-    } cases[] = {
+    const std::tuple<const char *, stream, change_of_options, size_t, size_t, size_t, size_t, double> cases[] = {
+        // files, events of the clock, key frames that were asked for, frames that are lost, seconds of all files
         {"a second back", after(base, base, -second), usual, 2, 1, 0, 0, 8},
         {"less than a frame back, again and again", back, usual, 4, 10, 4, 0, 4},
         {"54 years on", after(base, base, 54LL * 365 * 86400 * second), usual, 2, 1, 0, 0, 8},
@@ -119,18 +114,18 @@ TEST(Recorder, ANewFileBeginsWhereItMust)
         {"no key frame comes", without_key, [](auto &o) { o.segment_ns = 400 * millisecond; }, 1, 0, 1, 0, 1.6},
         {"longer than a sample can last", seven_hours_on, [](auto &o) { o.longest_gap_ns = -1; }, 2, 0, 1, 9, 0.8},
     };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.what);
-        recorded made = record({{h264(), c.video}}, c.change);
-        EXPECT_EQ(made.all.files.size(), c.files);
-        if (c.lost == 0) expect_all_samples(made.all, {{h264(), c.video}});
-        EXPECT_EQ(made.all.samples.at(1).size(), c.video.size() - c.lost);
-        EXPECT_EQ(made.stats.frames_dropped + made.stats.frames_refused, c.lost);
-        EXPECT_EQ(made.events[MEDIAFILES_EVENT_CLOCK], c.clocks);
-        EXPECT_EQ(made.events[MEDIAFILES_EVENT_KEY_WANTED], c.wanted);
+    for (const auto &[what, video, change, files, clocks, wanted, lost, seconds] : cases) {
+        SCOPED_TRACE(what);
+        recorded made = record({{h264(), video}}, change);
+        EXPECT_EQ(made.all.files.size(), files);
+        if (lost == 0) expect_all_samples(made.all, {{h264(), video}});
+        EXPECT_EQ(made.all.samples.at(1).size(), video.size() - lost);
+        EXPECT_EQ(made.stats.frames_dropped + made.stats.frames_refused, lost);
+        EXPECT_EQ(made.events[MEDIAFILES_EVENT_CLOCK], clocks);
+        EXPECT_EQ(made.events[MEDIAFILES_EVENT_KEY_WANTED], wanted);
         double length = 0;
         for (const mp4::file &file : made.all.files) length += double(file.duration);
-        EXPECT_NEAR(length, c.length * 1000, 100);
+        EXPECT_NEAR(length, seconds * 1000, 100);
     }
 }
 
