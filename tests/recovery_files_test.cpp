@@ -114,8 +114,6 @@ struct said {
         if (r->output && strcmp(r->output, r->path) != 0) line += " as " + self.below(r->output);
         if (r->problem_path) line += " because of " + self.below(r->problem_path);
         if (r->journal_kept) line += ", journal " + self.below(r->journal);
-        if (r->hash_read) line += ", read " + std::string(r->hash_read, 8);
-        if (r->hash_made) line += ", made " + std::string(r->hash_made, 8);
         self.lines.push_back(line);
         return self.lines.size() >= self.stop_after;
     }
