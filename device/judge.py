@@ -1,0 +1,116 @@
+"""What a card must hold after a power cut and recovery, from what was pushed and what the recorder had said by then.
+
+Every file is the beginning of what the recorder put into it: bytes, times and key flags. Every frame that the recorder
+had called safe is there. Every other file is as it was.
+"""
+
+import bisect
+import re
+from collections import namedtuple
+
+Frame = namedtuple("Frame", "digest time key")  # time: seconds; in a file from its first frame of any track
+Part = namedtuple("Part", "name begin end")  # of the streams: indexes of frames for each track
+Content = namedtuple("Content", "tracks faults")
+
+SAME_TIME = 0.001  # seconds: a tick of any track, and the millisecond of an edit list
+NEXT_FILE = 0.002  # a frame that begins less than that before a file is its first
+REPORT = re.compile(r"(\S+): (repaired|salvaged|finished|empty, removed|not ours|refused|failed)\b")
+
+
+class Expected:
+    """The streams, and the part of them that each file was given, by the notes of a whole run."""
+
+    def __init__(self, tracks, notes):
+        self.tracks = tracks
+        start = next(note["time"] for _, note in notes if note["note"] == "start")
+        files = [note for _, note in notes if note["note"] == "finished"]
+        times = [[frame.time for frame in track] for track in tracks]
+        begins = [[bisect.bisect_left(track, (file["from"] - start) / 1e9 - NEXT_FILE) for track in times]
+                  for file in files]
+        ends = [*begins[1:], [len(track) for track in tracks]]
+        self.parts = {file["path"]: Part(file["path"], begin, end)
+                      for file, begin, end in zip(files, begins, ends)}
+
+    def frames(self, part, track):
+        """As a file has them: the first two frames of a track begin at the same time."""
+        found = self.tracks[track][part.begin[track]:part.end[track]]
+        if not found:
+            return []
+        origin = min(self.tracks[t][part.begin[t]].time for t in range(len(self.tracks)) if part.begin[t] < part.end[t])
+        times = [found[0].time, found[0].time, *(frame.time for frame in found[2:])]
+        return [frame._replace(time=time - origin) for frame, time in zip(found, times)]
+
+
+def said(notes, index):
+    """
+    What the recorder had said before that write: frames of each track that are safe, names of files that are finished.
+
+    Third: names of files that it had deleted, or was about to delete.
+    """
+    safe, finished, deleted, is_over = [0, 0], set(), set(), False
+    for at, note in notes:
+        is_before = at < index
+        if note["note"] == "safe" and is_before:
+            safe = note["frames"]
+        elif note["note"] == "finished" and is_before:
+            finished.add(note["path"])
+        elif note["note"] == "deleted" and not is_over:
+            deleted.add(note["path"])
+            is_over = not is_before
+    return safe, finished, deleted
+
+
+def is_same(one, other):
+    return one[::2] == other[::2] and abs(one.time - other.time) <= SAME_TIME
+
+
+def alike(have, wanted):
+    """How many frames are the beginning of what is wanted."""
+    return next((n for n, pair in enumerate(zip(have, wanted)) if not is_same(*pair)), min(len(have), len(wanted)))
+
+
+def difference(have, wanted, at):
+    if at == len(wanted):
+        return f"{len(have) - at} frames too many"
+    return f"frame {at} is {have[at]} instead of {wanted[at]}"
+
+
+def reports_of(log):
+    """{name of a file: result}, by what recovery printed."""
+    return {match[1].rsplit("/", 1)[-1]: match[2] for line in log if (match := REPORT.match(line))}
+
+
+def judge(expected, notes, index, found, reports):
+    """
+    Judges the recorder's directory after a cut before that write.
+
+    `found` has the content of each file, None for what is no MP4 file.
+    Returns counts of frames, "acknowledged" and of these "lost"; lists of text, "lost_in", "refused", "wrong", "left".
+    """
+    safe, finished, deleted = said(notes, index)
+    refused = {name: verdict for name, verdict in reports.items() if verdict in ("refused", "failed")}
+    result = {"acknowledged": 0, "lost": 0, "lost_in": [], "wrong": [],
+              "refused": [f"{name}: {verdict}" for name, verdict in refused.items()],
+              "left": [name for name in found
+                       if name not in expected.parts and name.removesuffix(".journal") not in refused]}
+    for part in expected.parts.values():
+        content = found.get(part.name)
+        if content is None and part.name in deleted:
+            continue
+        if content is None or part.name in refused:
+            content = Content([], [])
+        result["wrong"] += [f"{part.name}: {fault}" for fault in content.faults]
+        lost = 0
+        for track, count in enumerate(safe):
+            wanted = expected.frames(part, track)
+            have = content.tracks[track] if track < len(content.tracks) else []
+            good = alike(have, wanted)
+            if good < len(have):
+                result["wrong"].append(f"{part.name}: track {track}: {difference(have, wanted, good)}")
+            acknowledged = len(wanted) if part.name in finished else min(max(count - part.begin[track], 0), len(wanted))
+            result["acknowledged"] += acknowledged
+            lost += max(acknowledged - good, 0)
+        result["lost"] += lost
+        if lost:
+            result["lost_in"].append(f"{part.name}: {lost}")
+    return result

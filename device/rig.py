@@ -1,0 +1,179 @@
+"""Recordings on a card under a guest, and power cuts in them: built, recovered by another guest, and judged."""
+
+import functools
+import hashlib
+import json
+import random
+import shutil
+import tarfile
+
+import cards
+import content
+import cut
+import judge
+from guest import Disk, GuestError
+
+CUTS_OF_RECORDING = 64
+CARDS_OF_BOOT = 16
+ROOM_FOR_RESULT = 512 << 20
+ORDERS = ("recover", "fsck, recover", "recover, fsck", "recover, cut, recover")  # at boot; each for the cards of a guest
+STREAMS = (("h264_base_640x360_25.h264", "h264", 6), ("aac_lc_48000_2.aac", "aac", 5))  # of 4 and 5 seconds
+CLIPS = 4
+
+
+class Recording:
+    """A run of the recorder with its log of writes. It is kept: another run would have other writes."""
+
+    def __init__(self, guests, kind, seed, testdata):
+        self.kind, self.seed, self.system = kind, seed, cards.kind_of(kind)
+        self.directory = guests.work / guests.digest / kind / str(seed)
+        streams, self.clips, old = self.sources(guests.work, testdata)
+        self.disk, log = self.directory / "disk", self.directory / "log"
+        if not (self.directory / "whole").exists():
+            shutil.rmtree(self.directory, ignore_errors=True)
+            self.directory.mkdir(parents=True)
+            occupied = cards.make(kind, self.disk, old)
+            (self.directory / "occupied").write_text(json.dumps(occupied))
+            self.record(guests, streams, log)
+            (self.directory / "whole").touch()
+        self.occupied = json.loads((self.directory / "occupied").read_text())
+        self.writes = cut.read_log(log)
+        self.digest = hashlib.sha256(log.read_bytes()).hexdigest()[:12]
+        self.notes = cut.notes_of(self.writes, cards.BEGIN + self.system.size, cards.NOTES)
+        tracks = [content.frames_of(path, codec) for path, (_, codec, _) in zip(streams, STREAMS)]
+        self.expected = judge.Expected(tracks, self.notes)
+
+    @staticmethod
+    def sources(work, testdata):
+        """The streams' files; clips that lie on the card; what the free space of a used card is full of."""
+        paths, old = [], b""
+        for name, _, times in STREAMS:
+            path = work / name
+            data, manifest = content.stream(testdata / name, times)
+            path.write_bytes(data)
+            path.with_suffix(".units.tsv").write_text(manifest)
+            paths.append(path)
+            old += data
+        clips = {f"clips/clip{n}.mp4": hashlib.sha256(b"%d" % n).digest() * (1000 * n) for n in range(1, CLIPS + 1)}
+        return paths, clips, old
+
+    def record(self, guests, streams, log):
+        chance = random.Random(f"{self.kind}/{self.seed}")
+        files = dict(self.clips)
+        for number, path in enumerate(part for path in streams for part in (path, path.with_suffix(".units.tsv"))):
+            files[f"stream/{number}"] = path.read_bytes()
+        used, console = self.directory / "used", self.directory / "console"
+        shutil.copyfile(self.disk, used)
+        log.touch()
+        initramfs = guests.initramfs(files, self.directory / "initramfs")
+        guests.run("record", [Disk(used, "card", log)], initramfs, console, TYPE=self.system.type,
+                   OPTIONS=self.system.options, SPEED=1, SEGMENT_NS=3 * 10**9,
+                   SYNC_NS=chance.choice((100, 250, 1000)) * 10**6,
+                   QUOTA_BYTES=chance.choice((0, 900_000)))
+        used.unlink()
+        initramfs.unlink()
+        if "finished" not in console.read_text(errors="replace"):
+            raise GuestError(f"nothing was recorded: see {console}")
+
+    def cut(self, number):
+        """The power cut with that number."""
+        chance = random.Random(f"{self.kind}/{self.seed}/{number}")
+        index = chance.randrange(self.notes[0][0], len(self.writes) + 1)
+        return cut.Cut(self.writes, index, cut.MODELS[number % len(cut.MODELS)],
+                       cut.UNITS[number // len(cut.MODELS) % len(cut.UNITS)], chance.random(), self.occupied)
+
+
+class Case:
+    """One cut: its card, and what was done with it at boot."""
+
+    def __init__(self, recording, number, card):
+        self.recording, self.number, self.card = recording, number, card
+        self.cut, self.system = recording.cut(number), recording.system
+        self.order = ORDERS[number // CARDS_OF_BOOT % len(ORDERS)]
+        self.fsck = None
+
+    def build(self):
+        cards.copy_system(self.recording.disk, self.card, self.system.size)
+        self.cut.build(self.card, cards.BEGIN, self.system.size)
+        if self.order == "fsck, recover":
+            self.repair()
+
+    def cut_recovery(self, log):
+        """Takes the card back to where it was, and then up to a moment of a recovery."""
+        self.build()
+        writes = cut.read_log(log)
+        chance = random.Random(f"{self.cut.seed}/recovery")
+        again = cut.Cut(writes, chance.randrange(len(writes) + 1), self.cut.model, self.cut.unit, chance.random(), ())
+        again.build(self.card, 0, self.system.size)
+
+    def repair(self):
+        self.fsck = cards.fsck(self.system.repair, self.card)
+
+    def verdict(self, found, reader):
+        log = (found / "log").read_text(errors="replace").splitlines()
+        files = {path.relative_to(found / "files").as_posix(): path.read_bytes()
+                 for path in (found / "files").rglob("*") if path.is_file()}
+        recorded = {name.removeprefix("dashcam/"): reader.read(data) if name.endswith(".mp4") else None
+                    for name, data in files.items() if name.startswith("dashcam/")}
+        said = {"cut": self.cut.index, "model": self.cut.model, "unit": self.cut.unit, "order": self.order}
+        said |= judge.judge(self.recording.expected, self.recording.notes, self.cut.index, recorded,
+                            judge.reports_of(log))
+        said["damaged"] = [name for name, data in self.recording.clips.items() if files.get(name) != data]
+        said["said"] = [text[:200] for text in log if text.startswith(("/card", "mount:", "cp:"))]
+        said["fsck"] = self.fsck and self.fsck[0]
+        said["check"] = cards.fsck(self.system.check, self.card)[0]
+        return said
+
+
+class Rig:
+    """Judges cuts, as many at a time as a guest has cards."""
+
+    def __init__(self, guests, tool, testdata):
+        self.guests, self.testdata = guests, testdata
+        self.reader = content.Reader(tool)
+        self.work = guests.work / "cards"
+        self.recording = functools.lru_cache(1)(self.recording)
+
+    def recording(self, kind, seed):
+        return Recording(self.guests, kind, seed, self.testdata)
+
+    def run(self, kind, seed, numbers):
+        """A line for each of these cases, which share a recording and an order at boot."""
+        recording = self.recording(kind, seed)
+        shutil.rmtree(self.work, ignore_errors=True)
+        self.work.mkdir()
+        cases = [Case(recording, number, self.work / str(place)) for place, number in enumerate(numbers, 1)]
+        for case in cases:
+            case.build()
+        order = cases[0].order
+        if order == "recover, cut, recover":
+            logs = [case.card.with_suffix(".log") for case in cases]
+            self.boot("recover", cases, logs)
+            for case, log in zip(cases, logs):
+                case.cut_recovery(log)
+        self.boot("recover", cases)
+        if order == "recover, fsck":
+            log = [(self.work / f"found/{place}/log").read_text(errors="replace") for place in range(1, len(cases) + 1)]
+            for case in cases:
+                case.repair()
+            self.boot("show", cases)
+            for place, text in enumerate(log, 1):
+                (self.work / f"found/{place}/log").write_text(text)
+        for place, case in enumerate(cases, 1):
+            yield {"case": f"{self.guests.name}/{kind}/{seed}/{case.number}", "programs": self.guests.digest,
+                   "log": recording.digest} | case.verdict(self.work / f"found/{place}", self.reader)
+
+    def boot(self, task, cases, logs=None):
+        """What a guest finds on the cards comes to `found`."""
+        result, found = self.work / "result", self.work / "found"
+        shutil.rmtree(found, ignore_errors=True)
+        with open(result, "wb") as file:
+            file.truncate(ROOM_FOR_RESULT)
+        disks = [Disk(case.card, f"card{place}", logs and logs[place - 1]) for place, case in enumerate(cases, 1)]
+        for log in logs or ():
+            log.touch()
+        initramfs = self.guests.initramfs({}, self.work / "initramfs")
+        self.guests.run(task, [*disks, Disk(result, "result")], initramfs, self.work / "console",
+                        TYPE=cases[0].system.type, OPTIONS=cases[0].system.options)
+        with tarfile.open(result) as archive:
+            archive.extractall(found, filter="fully_trusted")
