@@ -7,8 +7,8 @@ SECONDS_EACH ?= 20
 KILLS ?= 300
 SEED ?=
 
-.PHONY: all demo test test-threads test-arm test-cross test-clang fuzz soak coverage mutants clang lines lint abi bench \
-    bench-docs size cross-arm deb install clean
+.PHONY: all demo test test-threads test-arm test-cross test-clang fuzz soak coverage mutants device device-docs clang lines lint \
+    abi bench bench-docs size cross-arm deb install clean
 
 all:
 	scripts/install-packages build
@@ -89,6 +89,24 @@ coverage:
 mutants:
 	scripts/install-packages build mutants
 	scripts/mutants --jobs $(JOBS) out/mutants src=97 recorder=85
+
+# Cuts the power of whole systems: CUTS cuts for each KIND of card (ext4, f2fs,
+# fat32, exfat) of the recordings from SEED on, under kernels for MACHINE (x86-64,
+# arm). Adds them to device/results.jsonl; what is there already is left out.
+# QUICK=1: those of ext4, f2fs and FAT32, in ten minutes.
+CUTS ?= 32
+KIND ?= ext4 f2fs fat32 $(if $(QUICK),,exfat)
+MACHINE ?= x86-64
+device:
+	scripts/install-packages build tools arm device
+	for preset in device device-arm; do cmake --preset $$preset || exit 1; done
+	cmake --build out/device -j $(JOBS) --target device-programs mediafiles-command
+	cmake --build out/device-arm -j $(JOBS) --target device-programs
+	device/run --machine $(MACHINE) --kind $(KIND) --cuts $(CUTS) $(SEED:%=--seed %)
+
+# Puts the results into docs/crash-safety.md.
+device-docs:
+	device/run --page
 
 # Library and tests for 32-bit and 64-bit ARM, under emulation, and for 32-bit
 # x86; all write the same bytes as this machine, and repair each other's.

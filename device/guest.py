@@ -99,8 +99,9 @@ class Guests:
 
     @functools.cached_property
     def digest(self):
-        """Of the programs under test."""
-        return hashlib.sha256(self.programs["dashcam"].read_bytes() + self.programs["recover"].read_bytes()).hexdigest()[:8]
+        """Of what runs in the guests."""
+        paths = (HERE / "init", self.programs["dashcam"], self.programs["recover"])
+        return hashlib.sha256(b"".join(path.read_bytes() for path in paths)).hexdigest()[:8]
 
     def initramfs(self, files, at):
         """Packs it with further files: {name: content}."""

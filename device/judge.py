@@ -14,6 +14,7 @@ Content = namedtuple("Content", "tracks faults")
 
 SAME_TIME = 0.001  # seconds: a tick of any track, and the millisecond of an edit list
 NEXT_FILE = 0.002  # a frame that begins less than that before a file is its first
+RECORDINGS = ("repaired", "salvaged", "finished")  # what such a file is after recovery
 REPORT = re.compile(r"(\S+): (repaired|salvaged|finished|empty, removed|not ours|refused|failed)\b")
 
 
@@ -45,18 +46,18 @@ def said(notes, index):
     """
     What the recorder had said before that write: frames of each track that are safe, names of files that are finished.
 
-    Third: names of files that it had deleted, or was about to delete.
+    Third: names of files that it had deleted, or was just deleting, which it says after that.
     """
-    safe, finished, deleted, is_over = [0, 0], set(), set(), False
+    safe, finished, deleted, later = [0, 0], set(), set(), 0
     for at, note in notes:
-        is_before = at < index
-        if note["note"] == "safe" and is_before:
-            safe = note["frames"]
-        elif note["note"] == "finished" and is_before:
-            finished.add(note["path"])
-        elif note["note"] == "deleted" and not is_over:
+        if note["note"] == "deleted" and later < 2:
             deleted.add(note["path"])
-            is_over = not is_before
+        elif note["note"] == "safe" and at >= index:
+            later += 1
+        elif note["note"] == "safe":
+            safe = note["frames"]
+        elif note["note"] == "finished" and at < index:
+            finished.add(note["path"])
     return safe, finished, deleted
 
 
@@ -80,37 +81,43 @@ def reports_of(log):
     return {match[1].rsplit("/", 1)[-1]: match[2] for line in log if (match := REPORT.match(line))}
 
 
+def acknowledged(expected, notes, index, found):
+    """{name of a file: how many frames of each track have to be in it}; without files whose deletion had begun."""
+    safe, finished, deleted = said(notes, index)
+    return {part.name: [end - begin if part.name in finished else min(max(count - begin, 0), end - begin)
+                        for count, begin, end in zip(safe, part.begin, part.end)]
+            for part in expected.parts.values()
+            if part.name not in deleted or (part.name in found and not found[part.name].faults)}
+
+
 def judge(expected, notes, index, found, reports):
     """
     Judges the recorder's directory after a cut before that write.
 
     `found` has the content of each file, None for what is no MP4 file.
-    Returns counts of frames, "acknowledged" and of these "lost"; lists of text, "lost_in", "refused", "wrong", "left".
+    Returns counts of frames, "acknowledged" and of these "lost"; lists of text: "lost_in"; files that were "refused"
+    though frames of them had been acknowledged; what is "wrong" in files that pass for recordings; "left": other names.
     """
-    safe, finished, deleted = said(notes, index)
-    refused = {name: verdict for name, verdict in reports.items() if verdict in ("refused", "failed")}
-    result = {"acknowledged": 0, "lost": 0, "lost_in": [], "wrong": [],
-              "refused": [f"{name}: {verdict}" for name, verdict in refused.items()],
-              "left": [name for name in found
-                       if name not in expected.parts and name.removesuffix(".journal") not in refused]}
-    for part in expected.parts.values():
-        content = found.get(part.name)
-        if content is None and part.name in deleted:
-            continue
-        if content is None or part.name in refused:
-            content = Content([], [])
-        result["wrong"] += [f"{part.name}: {fault}" for fault in content.faults]
+    needed = acknowledged(expected, notes, index, found)
+    result = {"acknowledged": sum(map(sum, needed.values())), "lost": 0, "lost_in": [], "refused": [], "wrong": [],
+              "left": []}
+    for name, counts in needed.items():
+        content = found.get(name) or Content([], [])
+        is_recording = reports.get(name, "finished") in RECORDINGS
         lost = 0
-        for track, count in enumerate(safe):
-            wanted = expected.frames(part, track)
+        for track, count in enumerate(counts):
+            wanted = expected.frames(expected.parts[name], track)
             have = content.tracks[track] if track < len(content.tracks) else []
             good = alike(have, wanted)
-            if good < len(have):
-                result["wrong"].append(f"{part.name}: track {track}: {difference(have, wanted, good)}")
-            acknowledged = len(wanted) if part.name in finished else min(max(count - part.begin[track], 0), len(wanted))
-            result["acknowledged"] += acknowledged
-            lost += max(acknowledged - good, 0)
+            if is_recording and good < len(have):
+                result["wrong"].append(f"{name}: track {track}: {difference(have, wanted, good)}")
+            lost += max(count - good, 0)
+        if is_recording:
+            result["wrong"] += [f"{name}: {fault}" for fault in content.faults]
+        elif any(counts):
+            result["refused"].append(f"{name}: {reports[name]}")
         result["lost"] += lost
         if lost:
-            result["lost_in"].append(f"{part.name}: {lost}")
+            result["lost_in"].append(f"{name}: {lost}")
+    result["left"] = [name for name in found if reports.get(name, "finished") not in RECORDINGS or name not in needed]
     return result

@@ -3,7 +3,6 @@
 import json
 
 BEGIN, END = "<!-- device -->\n", "<!-- /device -->\n"
-FAULTS = ("lost_in", "refused", "wrong", "damaged")
 
 
 def read(path):
@@ -17,6 +16,3 @@ def read(path):
         found[result["case"], result["programs"]] = result
     return found
 
-
-def faults_of(result):
-    return [f"{name}: {text}" for name in FAULTS for text in result[name]]

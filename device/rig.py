@@ -3,6 +3,7 @@
 import functools
 import hashlib
 import json
+import os
 import random
 import shutil
 import tarfile
@@ -16,6 +17,7 @@ from guest import Disk, GuestError
 CUTS_OF_RECORDING = 64
 CARDS_OF_BOOT = 16
 ROOM_FOR_RESULT = 512 << 20
+FAULTS = ("lost_in", "refused", "wrong", "damaged")
 ORDERS = ("recover", "fsck, recover", "recover, fsck", "recover, cut, recover")  # at boot; each for the cards of a guest
 STREAMS = (("h264_base_640x360_25.h264", "h264", 6), ("aac_lc_48000_2.aac", "aac", 5))  # of 4 and 5 seconds
 CLIPS = 4
@@ -27,12 +29,17 @@ class Recording:
     def __init__(self, guests, kind, seed, testdata):
         self.kind, self.seed, self.system = kind, seed, cards.kind_of(kind)
         self.directory = guests.work / guests.digest / kind / str(seed)
-        streams, self.clips, old = self.sources(guests.work, testdata)
         self.disk, log = self.directory / "disk", self.directory / "log"
+        streams = [self.directory / name for name, *_ in STREAMS]
+        self.clips = {f"clips/clip{n}.mp4": hashlib.sha256(b"%d" % n).digest() * (1000 * n) for n in range(1, CLIPS + 1)}
         if not (self.directory / "whole").exists():
             shutil.rmtree(self.directory, ignore_errors=True)
             self.directory.mkdir(parents=True)
-            occupied = cards.make(kind, self.disk, old)
+            for path, (name, _, times) in zip(streams, STREAMS):
+                data, manifest = content.stream(testdata / name, times)
+                path.write_bytes(data)
+                path.with_suffix(".units.tsv").write_text(manifest)
+            occupied = cards.make(kind, self.disk, b"".join(path.read_bytes() for path in streams))
             (self.directory / "occupied").write_text(json.dumps(occupied))
             self.record(guests, streams, log)
             (self.directory / "whole").touch()
@@ -42,20 +49,6 @@ class Recording:
         self.notes = cut.notes_of(self.writes, cards.BEGIN + self.system.size, cards.NOTES)
         tracks = [content.frames_of(path, codec) for path, (_, codec, _) in zip(streams, STREAMS)]
         self.expected = judge.Expected(tracks, self.notes)
-
-    @staticmethod
-    def sources(work, testdata):
-        """The streams' files; clips that lie on the card; what the free space of a used card is full of."""
-        paths, old = [], b""
-        for name, _, times in STREAMS:
-            path = work / name
-            data, manifest = content.stream(testdata / name, times)
-            path.write_bytes(data)
-            path.with_suffix(".units.tsv").write_text(manifest)
-            paths.append(path)
-            old += data
-        clips = {f"clips/clip{n}.mp4": hashlib.sha256(b"%d" % n).digest() * (1000 * n) for n in range(1, CLIPS + 1)}
-        return paths, clips, old
 
     def record(self, guests, streams, log):
         chance = random.Random(f"{self.kind}/{self.seed}")
@@ -119,7 +112,8 @@ class Case:
         said |= judge.judge(self.recording.expected, self.recording.notes, self.cut.index, recorded,
                             judge.reports_of(log))
         said["damaged"] = [name for name, data in self.recording.clips.items() if files.get(name) != data]
-        said["said"] = [text[:200] for text in log if text.startswith(("/card", "mount:", "cp:"))]
+        if any(said[name] for name in FAULTS):
+            said["said"] = [text[:200] for text in log if not text.startswith(("mounted", "+++++"))]
         said["fsck"] = self.fsck and self.fsck[0]
         said["check"] = cards.fsck(self.system.check, self.card)[0]
         return said
@@ -131,7 +125,7 @@ class Rig:
     def __init__(self, guests, tool, testdata):
         self.guests, self.testdata = guests, testdata
         self.reader = content.Reader(tool)
-        self.work = guests.work / "cards"
+        self.work = guests.work / "cards" / str(os.getpid())
         self.recording = functools.lru_cache(1)(self.recording)
 
     def recording(self, kind, seed):
@@ -140,8 +134,8 @@ class Rig:
     def run(self, kind, seed, numbers):
         """A line for each of these cases, which share a recording and an order at boot."""
         recording = self.recording(kind, seed)
-        shutil.rmtree(self.work, ignore_errors=True)
-        self.work.mkdir()
+        self.clear()
+        self.work.mkdir(parents=True)
         cases = [Case(recording, number, self.work / str(place)) for place, number in enumerate(numbers, 1)]
         for case in cases:
             case.build()
@@ -162,6 +156,9 @@ class Rig:
         for place, case in enumerate(cases, 1):
             yield {"case": f"{self.guests.name}/{kind}/{seed}/{case.number}", "programs": self.guests.digest,
                    "log": recording.digest} | case.verdict(self.work / f"found/{place}", self.reader)
+
+    def clear(self):
+        shutil.rmtree(self.work, ignore_errors=True)
 
     def boot(self, task, cases, logs=None):
         """What a guest finds on the cards comes to `found`."""
