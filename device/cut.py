@@ -21,7 +21,10 @@ def read_log(path):
     """Every write in its order."""
     writes = []
     with open(path, "rb") as log:
-        magic, version, entries, size = struct.unpack("<QQQI", log.read(28))
+        head = log.read(28)
+        if not head:  # nothing was written, and nothing synced
+            return []
+        magic, version, entries, size = struct.unpack("<QQQI", head)
         if (magic, version, size) != (0x6A736677736872, 1, SECTOR):
             raise ValueError(f"{path} is no log of writes")
         log.seek(SECTOR)

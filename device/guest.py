@@ -86,22 +86,26 @@ def modules_of(root):
 
 
 class Guests:
-    """What the guests of one architecture share. `built` has a folder of programs for each, by its CMake preset."""
+    """
+    What the guests of one architecture share. `built` has a folder of programs for each, by its CMake preset.
 
-    def __init__(self, name, built, work):
+    With a fault the recorder has that one (faults.c).
+    """
+
+    def __init__(self, name, built, work, fault=""):
         self.machine = MACHINES[name]
-        self.name, self.work = name, work / name
+        self.name, self.work, self.fault = name, work / name, fault
         self.root = unpack(self.machine, self.work / "packages")
         self.kernel = next((self.root / "boot").glob("vmlinuz-*"))
         programs = built / self.machine.programs / "device"
-        self.programs = {"busybox": self.root / "bin/busybox", "dashcam": programs / "device-dashcam",
-                         "recover": programs / "device-recover"}
+        self.programs = {"busybox": self.root / "bin/busybox", "recover": programs / "device-recover",
+                         "dashcam": programs / ("device-faulty" if fault else "device-dashcam")}
 
     @functools.cached_property
     def digest(self):
         """Of what runs in the guests."""
         paths = (HERE / "init", self.programs["dashcam"], self.programs["recover"])
-        return hashlib.sha256(b"".join(path.read_bytes() for path in paths)).hexdigest()[:8]
+        return hashlib.sha256(b"".join(path.read_bytes() for path in paths)).hexdigest()[:8] + self.fault
 
     def initramfs(self, files, at):
         """Packs it with further files: {name: content}."""
@@ -129,7 +133,8 @@ class Guests:
                 image += f",file.driver=file,file.filename={disk.path},cache.no-flush=on"
             nodes += ["-blockdev", image]
             devices += ["-device", f"virtio-blk-pci,drive={disk.serial},serial={disk.serial},discard=off,write-zeroes=off"]
-        words = {"console": self.machine.console, "panic": "-1", "loglevel": "4", "TASK": task, **variables}
+        words = {"console": self.machine.console, "panic": "-1", "loglevel": "4", "TASK": task, "FAULT": self.fault,
+                 **variables}
         command = [*self.machine.qemu, "-m", "768", "-nodefaults", "-no-reboot", "-display", "none",
                    "-serial", f"file:{console}", "-kernel", self.kernel, "-initrd", initramfs,
                    "-append", " ".join(f"{name}={value}" for name, value in words.items()), *nodes, *devices]
