@@ -11,16 +11,6 @@ from judge import Content, Frame
 from support import judge as readers
 
 
-def stream(source, times):
-    """An elementary stream several times over: its bytes, and its manifest as text."""
-    data, (header, *rows) = source.read_bytes(), source.with_suffix(".units.tsv").read_text().splitlines()
-    rows = [row.split("\t") for row in rows]
-    length = 2 * int(rows[-1][3]) - int(rows[-2][3])
-    return data * times, "\n".join([header, *(
-        "\t".join((row[0], str(int(row[1]) + n * len(data)), row[2], str(int(row[3]) + n * length), *row[4:]))
-        for n in range(times) for row in rows)]) + "\n"
-
-
 def frames_of(path, codec):
     """The frames of an elementary stream as a file has to have them."""
     return [Frame(hashlib.md5(readers.recorded(unit, codec)).hexdigest(), unit.time_ns / 1e9, bool(unit.key))

@@ -13,6 +13,7 @@ import content
 import cut
 import judge
 from guest import Disk, GuestError
+from support import judge as readers
 
 CUTS_OF_RECORDING = 64
 CARDS_OF_BOOT = 16
@@ -36,7 +37,7 @@ class Recording:
             shutil.rmtree(self.directory, ignore_errors=True)
             self.directory.mkdir(parents=True)
             for path, (name, _, times) in zip(streams, STREAMS):
-                data, manifest = content.stream(testdata / name, times)
+                data, manifest = readers.repeated(testdata / name, times)
                 path.write_bytes(data)
                 path.with_suffix(".units.tsv").write_text(manifest)
             occupied = cards.make(kind, self.disk, b"".join(path.read_bytes() for path in streams))

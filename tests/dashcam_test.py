@@ -31,15 +31,10 @@ class Dashcam(judge.Test):
         self.sources = [path for stream in STREAMS for path in self.repeated(*stream)]
 
     def repeated(self, name, times):
-        """A stream several times over, and its manifest."""
-        source, stream = GIVEN.media / name, self.directory / name
-        data, (header, *rows) = source.read_bytes(), source.with_suffix(".units.tsv").read_text().splitlines()
-        rows = [row.split("\t") for row in rows]
-        length = 2 * int(rows[-1][3]) - int(rows[-2][3])
-        stream.write_bytes(data * times)
-        stream.with_suffix(".units.tsv").write_text("\n".join([header, *(
-            "\t".join((row[0], str(int(row[1]) + n * len(data)), row[2], str(int(row[3]) + n * length), *row[4:]))
-            for n in range(times) for row in rows)]) + "\n")
+        stream = self.directory / name
+        data, manifest = judge.repeated(GIVEN.media / name, times)
+        stream.write_bytes(data)
+        stream.with_suffix(".units.tsv").write_text(manifest)
         return stream, stream.with_suffix(".units.tsv")
 
     def start(self, program, speed=100):

@@ -99,6 +99,16 @@ def units(stream):
             for r in rows]
 
 
+def repeated(stream, times):
+    """An elementary stream several times over: its bytes, and its manifest."""
+    data, (header, *rows) = stream.read_bytes(), stream.with_suffix(".units.tsv").read_text().splitlines()
+    rows = [row.split("\t") for row in rows]
+    length = 2 * int(rows[-1][3]) - int(rows[-2][3])
+    return data * times, "\n".join([header, *(
+        "\t".join((row[0], str(int(row[1]) + n * len(data)), row[2], str(int(row[3]) + n * length), *row[4:]))
+        for n in range(times) for row in rows)]) + "\n"
+
+
 def nal_units(data):
     """Every NAL unit of an access unit, without the zeros after it."""
     return [nal.rstrip(b"\0") for nal in data.split(b"\0\0\1")[1:]]
