@@ -5,6 +5,7 @@ import hashlib
 import json
 import os
 import random
+import re
 import shutil
 import tarfile
 
@@ -18,6 +19,8 @@ from support import judge as readers
 CUTS_OF_RECORDING = 64
 CARDS_OF_BOOT = 16
 ROOM_FOR_RESULT = 512 << 20
+UNIMPORTANT = ("mounted", "+++++")  # lines of a guest
+MOST_LINES = 16
 FAULTS = ("lost_in", "refused", "wrong", "damaged")
 ORDERS = ("recover", "fsck, recover", "recover, fsck", "recover, cut, recover")  # at boot; each for the cards of a guest
 STREAMS = (("h264_base_640x360_25.h264", "h264", 6), ("aac_lc_48000_2.aac", "aac", 5))  # of 4 and 5 seconds
@@ -114,7 +117,8 @@ class Case:
                             judge.reports_of(log))
         said["damaged"] = [name for name, data in self.recording.clips.items() if files.get(name) != data]
         if any(said[name] for name in FAULTS):
-            said["said"] = [text[:200] for text in log if not text.startswith(("mounted", "+++++"))]
+            texts = (re.sub(r"\[ *[0-9.]+\] ", "", text)[:160] for text in log if not text.startswith(UNIMPORTANT))
+            said["said"] = list(dict.fromkeys(texts))[:MOST_LINES]
         said["fsck"] = self.fsck and self.fsck[0]
         said["check"] = cards.fsck(self.system.check, self.card)[0]
         return said
