@@ -49,7 +49,7 @@ class Cut:
     """
 
     def __init__(self, writes, index, model, unit, seed, occupied):
-        """`occupied` has the offset of each sector that held something before the log began."""
+        """`occupied` has the offset of each sector that held something before the log began; None: all of them."""
         self.writes, self.index, self.model, self.unit, self.occupied = writes, index, model, unit, occupied
         self.seed = seed
         self.safe = max((i + 1 for i in range(index) if writes[i].is_flush), default=0)
@@ -64,7 +64,7 @@ class Cut:
             for begin, end in self.cut_in_units(offset, len(data)):
                 if self.is_kept(chance.random(), is_last=i == self.index - 1):
                     yield begin, data[begin - offset:end - offset]
-                elif self.model == "erased" and begin // self.unit not in self.written:
+                elif self.model == "erased" and self.occupied is not None and begin // self.unit not in self.written:
                     yield begin, b"\xff" * (end - begin)
 
     def cut_in_units(self, offset, length):

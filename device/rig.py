@@ -100,7 +100,7 @@ class Case:
         self.build()
         writes = cut.read_log(log)
         chance = random.Random(f"{self.cut.seed}/recovery")
-        again = cut.Cut(writes, chance.randrange(len(writes) + 1), self.cut.model, self.cut.unit, chance.random(), ())
+        again = cut.Cut(writes, chance.randrange(len(writes) + 1), self.cut.model, self.cut.unit, chance.random(), None)
         again.build(self.card, 0, self.system.size)
 
     def repair(self):
