@@ -10,8 +10,8 @@ import subprocess
 from collections import namedtuple
 
 HERE = pathlib.Path(__file__).resolve().parent
-MODULES = ("virtio_pci", "virtio_blk", "ext4", "crc32c_generic", "vfat", "nls_cp437", "nls_ascii", "nls_utf8", "exfat", "f2fs",
-           "crc32_generic")
+MODULES = ("virtio_pci", "virtio_blk", "ext4", "vfat", "nls_cp437", "nls_ascii", "nls_utf8", "exfat", "f2fs",
+           "crc32_generic", "crc32c_generic")
 
 Machine = namedtuple("Machine", "architecture kernel programs qemu console")
 MACHINES = {
@@ -128,16 +128,19 @@ class Guests:
             if disk.log:
                 image = f"driver=blklogwrites,node-name={disk.serial}"
                 for name, path in (("file", disk.path), ("log", disk.log)):
-                    image += f",{name}.driver=raw,{name}.file.driver=file,{name}.file.filename={path},{name}.cache.no-flush=on"
+                    image += f",{name}.driver=raw,{name}.cache.no-flush=on"
+                    image += f",{name}.file.driver=file,{name}.file.filename={path}"
             else:
                 image += f",file.driver=file,file.filename={disk.path},cache.no-flush=on"
             nodes += ["-blockdev", image]
-            devices += ["-device", f"virtio-blk-pci,drive={disk.serial},serial={disk.serial},discard=off,write-zeroes=off"]
+            device = f"virtio-blk-pci,drive={disk.serial},serial={disk.serial},discard=off,write-zeroes=off"
+            devices += ["-device", device]
         words = {"console": self.machine.console, "panic": "-1", "loglevel": "4", "TASK": task, "FAULT": self.fault,
                  **variables}
+        line = "no_timer_check " + " ".join(f"{name}={value}" for name, value in words.items())  # QEMU may have to wait
         command = [*self.machine.qemu, "-m", "768", "-nodefaults", "-no-reboot", "-display", "none",
                    "-serial", f"file:{console}", "-kernel", self.kernel, "-initrd", initramfs,
-                   "-append", " ".join(f"{name}={value}" for name, value in words.items()), *nodes, *devices]
+                   "-append", line, *nodes, *devices]
         return subprocess.Popen([str(word) for word in command], stdin=subprocess.DEVNULL)
 
     def run(self, *arguments, patience=600, **variables):
@@ -146,6 +149,8 @@ class Guests:
         try:
             if process.wait(patience) != 0:
                 raise GuestError(f"{arguments[0]}: QEMU ended with {process.returncode}")
+        except subprocess.TimeoutExpired as late:
+            raise GuestError(f"{arguments[0]}: the guest did not end") from late
         finally:
             process.kill()
             process.wait()

@@ -22,7 +22,7 @@ ROOM_FOR_RESULT = 512 << 20
 UNIMPORTANT = ("mounted", "+++++")  # lines of a guest
 MOST_LINES = 16
 FAULTS = ("lost_in", "refused", "wrong", "damaged")
-ORDERS = ("recover", "fsck, recover", "recover, fsck", "recover, cut, recover")  # at boot; each for the cards of a guest
+ORDERS = ("recover", "fsck, recover", "recover, fsck", "recover, cut, recover")  # at boot; one for all cards of a guest
 STREAMS = (("h264_base_640x360_25.h264", "h264", 6), ("aac_lc_48000_2.aac", "aac", 5))  # of 4 and 5 seconds
 CLIPS = 4
 
@@ -35,7 +35,8 @@ class Recording:
         self.directory = guests.work / guests.digest / kind / str(seed)
         self.disk, log = self.directory / "disk", self.directory / "log"
         streams = [self.directory / name for name, *_ in STREAMS]
-        self.clips = {f"clips/clip{n}.mp4": hashlib.sha256(b"%d" % n).digest() * (1000 * n) for n in range(1, CLIPS + 1)}
+        self.clips = {f"clips/clip{n}.mp4": hashlib.sha256(b"%d" % n).digest() * (1000 * n)
+                      for n in range(1, CLIPS + 1)}
         if not (self.directory / "whole").exists():
             shutil.rmtree(self.directory, ignore_errors=True)
             self.directory.mkdir(parents=True)
@@ -179,3 +180,5 @@ class Rig:
                         TYPE=cases[0].system.type, OPTIONS=cases[0].system.options)
         with tarfile.open(result) as archive:
             archive.extractall(found, filter="fully_trusted")
+        if not all((found / str(place) / "log").exists() for place in range(1, len(cases) + 1)):
+            raise GuestError(f"{task}: " + (self.work / "console").read_text(errors="replace")[-1000:])
