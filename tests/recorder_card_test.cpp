@@ -1,4 +1,5 @@
 /** The recorder on a card that is full, that goes away and that comes back: what is there can be played, and it goes on. */
+#include <algorithm>
 #include <cstring>
 
 #include <fcntl.h>
@@ -199,6 +200,43 @@ TEST(FatCard, GivesAFileItsRoomFromTheBeginning)
     made.stop();
     EXPECT_LT(room("00000002.mp4").second, whole) << "what it did not need is free again";
     expect_playable(on);
+}
+
+/** Counts the names that the directory's sync took off the medium while the file was still open. */
+class deletions : public medium::watch {
+public:
+    int64_t carry_out(const medium::operation &what, medium::real_call call) override
+    {
+        if (what.what == medium::unlinking && std::string_view(what.name).ends_with(".mp4")) {
+            name_ = what.name;
+        } else if (what.what == medium::syncing && !name_.empty()) {
+            struct stat status;
+            if (fstat(what.file, &status) == 0 && S_ISDIR(status.st_mode) && is_open(name_ + " (deleted)")) ++orderly;
+            name_.clear();
+        }
+        return call();
+    }
+    uint64_t orderly = 0;
+
+private:
+    static bool is_open(const std::string &end)
+    {
+        std::error_code none;
+        return std::ranges::any_of(fs::directory_iterator("/proc/self/fd"), [&](const auto &link) {
+            return fs::read_symlink(link, none).string().ends_with(end);
+        });
+    }
+    std::string name_;
+};
+
+TEST(FatCard, LosesAFilesNameBeforeItsClusters)
+{
+    const card on;
+    deletions seen;
+    recording made(on, 8 << 20);
+    EXPECT_TRUE(made.goes_on_to(MEDIAFILES_EVENT_DELETED, 3));
+    made.stop();
+    EXPECT_EQ(seen.orderly, made.count(MEDIAFILES_EVENT_DELETED));
 }
 
 /* ---- A card that goes away ---- */

@@ -31,8 +31,14 @@ removal remove(int directory, const std::string &path, bool also_protected)
         return errno == ENOENT ? removal::is_gone : removal::failed;
     if (!S_ISREG(status.st_mode)) return removal::is_gone;
     if (!also_protected && !(status.st_mode & recovery::write_permissions)) return removal::is_protected;
+    /*
+     * FAT and exFAT free the clusters when nobody has the file open any more. By then its name has to be off the medium:
+     * a cut would leave it with clusters that are free, or another file's.
+     */
+    const recovery::descriptor file = recovery::open_at(parent, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK);
     if (unlinkat(parent, name.c_str(), 0) != 0) return removal::failed;
     unlinkat(parent, (name + ".journal").c_str(), 0);
+    fsync(parent);
     remove_empty_directories(directory, path);
     return removal::done;
 }
