@@ -44,7 +44,7 @@ def table(results, heading, of):
         name = next(name for begin, name in FAMILIES if kind.startswith(begin))
         rows.setdefault((machine != "x86-64", machine, [n for _, n in FAMILIES].index(name), name, of(result)),
                         []).append(result)
-    lines = [f"| kernel | file system | {heading} | cuts | frames safe | of them lost | cuts that lose | refused | damaged |",
+    lines = [f"| kernel | file system | {heading} | cuts | safe frames | lost | cuts that lose | refused | damaged |",
              "|---|---|---|---|---|---|---|---|---|"]
     for (_, machine, _, name, value), found in sorted(rows.items()):
         numbers = (len(found), sum(r["acknowledged"] for r in found), sum(r["lost"] for r in found),
