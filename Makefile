@@ -93,7 +93,7 @@ mutants:
 # Cuts the power of whole systems: CUTS cuts for each KIND of card (ext4, f2fs,
 # fat32, exfat) of the recordings from SEED on, under kernels for MACHINE (x86-64,
 # arm). Adds them to device/results.jsonl; what is there already is left out.
-# QUICK=1: those of ext4, f2fs and FAT32, in ten minutes.
+# QUICK=1: those of ext4, f2fs and FAT32.
 CUTS ?= 32
 KIND ?= ext4 f2fs fat32 $(if $(QUICK),,exfat)
 MACHINE ?= x86-64
