@@ -52,8 +52,14 @@ class Recording:
         self.writes = cut.read_log(log)
         self.digest = hashlib.sha256(log.read_bytes()).hexdigest()[:12]
         self.notes = cut.notes_of(self.writes, cards.BEGIN + self.system.size, cards.NOTES)
+        if not self.files("finished") or self.files("begun") != self.files("finished"):
+            (self.directory / "whole").unlink()
+            raise GuestError(f"{self.directory}: the recorder did not finish its files")
         tracks = [content.frames_of(path, codec) for path, (_, codec, _) in zip(streams, STREAMS)]
         self.expected = judge.Expected(tracks, self.notes)
+
+    def files(self, event):
+        return {note["path"] for _, note in self.notes if note["note"] == event}
 
     def record(self, guests, streams, log):
         chance = random.Random(f"{self.kind}/{self.seed}")
@@ -70,8 +76,6 @@ class Recording:
                    QUOTA_BYTES=chance.choice((0, 900_000)))
         used.unlink()
         initramfs.unlink()
-        if "finished" not in console.read_text(errors="replace"):
-            raise GuestError(f"nothing was recorded: see {console}")
 
     def cut(self, number):
         """The power cut with that number."""
