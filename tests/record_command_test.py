@@ -157,6 +157,27 @@ class Record(judge.Test):
         self.assertEqual(err.count("deleted: "), 8 - len(left))
         self.assertTrue(everything // 4 < sum(f.stat().st_size for f in left) <= everything // 2)
 
+    def test_which_streams(self):
+        given = self.remux("in.mp4", "-i", BASE, "-i", AAC, "-i", AAC_44, "-map", "0", "-map", "1", "-map", "2")
+        for options, expected in ((("--no-audio",), [0]), (("--no-video",), [1, 2]), (("--map", "a:1"), [2]),
+                                  (("--map", "v", "--map", "0:1"), [0, 1])):
+            with self.subTest(options):
+                summary, _ = self.record(given, *options)
+                self.assertEqual([t["stream"] for t in summary["tracks"]], expected)
+
+    def test_units(self):
+        """Times and sizes as people write them: each comes to the same files."""
+        times = ("2", "2s", "2000ms", "0:02", "00:00:02.0")
+        sizes = ("50K", "50KiB", "51.2KB", "51200B")
+        for options in (times, sizes):
+            found = set()
+            for text in options:
+                summary, _ = self.record(BASE, "--segment", text, "-y", "-t", "0:03.5", "-o", self.directory / "s.mp4")
+                found.add(tuple((f["duration"], f["bytes"]) for f in summary["files"]))
+                for file in summary["files"]:
+                    pathlib.Path(file["path"]).unlink()
+            self.assertEqual((len(found), len(found.pop()) > 1), (1, True), options)
+
     def test_reordered_pictures(self):
         mp4 = self.remux("b.mp4", "-framerate", "30", "-i", REORDERED)
         for given in (REORDERED, mp4, self.remux("b.ts", "-i", mp4)):
@@ -185,7 +206,7 @@ class Record(judge.Test):
         self.assertEqual((summary["tracks"][0]["dropped"], err.count("no start code")), (1, 1))
         self.given.write_bytes(self.remux("one.ts", "-framerate", "25", "-i", BASE, "-frames", "20").read_bytes() * 2)
         summary, err = self.record(self.given)
-        self.assertEqual((summary["tracks"][0]["backwards"], err.count("time runs backwards")), (19, 1))
+        self.assertEqual((summary["tracks"][0]["backwards"], err.count("the frames are joined on")), (0, 1))
 
     def test_what_stands_in_the_way(self):
         rate_96000, main_profile = self.directory / "96000.aac", self.directory / "main.aac"
@@ -199,6 +220,11 @@ class Record(judge.Test):
                 ((BASE, "--quota", "1G"), USAGE, "{number}"), ((BASE, "--segment-bytes", "1X"), USAGE, "unit"),
                 ((BASE, "--journal", "journal"), USAGE, "--output"), ((BASE, "--no-journal"), USAGE, "--sync"),
                 ((BASE, "--buffer", "0"), USAGE, "--queue"), ((), USAGE, "INPUT"),
+                ((BASE, "--segment", "soon"), USAGE, "neither a time (60s) nor a size (500MB)"),
+                ((BASE, "--duration", "1:70"), USAGE, "1:70 is no time"), ((BASE, "--map", "x"), USAGE, "x names no stream"),
+                ((BASE, "--input-option", "fast"), USAGE, "fast is not KEY=VALUE"),
+                ((BASE, "--input-option", "fast=1"), FAILED, "--input-option fast is not known"),
+                ((BASE, "--retry", "often"), USAGE, "often"), ((BASE, "--map", "7"), FAILED, "nothing to record"),
                 ((BASE, "--fps", "quick"), USAGE, "quick"), ((BASE, "--format", "1:2"), USAGE, "1:2")):
             with self.subTest(text):
                 _, err = self.record(*arguments, exit_code=exit_code)

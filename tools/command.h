@@ -8,8 +8,8 @@
 
 namespace tools {
 
-/** Exit codes of every subcommand. */
-enum exit_code { done = 0, failed = 1, wrong_usage = 2 };
+/** Exit codes; 3 is that of a repair that had nothing to do. */
+enum exit_code { done = 0, failed = 1, wrong_usage = 2, source_lost = 4 };
 
 struct command {
     CLI::App *line; // owned by the program's line

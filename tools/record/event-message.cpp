@@ -52,6 +52,9 @@ event_message message_of(const mediafiles_recorder_event &event, const std::stri
     case MEDIAFILES_EVENT_WRITE_ERROR:
         if (!event.path) return {weight::problem, failure("cannot begin another file", path, event.error).what()};
         return lasting("cannot write", path, event.error);
+    case MEDIAFILES_EVENT_PROTECTED:
+        if (event.error != 0) return {weight::problem, failure("cannot protect", path, event.error).what()};
+        return {weight::note, "protected: " + path};
     default:
         return {};
     }

@@ -1,14 +1,17 @@
 #include "tools/record/input.h"
 
 #include <algorithm>
-#include <chrono>
+#include <cstring>
 #include <iterator>
 #include <new>
 #include <string_view>
 #include <thread>
 #include <utility>
 
+#include <mediafiles/h264-parser.h>
+
 #include "tools/failure.h"
+#include "tools/print.h"
 
 namespace tools {
 
@@ -126,13 +129,74 @@ std::string objection_to(const AVStream *stream)
     }
 }
 
+/* The parameter sets that a stream has beside its frames, as they stand in Annex B; none for other forms. */
+bool has_start_code(std::span<const uint8_t> bytes)
+{
+    return bytes.size() > 4 && bytes[0] == 0 && bytes[1] == 0 && (bytes[2] == 1 || (bytes[2] == 0 && bytes[3] == 1));
+}
+
+bool has_sequence_set(codec kind, std::span<const uint8_t> unit)
+{
+    constexpr unsigned h264_set = 7, h265_set = 33; // nal_unit_type
+    uint32_t offset, length;
+    while (h264_parser_find_start_code(unit.data(), static_cast<uint32_t>(unit.size()), &offset, &length)) {
+        unit = unit.subspan(offset + length);
+        if (unit.empty()) break;
+        if (kind == codec::h264 ? (unit[0] & 0x1Fu) == h264_set : (unit[0] >> 1 & 0x3Fu) == h265_set) return true;
+    }
+    return false;
+}
+
+/* "v", "a:1" or "3" name a stream; its number counts all streams, or those of its kind. */
+bool is_named(const AVFormatContext *format, const AVStream *stream, const std::string &name)
+{
+    const AVMediaType type = stream->codecpar->codec_type;
+    const char letter = type == AVMEDIA_TYPE_VIDEO ? 'v' : type == AVMEDIA_TYPE_AUDIO ? 'a' : '?';
+    if (name == std::to_string(stream->index)) return true;
+    if (name[0] != letter) return false;
+    int before = 0;
+    for (int i = 0; i < stream->index; ++i) before += format->streams[i]->codecpar->codec_type == type;
+    return name.size() == 1 || name.substr(1) == print(":%d", before);
+}
+
+/* Raw streams have no clock of their own; what RTP brings counts from the connection's beginning. */
+bool has_stamps(const AVInputFormat *format)
+{
+    constexpr std::string_view without[] = {"aac", "h264", "hevc", "rtsp", "sdp", "rtp"};
+    return (format->flags & AVFMT_NOTIMESTAMPS) == 0 && std::ranges::find(without, format->name) == std::end(without);
+}
+
+/* What no further attempt would change. */
+bool is_permanent(int result)
+{
+    constexpr int errors[] = {AVERROR_PROTOCOL_NOT_FOUND, AVERROR_DEMUXER_NOT_FOUND, AVERROR_OPTION_NOT_FOUND,
+                              AVERROR(EINVAL), AVERROR(ENOSYS)};
+    return std::ranges::find(errors, result) != std::end(errors);
+}
+
+[[noreturn]] void throw_open_failure(const source_name &name, int result)
+{
+    if (is_permanent(result)) throw permanent_failure("cannot open", name.shown, libav_error(result));
+    throw failure("cannot open", name.shown, libav_error(result));
+}
+
+/* Options that libavformat would otherwise leave at what suits a player. */
+void complete_options(const source_name &name, const input_options &options, AVDictionary **to)
+{
+    const auto preset = [&](const char *key, const char *value) { av_dict_set(to, key, value, 0); };
+    if (name.scheme.starts_with("rtsp")) preset("rtsp_transport", "tcp"); // which loses nothing on the way
+    if (name.scheme == "udp") preset("overrun_nonfatal", "1");
+    for (const auto &[key, value] : options.options) av_dict_set(to, key.c_str(), value.c_str(), 0);
+}
+
 } // namespace
 
 source_stream::source_stream(const AVStream *stream, const input_options &options)
     : source_(stream), kind_(codec_of(stream->codecpar)), description_(describe(kind_, stream->codecpar)),
       filter_(make_filter(stream)), frame_rate_(frame_rate_of(stream, options)),
       clock_(to_rational(stream->time_base), frame_duration_of(kind_, stream->codecpar, frame_rate_),
-             start().value_or(0))
+             start().value_or(0)),
+      needs_sets_(kind_ != codec::aac && has_start_code(extradata(stream->codecpar)))
 {
     if (kind_ != codec::aac) order_.emplace(filter_->par_out);
 }
@@ -143,10 +207,11 @@ std::optional<int64_t> source_stream::start() const
     return to_nanoseconds(source_->start_time, to_rational(source_->time_base));
 }
 
-std::optional<rational> source_stream::timed_by() const
+stream_info source_stream::info() const
 {
-    if (kind_ == codec::aac || source_->start_time != AV_NOPTS_VALUE) return std::nullopt;
-    return frame_rate_;
+    stream_info result{source_->index, kind_, description_, std::nullopt};
+    if (kind_ != codec::aac && source_->start_time == AV_NOPTS_VALUE) result.timed_by = frame_rate_;
+    return result;
 }
 
 frame source_stream::convert(packet_ptr packet)
@@ -164,9 +229,24 @@ frame source_stream::convert(packet_ptr packet)
     /* The filter would take an empty packet for the end of the stream. */
     result.readable = packet->size == 0 || (av_bsf_send_packet(filter_.get(), packet.get()) == 0 &&
                                             av_bsf_receive_packet(filter_.get(), packet.get()) == 0);
+    if (needs_sets_ && result.readable && packet->size > 0) prepend_parameter_sets(packet.get());
     if (order_ && result.readable && packet->size > 0) result.reordered = order_->goes_back(packet.get());
     result.packet = std::move(packet);
     return result;
+}
+
+/* Some cameras send the parameter sets in the description of the session alone. */
+void source_stream::prepend_parameter_sets(AVPacket *packet)
+{
+    const bool has_own = has_sequence_set(kind_, {packet->data, static_cast<size_t>(packet->size)});
+    if (!has_own && (packet->flags & AV_PKT_FLAG_KEY) == 0) return;
+    needs_sets_ = false;
+    if (has_own) return;
+    const auto sets = extradata(source_->codecpar);
+    const auto length = static_cast<int>(sets.size());
+    if (av_grow_packet(packet, length) < 0 || av_packet_make_writable(packet) < 0) throw std::bad_alloc();
+    std::memmove(packet->data + length, packet->data, static_cast<size_t>(packet->size - length));
+    std::ranges::copy(sets, packet->data);
 }
 
 int source_stream::missing() const
@@ -174,42 +254,68 @@ int source_stream::missing() const
     return avformat_index_get_entries_count(source_) - packets_;
 }
 
-input::input(const input_options &options, const std::atomic<bool> &cancelled) : options_(options)
+AVIOInterruptCB patience::callback()
 {
-    AVFormatContext *context = avformat_alloc_context();
-    if (!context) throw std::bad_alloc();
-    const auto is_cancelled = [](void *flag) -> int { return static_cast<const std::atomic<bool> *>(flag)->load(); };
-    context->interrupt_callback = {is_cancelled, const_cast<std::atomic<bool> *>(&cancelled)};
+    return {[](void *self) -> int { return static_cast<const patience *>(self)->is_over(); }, this};
+}
 
-    /* A name that is a file is that file, whatever its name looks like. */
-    std::string url = name();
-    struct stat status;
-    if (url == "-")
-        url = "pipe:0";
-    else if (stat(url.c_str(), &status) == 0)
-        url = "file:" + url;
-    int result = avformat_open_input(&context, url.c_str(), options_.format, nullptr);
-    if (result >= 0) format_.reset(context);
-    const auto end_if_cancelled = [&] {
-        if (cancelled) throw failure("stopped", name(), "nothing was recorded yet");
-    };
-    end_if_cancelled();
-    if (result < 0) throw failure("cannot open", name(), libav_error(result));
-    /* Frames are not counted to guess a rate: without timestamps that would delay a live source for seconds. */
-    context->fps_probe_size = 0;
-    result = avformat_find_stream_info(context, nullptr);
-    end_if_cancelled();
-    if (result < 0) throw failure("cannot read", name(), libav_error(result));
-
+input::input(const input_options &options, const source_name &name, patience &patience)
+    : options_(options), name_(name), patience_(patience), format_(open())
+{
     for (unsigned i = 0; i < format_->nb_streams; ++i) {
         format_->streams[i]->discard = AVDISCARD_ALL;
         select(format_->streams[i]);
     }
     for (source_stream &stream : streams_) format_->streams[stream.source()->index]->discard = AVDISCARD_DEFAULT;
+    learn_facts();
+}
+
+format_ptr input::open()
+{
+    AVFormatContext *context = avformat_alloc_context();
+    if (!context) throw std::bad_alloc();
+    context->interrupt_callback = patience_.callback();
+    const std::string allowed = name_.allowed_protocols();
+    if (!allowed.empty()) context->protocol_whitelist = av_strdup(allowed.c_str());
+    AVDictionary *wanted = nullptr;
+    complete_options(name_, options_, &wanted);
+    int result = avformat_open_input(&context, name_.url.c_str(), options_.format, &wanted);
+    format_ptr format(result >= 0 ? context : nullptr);
+    const AVDictionaryEntry *unknown = nullptr; // what is left over
+    while ((unknown = av_dict_get(wanted, "", unknown, AV_DICT_IGNORE_SUFFIX)) &&
+           !options_.options.contains(unknown->key))
+        ;
+    const std::string unused = unknown ? unknown->key : "";
+    av_dict_free(&wanted);
+
+    const auto end_if_cancelled = [&] {
+        if (patience_.is_cancelled()) throw failure("stopped", name_.shown, "nothing was recorded yet");
+        if (patience_.is_over()) throw failure("cannot open", name_.shown, "no answer");
+    };
+    end_if_cancelled();
+    if (result < 0) throw_open_failure(name_, result);
+    if (!unused.empty())
+        throw permanent_failure("cannot open", name_.shown, "--input-option " + unused + " is not known for it");
+    /* Frames are not counted to guess a rate: without timestamps that would delay a live source for seconds. */
+    format->fps_probe_size = 0;
+    result = avformat_find_stream_info(format.get(), nullptr);
+    end_if_cancelled();
+    if (result < 0) throw failure("cannot read", name_.shown, libav_error(result));
+    return format;
+}
+
+bool input::is_wanted(const AVStream *stream) const
+{
+    const AVMediaType type = stream->codecpar->codec_type;
+    if ((options_.no_audio && type == AVMEDIA_TYPE_AUDIO) || (options_.no_video && type == AVMEDIA_TYPE_VIDEO))
+        return false;
+    const auto names_it = [&](const std::string &name) { return is_named(format_.get(), stream, name); };
+    return options_.streams.empty() || std::ranges::any_of(options_.streams, names_it);
 }
 
 void input::select(const AVStream *stream)
 {
+    if (!is_wanted(stream)) return;
     std::string why = objection_to(stream);
     if (why.empty()) {
         try {
@@ -219,41 +325,29 @@ void input::select(const AVStream *stream)
             why = unusable.what();
         }
     }
-    others_.push_back({stream->index, kind_and_codec(stream), why});
+    facts_.others.push_back({stream->index, kind_and_codec(stream), why});
 }
 
-void input::leave_out(size_t stream, std::string why)
-{
-    const AVStream *source = streams_[stream].source();
-    format_->streams[source->index]->discard = AVDISCARD_ALL;
-    others_.push_back({source->index, kind_and_codec(source), std::move(why)});
-    streams_.erase(streams_.begin() + static_cast<std::ptrdiff_t>(stream));
-}
-
-int64_t input::start() const
+void input::learn_facts()
 {
     std::optional<int64_t> earliest;
     for (const source_stream &stream : streams_) {
+        facts_.streams.push_back(stream.info());
         const auto start = stream.start();
         if (start && (!earliest || *start < *earliest)) earliest = start;
     }
-    return earliest.value_or(0);
-}
+    latest_ = facts_.start = earliest.value_or(0);
+    if (format_->duration != AV_NOPTS_VALUE && format_->duration > 0)
+        facts_.duration = to_nanoseconds(format_->duration, {1, AV_TIME_BASE});
 
-bool input::can_wait() const
-{
-    if (!format_->pb) return false; // the demuxer has a connection of its own
-    const char *protocol = avio_find_protocol_name(format_->url);
+    /* What the demuxer has a connection of its own for cannot wait. */
+    const char *protocol = format_->pb ? avio_find_protocol_name(format_->url) : "rtp";
     constexpr std::string_view datagrams[] = {"udp", "udplite", "rtp", "srtp", "srt"};
-    return !protocol || std::ranges::find(datagrams, protocol) == std::end(datagrams);
-}
-
-std::optional<struct stat> input::file() const
-{
-    struct stat status;
-    const std::string path = name().starts_with("file:") ? name().substr(5) : name();
-    if ((name() == "-" ? fstat(0, &status) : stat(path.c_str(), &status)) != 0) return std::nullopt;
-    return status;
+    facts_.can_wait = !protocol || std::ranges::find(datagrams, protocol) == std::end(datagrams);
+    const bool has_end = facts_.duration || (format_->pb && avio_size(format_->pb) > 0);
+    facts_.is_live = name_.comes_and_goes && !has_end;
+    facts_.is_stamped = !options_.by_arrival && has_stamps(format_->iformat);
+    facts_.may_jump = facts_.is_live || (format_->iformat->flags & AVFMT_TS_DISCONT) != 0;
 }
 
 std::optional<frame> input::read()
@@ -264,8 +358,9 @@ std::optional<frame> input::read()
         int result = av_read_frame(format_.get(), packet.get());
         /* Demuxers report the end where the transport below them has failed. */
         if (result == AVERROR_EOF && format_->pb && format_->pb->error < 0) result = format_->pb->error;
-        const AVIOInterruptCB &cancelled = format_->interrupt_callback;
-        if (result == AVERROR_EXIT || cancelled.callback(cancelled.opaque) != 0) return std::nullopt;
+        if (patience_.is_cancelled()) return std::nullopt;
+        if (result < 0 && patience_.is_over()) throw failure("no data", name_.shown, "the source is silent");
+        if (result == AVERROR_EXIT) return std::nullopt;
         if (result == AVERROR_EOF) {
             check_completeness();
             return std::nullopt;
@@ -274,25 +369,37 @@ std::optional<frame> input::read()
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
             continue;
         }
-        if (result < 0) throw failure("reading stopped", name(), libav_error(result));
+        if (result < 0) throw failure("reading stopped", name_.shown, libav_error(result));
 
         for (size_t i = 0; i < streams_.size(); ++i) {
             if (streams_[i].source()->index != packet->stream_index) continue;
             frame next = streams_[i].convert(std::move(packet));
             next.stream = i;
+            next.arrival = steady::now();
+            latest_ = std::max(latest_, next.time);
             return next;
         }
     }
 }
 
+/* What is cut off is seen where the format says how long the whole is. */
 void input::check_completeness() const
 {
+    const auto end_early = [&](const std::string &why) { throw failure("reading stopped", name_.shown, why); };
     for (const source_stream &stream : streams_) {
         if (stream.missing() <= 0) continue;
-        const std::string count = std::to_string(stream.missing());
-        throw failure("reading stopped", name(),
-                      count + " frames of stream " + std::to_string(stream.source()->index) + " are missing");
+        end_early(std::to_string(stream.missing()) + " frames of stream " + std::to_string(stream.source()->index) +
+                  " are missing");
     }
+    const bool is_stated = format_->duration_estimation_method == AVFMT_DURATION_FROM_STREAM;
+    const int64_t read = latest_ - facts_.start;
+    if (is_stated && facts_.duration && streams_.size() == format_->nb_streams && read < *facts_.duration - second)
+        end_early(print("it is cut off: %.1f of %.1f s are there", seconds(read), seconds(*facts_.duration)));
+    if (std::string_view(format_->iformat->name) != "mpegts" || facts_.is_live || !format_->pb) return;
+    const int64_t size = avio_size(format_->pb);
+    constexpr int64_t packets[] = {188, 192, 204};
+    if (size > 0 && std::ranges::all_of(packets, [&](int64_t each) { return size % each != 0; }))
+        end_early("it is cut off within a packet");
 }
 
 } // namespace tools

@@ -91,11 +91,26 @@ output_place place_of(const std::string &output)
     return {output.substr(0, name), output.substr(name), is_numbered};
 }
 
+output_place next_place(const output_place &place)
+{
+    const size_t dot = place.name.rfind('.');
+    const size_t end = dot == std::string::npos || dot == 0 ? place.name.size() : dot;
+    output_place next = place;
+    struct stat status;
+    unsigned number = 2;
+    do next.name = place.name.substr(0, end) + "-" + std::to_string(number++) + place.name.substr(end);
+    while (is_there(next.directory + next.name, status) || is_there(journal_of(next.directory + next.name), status));
+    return next;
+}
+
+bool may_split(const record_options &options)
+{
+    return place_of(options.output).is_numbered || options.segment != 0 || options.segment_bytes != 0;
+}
+
 std::optional<int64_t> longest_gap(const record_options &options)
 {
-    const bool is_one_file =
-        !place_of(options.output).is_numbered && options.segment == 0 && options.segment_bytes == 0;
-    return is_one_file ? std::nullopt : std::optional(10 * second);
+    return may_split(options) ? std::optional(10 * second) : std::nullopt;
 }
 
 recorder_ptr start_recorder(const record_options &options, const output_place &place,
@@ -104,10 +119,15 @@ recorder_ptr start_recorder(const record_options &options, const output_place &p
     if (!place.is_numbered) refuse_inputs(options.output, inputs);
     const std::string directory = real_directory(place);
 
+    /* The size of pictures may change: each file has that of its parameter sets. */
+    std::vector<mp4_track_desc> own_size = tracks;
+    for (mp4_track_desc &each : own_size)
+        if (each.type != MP4_TRACK_AAC) each.video = {};
+
     mediafiles_recorder_options given = {};
     given.size = sizeof given;
-    given.track_count = static_cast<uint32_t>(tracks.size());
-    given.tracks = tracks.data();
+    given.track_count = static_cast<uint32_t>(own_size.size());
+    given.tracks = own_size.data();
     given.directory = directory.c_str();
     given.pattern = place.name.c_str();
     given.sync_ns = std::max<int64_t>(options.sync_interval, 1);
@@ -116,6 +136,8 @@ recorder_ptr start_recorder(const record_options &options, const output_place &p
     given.longest_gap_ns = longest_gap(options).value_or(-1);
     given.quota_bytes = options.quota;
     given.keep_free_bytes = keep_free(options, place);
+    given.pre_event_ns = options.pre_event;
+    given.pre_event_bytes = options.pre_event > 0 ? options.pre_event_bytes : 0;
     given.queue_bytes = options.queue != 0 ? options.queue : queue_for(tracks);
     given.file_mode = 0666;
     given.flags = MEDIAFILES_ANY_START;

@@ -33,6 +33,11 @@ struct output_place {
     bool is_numbered;      // it has {number}
 };
 output_place place_of(const std::string &output);
+/** For the recording of one file that goes on with another recorder: the first of NAME-2, NAME-3 ... that is free. */
+output_place next_place(const output_place &place);
+
+/** Whether the recording goes on in a new file where times step. */
+bool may_split(const record_options &options);
 
 /** How long nothing may come, and times may jump, within a file; nothing: whatever the times are, it is one file. */
 std::optional<int64_t> longest_gap(const record_options &options);

@@ -1,6 +1,4 @@
 #include <algorithm>
-#include <cmath>
-#include <csignal>
 
 extern "C" {
 #include <libavutil/log.h>
@@ -10,34 +8,24 @@ extern "C" {
 #include "tools/command.h"
 #include "tools/record/output.h"
 #include "tools/record/record.h"
+#include "tools/record/units.h"
 
 namespace tools {
 
 namespace {
 
-/* Set by the signals that end a recording. */
-std::atomic<bool> stop_requested = false;
-static_assert(std::atomic<bool>::is_always_lock_free);
-
-constexpr double longest_time = 1e9; // seconds
-constexpr uint64_t most_bytes = uint64_t{1} << 62;
+constexpr int64_t longest_time = 1'000'000'000 * second;
+constexpr int64_t most_bytes = int64_t{1} << 62;
 
 /* The options as given on the command line. */
 struct record_line {
+    record_options options;
     std::vector<std::string> inputs;
-    std::string output;
-    bool keep_journal = false;
-    double sync_interval = 1;
-    double segment = 0;
-    uint64_t segment_bytes = 0;
-    uint64_t quota = 0;
-    std::optional<uint64_t> keep_free;
-    uint64_t queue = 0;
-    double duration = 0;
-    bool realtime = false;
-    std::vector<std::string> formats;
-    std::vector<std::string> frame_rates;
-    bool overwrite = false;
+    /* For every input, or given as often as there are inputs. */
+    std::vector<std::string> formats, frame_rates, transports, timeouts, offsets, timestamps;
+    /* With the number of an input before it, or for all. */
+    std::vector<std::string> input_options, streams;
+    bool no_audio = false, no_video = false;
     bool quiet = false;
     bool json = false;
 };
@@ -45,7 +33,7 @@ struct record_line {
 constexpr const char *examples = R"(Examples:
   mediafiles record camera.h264 microphone.aac -o out.mp4 --fps 30000/1001
   mediafiles record broadcast.ts -o out.mp4 --sync 0.5 --keep-journal
-  mediafiles record rtsp://camera/1 -o /media/card/{number}.mp4 --segment 60 --quota 20G
+  mediafiles record rtsp://camera/1 -o /media/card/{number}.mp4 --segment 60s --quota 20GB
   encoder | mediafiles record - --format h264 --fps 25 -o out.mp4 --json
 
 While it runs, out.mp4.journal beside the output names every frame that has
@@ -77,49 +65,105 @@ void refuse_former_options(CLI::App &line)
     }
 }
 
-void describe(CLI::App &line, record_line &given)
+/* An option whose value is a time or a size. */
+template <std::optional<int64_t> (*Parse)(const std::string &), class Number>
+CLI::Option *add_quantity(CLI::App &line, const char *name, Number &value, int64_t least, int64_t most,
+                          const char *what)
 {
-    line.footer(examples);
-    line.add_option("INPUT", given.inputs, "File or URL that libavformat opens; - is standard input")->required();
-    line.add_option("-o,--output", given.output,
+    constexpr bool is_time = Parse == time_of;
+    const auto take = [name, &value, least, most](const std::string &text) {
+        const auto given = Parse(text);
+        if (!given)
+            throw CLI::ValidationError(name, text + (is_time ? " is no time: write 90, 90s, 2m or 1:30"
+                                                             : " is no size; its unit is K, M, G, T, KB or KiB ..."));
+        if (*given < least || *given > most) throw CLI::ValidationError(name, text + " is out of range");
+        value = *given;
+    };
+    return line.add_option_function<std::string>(name, take, what)->type_name(is_time ? "TIME" : "BYTES");
+}
+
+/* A segment ends by its length or its size, or by both when it is given twice. */
+void take_segment(record_options &options, const std::vector<std::string> &given)
+{
+    for (const std::string &text : given) {
+        const auto time = time_of(text), size = size_of(text);
+        const auto value = time ? time : size;
+        if (!value || *value < 1 || (time && *time > longest_time))
+            throw CLI::ValidationError("--segment", text + " is neither a time (60s) nor a size (500MB)");
+        (time ? options.segment : options.segment_bytes) = *value;
+    }
+}
+
+void describe_files(CLI::App &line, record_options &options)
+{
+    line.add_option("-o,--output", options.output,
                     "The MP4 file to make; with {number} a pattern, of files that go on from the highest number found")
         ->required()
         ->type_name("OUT.mp4");
-    line.add_flag("--keep-journal", given.keep_journal, "Keep the journal of a finished recording");
-    line.add_option("--sync", given.sync_interval, "Sync media and journal at this interval (default: 1)")
-        ->check(CLI::Range(0.0, longest_time))
-        ->type_name("SECONDS");
-    line.add_option("--segment", given.segment, "Begin a new file, at a key frame, after this much media")
-        ->check(CLI::Range(1e-9, longest_time))
-        ->type_name("SECONDS");
-    const auto add_bytes = [&line](const char *name, auto &bytes, uint64_t least, uint64_t most, const char *what) {
-        line.add_option(name, bytes, what)
-            ->transform(CLI::AsSizeValue(false))
-            ->check(CLI::Range(least, most))
-            ->type_name("BYTES");
+    line.add_flag("--keep-journal", options.keep_journal, "Keep the journal of a finished recording");
+    add_quantity<time_of>(line, "--sync", options.sync_interval, 0, longest_time,
+                          "Sync media and journal at this interval (default: 1s)");
+    line.add_option_function<std::vector<std::string>>(
+            "--segment", [&options](const std::vector<std::string> &given) { take_segment(options, given); },
+            "Begin a new file, at a key frame, after this much media: a time (60s) or a size (500MB)")
+        ->expected(1)
+        ->take_all()
+        ->allow_extra_args(false)
+        ->type_name("TIME|BYTES");
+    add_quantity<size_of>(line, "--segment-bytes", options.segment_bytes, 1, most_bytes,
+                          "The same as --segment with a size");
+    add_quantity<size_of>(line, "--quota", options.quota, 1, most_bytes,
+                          "Delete the oldest numbered files beyond so many");
+    add_quantity<size_of>(line, "--keep-free", options.keep_free, 0, most_bytes,
+                          "Leave so many free on the file system (default: 0; for numbered files 64M)");
+    add_quantity<size_of>(
+        line, "--queue", options.queue, 4096, largest_queue,
+        "Memory for frames that wait for the medium (default: 8M, or a picture of the tracks if it is larger)");
+    add_quantity<time_of>(line, "--pre-event", options.pre_event, 1, longest_time,
+                          "Make files by events (SIGUSR1) alone, each with so much from before the event");
+    add_quantity<size_of>(line, "--pre-event-memory", options.pre_event_bytes, 65536, largest_queue,
+                          "Memory for that (default: 64M)");
+    add_quantity<time_of>(line, "--protect-before", options.protect_before, 0, longest_time,
+                          "An event (SIGUSR1) protects files of so much time before it (default: 30s)");
+    add_quantity<time_of>(line, "--protect-after", options.protect_after, 0, longest_time,
+                          "Likewise after it; with --pre-event its file lasts so long (default: 30s)");
+    line.add_flag("-y,--overwrite", options.overwrite, "Replace an existing output and journal");
+}
+
+void describe_inputs(CLI::App &line, record_line &given)
+{
+    line.add_option("INPUT", given.inputs, "File or URL that libavformat opens; - is standard input")->required();
+    line.add_option_function<std::string>(
+            "--retry", [&given](const std::string &when) { given.options.retry = when == "forever"; },
+            "Whether sources that come and go are waited for and opened again (default: forever)")
+        ->check(CLI::IsMember({"forever", "never"}))
+        ->type_name("forever|never");
+    const auto add = [&line](const char *name, std::vector<std::string> &values, const char *type, const char *what) {
+        line.add_option(name, values, what)->expected(1)->take_all()->allow_extra_args(false)->type_name(type);
     };
-    add_bytes("--segment-bytes", given.segment_bytes, 1, most_bytes, "Likewise after so many; 100M is 100 MiB");
-    add_bytes("--quota", given.quota, 1, most_bytes, "Delete the oldest numbered files beyond so many");
-    add_bytes("--keep-free", given.keep_free, 0, most_bytes,
-              "Leave so many free on the file system (default: 0; for numbered files 64M)");
-    add_bytes("--queue", given.queue, 4096, largest_queue,
-              "Memory for frames that wait for the medium (default: 8M, or a picture of the tracks if it is larger)");
-    line.add_option("--duration", given.duration, "Stop after this much media")
-        ->check(CLI::Range(1e-9, longest_time))
-        ->type_name("SECONDS");
-    line.add_flag("--realtime", given.realtime, "Record no faster than the frames' times");
-    /* These two are for every input, or given as often as there are inputs. */
-    line.add_option("--format", given.formats, "Input format; once for all inputs, or once for each in turn")
-        ->expected(1)
-        ->take_all()
-        ->allow_extra_args(false)
-        ->type_name("NAME");
-    line.add_option("--fps", given.frame_rates, "Frame rate of video without timestamps (29.97, 30000/1001); likewise")
-        ->expected(1)
-        ->take_all()
-        ->allow_extra_args(false)
-        ->type_name("N");
-    line.add_flag("--overwrite", given.overwrite, "Replace an existing output and journal");
+    add("--format", given.formats, "NAME", "Input format; once for all inputs, or once for each in turn");
+    add("--fps", given.frame_rates, "N", "Frame rate of video without timestamps (29.97, 30000/1001); likewise");
+    add("--rtsp-transport", given.transports, "tcp|udp|http", "How RTSP brings the media (default: tcp); likewise");
+    add("--timeout", given.timeouts, "TIME",
+        "Without data for so long, that is reported and a connection opened again (default: 5s); likewise");
+    add("--input-offset", given.offsets, "TIME", "Record its frames so much later, or earlier; likewise");
+    add("--timestamps", given.timestamps, "input|arrival",
+        "Where the times of frames are from (default: input); likewise");
+    add("--input-option", given.input_options, "[N:]KEY=VALUE",
+        "An option of libavformat, for input N (from 0) or for all; may be repeated");
+    add("--map", given.streams, "[N:]STREAM",
+        "Record this stream of input N (from 0), or of all: a number, v, a, v:0 ...; may be repeated");
+    line.add_flag("--no-audio", given.no_audio, "Record no sound");
+    line.add_flag("--no-video", given.no_video, "Record no video");
+}
+
+void describe(CLI::App &line, record_line &given)
+{
+    line.footer(examples);
+    describe_inputs(line, given);
+    describe_files(line, given.options);
+    add_quantity<time_of>(line, "-t,--duration", given.options.duration, 1, longest_time, "Stop after this much media");
+    line.add_flag("--realtime", given.options.realtime, "Record no faster than the frames' times");
     line.add_flag("--quiet", given.quiet, "Print errors only");
     line.add_flag("--json", given.json, "Print the summary as a JSON object on standard output");
     refuse_former_options(line);
@@ -134,71 +178,103 @@ const std::string *value_for(size_t input, size_t inputs, const std::vector<std:
     return &values[values.size() == 1 ? 0 : input];
 }
 
+/* "2:VALUE" is for the input 2. A value for all begins with a letter, or has no colon. */
+std::optional<std::string> if_for(size_t input, const std::string &value)
+{
+    const size_t digits = value.find_first_not_of("0123456789");
+    if (digits == 0 || digits == std::string::npos || value[digits] != ':') return value;
+    if (value.substr(0, digits) != std::to_string(input)) return std::nullopt;
+    return value.substr(digits + 1);
+}
+
+void take_input_option(input_options &options, const std::string &text)
+{
+    const size_t equals = text.find('=');
+    if (equals == std::string::npos || equals == 0)
+        throw CLI::ValidationError("--input-option", text + " is not KEY=VALUE");
+    options.options[text.substr(0, equals)] = text.substr(equals + 1);
+}
+
+void take_stream(input_options &options, const std::string &text)
+{
+    const bool is_kind = text == "v" || text == "a" || text.starts_with("v:") || text.starts_with("a:");
+    const std::string number = !is_kind ? text : text.size() > 2 ? text.substr(2) : "0";
+    if (number.empty() || number.find_first_not_of("0123456789") != std::string::npos)
+        throw CLI::ValidationError("--map", text + " names no stream: write its number, v, a, v:0 or a:0");
+    options.streams.push_back(text);
+}
+
+int64_t time_for(const std::string &text, const char *option, int64_t least)
+{
+    const auto time = time_of(text);
+    if (!time || *time < least || *time > longest_time)
+        throw CLI::ValidationError(option, text + " is no time that serves: write 90, 90s, 2m or 1:30");
+    return *time;
+}
+
 input_options input_of(const record_line &given, size_t index)
 {
+    const auto value = [&](const std::vector<std::string> &values, const char *option) {
+        return value_for(index, given.inputs.size(), values, option);
+    };
     input_options result;
     result.name = given.inputs[index];
-    if (const auto *format = value_for(index, given.inputs.size(), given.formats, "--format")) {
+    result.no_audio = given.no_audio;
+    result.no_video = given.no_video;
+    if (const auto *format = value(given.formats, "--format")) {
         result.format = av_find_input_format(format->c_str());
         if (!result.format) throw CLI::ValidationError("--format", "unknown format " + *format);
     }
-    if (const auto *text = value_for(index, given.inputs.size(), given.frame_rates, "--fps")) {
+    if (const auto *text = value(given.frame_rates, "--fps")) {
         AVRational rate;
         if (av_parse_video_rate(&rate, text->c_str()) < 0)
             throw CLI::ValidationError("--fps", "not a frame rate: " + *text);
         result.frame_rate = rational{rate.num, rate.den};
     }
+    if (const auto *transport = value(given.transports, "--rtsp-transport"))
+        if (result.name.starts_with("rtsp")) result.options["rtsp_transport"] = *transport;
+    if (const auto *text = value(given.timeouts, "--timeout"))
+        result.timeout = std::chrono::nanoseconds(time_for(*text, "--timeout", second / 10));
+    if (const auto *text = value(given.offsets, "--input-offset"))
+        result.offset = time_for(*text, "--input-offset", -longest_time);
+    if (const auto *text = value(given.timestamps, "--timestamps")) {
+        if (*text != "input" && *text != "arrival")
+            throw CLI::ValidationError("--timestamps", *text + " is neither input nor arrival");
+        result.by_arrival = *text == "arrival";
+    }
+    for (const std::string &each : given.input_options)
+        if (const auto own = if_for(index, each)) take_input_option(result, *own);
+    for (const std::string &each : given.streams)
+        if (const auto own = if_for(index, each)) take_stream(result, *own);
     return result;
 }
 
 record_options checked(const record_line &given)
 {
-    if (given.output == "-") throw CLI::ValidationError("--output", "an MP4 cannot be written to standard output");
+    record_options options = given.options;
+    if (options.output == "-") throw CLI::ValidationError("--output", "an MP4 cannot be written to standard output");
     if (std::ranges::count(given.inputs, "-") > 1) throw CLI::ValidationError("INPUT", "- can be given once");
-    if (std::isnan(given.sync_interval) || std::isnan(given.segment) || std::isnan(given.duration))
-        throw CLI::ValidationError("SECONDS", "not a number");
-
-    if (given.quota != 0 && !place_of(given.output).is_numbered)
+    const bool is_numbered = place_of(options.output).is_numbered;
+    if (options.quota != 0 && !is_numbered)
         throw CLI::ValidationError("--quota", "only numbered files are deleted: write {number} into --output");
-    if (given.overwrite && place_of(given.output).is_numbered)
-        throw CLI::ValidationError("--overwrite", "numbered files replace none");
-
-    record_options options;
+    if (options.overwrite && is_numbered) throw CLI::ValidationError("--overwrite", "numbered files replace none");
+    if (given.no_audio && given.no_video) throw CLI::ValidationError("--no-audio", "with --no-video nothing is left");
     for (size_t i = 0; i < given.inputs.size(); ++i) options.inputs.push_back(input_of(given, i));
-    options.output = given.output;
-    options.keep_journal = given.keep_journal;
-    options.sync_interval = std::llround(given.sync_interval * 1e9);
-    options.segment = std::llround(given.segment * 1e9);
-    options.segment_bytes = static_cast<int64_t>(given.segment_bytes);
-    options.quota = static_cast<int64_t>(given.quota);
-    if (given.keep_free) options.keep_free = static_cast<int64_t>(*given.keep_free);
-    options.queue = static_cast<int64_t>(given.queue);
-    if (given.duration > 0) options.duration = std::llround(given.duration * 1e9);
-    options.realtime = given.realtime;
-    options.overwrite = given.overwrite;
     return options;
-}
-
-void handle_signals()
-{
-    struct sigaction action = {};
-    action.sa_handler = [](int) { stop_requested = true; };
-    for (const int ends : {SIGINT, SIGTERM}) sigaction(ends, &action, nullptr);
-    /* A full or broken output shows as an error of the write. */
-    action.sa_handler = SIG_IGN;
-    for (const int ignored : {SIGXFSZ, SIGPIPE}) sigaction(ignored, &action, nullptr);
 }
 
 int run(const record_line &given, int result_descriptor)
 {
     const record_options options = checked(given);
-    handle_signals();
-    av_log_set_level(AV_LOG_FATAL); // its errors come back as results
-
     console console("record", given.quiet);
-    const recording_summary summary = record(options, console, stop_requested);
+    signals signals;                // before any thread is started
+    av_log_set_level(AV_LOG_QUIET); // its errors come back as results
+    avformat_network_init();
+
+    const recording_summary summary = record(options, console, signals);
     if (!given.json && !summary.files.empty()) console.note(to_text(summary));
     if (given.json && !console.result(result_descriptor, to_json(summary))) return failed;
+    if (summary.stopped_by == stop_reason::lost) return source_lost;
     return summary.error ? failed : done;
 }
 

@@ -21,8 +21,8 @@ void recorded_files::note(const mediafiles_recorder_event &event)
     if (event.kind == MEDIAFILES_EVENT_DELETED) std::erase_if(files_, is_it);
     if (event.kind == MEDIAFILES_EVENT_BEGUN) files_.push_back({.path = path_of(event), .number = event.number});
     if (event.kind != MEDIAFILES_EVENT_FINISHED) return;
-    const auto found = std::ranges::find_if(files_, is_it);
-    if (found == files_.end()) return;
+    const auto found = std::ranges::find_if(files_.rbegin(), files_.rend(), is_it); // further recorders count again
+    if (found == files_.rend()) return;
     found->bytes = event.count;
     found->duration = seconds(event.to - event.from);
     found->journal_kept = keeps_journal_;

@@ -15,6 +15,8 @@ const char *name(stop_reason reason)
     switch (reason) {
     case stop_reason::end:
         return "end";
+    case stop_reason::lost:
+        return "lost";
     case stop_reason::signal:
         return "signal";
     case stop_reason::duration:
@@ -58,6 +60,20 @@ ordered_json object(const recorded_file &file)
             {"journal_kept", file.journal_kept}};
 }
 
+std::string line(const source_summary &source)
+{
+    if (source.connections < 2 && source.stalls == 0 && source.steps == 0) return {};
+    return "  " + source.name +
+           print(": opened %ju times, silent %ju times, %ju steps of its times\n", uintmax_t{source.connections},
+                 uintmax_t{source.stalls}, uintmax_t{source.steps});
+}
+
+ordered_json object(const source_summary &source)
+{
+    return {
+        {"name", source.name}, {"connections", source.connections}, {"stalls", source.stalls}, {"steps", source.steps}};
+}
+
 uint64_t bytes_of(const recording_summary &summary)
 {
     uint64_t sum = 0;
@@ -79,6 +95,7 @@ std::string to_text(const recording_summary &summary)
     std::string text = summary.output + print(": %.3f s, %ju bytes, stopped by: %s\n", duration_of(summary),
                                               uintmax_t{bytes_of(summary)}, name(summary.stopped_by));
     for (size_t i = 0; i < summary.tracks.size(); ++i) text += line(i, summary.tracks[i]);
+    for (const source_summary &each : summary.sources) text += line(each);
     if (summary.lost != 0) text += print("  lost: %ju frames\n", uintmax_t{summary.lost});
     if (summary.files.size() > 1)
         text += print("  %zu files: ", summary.files.size()) + summary.files.front().path + " to " +
@@ -93,6 +110,8 @@ std::string to_json(const recording_summary &summary)
 {
     ordered_json tracks = ordered_json::array();
     for (size_t i = 0; i < summary.tracks.size(); ++i) tracks.push_back(object(i, summary.tracks[i]));
+    ordered_json sources = ordered_json::array();
+    for (const source_summary &each : summary.sources) sources.push_back(object(each));
     ordered_json files = ordered_json::array();
     for (const recorded_file &each : summary.files) files.push_back(object(each));
     const bool is_kept = std::ranges::any_of(summary.files, &recorded_file::journal_kept);
@@ -103,6 +122,7 @@ std::string to_json(const recording_summary &summary)
         {"duration", duration_of(summary)},
         {"bytes", bytes_of(summary)},
         {"files", files},
+        {"sources", sources},
         {"tracks", tracks},
         {"lost", summary.lost},
         {"stopped_by", name(summary.stopped_by)},

@@ -13,7 +13,14 @@
 
 namespace tools {
 
-enum class stop_reason { end, signal, duration, error };
+enum class stop_reason { end, lost, signal, duration, error };
+
+struct source_summary {
+    std::string name;
+    uint64_t connections = 0;
+    uint64_t stalls = 0; // no data for the timeout
+    uint64_t steps = 0;  // of its times, which were joined on
+};
 
 struct track_summary {
     std::string source; // the input's name
@@ -25,11 +32,13 @@ struct track_summary {
     uint64_t dropped = 0;   // frames that cannot be recorded: invalid, or before the first key frame
     uint64_t backwards = 0; // frames whose time ran backwards
     uint64_t damaged = 0;   // frames that the source marked as damaged, recorded unchanged
+    bool left_out = false;  // it came when there was no room for another track
 };
 
 struct recording_summary {
     std::string output;
     std::vector<recorded_file> files = {};
+    std::vector<source_summary> sources = {};
     std::vector<track_summary> tracks = {};
     uint64_t lost = 0; // frames for which there was no room, or whose file could not be written
     stop_reason stopped_by = stop_reason::end;

@@ -1,85 +1,76 @@
 /**
- * The inputs of one recording, read in parallel and merged by time.
- *
- * Each input is read by a thread of its own into a bounded queue, so that a
- * slow disk does not make a source wait, and a slow source delays neither the
- * others nor the journal. The frames come out earliest first. An input that
- * has no frame delays the others for a moment only.
+ * The sources of one recording, read in parallel and merged by time: frames
+ * come out earliest first, on the recording's clock. A source that is open and
+ * has no frame delays the others for a moment only; one that is away does not.
  */
 #ifndef TOOLS_RECORD_SOURCES_H
 #define TOOLS_RECORD_SOURCES_H
 
-#include <chrono>
-#include <condition_variable>
-#include <deque>
 #include <memory>
-#include <mutex>
 #include <optional>
-#include <string>
-#include <thread>
+#include <span>
 #include <vector>
 
-#include "tools/record/input.h"
+#include "tools/record/source-clock.h"
+#include "tools/record/source.h"
 
 namespace tools {
 
-using steady = std::chrono::steady_clock;
-
 struct source_frame {
-    size_t input;
-    frame content; // its time is on the clock that all inputs share
+    size_t source;
+    frame content;               // its time is the recording's
+    std::optional<int64_t> step; // ns: the source's times have stepped before it; they were joined on
 };
 
 class sources {
 public:
     /**
-     * Starts reading. Several inputs begin together, each at its own start; one alone keeps its times.
+     * Starts reading.
      *
-     * @param cancelled  set by the caller to end the reading early; the destructor sets it
+     * @param options  which outlive it
+     * @param retry    whether sources that come and go are opened again
      */
-    sources(std::vector<std::unique_ptr<input>> inputs, std::atomic<bool> &cancelled);
+    sources(std::span<const input_options> options, bool retry);
     ~sources();
     sources(const sources &) = delete;
     sources &operator=(const sources &) = delete;
 
-    struct stream_index {
-        size_t input, stream;
-    };
-    /** Waits up to a second for the next frames of every video stream; @return the stream of a reordered one */
-    std::optional<stream_index> look_ahead_for_reordering();
+    /** Readable when something has changed since it was drained, which comes before looking. */
+    int descriptor() const { return waker_.descriptor(); }
+    void drain() { waker_.drain(); }
 
-    /** The earliest frame; nothing at the given time or when all inputs have ended. */
-    std::optional<source_frame> take(steady::time_point until);
+    size_t size() const { return sources_.size(); }
+    source &at(size_t index) { return *sources_[index]; }
+    const source &at(size_t index) const { return *sources_[index]; }
+
+    /** What is known of the connection of each that has frames; else nothing. */
+    std::vector<const connection *> there();
+    /** Frames are taken from here on. */
+    void begin();
+
+    /** The earliest frame; nothing while there is none. */
+    std::optional<source_frame> take();
+    /** When take may have a frame though nothing has changed. */
+    steady::time_point due() const { return due_; }
 
     /** All frames have been taken, and no more will come. */
     bool ended();
 
-    /** An error that ended an input: once, after its last frame was taken. */
-    std::optional<std::string> take_error();
-
 private:
-    struct input_queue {
-        std::unique_ptr<input> source;
-        int64_t start = 0; // nanoseconds, subtracted from its times
-        std::deque<frame> frames;
-        size_t queued_bytes = 0;
-        steady::time_point last_frame; // when one was queued or taken last
-        bool ended = false;
-        std::optional<std::string> error;
-        std::thread reader;
+    struct merged {
+        bool is_mapped = false; // the front has its time on the recording's clock
+        std::optional<int64_t> step;
     };
 
-    void stop();
-    void read_all(input_queue &);
-    bool is_full(const input_queue &) const;
-    bool has_looked_ahead(const input_queue &) const;
-    input_queue *earliest(steady::time_point now);
-    bool none_left() const;
+    const frame *front(size_t index);
 
-    std::vector<std::unique_ptr<input_queue>> queues_;
-    std::atomic<bool> &cancelled_;
-    std::mutex mutex_; // guards what the queues hold, except source, start and reader
-    std::condition_variable changed_;
+    waker waker_;
+    std::span<const input_options> options_;
+    std::vector<std::unique_ptr<source>> sources_;
+    std::vector<source_clock> clocks_;
+    std::vector<merged> fronts_;
+    common_clock common_;
+    steady::time_point due_ = steady::time_point::max();
 };
 
 } // namespace tools
