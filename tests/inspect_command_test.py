@@ -108,6 +108,32 @@ class Inspect(unittest.TestCase):
             shown = self.inspect(media[:config] + bytes((layout << 3,)) + media[config + 1:], "--json")
             self.assertEqual(shown["tracks"][1]["channels"], channels)
 
+    def test_several(self):
+        """A line for each, of files and of what a directory holds."""
+        folder = self.given.with_name("card")
+        folder.mkdir()
+        (folder / "a.mp4").write_bytes(self.clips[0][0])
+        (folder / "b.mp4.journal").write_bytes(self.clips[0][1])
+        (folder / "c.mp4").write_bytes(self.clips[0][0][:-9])
+        (folder / "other.txt").write_bytes(b"text")
+        lines = self.inspect(folder).splitlines()
+        self.assertEqual([line.split(": ")[1].split(",")[0] for line in lines], ["MP4", "journal", "MP4"])
+        done = subprocess.run([GIVEN.tool, "inspect", folder / "a.mp4", folder / "none.mp4", folder, "--json", "--check"],
+                              capture_output=True, check=False, timeout=60)
+        shown = [json.loads(line) for line in done.stdout.splitlines()]
+        self.assertEqual(([s.get("sound") for s in shown], done.returncode), ([True, None, True, True, False], 1))
+
+    def test_other_ways(self):
+        """What QuickTime does by its own rules is no fault; where the time stands still, that is said."""
+        given, movie = self.given.with_name("given.mp4"), self.given.with_name("movie.mov")
+        given.write_bytes(self.clips[0][0])
+        judge.run("ffmpeg", "-v", "error", "-y", "-i", given, "-c", "copy", "-timecode", "00:00:00:00", movie)
+        self.assertEqual(self.check(movie)["faults"], [])
+        still = movie.with_suffix(".mkv")
+        judge.run("ffmpeg", "-v", "error", "-y", "-i", given, "-c", "copy", "-bsf:v", r"setts=ts=min(N\,20)*3600", still)
+        subprocess.run([GIVEN.tool, "record", still, "-o", given, "-y"], check=True, stderr=subprocess.DEVNULL)
+        self.assertTrue(any("the time stands still" in r["text"] for r in self.check(given)["remarks"]))
+
     def test_interrupted(self):
         media, journal = self.clips[0]
         moov = media[media.rfind(b"moov") - 4:]
@@ -157,7 +183,7 @@ class Inspect(unittest.TestCase):
         os.mkfifo(fifo)
         empty.touch()
         self.assertIn("8  free", self.inspect(FREE))
-        for given in (FREE[:7], bytes(5000), b"text, not a movie", b"\0\0\0\1\x67" * 99, self.given.parent, fifo, empty,
+        for given in (FREE[:7], bytes(5000), b"text, not a movie", b"\0\0\0\1\x67" * 99, fifo, empty,
                       self.given.with_name("none"), "/dev/zero"):
             self.assertIn("cannot read: ", self.check(given, 1)["error"])
         self.inspect("--json", exit_codes=(2,))

@@ -230,6 +230,11 @@ class Record(judge.Test):
                 _, err = self.record(*arguments, exit_code=exit_code)
                 self.assertIn(text, err)
                 self.assertFalse(self.clip.exists() or self.journal.exists())
+        for line, text in ((("recrod", "a"), "there is no command recrod. Did you mean record?"),
+                           (("record", "a", "--segmnt", "5"), "there is no option --segmnt. Did you mean --segment?"),
+                           (("inspect", "a", "--frobnicate"), "there is no option --frobnicate.\n")):
+            done = subprocess.run([GIVEN.tool, *line], capture_output=True, text=True, check=False)
+            self.assertEqual((done.returncode, text in done.stderr), (USAGE, True), done.stderr)
         pairs = [u.data for u in judge.units(AAC)]  # ADTS frames of two raw data blocks each
         self.given.write_bytes(b"".join(a[:3] + struct.pack(">I", int.from_bytes(a[3:7], "big") + (len(b) - 7 << 13) + 1)
                                         + a[7:] + b[7:] for a, b in zip(pairs[::2], pairs[1::2])))

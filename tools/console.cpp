@@ -1,8 +1,10 @@
 #include "tools/console.h"
 
+#include <algorithm>
 #include <cstdio>
 
 #include <fcntl.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <mediafiles/support/io.h>
@@ -44,8 +46,13 @@ bool console::wants_progress()
     return true;
 }
 
-void console::progress(const std::string &text)
+void console::progress(const std::string &whole)
 {
+    /* A line that is broken could not be cleared. */
+    winsize window = {};
+    const bool is_known = ioctl(STDERR_FILENO, TIOCGWINSZ, &window) == 0 && window.ws_col > 1;
+    const std::string text = is_known ? whole.substr(0, window.ws_col - 1u) : whole;
+    if (is_known) shown_ = std::min<size_t>(shown_, window.ws_col - 1u);
     std::fprintf(stderr, "\r%-*s", static_cast<int>(shown_), text.c_str());
     std::fflush(stderr);
     shown_ = text.size();

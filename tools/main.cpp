@@ -8,5 +8,5 @@ int main(int argc, char **argv)
     program.footer("'mediafiles COMMAND --help' explains a command, with examples.");
     const tools::command commands[] = {tools::add_record_command(program), tools::add_repair_command(program),
                                        tools::add_inspect_command(program)};
-    return tools::run_program(program, commands, argc, argv);
+    return tools::run_program(program, commands, tools::arguments_of(argc, argv));
 }

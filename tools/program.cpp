@@ -1,11 +1,17 @@
 #include "tools/program.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <numeric>
+#include <string_view>
+#include <utility>
 
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <mediafiles/version.h>
+
+#include "tools/print.h"
 
 namespace tools {
 
@@ -30,29 +36,92 @@ int reserve_output()
     return result;
 }
 
-int complain(const CLI::App &program, const CLI::ParseError &error)
+/* How many letters are to be changed, added or left out. */
+size_t distance(std::string_view from, std::string_view to)
+{
+    std::vector<size_t> row(to.size() + 1);
+    std::iota(row.begin(), row.end(), size_t{0});
+    for (size_t i = 0; i < from.size(); ++i) {
+        size_t diagonal = std::exchange(row[0], i + 1);
+        for (size_t j = 0; j < to.size(); ++j) {
+            const size_t changed = diagonal + (from[i] != to[j]);
+            diagonal = row[j + 1];
+            row[j + 1] = std::min({changed, row[j] + 1, diagonal + 1});
+        }
+    }
+    return row.back();
+}
+
+/* " Did you mean X?", or nothing when none is near. */
+std::string suggestion(const std::string &given, const std::vector<std::string> &known)
+{
+    const auto far = [&](const std::string &each) { return distance(given, each); };
+    const auto nearest = std::ranges::min_element(known, {}, far);
+    const bool is_near = nearest != known.end() && far(*nearest) <= 1 + given.size() / 4;
+    return is_near ? " Did you mean " + *nearest + "?" : "";
+}
+
+std::vector<std::string> options_of(const CLI::App &line)
+{
+    std::vector<std::string> names;
+    for (const CLI::Option *option : line.get_options())
+        for (const std::string &name : option->get_lnames()) names.push_back("--" + name);
+    return names;
+}
+
+int complain(const CLI::App &program, const std::string &what)
 {
     const char *name = program.get_name().c_str();
-    std::fprintf(stderr, "%s: %s\nTry '%s --help'%s.\n", name, error.what(), name,
+    std::fprintf(stderr, "%s: %s\nTry '%s --help'%s.\n", name, printable(what).c_str(), name,
                  program.get_require_subcommand_min() > 0 ? " or 'mediafiles COMMAND --help'" : "");
     return wrong_usage;
 }
 
+/* What is wrong with the line; an option that is not known is named, with the nearest that is. */
+std::string explain(const CLI::App &program, const CLI::ParseError &error)
+{
+    const auto chosen = program.get_subcommands();
+    const CLI::App &line = chosen.empty() ? program : *chosen.front();
+    for (const std::string &left : program.remaining(true)) {
+        if (!left.starts_with("-")) continue;
+        const std::string option = left.substr(0, left.find('='));
+        return "there is no option " + option + "." + suggestion(option, options_of(line));
+    }
+    return error.what();
+}
+
+/* Empty for a line that begins with a command, or with an option. */
+std::string unknown_command(const CLI::App &program, const std::vector<std::string> &line)
+{
+    if (program.get_require_subcommand_min() == 0 || line.empty() || line[0].starts_with("-")) return {};
+    std::vector<std::string> known = {"help"};
+    for (const CLI::App *each : program.get_subcommands([](const CLI::App *) { return true; }))
+        known.push_back(each->get_name());
+    if (std::ranges::find(known, line[0]) != known.end()) return {};
+    return "there is no command " + line[0] + "." + suggestion(line[0], known);
+}
+
 } // namespace
 
-int run_program(CLI::App &program, std::span<const command> commands, int argc, char **argv)
+int run_program(CLI::App &program, std::span<const command> commands, std::vector<std::string> line)
 {
     fill_standard_descriptors();
     program.set_version_flag("--version", program.get_name() + " " MEDIAFILES_VERSION);
+    if (const std::string what = unknown_command(program, line); !what.empty()) return complain(program, what);
+    if (!line.empty() && line[0] == "help" && program.get_require_subcommand_min() > 0) {
+        line.erase(line.begin());
+        line.emplace_back("--help");
+    }
     try {
-        program.parse(argc, argv);
+        std::ranges::reverse(line); // as it is taken
+        program.parse(line);
         const int result_descriptor = reserve_output();
         for (const command &each : commands)
             if (each.line->parsed()) return each.run(result_descriptor);
     } catch (const CLI::Success &wanted) {
         return program.exit(wanted); // --help, --version
     } catch (const CLI::ParseError &error) {
-        return complain(program, error);
+        return complain(program, explain(program, error));
     }
     return wrong_usage;
 }

@@ -3,10 +3,18 @@
 #define TOOLS_PROGRAM_H
 
 #include <span>
+#include <string>
+#include <vector>
 
 #include "tools/command.h"
 
 namespace tools {
+
+/** The arguments of a process, without its name. */
+inline std::vector<std::string> arguments_of(int argc, char **argv)
+{
+    return argc > 1 ? std::vector<std::string>(argv + 1, argv + argc) : std::vector<std::string>();
+}
 
 /**
  * Parses the command line and runs the command that it names. What the
@@ -14,7 +22,7 @@ namespace tools {
  *
  * @return the exit code of the process
  */
-int run_program(CLI::App &program, std::span<const command> commands, int argc, char **argv);
+int run_program(CLI::App &program, std::span<const command> commands, std::vector<std::string> line);
 
 } // namespace tools
 

@@ -292,11 +292,35 @@ bool print_json(const open_file &file, std::FILE *to)
     return sound;
 }
 
+bool print_line(const open_file &file, bool json, std::FILE *to)
+{
+    listing all(file);
+    const journal_summary journal = all.for_each([](const journal_record &) {});
+    const bool sound = journal.ending != MEDIAFILES_JOURNAL_DAMAGED;
+    if (json) {
+        const ordered_json line = {{"path", file.path()},
+                                   {"kind", "journal"},
+                                   {"error", nullptr},
+                                   {"bytes", all.source.size},
+                                   {"frames", journal.samples},
+                                   {"ending", ending_names[journal.ending]},
+                                   {"sound", sound}};
+        std::fprintf(to, "%s\n", json_text(line, one_line).c_str());
+    } else {
+        const std::string text =
+            printable(file.path()) + print(": journal, %ju bytes, %ju frames, %s", uintmax_t{all.source.size},
+                                           uintmax_t{journal.samples}, ending_names[journal.ending]);
+        std::fprintf(to, "%s\n", text.c_str());
+    }
+    return sound;
+}
+
 } // namespace
 
-bool inspect_journal(const open_file &file, bool json, std::FILE *to)
+bool inspect_journal(const open_file &file, inspect_form form, std::FILE *to)
 {
-    return json ? print_json(file, to) : print_text(file, to);
+    if (form.one_line) return print_line(file, form.json, to);
+    return form.json ? print_json(file, to) : print_text(file, to);
 }
 
 } // namespace tools

@@ -157,7 +157,7 @@ std::string advice_for(const movie_view &movie, const open_file &file, const std
     switch (movie.state) {
     case file_state::finished:
         if (brand != "qt  ") return "";
-        return "It is a QuickTime file: its boxes differ in details, which count as faults of an MP4.";
+        return "It is a QuickTime file: its boxes differ in details, which are no faults of it.";
     case file_state::fragmented:
         return "It is a movie in fragments, which are not read: the tracks are shown as moov alone has them.";
     case file_state::cut:
@@ -299,16 +299,42 @@ ordered_json to_json(const movie_view &movie, const mp4::file &file)
     };
 }
 
+void print_line(const movie_view &movie, const mp4::file &file, bool json, std::FILE *to)
+{
+    const size_t faults = problems(file, true).size(), remarks = problems(file, false).size();
+    if (json) {
+        const ordered_json line = {{"path", movie.path},
+                                   {"kind", "mp4"},
+                                   {"error", nullptr},
+                                   {"bytes", file.size},
+                                   {"state", name(movie.state)},
+                                   {"duration_s", movie.duration},
+                                   {"tracks", movie.tracks.size()},
+                                   {"sound", file.sound()},
+                                   {"faults", faults},
+                                   {"remarks", remarks}};
+        std::fprintf(to, "%s\n", json_text(line, one_line).c_str());
+        return;
+    }
+    std::string text = printable(movie.path) +
+                       print(": MP4, %ju bytes, %s, %.3f s", uintmax_t{file.size}, name(movie.state), movie.duration);
+    for (const track_view &track : movie.tracks) text += ", " + track.codec;
+    if (faults != 0) text += print(", %zu %s", faults, faults == 1 ? "fault" : "faults");
+    std::fprintf(to, "%s\n", text.c_str());
+}
+
 } // namespace
 
-bool inspect_mp4(const open_file &file, bool json, std::FILE *to)
+bool inspect_mp4(const open_file &file, inspect_form form, std::FILE *to)
 {
     const mp4::file content = mp4::read(file.path());
     const movie_view movie = view(file, content);
-    if (!json)
-        print_text(movie, content, to);
-    else
+    if (form.one_line)
+        print_line(movie, content, form.json, to);
+    else if (form.json)
         std::fprintf(to, "%s\n", json_text(to_json(movie, content)).c_str());
+    else
+        print_text(movie, content, to);
     return content.sound();
 }
 

@@ -12,10 +12,15 @@
 
 namespace tools {
 
-bool inspect_mp4(const open_file &, bool json, std::FILE *to);
+struct inspect_form {
+    bool json;
+    bool one_line; // the most important alone
+};
+
+bool inspect_mp4(const open_file &, inspect_form form, std::FILE *to);
 
 /** Prints the records one by one as it reads them: a journal may hold millions. */
-bool inspect_journal(const open_file &, bool json, std::FILE *to);
+bool inspect_journal(const open_file &, inspect_form form, std::FILE *to);
 
 } // namespace tools
 

@@ -44,6 +44,7 @@ public:
             check_kind(t);
             if (!t.timescale || !out.timescale || t.samples.size() != t.sample_count) continue;
             check_media_duration(t);
+            check_progress(t);
             check_track_duration(t);
         }
         subject = nullptr;
@@ -129,7 +130,7 @@ private:
         const bool video = t.handler == "vide", audio = t.handler == "soun";
         if (((t.avc || t.hevc) && !video) || (t.es && !audio) || t.media_header.empty() ||
             (video && t.media_header != "vmhd") || (audio && t.media_header != "smhd"))
-            fault(t.offset, "handler ", t.handler, ", ", t.media_header, " and ", t.entry, " do not go together");
+            departure(t.offset, "handler ", t.handler, ", ", t.media_header, " and ", t.entry, " do not go together");
         if (t.volume != (audio ? 0x0100 : 0)) remark(where(t, "tkhd"), "tkhd: volume is ", t.volume);
         if (!t.avc && !t.hevc && !t.es)
             remark(where(t, "stsd"), "stsd: the sample entry ", t.entry, " is not read");
@@ -179,6 +180,23 @@ private:
         const uint64_t first = t.samples.empty() ? 0 : t.samples[0].duration;
         report(!counts(all - first), where(t, "mdhd"), "mdhd: duration ", t.media_duration,
                " is not that of the samples, ", all, " (the first ", first, delayed ? "), after the delay" : ")");
+    }
+
+    /** Samples in a row that last no time play as one: their source's clock has stood still, or stepped back. */
+    void check_progress(const track &t)
+    {
+        constexpr size_t many = 5;
+        size_t run = 0, longest = 0;
+        uint64_t at = 0;
+        for (const sample &s : t.samples) {
+            run = s.duration == 0 ? run + 1 : 0;
+            if (run <= longest) continue;
+            longest = run;
+            at = s.time;
+        }
+        if (longest >= many && t.timescale != 0)
+            remark(where(t, "stts"), "the time stands still for ", longest, " samples at ",
+                   static_cast<double>(at) / t.timescale, " s");
     }
 
     /** tkhd is the sum of the edits, and these play all samples, each of whose durations is rounded to a tick. */

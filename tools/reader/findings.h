@@ -46,6 +46,8 @@ protected:
             out.problems.push_back({true, offset, "there are more faults, which are not listed"});
     }
     void fault(uint64_t offset, const auto &...parts) { report(true, offset, parts...); }
+    /** What QuickTime files do by rules of their own is a remark in them, and a fault in others. */
+    void departure(uint64_t offset, const auto &...parts) { report(out.major_brand != "qt  ", offset, parts...); }
     void remark(uint64_t offset, const auto &...parts) { report(false, offset, parts...); }
     void report(bool is_fault, const tally &t)
     {

@@ -74,7 +74,7 @@ private:
     {
         const uint64_t at = c.at;
         if (std::ranges::count(c.take(count), 0) != static_cast<ptrdiff_t>(count) && !c.ran_out)
-            fault(at, b.type, ": reserved bytes are not 0");
+            departure(at, b.type, ": reserved bytes are not 0");
     }
     /** @return the bits of a byte below those that have to be ones */
     uint8_t below_ones(cursor &c, const box &b, int ones)
@@ -172,7 +172,7 @@ private:
         fixed(c, b, 2, 0, "pre_defined");
         if (!current->timescale) fault(b.offset, "mdhd: timescale is 0");
         if (language >> 15 || std::ranges::any_of(current->language, [](char l) { return l < 'a' || l > 'z'; }))
-            fault(b.offset, "mdhd: language ", language, " is not three letters");
+            departure(b.offset, "mdhd: language ", language, " is not three letters");
     }
     void hdlr(cursor &c, box &b)
     {
@@ -182,7 +182,7 @@ private:
         current->handler = c.four();
         zeros(c, b, 12);
         c.at = std::max(c.at, c.end - 1); // the end of the name
-        if (c.u8()) fault(b.offset, "hdlr: the name does not end with 0");
+        if (c.u8()) departure(b.offset, "hdlr: the name does not end with 0");
     }
     void media_header(cursor &c, box &b)
     {
@@ -422,7 +422,9 @@ void reader::children(cursor &c, box &parent)
         b.type = c.four();
         if (c.ran_out || !std::ranges::all_of(b.type, printable)) {
             c.ran_out = false; // of the children, not of the fields of their parent
-            fault(b.offset, room, " bytes at the end of ", name, " are no box");
+            const bool in_entry = name == "mp4a" || name == "avc1" || name == "hvc1" || name == "hev1";
+            report(!in_entry || out.major_brand != "qt  ", b.offset, room, " bytes at the end of ", name,
+                   " are no box");
             break;
         }
         if (b.size == 0) { /* to the end of the file: allowed, but an unfinished recording has it, too */
@@ -472,7 +474,7 @@ void reader::children(cursor &c, box &parent)
     c.at = c.end;
     for (const rule &r : rules)
         if (parent.type == r.parent && seen[static_cast<size_t>(&r - rules)] < r.least)
-            fault(parent.offset, name, " holds no ", r.type);
+            report(name != "mp4a" || out.major_brand != "qt  ", parent.offset, name, " holds no ", r.type);
 }
 
 file read_from(byte_source &&in)

@@ -134,8 +134,8 @@ std::string total_of(const repair_counts &counts, bool dry_run)
     for (const uint64_t count : counts.of) all += count;
     const auto count = [&](int result) { return uintmax_t{counts.of[result]}; };
     std::string text =
-        print("%ju files: %ju %s", uintmax_t{all}, count(MEDIAFILES_REPAIRED) + count(MEDIAFILES_SALVAGED),
-              dry_run ? "can be repaired" : "repaired");
+        print("%ju %s: %ju %s", uintmax_t{all}, all == 1 ? "file" : "files",
+              count(MEDIAFILES_REPAIRED) + count(MEDIAFILES_SALVAGED), dry_run ? "can be repaired" : "repaired");
     if (counts.of[MEDIAFILES_SALVAGED] != 0) text += print(" (%ju with damage)", count(MEDIAFILES_SALVAGED));
     text +=
         print(", %ju finished properly, %ju not repaired", count(MEDIAFILES_FINISHED), uintmax_t{counts.troubled()});
