@@ -11,6 +11,7 @@ import pathlib
 import signal
 import socket
 import subprocess
+import threading
 import unittest
 
 from support import judge
@@ -285,6 +286,49 @@ class Files(LiveTest):
         self.assertEqual(len(summary["files"]), 1)
         self.assertGreaterEqual(summary["files"][0]["duration"], 1)
         self.assertEqual(len(self.runs(summary)), 1)
+
+
+class Service(LiveTest):
+    UNIT = pathlib.Path(__file__).parent.parent / "packaging/service/mediafiles-record@.service"
+
+    def listen(self, manager, told):
+        """As a service manager does: what is not taken holds the sender up."""
+        while message := manager.recv(4096).decode():
+            told |= {message.split("=")[0], message.split(" ")[0]}
+
+    def test_watched(self):
+        """Options from a file, none of them in the list of processes; what a watcher and the service manager are told."""
+        config, status = self.directory / "camera.conf", self.directory / "status.json"
+        manager = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        manager.bind(str(self.directory / "notify"))
+        self.addCleanup(manager.close)
+        self.addCleanup(manager.shutdown, socket.SHUT_RDWR)
+        config.write_text(f"# a camera\n{self.camera_url}\n--segment 1s\n--timeout=1s\n\n--status {status}\n"
+                          "--status-interval 100ms\n")
+        self.camera(BASE)
+        os.environ.update(NOTIFY_SOCKET=str(self.directory / "notify"), WATCHDOG_USEC="500000")
+        self.record("--config", config)
+        del os.environ["NOTIFY_SOCKET"], os.environ["WATCHDOG_USEC"]
+        told = set()
+        threading.Thread(target=self.listen, args=(manager, told), daemon=True).start()
+        judge.wait_for(lambda: {"READY", "WATCHDOG", "STATUS=recording"} <= told)
+        self.assertNotIn("secret", pathlib.Path(f"/proc/{self.recorder.pid}/cmdline").read_text())
+        self.until_recorded()
+        judge.wait_for(lambda: json.loads(status.read_text())["frames"] > 50)
+        shown = json.loads(status.read_text())
+        self.assertEqual((shown["state"], shown["sources"][0]["state"], shown["dropped"]), ("recording", "reading", 0))
+        self.assertTrue(100_000 < shown["bit_rate"] < 2_000_000, shown)
+        self.assertTrue(shown["lag_s"] < 2 and shown["file"].endswith(".mp4") and shown["free_bytes"] > 0, shown)
+        self.assertNotIn("secret", status.read_text())
+        summary = self.end()
+        self.assertEqual(len(self.runs(summary)), 1)
+
+    def test_unit(self):
+        """systemd finds nothing wrong with the unit, and nothing that it exposes."""
+        unit = self.directory / "mediafiles-record@front.service"
+        unit.write_text(self.UNIT.read_text().replace("/usr/bin/mediafiles", str(GIVEN.tool.resolve())))
+        judge.run("systemd-analyze", "verify", "--man=no", unit)
+        judge.run("systemd-analyze", "security", "--offline=yes", "--threshold=30", "--no-pager", unit)
 
 
 if __name__ == "__main__":

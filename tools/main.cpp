@@ -1,5 +1,9 @@
 /** The program mediafiles: a subcommand for each task. */
+#include <cstdio>
+
+#include "tools/failure.h"
 #include "tools/program.h"
+#include "tools/record/config-file.h"
 
 int main(int argc, char **argv)
 {
@@ -8,5 +12,12 @@ int main(int argc, char **argv)
     program.footer("'mediafiles COMMAND --help' explains a command, with examples.");
     const tools::command commands[] = {tools::add_record_command(program), tools::add_repair_command(program),
                                        tools::add_inspect_command(program)};
-    return tools::run_program(program, commands, tools::arguments_of(argc, argv));
+    std::vector<std::string> line = tools::arguments_of(argc, argv);
+    try {
+        line = tools::with_config(line);
+    } catch (const tools::failure &cause) {
+        std::fprintf(stderr, "mediafiles: record: %s\n", cause.what());
+        return tools::failed;
+    }
+    return tools::run_program(program, commands, std::move(line));
 }

@@ -164,6 +164,15 @@ void describe(CLI::App &line, record_line &given)
     describe_files(line, given.options);
     add_quantity<time_of>(line, "-t,--duration", given.options.duration, 1, longest_time, "Stop after this much media");
     line.add_flag("--realtime", given.options.realtime, "Record no faster than the frames' times");
+    line.add_option(
+            "--status", given.options.status,
+            "Write a line of JSON on what it is doing: into FILE, which holds the latest, or to standard output")
+        ->type_name("FILE|-");
+    add_quantity<time_of>(line, "--status-interval", given.options.status_interval, second / 10, longest_time,
+                          "How often (default: 5s)");
+    line.add_option_function<std::string>(
+            "--config", [](const std::string &) {}, "Read options from FILE, one in a line as they stand here")
+        ->type_name("FILE"); // they are in the line already
     line.add_flag("--quiet", given.quiet, "Print errors only");
     line.add_flag("--json", given.json, "Print the summary as a JSON object on standard output");
     refuse_former_options(line);
@@ -271,7 +280,7 @@ int run(const record_line &given, int result_descriptor)
     av_log_set_level(AV_LOG_QUIET); // its errors come back as results
     avformat_network_init();
 
-    const recording_summary summary = record(options, console, signals);
+    const recording_summary summary = record(options, console, signals, result_descriptor);
     if (!given.json && !summary.files.empty()) console.note(to_text(summary));
     if (given.json && !console.result(result_descriptor, to_json(summary))) return failed;
     if (summary.stopped_by == stop_reason::lost) return source_lost;

@@ -26,7 +26,9 @@
 #include "tools/record/output.h"
 #include "tools/record/pace.h"
 #include "tools/record/recorded-files.h"
+#include "tools/record/service-manager.h"
 #include "tools/record/sources.h"
+#include "tools/record/status.h"
 #include "tools/record/tracks.h"
 #include "tools/seconds.h"
 
@@ -59,9 +61,11 @@ constexpr auto poll_interval = 50ms;
 
 class recording {
 public:
-    recording(const record_options &options, console &console, signals &signals, recording_summary &summary)
+    recording(const record_options &options, console &console, signals &signals, recording_summary &summary,
+              int result_descriptor)
         : options_(options), console_(console), signals_(signals), summary_(summary), place_(place_of(options.output)),
-          files_(place_.directory, options.keep_journal), tracks_(options.inputs.size())
+          files_(place_.directory, options.keep_journal), tracks_(options.inputs.size()),
+          status_file_(options.status, result_descriptor)
     {
     }
 
@@ -88,6 +92,8 @@ private:
     void attend(steady::time_point until);
     void obey(int signal);
     void report_sources();
+    steady::time_point report_status(steady::time_point now);
+    recording_status status(steady::time_point now);
 
     bool add(const source_frame &next);
     bool await_room(size_t bytes);
@@ -127,6 +133,14 @@ private:
     bool has_ended_ = false;                        // nothing more can be written
     bool is_held_up_ = false;                       // it was reported that frames wait, or that none can be written
     pace pace_;
+
+    status_file status_file_;
+    std::string status_problem_; // as it was reported
+    steady::time_point next_status_, next_watchdog_;
+    const std::optional<std::chrono::microseconds> watchdog_ = service_manager::watchdog_interval();
+    steady::time_point rate_since_ = steady::now();
+    uint64_t rate_bytes_ = 0; // that were stored then
+    steady::duration lag_{};  // of the latest frame
 };
 
 std::string stream_name(const std::string &source, int index)
@@ -158,6 +172,7 @@ void recording::run()
     sources_.emplace(options_.inputs, options_.retry);
     lost_.resize(sources_->size());
     for (size_t i = 0; i < sources_->size(); ++i) summary_.sources.push_back({.name = sources_->at(i).name().shown});
+    service_manager::notify("READY=1"); // whatever is away: it is waited for
     await_sources();
     look_ahead();
     if (is_stopped_) throw failure("stopped", options_.output, "nothing was recorded yet");
@@ -340,7 +355,7 @@ void recording::attend(steady::time_point until)
 void recording::wait(steady::time_point until)
 {
     const auto now = steady::now();
-    auto wake = std::min(until, now + 1s);
+    auto wake = std::min({until, now + 1s, report_status(now)});
     for (size_t i = 0; i < sources_->size(); ++i)
         if (const auto due = sources_->at(i).notice_silence(now)) wake = std::min(wake, *due);
     const auto timeout = std::chrono::ceil<std::chrono::milliseconds>(std::max(wake - now, steady::duration::zero()));
@@ -383,10 +398,65 @@ void recording::report_sources()
     }
 }
 
+/* To who watches it. @return when the next report is due */
+steady::time_point recording::report_status(steady::time_point now)
+{
+    if (watchdog_ && now >= next_watchdog_) {
+        service_manager::notify("WATCHDOG=1");
+        next_watchdog_ = now + *watchdog_;
+    }
+    if (now >= next_status_) {
+        const recording_status current = status(now);
+        service_manager::notify("STATUS=" + in_words(current));
+        const std::string why = status_file_.is_wanted() ? status_file_.write(to_line(current)) : "";
+        if (!why.empty() && why != status_problem_) console_.problem(why);
+        status_problem_ = why;
+        next_status_ = now + std::chrono::nanoseconds(options_.status_interval);
+    }
+    return watchdog_ ? std::min(next_watchdog_, next_status_) : next_status_;
+}
+
+recording_status recording::status(steady::time_point now)
+{
+    recording_status result;
+    for (size_t i = 0; i < sources_->size(); ++i)
+        result.sources.push_back({summary_.sources[i], sources_->at(i).state()});
+    for (const track_summary &each : summary_.tracks) { // of the recorders that have ended
+        result.frames += each.frames;
+        result.bytes += each.bytes;
+        result.refused += each.dropped;
+    }
+    result.dropped = summary_.lost;
+    result.file = files_.latest();
+    result.is_recording = recorder_ != nullptr;
+    if (!recorder_) return result;
+
+    const mediafiles_recorder_stats counted = stats();
+    result.frames += counted.frames_out;
+    for (const auto &track : counted.tracks) result.bytes += track.bytes;
+    result.dropped += counted.frames_dropped;
+    result.refused += counted.frames_refused;
+    for (const track_state &each : tracks_.all) result.refused += each.unusable;
+    result.queue_bytes = counted.queue_used;
+    result.queue_most = counted.queue_most;
+    result.worst_write = seconds(counted.worst_write);
+    result.worst_sync = seconds(counted.worst_sync);
+    result.unsafe = seconds(counted.unsafe_ns);
+    result.free_bytes = counted.free_bytes;
+    result.lag = std::chrono::duration<double>(lag_).count();
+    const double passed = std::chrono::duration<double>(now - rate_since_).count();
+    if (passed > 0)
+        result.bit_rate = 8 * static_cast<double>(result.bytes - std::min(result.bytes, rate_bytes_)) / passed;
+    rate_since_ = now;
+    rate_bytes_ = result.bytes;
+    return result;
+}
+
 /* False when the recording ends with this frame. */
 bool recording::add(const source_frame &next)
 {
     const frame &content = next.content;
+    lag_ = steady::now() - content.arrival;
     if (!tracks_.knows(next.source, content.from.get())) adopt(next.source, content.from);
     const size_t track = tracks_.of(next.source, content.stream);
     if (!tracks_.all[track].recorded_as) return true;
@@ -535,6 +605,7 @@ mediafiles_recorder_stats recording::stats() const
 
 void recording::finish()
 {
+    service_manager::notify("STOPPING=1");
     report_sources();
     end_recorder();
     summary_.files = files_.list();
@@ -560,10 +631,10 @@ void recording::show_progress()
 
 } // namespace
 
-recording_summary record(const record_options &options, console &console, signals &signals)
+recording_summary record(const record_options &options, console &console, signals &signals, int result_descriptor)
 {
     recording_summary summary{.output = options.output};
-    recording work(options, console, signals, summary);
+    recording work(options, console, signals, summary, result_descriptor);
     try {
         work.run();
     } catch (const std::bad_alloc &) {

@@ -35,14 +35,18 @@ struct record_options {
     std::optional<int64_t> duration; // nanoseconds of media
     bool realtime = false;           // as fast as the frames' times run
     bool overwrite = false;
+    std::string status;                   // where it is written: a file, "-", or empty for nowhere
+    int64_t status_interval = 5 * second; // nanoseconds
 };
 
 /**
  * Records until the inputs end, the duration is reached, a signal ends it or
  * nothing more can be written. Does not throw: errors are in the summary and
  * were printed on the console.
+ *
+ * @param result_descriptor  the caller's standard output, for the status
  */
-recording_summary record(const record_options &options, console &console, signals &signals);
+recording_summary record(const record_options &options, console &console, signals &signals, int result_descriptor);
 
 } // namespace tools
 

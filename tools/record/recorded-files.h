@@ -36,6 +36,9 @@ public:
     /** The path of an event, which has one, as it is to be shown. */
     std::string path_of(const mediafiles_recorder_event &event) const;
 
+    /** The file that was begun last; empty before the first. */
+    std::string latest() const { return files_.empty() ? "" : files_.back().path; }
+
     /** All that were begun and are there; those that are not finished with the size that they have now. */
     std::vector<recorded_file> list() const;
 

@@ -1,0 +1,54 @@
+#include "tools/record/config-file.h"
+
+#include <fstream>
+
+#include "tools/failure.h"
+
+namespace tools {
+
+namespace {
+
+constexpr const char *option = "--config";
+constexpr const char *blank = " \t\r";
+
+std::string trimmed(const std::string &text)
+{
+    const size_t begin = text.find_first_not_of(blank);
+    return begin == std::string::npos ? "" : text.substr(begin, text.find_last_not_of(blank) + 1 - begin);
+}
+
+void append(const std::string &path, std::vector<std::string> &to)
+{
+    std::ifstream file(path);
+    if (!file) throw failure("cannot read", path, errno);
+    for (std::string text; std::getline(file, text);) {
+        text = trimmed(text);
+        if (text.empty() || text[0] == '#') continue;
+        const size_t end = text[0] == '-' ? text.find_first_of(blank) : std::string::npos;
+        to.push_back(text.substr(0, end));
+        if (end != std::string::npos) to.push_back(trimmed(text.substr(end)));
+        if (to.back() == option || to.back().starts_with(std::string(option) + "="))
+            throw failure("cannot read", path, "a configuration cannot name another one");
+    }
+    if (file.bad()) throw failure("cannot read", path, errno);
+}
+
+} // namespace
+
+std::vector<std::string> with_config(const std::vector<std::string> &line)
+{
+    if (line.empty() || line[0] != "record") return line;
+    const std::string with_value = std::string(option) + "=";
+    std::vector<std::string> whole;
+    for (size_t i = 0; i < line.size(); ++i) {
+        if (line[i] == option && i + 1 < line.size())
+            append(line[++i], whole);
+        else if (line[i].starts_with(with_value))
+            append(line[i].substr(with_value.size()), whole);
+        else
+            whole.push_back(line[i]);
+    }
+    return whole;
+}
+
+} // namespace tools
