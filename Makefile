@@ -15,6 +15,7 @@ all:
 	cmake --preset release
 	cmake --build out/release -j $(JOBS)
 
+# "scripts/demo-picture out/release docs/demo.svg" draws it for the README.
 demo:
 	scripts/install-packages build tools demo
 	cmake --preset release -DMEDIAFILES_TOOLS=ON

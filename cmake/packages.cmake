@@ -89,7 +89,8 @@ set(CPACK_DEBIAN_RECORDER_PACKAGE_DEPENDS "${library_package} (>= ${PROJECT_VERS
 set(CPACK_DEBIAN_RECORDER-DEV_PACKAGE_DEPENDS
     "${recorder_package} (= ${PROJECT_VERSION}), libmediafiles-dev (= ${PROJECT_VERSION})")
 set(CPACK_DEBIAN_REPAIR_PACKAGE_DEPENDS "${recorder_package} (>= ${PROJECT_VERSION})")
-set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${library_package} (>= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS
+    "${library_package} (>= ${PROJECT_VERSION}), ${recorder_package} (>= ${PROJECT_VERSION})")
 if(CMAKE_CROSSCOMPILING)
     # dpkg-shlibdeps finds the libraries of the host only.
     string(REGEX REPLACE "^arm$" "armhf" CPACK_DEBIAN_PACKAGE_ARCHITECTURE "${CMAKE_SYSTEM_PROCESSOR}")

@@ -44,6 +44,8 @@ event_message message_of(const mediafiles_recorder_event &event, const std::stri
     case MEDIAFILES_EVENT_DROPPED:
         return {weight::problem, "no room in the queue: " + stream + ": " + frames(event.count) + " lost"};
     case MEDIAFILES_EVENT_REFUSED:
+        if (event.reason == MEDIAFILES_REFUSED_BEFORE_KEY)
+            return {weight::note, "left out what comes before the first key frame: " + stream};
         return {weight::problem, "frame dropped: " + stream + ": " + mediafiles_refused_text(event.reason)};
     case MEDIAFILES_EVENT_FULL:
         return lasting("cannot write", path, event.error != 0 ? event.error : ENOSPC);
