@@ -59,8 +59,8 @@ fuzz:
 # Tests that take too long for every day: KILLS recorders are killed at random
 # moments, and as many recoveries of 200 pairs at random system calls; the power
 # goes at 20,000 moments of recordings; a recorder runs through the times of a
-# week; 500 finished files lie beside journals of every kind. SEED repeats what is
-# random.
+# week; 500 finished files lie beside journals of every kind; for an hour something
+# happens to a camera. SEED repeats what is random.
 soak:
 	scripts/install-packages build tools test
 	cmake --preset test
@@ -72,6 +72,7 @@ soak:
 	    --recover out/test/examples/example-recover --media testdata --finished 500 $(SEED:%=--seed %)
 	python3 tests/recorder_judges_test.py --drive out/test/tests/recorder-drive --media testdata --week 604800 \
 	    RecorderTest.test_week
+	python3 tests/live_sources_test.py --tool out/test/tools/mediafiles --media testdata --soak 3600 $(SEED:%=--seed %) Soak
 	cmake --preset sanitizers
 	cmake --build out/sanitizers -j $(JOBS)
 	out/sanitizers/fuzz/hostile-journals 1000000

@@ -1,13 +1,15 @@
 """mediafiles record, left alone with sources that come and go: cameras over RTSP, UDP, FIFOs, HTTP.
 
-    live_sources_test.py --tool MEDIAFILES --media STREAMS
+    live_sources_test.py --tool MEDIAFILES --media STREAMS [--soak SECONDS] [--seed N]
 
-What is recorded must be frames of the source in their order, with gaps at faults alone.
+What is recorded must be frames of the source in their order, with gaps at faults alone. With --soak the class Soak runs:
+a camera to which something happens every 20 s.
 """
 
 import json
 import os
 import pathlib
+import random
 import signal
 import socket
 import subprocess
@@ -16,7 +18,7 @@ import unittest
 
 from support import judge
 
-GIVEN = judge.given("tool", "media")
+GIVEN = judge.given("tool", "media", soak=0, seed=0)
 BASE, OTHER, AAC, HEVC = (GIVEN.media / name for name in (
     "h264_base_640x360_25.h264", "ext_MPS_MW_A_176x144_30.h264", "aac_lc_48000_2.aac", "h265_aud_sei_640x360_25.h265"))
 CAMERA = pathlib.Path(__file__).parent / "support" / "rtsp-camera.py"
@@ -329,6 +331,49 @@ class Service(LiveTest):
         unit.write_text(self.UNIT.read_text().replace("/usr/bin/mediafiles", str(GIVEN.tool.resolve())))
         judge.run("systemd-analyze", "verify", "--man=no", unit)
         judge.run("systemd-analyze", "security", "--offline=yes", "--threshold=30", "--no-pager", unit)
+
+
+@unittest.skipUnless(GIVEN.soak, "without --soak")
+class Soak(LiveTest):
+    EVERY = 20  # seconds
+
+    def usage(self):
+        """Kilobytes of memory and open descriptors of the recorder."""
+        process = pathlib.Path(f"/proc/{self.recorder.pid}")
+        memory = next(line for line in (process / "status").read_text().splitlines() if line.startswith("VmRSS"))
+        return int(memory.split()[1]), len(list((process / "fd").iterdir()))
+
+    def test_faults(self):
+        chance = random.Random(GIVEN.seed)
+        camera = self.camera(BASE)
+        self.record(self.camera_url, "--segment", "10s")
+        self.until_recorded()
+        faults, used = 0, []
+        end = judge.time.monotonic() + GIVEN.soak
+        while judge.time.monotonic() < end:
+            judge.time.sleep(self.EVERY)
+            kind = chance.choice(("freeze", "die", "away", "split"))
+            faults += kind != "split"
+            if kind == "split":
+                self.recorder.send_signal(signal.SIGUSR2)
+            if kind == "freeze":
+                camera.send_signal(signal.SIGSTOP)
+                judge.time.sleep(chance.uniform(1, 12))
+                camera.send_signal(signal.SIGCONT)
+            if kind in ("die", "away"):
+                camera.kill()
+                camera.wait()
+                judge.time.sleep(chance.uniform(0, 15) * (kind == "away"))
+                camera = self.camera(BASE)
+            judge.time.sleep(self.EVERY / 2)
+            self.assertIsNone(self.recorder.poll(), self.messages.read_text())
+            used.append(self.usage())
+        summary = self.end()
+        self.assertLessEqual(len(self.runs(summary)) - 1, faults)
+        (first_memory, first_open), (last_memory, last_open) = used[len(used) // 4], used[-1]
+        self.assertLess(last_memory, first_memory * 1.2 + 2048, used)
+        self.assertLessEqual(last_open, first_open + 2, used)
+        print(f"{GIVEN.soak} s: {len(used)} rounds, {faults} faults, {len(summary['files'])} files, {used[-1]}")
 
 
 if __name__ == "__main__":
