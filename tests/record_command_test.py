@@ -223,7 +223,7 @@ class Record(judge.Test):
                 ((BASE, "--segment", "soon"), USAGE, "neither a time (60s) nor a size (500MB)"),
                 ((BASE, "--duration", "1:70"), USAGE, "1:70 is no time"), ((BASE, "--map", "x"), USAGE, "x names no stream"),
                 ((BASE, "--input-option", "fast"), USAGE, "fast is not KEY=VALUE"),
-                ((BASE, "--input-option", "fast=1"), FAILED, "--input-option fast is not known"),
+                ((BASE, "--input-option", "fast=1"), FAILED, "there is no --input-option fast for it"),
                 ((BASE, "--retry", "often"), USAGE, "often"), ((BASE, "--map", "7"), FAILED, "nothing to record"),
                 ((BASE, "--fps", "quick"), USAGE, "quick"), ((BASE, "--format", "1:2"), USAGE, "1:2")):
             with self.subTest(text):

@@ -65,14 +65,16 @@ void refuse_former_options(CLI::App &line)
     }
 }
 
+enum class quantity { time, size };
+
 /* An option whose value is a time or a size. */
-template <std::optional<int64_t> (*Parse)(const std::string &), class Number>
+template <quantity Kind, class Number>
 CLI::Option *add_quantity(CLI::App &line, const char *name, Number &value, int64_t least, int64_t most,
                           const char *what)
 {
-    constexpr bool is_time = Parse == time_of;
+    constexpr bool is_time = Kind == quantity::time;
     const auto take = [name, &value, least, most](const std::string &text) {
-        const auto given = Parse(text);
+        const auto given = Kind == quantity::time ? time_of(text) : size_of(text);
         if (!given)
             throw CLI::ValidationError(name, text + (is_time ? " is no time: write 90, 90s, 2m or 1:30"
                                                              : " is no size; its unit is K, M, G, T, KB or KiB ..."));
@@ -101,8 +103,8 @@ void describe_files(CLI::App &line, record_options &options)
         ->required()
         ->type_name("OUT.mp4");
     line.add_flag("--keep-journal", options.keep_journal, "Keep the journal of a finished recording");
-    add_quantity<time_of>(line, "--sync", options.sync_interval, 0, longest_time,
-                          "Sync media and journal at this interval (default: 1s)");
+    add_quantity<quantity::time>(line, "--sync", options.sync_interval, 0, longest_time,
+                                 "Sync media and journal at this interval (default: 1s)");
     line.add_option_function<std::vector<std::string>>(
             "--segment", [&options](const std::vector<std::string> &given) { take_segment(options, given); },
             "Begin a new file, at a key frame, after this much media: a time (60s) or a size (500MB)")
@@ -110,23 +112,23 @@ void describe_files(CLI::App &line, record_options &options)
         ->take_all()
         ->allow_extra_args(false)
         ->type_name("TIME|BYTES");
-    add_quantity<size_of>(line, "--segment-bytes", options.segment_bytes, 1, most_bytes,
-                          "The same as --segment with a size");
-    add_quantity<size_of>(line, "--quota", options.quota, 1, most_bytes,
-                          "Delete the oldest numbered files beyond so many");
-    add_quantity<size_of>(line, "--keep-free", options.keep_free, 0, most_bytes,
-                          "Leave so many free on the file system (default: 0; for numbered files 64M)");
-    add_quantity<size_of>(
+    add_quantity<quantity::size>(line, "--segment-bytes", options.segment_bytes, 1, most_bytes,
+                                 "The same as --segment with a size");
+    add_quantity<quantity::size>(line, "--quota", options.quota, 1, most_bytes,
+                                 "Delete the oldest numbered files beyond so many");
+    add_quantity<quantity::size>(line, "--keep-free", options.keep_free, 0, most_bytes,
+                                 "Leave so many free on the file system (default: 0; for numbered files 64M)");
+    add_quantity<quantity::size>(
         line, "--queue", options.queue, 4096, largest_queue,
         "Memory for frames that wait for the medium (default: 8M, or a picture of the tracks if it is larger)");
-    add_quantity<time_of>(line, "--pre-event", options.pre_event, 1, longest_time,
-                          "Make files by events (SIGUSR1) alone, each with so much from before the event");
-    add_quantity<size_of>(line, "--pre-event-memory", options.pre_event_bytes, 65536, largest_queue,
-                          "Memory for that (default: 64M)");
-    add_quantity<time_of>(line, "--protect-before", options.protect_before, 0, longest_time,
-                          "An event (SIGUSR1) protects files of so much time before it (default: 30s)");
-    add_quantity<time_of>(line, "--protect-after", options.protect_after, 0, longest_time,
-                          "Likewise after it; with --pre-event its file lasts so long (default: 30s)");
+    add_quantity<quantity::time>(line, "--pre-event", options.pre_event, 1, longest_time,
+                                 "Make files by events (SIGUSR1) alone, each with so much from before the event");
+    add_quantity<quantity::size>(line, "--pre-event-memory", options.pre_event_bytes, 65536, largest_queue,
+                                 "Memory for that (default: 64M)");
+    add_quantity<quantity::time>(line, "--protect-before", options.protect_before, 0, longest_time,
+                                 "An event (SIGUSR1) protects files of so much time before it (default: 30s)");
+    add_quantity<quantity::time>(line, "--protect-after", options.protect_after, 0, longest_time,
+                                 "Likewise after it; with --pre-event its file lasts so long (default: 30s)");
     line.add_flag("-y,--overwrite", options.overwrite, "Replace an existing output and journal");
 }
 
@@ -162,14 +164,15 @@ void describe(CLI::App &line, record_line &given)
     line.footer(examples);
     describe_inputs(line, given);
     describe_files(line, given.options);
-    add_quantity<time_of>(line, "-t,--duration", given.options.duration, 1, longest_time, "Stop after this much media");
+    add_quantity<quantity::time>(line, "-t,--duration", given.options.duration, 1, longest_time,
+                                 "Stop after this much media");
     line.add_flag("--realtime", given.options.realtime, "Record no faster than the frames' times");
     line.add_option(
             "--status", given.options.status,
             "Write a line of JSON on what it is doing: into FILE, which holds the latest, or to standard output")
         ->type_name("FILE|-");
-    add_quantity<time_of>(line, "--status-interval", given.options.status_interval, second / 10, longest_time,
-                          "How often (default: 5s)");
+    add_quantity<quantity::time>(line, "--status-interval", given.options.status_interval, second / 10, longest_time,
+                                 "How often (default: 5s)");
     line.add_option_function<std::string>(
             "--config", [](const std::string &) {}, "Read options from FILE, one in a line as they stand here")
         ->type_name("FILE"); // they are in the line already

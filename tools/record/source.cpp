@@ -236,7 +236,7 @@ void source::report_loss(const outcome &loss)
     reading_since_.reset();
     if (!lost_at_) lost_at_ = loss.was_silent ? last_frame_ : steady::now();
     if (loss.was_silent) ++counts_.stalls;
-    if (reported_ != loss.why) {
+    if (reported_ != loss.why && !is_silent_) { // else it was reported
         reported_ = loss.why;
         notices_.push_back({true, loss.why + (loss.was_silent ? "" : "; it is tried again until it is there")});
     }
@@ -333,20 +333,21 @@ steady::time_point source::last_frame() const
     return last_frame_;
 }
 
-/* What is a connection notices that itself, because it is closed then. */
+/* A connection that is open notices that itself, because it is closed then. */
 std::optional<steady::time_point> source::notice_silence(steady::time_point now)
 {
     const std::lock_guard lock(mutex_);
-    if (name_.is_connection || !reading_since_ || is_silent_) return std::nullopt;
+    if (!reading_since_ || is_silent_ || (name_.is_connection && state_ == source_state::reading)) return std::nullopt;
     const auto due = *reading_since_ + options_.timeout;
     if (now < due) return due;
     is_silent_ = true;
     const bool is_open = state_ == source_state::reading;
     if (!is_open && lost_at_) return std::nullopt; // which was reported
     counts_.stalls += is_open;
-    notices_.push_back({true, failure(print("no data for %.0f s", in_seconds(options_.timeout)), name_.shown,
-                                      is_open ? "it is waited for" : "nobody has opened it for writing")
-                                  .what()});
+    notices_.push_back(
+        {true, failure(print("no data for %.0f s", in_seconds(options_.timeout)), name_.shown,
+                       is_open || name_.is_connection ? "it is waited for" : "nobody has opened it for writing")
+                   .what()});
     return std::nullopt;
 }
 
