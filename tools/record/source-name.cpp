@@ -79,7 +79,8 @@ source_name::source_name(const std::string &given) : url(given), shown(given)
     shown = without_secrets(given);
     is_connection = given.find("://") != std::string::npos;
     comes_and_goes = is_connection;
-    waits_for_sender = given.find("listen") != std::string::npos;
+    const size_t query = given.find('?');
+    listens = query != std::string::npos && given.find("listen", query) != std::string::npos;
 }
 
 std::string source_name::allowed_protocols() const

@@ -19,9 +19,9 @@ struct source_name {
     std::string url;   // for libavformat
     std::string shown; // the name without user, password and query
     std::string scheme;
-    bool comes_and_goes = false;   // it is waited for and opened again: a connection, a device, a FIFO
-    bool is_connection = false;    // which loses nothing when it is closed for want of data
-    bool waits_for_sender = false; // opening it lasts until somebody connects
+    bool comes_and_goes = false; // it is waited for and opened again: a connection, a device, a FIFO
+    bool is_connection = false;  // which loses nothing when it is closed for want of data
+    bool listens = false;        // opening it lasts until somebody connects
 
     /** Protocols that opening it, or a playlist that it leads to, may use; empty: libavformat's own rule. */
     std::string allowed_protocols() const;

@@ -121,9 +121,7 @@ source::outcome source::read_once()
     outcome result{.is_final = !retries_};
     try {
         set_state(source_state::opening);
-        patience_.until(name_.comes_and_goes && !name_.waits_for_sender
-                            ? steady::now() + options_.timeout + time_to_probe
-                            : steady::time_point::max());
+        patience_.until(may_take_long() ? steady::time_point::max() : steady::now() + options_.timeout + time_to_probe);
         input from(options_, name_, patience_);
         const bool is_live = from.facts().is_live;
         result.is_final |= !is_live;
@@ -148,6 +146,15 @@ source::outcome source::read_once()
                          .what();
     if (result.is_final && !result.is_lost) result.why.clear();
     return result;
+}
+
+/* A file is read however long it takes; who listens waits for a sender. */
+bool source::may_take_long() const
+{
+    const auto listens = [](const auto &option) {
+        return option.first == "listen" || option.second.find("listen") != std::string::npos;
+    };
+    return !name_.comes_and_goes || name_.listens || std::ranges::any_of(options_.options, listens);
 }
 
 void source::report_left_out(const connection &known)
@@ -331,6 +338,12 @@ steady::time_point source::last_frame() const
 {
     const std::lock_guard lock(mutex_);
     return last_frame_;
+}
+
+std::optional<steady::time_point> source::away_since() const
+{
+    const std::lock_guard lock(mutex_);
+    return lost_at_;
 }
 
 /* A connection that is open notices that itself, because it is closed then. */

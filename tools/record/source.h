@@ -68,6 +68,9 @@ public:
     /** When a frame was queued or taken last, or it was opened. */
     steady::time_point last_frame() const;
 
+    /** When it was lost, until it is back. */
+    std::optional<steady::time_point> away_since() const;
+
     /** Reports once that nothing has come for so long; @return when to look again, for a source that is read */
     std::optional<steady::time_point> notice_silence(steady::time_point now);
 
@@ -81,6 +84,7 @@ private:
 
     void work();
     outcome read_once();
+    bool may_take_long() const;
     void report_left_out(const connection &known);
     void read_all(input &from);
     void publish(std::deque<frame> frames);
