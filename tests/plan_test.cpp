@@ -699,17 +699,38 @@ bytes box(const char *type, std::initializer_list<bytes> parts)
     return joined({box_head(8 + body.size(), type), body});
 }
 
+/** The boxes of the times, which begin after so many thousandths of a second; wide ones have version 1. */
+struct times {
+    bool is_wide = false;
+    uint32_t before = 0, edited = before; // as the duration says, and the edit list
+
+    bytes movie() const { return is_wide ? words({1 << 24, 0, 0, 0, 0, 1000, 0, 0}) : words({0, 0, 0, 1000, 0}); }
+    bytes track() const { return is_wide ? words({1 << 24, 0, 0, 0, 0, 1}) : words({0, 0, 0, 1}); }
+    bytes media() const
+    {
+        const uint32_t ticks = before * 48;
+        return is_wide ? words({1 << 24, 0, 0, 0, 0, 48000, 0, ticks, 0}) : words({0, 0, 0, 48000, ticks, 0});
+    }
+    bytes edits() const
+    {
+        if (edited == 0) return words({0, 0});
+        return is_wide ? words({1 << 24, 1, 0, edited, 0xFFFFFFFF, 0xFFFFFFFF, 1 << 16})
+                       : words({0, 1, edited, 0xFFFFFFFF, 1 << 16});
+    }
+};
+
 /** A header of one sound track whose samples have one size and lie in one chunk. */
-bytes header_of(uint32_t samples, uint32_t size, const bytes &more = {})
+bytes header_of(uint32_t samples, uint32_t size, const bytes &more = {}, const times &when = {})
 {
     const bytes entry = box("mp4a", {bytes(28), box("esds", {bytes(30)})});
     const bytes tables =
         box("stbl", {box("stsd", {words({0, 1}), entry}), box("stts", {words({0, 2, 1, 0, samples - 1, 0})}),
                      box("stsc", {words({0, 1, 1, samples, 1})}), box("stco", {words({0, 1, 32})}),
                      box("stsz", {words({0, size, samples})}), box("stss", {words({0, 2, 1, 4})})});
-    const bytes media = box("mdia", {box("mdhd", {words({0, 0, 0, 48000, 0, 0})}), box("minf", {tables, more})});
-    return box("moov", {box("mvhd", {words({0, 0, 0, 1000}), bytes(84)}),
-                        box("trak", {box("tkhd", {words({0, 0, 0, 1}), bytes(68)}), media})});
+    const bytes media = box("mdia", {box("mdhd", {when.media()}), box("minf", {tables, more})});
+    return box("moov", {box("mvhd", {when.movie(), bytes(80)}),
+                        box("trak", {box("tkhd", {when.track(), bytes(68)}), box("edts", {box("elst", {when.edits()})}),
+                                     media})});
 }
 
 /** The result for a file of zeros that begins as a recording with so large an mdat, and ends in a header. */
@@ -725,7 +746,12 @@ std::string result_of(const bytes &header, uint64_t media_size, uint32_t mdat)
 
 TEST_F(Plan, HoldsAHeaderAgainstTheMedia)
 {
-    EXPECT_EQ("finished", result_of(header_of(4, 10), 72, 48));
+    for (const bool wide : {false, true}) {
+        for (const uint32_t delay : {0u, 10u})
+            EXPECT_EQ("finished", result_of(header_of(4, 10, {}, {wide, delay}), 72, 48)) << wide << delay;
+        for (const times &other : {times{wide, 10, 0}, times{wide, 10, 12}, times{wide, 0, 10}})
+            EXPECT_EQ("refused: no journal", result_of(header_of(4, 10, {}, other), 72, 48)) << wide << other.before;
+    }
     /* Tables of other media, or of other times. */
     const std::tuple<const char *, size_t, bytes> cases[] = {
         {"'stsc'", 20, words({2})}, {"'stsc'", 16, words({3})}, {"'mdhd'", 20, words({48000})},

@@ -455,10 +455,10 @@ TEST(Pictures, HaveTheirSize)
     }
 }
 
-/** An H.264 SPS of the baseline profile: "1" is ue(v) of 0. */
-bytes sps_of(const std::string &bits)
+/** An H.264 SPS, of the baseline profile if nothing else is said: "1" is ue(v) of 0. */
+bytes sps_of(const std::string &bits, const char *begin = "6742c01e")
 {
-    bytes out = hex("6742c01e");
+    bytes out = hex(begin);
     for (size_t i = 0; i < bits.size(); i += 8) {
         int byte = 0;
         for (size_t j = i; j < i + 8; j++) byte = byte * 2 + (j < bits.size() && bits[j] == '1');
@@ -471,6 +471,30 @@ std::string ue(uint64_t value)
     std::string bits;
     for (++value; value != 0; value /= 2) bits.insert(bits.begin(), char('0' + value % 2));
     return std::string(bits.size() - 1, '0') + bits;
+}
+
+/* One of them in full, one that ends early, those between left out; there are four more of them in 4:4:4. */
+TEST(Pictures, AreReadAfterScalingLists)
+{
+    const std::string full = "1" + std::string(64, '1'), ends = "1" + ue(16),
+                      depths = "1"
+                               "1"
+                               "0"
+                               "1";
+    const std::string rest = "1" + ue(2) +
+                             "1"
+                             "0" +
+                             ue(39) + ue(22) +
+                             "1"
+                             "1"
+                             "0"
+                             "0";
+    for (const auto &[chroma, lists] : {std::pair(ue(1) + depths, ends + "000000" + full),
+                                        std::pair(ue(3) + "0" + depths, ends + "0000000000" + full)}) {
+        const auto size = read_picture_size(MP4_TRACK_H264, sps_of("1" + chroma + lists + rest, "67f4001e"));
+        ASSERT_TRUE(size);
+        EXPECT_EQ(std::pair(size->width, size->height), std::pair(640u, 368u));
+    }
 }
 
 TEST(Pictures, OfAbsurdSizesAreRefused)

@@ -69,16 +69,17 @@ struct planned {
         if (mediafiles_plan_range(plan.get(), info.ranges, &range) == 0 ||
             (mediafiles_plan_head(plan.get(), head) == 0) != keeps())
             std::abort();
-        if (!keeps() || info.media_end > most) return;
-        file.assign(media.content.begin(), media.content.end());
-        file.resize(static_cast<size_t>(info.media_end));
-        std::copy(std::begin(head), std::end(head), file.begin());
         const mediafiles_sink append = [](void *context, const void *data, size_t count) {
             auto &out = static_cast<planned *>(context)->file;
             const auto *begin = static_cast<const uint8_t *>(data);
             out.insert(out.end(), begin, begin + count);
             return 0;
         };
+        if (!keeps() && mediafiles_plan_tail(plan.get(), append, this) == 0) std::abort();
+        if (!keeps() || info.media_end > most) return;
+        file.assign(media.content.begin(), media.content.end());
+        file.resize(static_cast<size_t>(info.media_end));
+        std::copy(std::begin(head), std::end(head), file.begin());
         if (mediafiles_plan_tail(plan.get(), append, this) != 0) std::abort();
         if (file.size() != info.file_size) std::abort();
     }
