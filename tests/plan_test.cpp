@@ -464,9 +464,9 @@ TEST_F(Plan, GoesUpToTheLastByte)
 /* ---- parameter sets, records ---- */
 
 /** A journal's record of a parameter set. */
-bytes set_record(size_t kind, const bytes &set)
+bytes set_record(size_t kind, uint32_t track, const bytes &set)
 {
-    bytes record = joined({{uint8_t(kind), 0, uint8_t(set.size()), 0}, set});
+    bytes record = joined({{uint8_t(kind), uint8_t(track), uint8_t(set.size()), 0}, set});
     record.resize((record.size() + 3) / 4 * 4);
     return record;
 }
@@ -481,14 +481,17 @@ TEST_F(Plan, TakesLargeParameterSetsFromTheFirstSample)
         {"hevc", MEMENTO_VPS, {vps, sps, hex("4401c172b46240")}, hex("2601 11*40")}};
     for (const auto &[track, kind, sets, slice] : codecs)
         for (size_t journaled = 0; journaled < sets.size(); journaled++) {
-            bytes stream, journal = records(track);
+            const uint32_t video = journaled % 2; // beside sound
+            bytes stream, journal = records(video == 0 ? track + " aac" : "aac " + track);
             for (size_t i = 0; i < sets.size(); i++) {
                 stream = joined({stream, code, sets[i]});
-                if (i + journaled >= sets.size()) journal = joined({journal, set_record(kind + i, sets[i])});
+                if (i + journaled >= sets.size()) journal = joined({journal, set_record(kind + i, video, sets[i])});
             }
             const bytes key = sized_units(joined({code, slice})), begin = joined({sized_units(stream), key});
             const std::string size = std::to_string(begin.size()), next = std::to_string(32 + begin.size());
-            const std::string places = "m0:32," + size + ",1 m0:" + next + "," + std::to_string(key.size()) + ",2";
+            const std::string to = "m" + std::to_string(video);
+            const std::string places =
+                to + ":32," + size + ",1 " + to + ":" + next + "," + std::to_string(key.size()) + ",2";
             journal = joined({journal, records(places)});
             const bytes open = joined({first(recordings()[0].open, 32), begin, key});
             const planned p = plan_of(open, &journal);
