@@ -260,7 +260,7 @@ enum {
 
 /** Kinds of events; callers pass over those that they do not know. Fields that are not named are 0. */
 enum {
-    MEDIAFILES_EVENT_BEGUN = 1,     /* number, path */
+    MEDIAFILES_EVENT_BEGUN = 1,     /* number, path; from: its first capture time */
     MEDIAFILES_EVENT_FINISHED,      /* number, path; from, to: its capture times; count: its bytes */
     MEDIAFILES_EVENT_RECOVERED,     /* path, result: MEDIAFILES_REPAIRED ...; count: its samples */
     MEDIAFILES_EVENT_NOT_RECOVERED, /* path, result, reason: MEDIAFILES_REASON_, error */
