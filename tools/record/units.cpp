@@ -38,8 +38,9 @@ std::optional<double> number_at(const char *text, const char **end)
 {
     const char *last = text;
     while (std::isdigit(static_cast<unsigned char>(*last)) != 0 || *last == '.') ++last;
+    const std::string digits(text, last);
     char *read = nullptr;
-    const double value = std::strtod(std::string(text, last).c_str(), &read);
+    const double value = std::strtod(digits.c_str(), &read);
     if (last == text || *read != '\0') return std::nullopt;
     *end = last;
     return value;
