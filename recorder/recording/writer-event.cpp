@@ -114,11 +114,9 @@ void writer::end_event(const access_unit &unit)
     }
     for (uint32_t track = 0; track < options_.track_count(); ++track) {
         if (track != leader_) front_ = std::min(front_, tracks_[track].incoming.position());
-        for (const queue::taken &each : std::exchange(tracks_[track].waiting, {})) {
-            keep(each);
-            if (each.position >= tracks_[track].done_until) front_ = std::min(front_, each.position);
-        }
+        for (const queue::taken &each : std::exchange(tracks_[track].waiting, {})) keep_other(each);
     }
+    let_old_go(); // not before all that waits is in the memory: later frames of a track may go with it
 }
 
 /* The access unit of another track is the first one of it that does. */
@@ -139,16 +137,26 @@ void writer::put_back(uint32_t track)
     input.incoming.clear();
 }
 
+/* A frame of another track than the leading one goes to the file that it is still in, or stays in the memory. */
+void writer::keep_other(const queue::taken &taken)
+{
+    const uint32_t track = taken.frame->track;
+    const track_input &input = tracks_[track];
+    if (!input.file) put_back(track);
+    if (taken.position < input.done_until) return;
+    if (input.file)
+        feed(track, taken);
+    else
+        front_ = std::min(front_, taken.position);
+}
+
 /* A frame that was taken while there is no event. */
 void writer::keep(const queue::taken &taken)
 {
     const queue::entry &frame = *taken.frame;
     const uint32_t track = frame.track;
     if (track != leader_) {
-        if (!tracks_[track].file)
-            put_back(track);
-        else if (taken.position >= tracks_[track].done_until)
-            feed(track, taken);
+        keep_other(taken);
     } else {
         newest_ = frame.passed;
         if (!unit_.is_known() || frame.time != unit_.time) unit_ = {taken.position, frame.time, frame.passed};

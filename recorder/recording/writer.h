@@ -115,6 +115,7 @@ private:
     void wait_for_event(uint32_t track);
     void put_back(uint32_t track);
     void keep(const queue::taken &);
+    void keep_other(const queue::taken &);
     void let_old_go();
     void let_go(uint64_t until, bool all_tracks);
     void find_next_group();
