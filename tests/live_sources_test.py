@@ -368,7 +368,7 @@ class Soak(LiveTest):
         faults, used = 0, []
         end = judge.time.monotonic() + GIVEN.soak
         while judge.time.monotonic() < end:
-            judge.time.sleep(self.EVERY)
+            judge.time.sleep(self.EVERY / 2)
             kind = chance.choice(("freeze", "die", "away", "split"))
             faults += kind != "split"
             if kind == "split":
