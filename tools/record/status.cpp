@@ -112,7 +112,7 @@ std::string status_file::write(const std::string &line) const
     struct stat status;
     if (stat(path_.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) return write_into(path_, 0, line);
     const std::string made = path_ + ".new";
-    if (std::string why = write_into(made, O_CREAT | O_TRUNC, line); !why.empty()) return why;
+    if (std::string why = write_into(made, O_CREAT | O_TRUNC | O_NOFOLLOW, line); !why.empty()) return why;
     return std::rename(made.c_str(), path_.c_str()) == 0 ? "" : failure(cannot_write, path_, errno).what();
 }
 
