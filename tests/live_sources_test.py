@@ -269,7 +269,7 @@ class Network(LiveTest):
                 self.record(source, "--retry", "never", output=self.clip)
                 self.assertEqual(self.end(FAILED, by=None)["error"], f"cannot open: {source}: {text}")
         self.record(f"udp://127.0.0.1:{silent}", "--timeout", "0.5s", output=self.clip)
-        self.until_said("it is waited for")
+        self.until_said("no data for 0.5 s")
         self.end(FAILED)
         self.assertTrue(self.said("nothing was recorded yet"))
 

@@ -55,6 +55,11 @@ double in_seconds(steady::duration span)
     return std::chrono::duration<double>(span).count();
 }
 
+std::string no_data(std::chrono::nanoseconds timeout, const std::string &from, const char *what_follows)
+{
+    return failure(print("no data for %g s", in_seconds(timeout)), from, what_follows).what();
+}
+
 } // namespace
 
 source::source(const input_options &options, bool retries, waker &changed)
@@ -141,9 +146,7 @@ source::outcome source::read_once()
         result.was_silent = !cancelled_ && patience_.is_over() && state() == source_state::reading;
     }
     if (result.was_silent)
-        result.why = failure(print("no data for %.0f s", in_seconds(options_.timeout)), name_.shown,
-                             retries_ ? "it is opened again" : "it is given up")
-                         .what();
+        result.why = no_data(options_.timeout, name_.shown, retries_ ? "it is opened again" : "it is given up");
     if (result.is_final && !result.is_lost) result.why.clear();
     return result;
 }
@@ -358,9 +361,8 @@ std::optional<steady::time_point> source::notice_silence(steady::time_point now)
     if (!is_open && lost_at_) return std::nullopt; // which was reported
     counts_.stalls += is_open;
     notices_.push_back(
-        {true, failure(print("no data for %.0f s", in_seconds(options_.timeout)), name_.shown,
-                       is_open || name_.is_connection ? "it is waited for" : "nobody has opened it for writing")
-                   .what()});
+        {true, no_data(options_.timeout, name_.shown,
+                       is_open || name_.is_connection ? "it is waited for" : "nobody has opened it for writing")});
     return std::nullopt;
 }
 
