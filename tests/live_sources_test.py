@@ -55,9 +55,9 @@ class LiveTest(judge.Test):
     def sender(self, *arguments):
         return self.spawn("ffmpeg", "-nostdin", "-v", "error", *arguments, stderr=subprocess.DEVNULL)
 
-    def record(self, *arguments, output=None):
+    def record(self, *arguments, output=None, under=()):
         with open(self.messages, "wb") as messages:
-            self.recorder = self.spawn(GIVEN.tool, "record", *arguments, "-o", output or self.directory / "{number:3}.mp4",
+            self.recorder = self.spawn(*under, GIVEN.tool, "record", *arguments, "-o", output or self.directory / "{number:3}.mp4",
                                        "--json", "--sync", "0.2", stdout=subprocess.PIPE, stderr=messages)
         self.addCleanup(self.recorder.stdout.close)
 
@@ -188,6 +188,38 @@ class Streams(LiveTest):
                 self.assertAlmostEqual(summary["duration"], 3 * 5.04, delta=0.3)
                 self.assertEqual([t["backwards"] for t in summary["tracks"]], [0, 0])
 
+    def test_pauses_and_wraps(self):
+        """Times that rest for eight hours or come to the end of their 33 bits lose no frame and no time."""
+        pause = r"setts=ts=TS+gte(TS*TB\,2)*8*3600/TB"
+        whole = self.directory / "whole.mkv"
+        judge.run("ffmpeg", "-v", "error", "-i", self.transport_stream(), "-c", "copy", whole)
+        for name, steps, options in (("mkv", 1, ("-bsf:v", pause, "-bsf:a", pause)),
+                                     ("ts", 0, ("-output_ts_offset", str(2**33 // 90000 - 2)))):
+            with self.subTest(name):
+                given = self.directory / f"given.{name}"
+                judge.run("ffmpeg", "-v", "error", "-i", whole, "-c", "copy", *options, given)
+                self.record(given, "--overwrite", output=self.clip)
+                summary = self.end(by=None)
+                self.assertEqual((self.runs(summary), summary["sources"][0]["steps"]), ([100], steps))
+                self.assertAlmostEqual(summary["duration"], 5.04, delta=0.1)
+
+    def test_transports(self):
+        """A sender that is asked over TCP, one over SRT, and one that publishes over RTMP, beside each other."""
+        tcp, srt, rtmp = free_port(), free_port(socket.SOCK_DGRAM), free_port()
+        send = ("-re", "-stream_loop", "-1", "-i", self.transport_stream(), "-c", "copy", "-f")
+        self.sender(*send, "mpegts", f"tcp://127.0.0.1:{tcp}?listen=1")
+        self.sender(*send, "mpegts", f"srt://127.0.0.1:{srt}?mode=listener")
+        self.record(f"tcp://127.0.0.1:{tcp}", f"srt://127.0.0.1:{srt}", f"rtmp://127.0.0.1:{rtmp}/live/cam",
+                    "--input-option", "2:listen=1", "--no-audio", "-t", "4", output=self.clip)
+        while self.recorder.poll() is None and not self.said("recorded"):
+            self.sender(*send, "flv", f"rtmp://127.0.0.1:{rtmp}/live/cam").wait()
+        summary = self.end(by=None)
+        self.assertEqual((summary["stopped_by"], [t["frames"] > 20 for t in summary["tracks"]]), ("duration", [True] * 3))
+        order = "".join(judge.frame_checksums(BASE) * 3)
+        for path in (f["path"] for f in summary["files"]):
+            for i in range(len(judge.streams(path))):
+                self.assertIn("".join(judge.frame_checksums(path, str(i))), order)
+
     def test_fifo(self):
         """Each program that writes to a FIFO is another connection; --retry never ends with the first."""
         fifo = self.directory / "fifo"
@@ -310,27 +342,32 @@ class Files(LiveTest):
 class Service(LiveTest):
     UNIT = pathlib.Path(__file__).parent.parent / "packaging/service/mediafiles-record@.service"
 
-    def listen(self, manager, told):
-        """As a service manager does: what is not taken holds the sender up."""
-        while message := manager.recv(4096).decode():
-            told |= {message.split("=")[0], message.split(" ")[0]}
-
-    def test_watched(self):
-        """Options from a file, none of them in the list of processes; what a watcher and the service manager are told."""
-        config, status = self.directory / "camera.conf", self.directory / "status.json"
+    def record_as_service(self, *arguments, **options):
+        """As a service manager does: what is not taken holds the sender up. @return what it was told, in turn"""
         manager = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         manager.bind(str(self.directory / "notify"))
         self.addCleanup(manager.close)
         self.addCleanup(manager.shutdown, socket.SHUT_RDWR)
+        told = []
+
+        def listen():
+            while message := manager.recv(4096).decode():
+                told.append(message)
+
+        os.environ.update(NOTIFY_SOCKET=str(self.directory / "notify"), WATCHDOG_USEC="500000")
+        self.record(*arguments, **options)
+        del os.environ["NOTIFY_SOCKET"], os.environ["WATCHDOG_USEC"]
+        threading.Thread(target=listen, daemon=True).start()
+        return told
+
+    def test_watched(self):
+        """Options from a file, none of them in the list of processes; what a watcher and the service manager are told."""
+        config, status = self.directory / "camera.conf", self.directory / "status.json"
         config.write_text(f"# a camera\n{self.camera_url}\n--segment 1s\n--timeout=1s\n\n--status {status}\n"
                           "--status-interval 100ms\n")
         self.camera(BASE)
-        os.environ.update(NOTIFY_SOCKET=str(self.directory / "notify"), WATCHDOG_USEC="500000")
-        self.record("--config", config)
-        del os.environ["NOTIFY_SOCKET"], os.environ["WATCHDOG_USEC"]
-        told = set()
-        threading.Thread(target=self.listen, args=(manager, told), daemon=True).start()
-        judge.wait_for(lambda: {"READY", "WATCHDOG", "STATUS=recording"} <= told)
+        told = self.record_as_service("--config", config)
+        judge.wait_for(lambda: {"READY=1", "WATCHDOG=1", "STATUS=recording"} <= {each.split(" ")[0] for each in told})
         self.assertNotIn("secret", pathlib.Path(f"/proc/{self.recorder.pid}/cmdline").read_text())
         self.until_recorded()
         judge.wait_for(lambda: json.loads(status.read_text())["frames"] > 50)
@@ -341,6 +378,14 @@ class Service(LiveTest):
         self.assertNotIn("secret", status.read_text())
         summary = self.end()
         self.assertEqual(len(self.runs(summary)), 1)
+
+    def test_watched_to_the_end(self):
+        """A card that is slow to finish the file is waited for, and the watchdog is told so."""
+        slow = ("strace", "-f", "-qq", "-o", "/dev/null", "-e", "trace=fdatasync,fsync", "-e",
+                "inject=fdatasync,fsync:delay_enter=700000")
+        told = self.record_as_service(BASE, output=self.clip, under=slow)
+        self.end(by=None)
+        self.assertGreater(told[told.index("STOPPING=1"):].count("WATCHDOG=1"), 1)
 
     def test_unit(self):
         """systemd finds nothing wrong with the unit, and nothing that it exposes."""

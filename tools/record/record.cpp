@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <future>
 #include <new>
 #include <utility>
 
@@ -152,11 +153,20 @@ void recording::begin_recorder()
     recorder_ = start_recorder(options_, place_, descriptions, read_files);
 }
 
+/* The medium may take long; who watches the recording is told meanwhile that it goes on. */
+void recording::stop_recorder()
+{
+    constexpr auto beside = std::launch::async | std::launch::deferred; // in get(), where there is no other thread
+    auto stopped = std::async(beside, mediafiles_recorder_stop, recorder_.get(), int64_t{-1});
+    while (stopped.wait_until(report_status(steady::now())) == std::future_status::timeout) {}
+    stopped.get();
+}
+
 /* What it has stored is finished and counted. */
 void recording::end_recorder()
 {
     if (!recorder_) return; // the next one could not be started
-    mediafiles_recorder_stop(recorder_.get(), -1);
+    stop_recorder();
     heed_events();
     console_.clear_progress();
     const mediafiles_recorder_stats counted = stats();

@@ -46,6 +46,7 @@ private:
     void adopt(size_t source, const std::shared_ptr<const connection> &now);
     void leave_absent_sources(steady::time_point now);
     void begin_recorder();
+    void stop_recorder();
     void end_recorder();
     std::string stream_of(size_t track) const;
     std::string reordering(const std::string &stream) const;
