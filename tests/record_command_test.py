@@ -241,11 +241,17 @@ class Record(judge.Test):
         summary, _ = self.record(self.given, "--format", "aac", exit_code=FAILED)
         self.assertEqual([summary["tracks"][0][k] for k in ("frames", "dropped")], [0, len(pairs) // 2])
         self.assertFalse(self.clip.exists() or self.journal.exists())
-        whole = self.remux("whole.mp4", "-i", BASE, "-movflags", "faststart").read_bytes()
-        self.given.write_bytes(whole[:100_000])
-        summary, err = self.record(self.given, exit_code=FAILED)
-        self.assertIn(f"reading stopped: {self.given}", err)
-        self.assertEqual(len(judge.packets(self.clip, "v")), summary["tracks"][0]["frames"])
+
+    def test_cut_inputs(self):
+        """A file of which a part is missing is recorded as far as it goes, and reported."""
+        for name, options, why in (("mp4", ("-movflags", "faststart"), "frames of stream 0 are missing"),
+                                   ("mkv", (), "it is cut off: "), ("flv", (), "it is cut off: "), ("avi", (), "it is cut off: "),
+                                   ("ts", (), "it is cut off within a packet")):
+            with self.subTest(name):
+                self.given.write_bytes(self.remux(f"whole.{name}", "-fflags", "+genpts", "-i", BASE, *options).read_bytes()[:100_000])
+                summary, err = self.record(self.given, exit_code=FAILED)
+                self.assertRegex(err, f"reading stopped: {self.given}: .*{why}")
+                self.assertEqual(len(judge.packets(self.clip, "v")), summary["tracks"][0]["frames"])
 
     def test_existing_files(self):
         self.given.write_bytes(BASE.read_bytes())

@@ -166,6 +166,19 @@ bool has_stamps(const AVInputFormat *format)
     return (format->flags & AVFMT_NOTIMESTAMPS) == 0 && std::ranges::find(without, format->name) == std::end(without);
 }
 
+/* How many bytes a RIFF file has by the sizes of its chunks, the last of which may be cut off. */
+int64_t size_of_chunks(AVIOContext *file, int64_t size)
+{
+    constexpr int64_t header = 8; // fourcc, size
+    int64_t end = 0;
+    while (end + header <= size && avio_seek(file, end + header / 2, SEEK_SET) >= 0) {
+        const int64_t payload = avio_rl32(file);
+        if (payload == 0) break; // whoever wrote it could not go back
+        end += header + payload + payload % 2;
+    }
+    return end;
+}
+
 /* What no further attempt would change. */
 bool is_permanent(int result)
 {
@@ -414,11 +427,15 @@ void input::check_completeness() const
     const int64_t read = latest_ - facts_.start;
     if (is_stated && facts_.duration && streams_.size() == format_->nb_streams && read < *facts_.duration - second)
         end_early(print("it is cut off: %.1f of %.1f s are there", seconds(read), seconds(*facts_.duration)));
-    if (std::string_view(format_->iformat->name) != "mpegts" || facts_.is_live || !format_->pb) return;
+    if (facts_.is_live || !format_->pb) return;
+    const std::string_view name = format_->iformat->name;
     const int64_t size = avio_size(format_->pb);
     constexpr int64_t packets[] = {188, 192, 204};
-    if (size > 0 && std::ranges::all_of(packets, [&](int64_t each) { return size % each != 0; }))
+    if (name == "mpegts" && size > 0 && std::ranges::all_of(packets, [&](int64_t each) { return size % each != 0; }))
         end_early("it is cut off within a packet");
+    if (name == "avi")
+        if (const int64_t stated = size_of_chunks(format_->pb, size); stated > size)
+            end_early(print("it is cut off: %jd of %jd bytes are there", intmax_t{size}, intmax_t{stated}));
 }
 
 } // namespace tools
