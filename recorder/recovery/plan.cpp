@@ -387,6 +387,7 @@ bool mediafiles_plan::check(journal_scan &scan, movie_header &header, uint64_t l
     chosen = found.before;
     ranges.clear();
     if (found.torn) {
+        info.journal_end = chosen.record_end;
         info.journal_lost = scan.journal_size() - chosen.record_end;
         return true;
     }
