@@ -295,6 +295,10 @@ private:
         if (!plan_) throw std::bad_alloc();
         info_.size = sizeof info_;
         mediafiles_plan_get(plan_.get(), &info_);
+        /* Where its head cannot be read, nothing says whose it is. */
+        uint8_t head[MEDIAFILES_HEAD_SIZE];
+        if (info_.result == MEDIAFILES_NOT_OURS && read_at(media_.file, 0, head, sizeof head) < 0)
+            throw system_failure();
         if (journal_obstacle_ && info_.result != MEDIAFILES_FINISHED && info_.result != MEDIAFILES_NOT_OURS) {
             report_.problem_path = report_.journal;
             if (journal_obstacle_->result == MEDIAFILES_NOT_OURS) journal_obstacle_->result = MEDIAFILES_REFUSED;
