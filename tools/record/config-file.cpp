@@ -10,6 +10,7 @@ namespace {
 
 constexpr const char *option = "--config";
 constexpr const char *blank = " \t\r";
+constexpr const char *cannot_read = "cannot read the configuration";
 
 std::string trimmed(const std::string &text)
 {
@@ -20,17 +21,18 @@ std::string trimmed(const std::string &text)
 void append(const std::string &path, std::vector<std::string> &to)
 {
     std::ifstream file(path);
-    if (!file) throw failure("cannot read", path, errno);
+    if (!file) throw failure(cannot_read, path, errno);
     for (std::string text; std::getline(file, text);) {
         text = trimmed(text);
         if (text.empty() || text[0] == '#') continue;
         const size_t end = text[0] == '-' ? text.find_first_of(blank) : std::string::npos;
-        to.push_back(text.substr(0, end));
+        const std::string name = text.substr(0, end);
+        if (name == option || name.starts_with(std::string(option) + "="))
+            throw failure(cannot_read, path, "it names another one; only the command line may have --config");
+        to.push_back(name);
         if (end != std::string::npos) to.push_back(trimmed(text.substr(end)));
-        if (to.back() == option || to.back().starts_with(std::string(option) + "="))
-            throw failure("cannot read", path, "a configuration cannot name another one");
     }
-    if (file.bad()) throw failure("cannot read", path, errno);
+    if (file.bad()) throw failure(cannot_read, path, errno);
 }
 
 } // namespace
