@@ -288,23 +288,6 @@ class Network(LiveTest):
         self.record(url + "foreign.m3u8", "--retry", "never", "--overwrite", output=self.clip)
         self.end(FAILED, by=None)
 
-    def test_messages(self):
-        """Why a source cannot be opened, with what helps."""
-        url = self.serve(text_ts=b"text", foreign_m3u8=b"#EXTM3U\n#EXT-X-TARGETDURATION:5\n#EXTINF:5,\nfile:///etc/passwd\n")
-        nobody, silent = (free_port(kind) for kind in (socket.SOCK_STREAM, socket.SOCK_DGRAM))
-        no_media = "it is not media, or a playlist that leads elsewhere; --format says what it is"
-        for source, text in ((url + "text.ts", no_media), (url + "foreign.m3u8", no_media),
-                             (url + "none.ts", "the server has nothing of that name (404); check the path"),
-                             (f"rtsp://127.0.0.1:{nobody}/", "Connection refused: nothing listens there; check host and port"),
-                             ("foo://host/", "libavformat has no such protocol")):
-            with self.subTest(source):
-                self.record(source, "--retry", "never", output=self.clip)
-                self.assertEqual(self.end(FAILED, by=None)["error"], f"cannot open: {source}: {text}")
-        self.record(f"udp://127.0.0.1:{silent}", "--timeout", "0.5s", output=self.clip)
-        self.until_said("no data for 0.5 s")
-        self.end(FAILED)
-        self.assertTrue(self.said("nothing was recorded yet"))
-
     def test_arrival(self):
         """Times by arrival: a file that is read at once lasts no time to speak of."""
         self.record(self.transport_stream(), "--timestamps", "arrival", output=self.clip)

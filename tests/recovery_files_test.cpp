@@ -273,7 +273,7 @@ const struct {
     {"lonely.mp4.journal", "journal", "", "refused: its media file is missing (ENOENT), journal lonely.mp4.journal"},
     {"gone.mp4.journal", "empty", "", "removed"},
     {"busy/a.mp4", "media", "journal", "repaired"},
-    {"huge.mp4", "media", "journal", "refused: it is larger than a recording can be, journal huge.mp4.journal"},
+    {"huge.mp4", "media", "journal", "refused: it is larger than a recording can be (4 GiB), journal huge.mp4.journal"},
     /* Nothing is reported of these; all but the first stay. */
     {".mediafiles-0123abcd.tmp", "nine", "", ""},
     {"loop", ".", "", ""},
@@ -465,7 +465,7 @@ TEST(RecoveryFiles, CopiesNeverTakeANameThatIsThere)
     on.put("1/a.mp4", open_media(), whole().journal, 20), on.put("2/a.mp4", open_media(), whole().journal, 10);
     chmod((on / "1/a.mp4").c_str(), 04600);
     const lines wanted = {"1/a.mp4: repaired as " + (out / "a.mp4") + ", journal 1/a.mp4.journal",
-                          "2/a.mp4: refused: the output exists (EEXIST) because of " + (out / "a.mp4") +
+                          "2/a.mp4: refused: the output exists already (EEXIST) because of " + (out / "a.mp4") +
                               ", journal 2/a.mp4.journal"};
     for (const uint32_t flags : {MEDIAFILES_DRY_RUN, 0u})
         EXPECT_EQ(recover(on, {on / "1", on / "2"}, {flags, out.path().c_str()}), wanted);
@@ -479,10 +479,9 @@ TEST(RecoveryFiles, CopiesNeverTakeANameThatIsThere)
     EXPECT_EQ(recover(on, {own}, {0, own.c_str()}),
               lines{"1/a.mp4: repaired as 1/a-recovered.mp4, journal 1/a.mp4.journal"});
     EXPECT_EQ(on.get("1/a-recovered.mp4"), whole().file);
-    EXPECT_EQ(
-        recover(on, {own}, {0, own.c_str()}),
-        (lines{"1/a-recovered.mp4: finished",
-               "1/a.mp4: refused: the output exists (EEXIST) because of 1/a-recovered.mp4, journal 1/a.mp4.journal"}));
+    EXPECT_EQ(recover(on, {own}, {0, own.c_str()}),
+              (lines{"1/a-recovered.mp4: finished", "1/a.mp4: refused: the output exists already (EEXIST) because of "
+                                                    "1/a-recovered.mp4, journal 1/a.mp4.journal"}));
     EXPECT_EQ(on.get("1/a.mp4"), open_media());
 
     /* A link in the way leads nowhere. */

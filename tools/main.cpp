@@ -2,6 +2,7 @@
 #include <cstdio>
 
 #include "tools/failure.h"
+#include "tools/print.h"
 #include "tools/program.h"
 #include "tools/record/config-file.h"
 
@@ -16,7 +17,7 @@ int main(int argc, char **argv)
     try {
         line = tools::with_config(line);
     } catch (const tools::failure &cause) {
-        std::fprintf(stderr, "mediafiles: record: %s\n", cause.what());
+        std::fprintf(stderr, "mediafiles: record: %s\n", tools::printable(cause.what()).c_str());
         return tools::failed;
     }
     return tools::run_program(program, commands, std::move(line));

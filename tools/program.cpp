@@ -69,25 +69,37 @@ std::vector<std::string> options_of(const CLI::App &line)
     return names;
 }
 
+/* The command that the line names, or the program. */
+const CLI::App &chosen_line(const CLI::App &program)
+{
+    const auto chosen = program.get_subcommands();
+    return chosen.empty() ? program : *chosen.front();
+}
+
 int complain(const CLI::App &program, const std::string &what)
 {
-    const char *name = program.get_name().c_str();
-    std::fprintf(stderr, "%s: %s\nTry '%s --help'%s.\n", name, printable(what).c_str(), name,
-                 program.get_require_subcommand_min() > 0 ? " or 'mediafiles COMMAND --help'" : "");
+    const std::string name = program.get_name(), command = chosen_line(program).get_name();
+    const bool has_command = command != name;
+    std::fprintf(stderr, "%s: %s\nTry '%s --help'.\n", (has_command ? name + ": " + command : name).c_str(),
+                 printable(what).c_str(), (has_command ? name + " " + command : name).c_str());
     return wrong_usage;
 }
 
 /* What is wrong with the line; an option that is not known is named, with the nearest that is. */
 std::string explain(const CLI::App &program, const CLI::ParseError &error)
 {
-    const auto chosen = program.get_subcommands();
-    const CLI::App &line = chosen.empty() ? program : *chosen.front();
+    const CLI::App &line = chosen_line(program);
     for (const std::string &left : program.remaining(true)) {
         if (!left.starts_with("-")) continue;
         const std::string option = left.substr(0, left.find('='));
         return "there is no option " + option + "." + suggestion(option, options_of(line));
     }
-    return error.what();
+    const std::string what = error.what();
+    const std::string subject = what.substr(0, what.find_first_of(": "));
+    const CLI::Option *option = line.get_option_no_throw(subject);
+    if (error.get_name() == "ArgumentMismatch" && option) return subject + " needs a value: " + option->get_type_name();
+    if (error.get_name() != "RequiredError") return what;
+    return option ? subject + " is missing" : "a command is missing: record, repair or inspect";
 }
 
 /* Empty for a line that begins with a command, or with an option. */

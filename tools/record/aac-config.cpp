@@ -34,18 +34,20 @@ std::optional<uint32_t> frequency_index(uint32_t rate)
 
 std::string objection(std::span<const uint8_t> config, uint32_t rate, uint32_t channels)
 {
-    if (channels < 1 || channels > 6) return std::to_string(channels) + " channels; 1 to 6 can be recorded";
+    if (channels < 1 || channels > 6) return std::to_string(channels) + " channels; only 1 to 6 can be recorded";
     const auto index = frequency_index(rate);
-    if (!index) return std::to_string(rate) + " Hz cannot be expressed in the sample entry";
+    if (!index) return std::to_string(rate) + " Hz; only 7350 to 64000 Hz can be recorded";
     if (config.size() < 2) return {};
 
     const uint32_t bits = uint32_t{config[0]} << 8 | config[1];
     const uint32_t type = bits >> 11;
-    if (type != low_complexity) return "audio object type " + std::to_string(type) + "; AAC-LC can be recorded";
-    if (announces_band_replication(config)) return "HE-AAC; AAC-LC can be recorded";
-    if ((bits >> 7 & 0xF) != *index) return "its AudioSpecificConfig does not give the rate by index";
-    if ((bits >> 3 & 0xF) != channels) return "a channel layout of its own; the standard ones can be recorded";
-    if ((bits & 0x4) != 0) return "frames of 960 samples; 1024 can be recorded";
+    if (type != low_complexity) return "audio object type " + std::to_string(type) + "; only AAC-LC can be recorded";
+    if (announces_band_replication(config)) return "HE-AAC; only AAC-LC can be recorded";
+    if ((bits >> 7 & 0xF) != *index)
+        return "its AudioSpecificConfig states another sample rate, or one that is not standard";
+    if ((bits >> 3 & 0xF) != channels)
+        return "its AudioSpecificConfig states another channel layout, or one that is not standard";
+    if ((bits & 0x4) != 0) return "frames of 960 samples; only 1024 can be recorded";
     return {};
 }
 

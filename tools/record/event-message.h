@@ -8,6 +8,9 @@
 
 namespace tools {
 
+/** Ends a message about a frame that stands for others. */
+inline constexpr const char *more = " (more of these are only counted)";
+
 enum class weight {
     none,    // nothing is said
     note,    // information

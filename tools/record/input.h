@@ -30,6 +30,10 @@ namespace tools {
 
 using steady = std::chrono::steady_clock;
 
+inline constexpr const char *no_stream =
+    "it has no stream that can be recorded, or --map, --no-audio and --no-video leave "
+    "none";
+
 struct input_options {
     std::string name;                           // as the user gave it; "-" is standard input
     const AVInputFormat *format = nullptr;      // or found out
@@ -133,6 +137,11 @@ private:
 
 /** That no further attempt would change. */
 struct permanent_failure : failure {
+    using failure::failure;
+};
+
+/** Nothing has come for the timeout. */
+struct silence : failure {
     using failure::failure;
 };
 

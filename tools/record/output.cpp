@@ -28,7 +28,8 @@ void refuse_inputs(const std::string &output, std::span<const struct stat> input
         const auto is_it = [&](const struct stat &input) {
             return status.st_dev == input.st_dev && status.st_ino == input.st_ino;
         };
-        if (std::ranges::any_of(inputs, is_it)) throw failure(cannot_record, path, "it is an input, too");
+        if (std::ranges::any_of(inputs, is_it))
+            throw failure(cannot_record, path, "it is an input, too; choose another --output");
     }
 }
 
@@ -37,19 +38,26 @@ std::string real_directory(const output_place &place)
 {
     const std::unique_ptr<char, decltype(&std::free)> real(
         realpath(place.directory.empty() ? "." : place.directory.c_str(), nullptr), &std::free);
-    if (!real) throw failure(cannot_record, place.directory + place.name, errno);
+    if (!real)
+        throw failure(cannot_record, place.directory + place.name,
+                      errno == ENOENT ? "its directory does not exist; make it first" : std::strerror(errno));
     return real.get();
 }
 
 std::string reason_of_start(const record_options &options, const output_place &place, int error)
 {
+    struct stat status;
     if (place.is_numbered && error == EINVAL)
-        return "not a pattern: its fields are {number} or {number:DIGITS} and %Y %m %d %H %M %S, its end is .mp4";
-    if (place.is_numbered && error == EBUSY) return "another recorder numbers files in this directory";
+        return "it is no pattern: the fields are {number} or {number:DIGITS} and %Y %m %d %H %M %S, the end is .mp4";
+    if (place.is_numbered && error == EBUSY)
+        return "another process records numbered files in this directory; choose another one";
     if (place.is_numbered) return std::strerror(error);
-    if (error == EINVAL) return "it is not the name of a file";
-    if (error == EBUSY) return "another process is recording it";
-    if (error == EEXIST && options.overwrite) return "it is protected, or not a regular file";
+    if (error == EINVAL) return "it is not the name of a file: write DIRECTORY/NAME.mp4";
+    if (error == EBUSY) return "another process records it; choose another --output";
+    if (error == EEXIST && options.overwrite)
+        return "it may not be written, or is no regular file: --overwrite does not replace it";
+    if (error == EEXIST && is_there(journal_of(options.output), status))
+        return "it exists with a journal, so it may have been cut off: repair it first; --overwrite replaces both";
     if (error == EEXIST) return "it exists; --overwrite replaces it";
     return std::strerror(error);
 }
@@ -58,8 +66,9 @@ std::string reason_of_start(const record_options &options, const output_place &p
 {
     struct stat status;
     if (!place.is_numbered && error == EEXIST && !options.overwrite && lstat(options.output.c_str(), &status) != 0)
-        throw failure(cannot_record, journal_of(options.output),
-                      "it exists and may be needed to repair an interrupted recording; --overwrite replaces it");
+        throw failure(
+            cannot_record, journal_of(options.output),
+            "it exists, and a recording that was cut off may need it for its repair; --overwrite replaces it");
     throw failure(cannot_record, options.output, reason_of_start(options, place, error));
 }
 

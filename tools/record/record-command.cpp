@@ -6,6 +6,7 @@ extern "C" {
 }
 
 #include "tools/command.h"
+#include "tools/print.h"
 #include "tools/record/output.h"
 #include "tools/record/record.h"
 #include "tools/record/units.h"
@@ -16,6 +17,7 @@ namespace {
 
 constexpr int64_t longest_time = 1'000'000'000 * second;
 constexpr int64_t most_bytes = int64_t{1} << 62;
+constexpr const char *no_time = " is no time: write 90, 90s, 2m or 1:30";
 
 /* The options as given on the command line. */
 struct record_line {
@@ -67,18 +69,33 @@ void refuse_former_options(CLI::App &line)
 
 enum class quantity { time, size };
 
+void check_range(const std::string &option, const std::string &text, quantity kind, int64_t value, int64_t least,
+                 int64_t most)
+{
+    if (value >= least && value <= most) return;
+    const int64_t limit = value < least ? least : most;
+    const std::string shown = limit == 1               ? "more than 0"
+                              : kind == quantity::time ? print("%.9g s", seconds(limit))
+                                                       : print("%jd bytes", intmax_t{limit});
+    const char *what = limit == 1      ? " is too little: "
+                       : value < least ? " is too little: at least "
+                                       : " is too much: at most ";
+    throw CLI::ValidationError(option, text + what + shown);
+}
+
 /* An option whose value is a time or a size. */
 template <quantity Kind, class Number>
 CLI::Option *add_quantity(CLI::App &line, const char *name, Number &value, int64_t least, int64_t most,
                           const char *what)
 {
     constexpr bool is_time = Kind == quantity::time;
-    const auto take = [name, &value, least, most](const std::string &text) {
+    const auto take = [name = std::string(name).substr(std::string_view(name).find("--")), &value, least,
+                       most](const std::string &text) {
         const auto given = Kind == quantity::time ? time_of(text) : size_of(text);
         if (!given)
-            throw CLI::ValidationError(name, text + (is_time ? " is no time: write 90, 90s, 2m or 1:30"
-                                                             : " is no size; its unit is K, M, G, T, KB or KiB ..."));
-        if (*given < least || *given > most) throw CLI::ValidationError(name, text + " is out of range");
+            throw CLI::ValidationError(
+                name, text + (is_time ? no_time : " is no size: write 20000000, 512M, 500MB, 20GB or 512MiB"));
+        check_range(name, text, Kind, *given, least, most);
         value = *given;
     };
     return line.add_option_function<std::string>(name, take, what)->type_name(is_time ? "TIME" : "BYTES");
@@ -90,8 +107,9 @@ void take_segment(record_options &options, const std::vector<std::string> &given
     for (const std::string &text : given) {
         const auto time = time_of(text), size = size_of(text);
         const auto value = time ? time : size;
-        if (!value || *value < 1 || (time && *time > longest_time))
-            throw CLI::ValidationError("--segment", text + " is neither a time (60s) nor a size (500MB)");
+        if (!value) throw CLI::ValidationError("--segment", text + " is neither a time (60s) nor a size (500MB)");
+        check_range("--segment", text, time ? quantity::time : quantity::size, *value, 1,
+                    time ? longest_time : most_bytes);
         (time ? options.segment : options.segment_bytes) = *value;
     }
 }
@@ -136,9 +154,13 @@ void describe_inputs(CLI::App &line, record_line &given)
 {
     line.add_option("INPUT", given.inputs, "File or URL that libavformat opens; - is standard input")->required();
     line.add_option_function<std::string>(
-            "--retry", [&given](const std::string &when) { given.options.retry = when == "forever"; },
+            "--retry",
+            [&given](const std::string &when) {
+                if (when != "forever" && when != "never")
+                    throw CLI::ValidationError("--retry", when + " is neither forever nor never");
+                given.options.retry = when == "forever";
+            },
             "Whether sources that come and go are waited for and opened again (default: forever)")
-        ->check(CLI::IsMember({"forever", "never"}))
         ->type_name("forever|never");
     const auto add = [&line](const char *name, std::vector<std::string> &values, const char *type, const char *what) {
         line.add_option(name, values, what)->expected(1)->take_all()->allow_extra_args(false)->type_name(type);
@@ -186,7 +208,9 @@ const std::string *value_for(size_t input, size_t inputs, const std::vector<std:
 {
     if (values.empty()) return nullptr;
     if (values.size() != 1 && values.size() != inputs)
-        throw CLI::ValidationError(option, "give it once for all inputs or once for each");
+        throw CLI::ValidationError(option,
+                                   print("%zu values for %zu %s: give it once for all, or once for each in turn",
+                                         values.size(), inputs, inputs == 1 ? "input" : "inputs"));
     return &values[values.size() == 1 ? 0 : input];
 }
 
@@ -203,7 +227,7 @@ void take_input_option(input_options &options, const std::string &text)
 {
     const size_t equals = text.find('=');
     if (equals == std::string::npos || equals == 0)
-        throw CLI::ValidationError("--input-option", text + " is not KEY=VALUE");
+        throw CLI::ValidationError("--input-option", text + " is not KEY=VALUE, as in rtsp_flags=prefer_tcp");
     options.options[text.substr(0, equals)] = text.substr(equals + 1);
 }
 
@@ -219,8 +243,8 @@ void take_stream(input_options &options, const std::string &text)
 int64_t time_for(const std::string &text, const char *option, int64_t least)
 {
     const auto time = time_of(text);
-    if (!time || *time < least || *time > longest_time)
-        throw CLI::ValidationError(option, text + " is no time that serves: write 90, 90s, 2m or 1:30");
+    if (!time) throw CLI::ValidationError(option, text + no_time);
+    check_range(option, text, quantity::time, *time, least, longest_time);
     return *time;
 }
 
@@ -235,16 +259,21 @@ input_options input_of(const record_line &given, size_t index)
     result.no_video = given.no_video;
     if (const auto *format = value(given.formats, "--format")) {
         result.format = av_find_input_format(format->c_str());
-        if (!result.format) throw CLI::ValidationError("--format", "unknown format " + *format);
+        if (!result.format)
+            throw CLI::ValidationError(
+                "--format", *format + " is no input format of libavformat; examples: h264, hevc, aac, mpegts");
     }
     if (const auto *text = value(given.frame_rates, "--fps")) {
         AVRational rate;
         if (av_parse_video_rate(&rate, text->c_str()) < 0)
-            throw CLI::ValidationError("--fps", "not a frame rate: " + *text);
+            throw CLI::ValidationError("--fps", *text + " is no frame rate: write 25, 29.97 or 30000/1001");
         result.frame_rate = rational{rate.num, rate.den};
     }
-    if (const auto *transport = value(given.transports, "--rtsp-transport"))
+    if (const auto *transport = value(given.transports, "--rtsp-transport")) {
+        if (*transport != "tcp" && *transport != "udp" && *transport != "http")
+            throw CLI::ValidationError("--rtsp-transport", *transport + " is neither tcp, udp nor http");
         if (result.name.starts_with("rtsp")) result.options["rtsp_transport"] = *transport;
+    }
     if (const auto *text = value(given.timeouts, "--timeout"))
         result.timeout = std::chrono::nanoseconds(time_for(*text, "--timeout", second / 10));
     if (const auto *text = value(given.offsets, "--input-offset"))
@@ -264,13 +293,19 @@ input_options input_of(const record_line &given, size_t index)
 record_options checked(const record_line &given)
 {
     record_options options = given.options;
-    if (options.output == "-") throw CLI::ValidationError("--output", "an MP4 cannot be written to standard output");
-    if (std::ranges::count(given.inputs, "-") > 1) throw CLI::ValidationError("INPUT", "- can be given once");
+    if (options.output == "-")
+        throw CLI::ValidationError("--output", "an MP4 file cannot be written to standard output: name a file");
+    if (std::ranges::count(given.inputs, "-") > 1)
+        throw CLI::ValidationError("INPUT", "standard input (-) can be read by one input only");
     const bool is_numbered = place_of(options.output).is_numbered;
     if (options.quota != 0 && !is_numbered)
-        throw CLI::ValidationError("--quota", "only numbered files are deleted: write {number} into --output");
-    if (options.overwrite && is_numbered) throw CLI::ValidationError("--overwrite", "numbered files replace none");
-    if (given.no_audio && given.no_video) throw CLI::ValidationError("--no-audio", "with --no-video nothing is left");
+        throw CLI::ValidationError("--quota",
+                                   "only numbered files are deleted: write {number} into the name of --output");
+    if (options.overwrite && is_numbered)
+        throw CLI::ValidationError(
+            "--overwrite", "numbered files never replace others: leave it out, or name one file without {number}");
+    if (given.no_audio && given.no_video)
+        throw CLI::ValidationError("--no-audio", "with --no-video as well nothing is left to record");
     for (size_t i = 0; i < given.inputs.size(); ++i) options.inputs.push_back(input_of(given, i));
     return options;
 }

@@ -10,6 +10,7 @@
 
 #include "tools/failure.h"
 #include "tools/print.h"
+#include "tools/record/event-message.h"
 #include "tools/record/recording.h"
 #include "tools/seconds.h"
 
@@ -104,7 +105,7 @@ void recording::push(size_t track, const frame &content)
     const int result = mediafiles_recorder_push(recorder_.get(), *tracks_.all[track].recorded_as, packet->data,
                                                 static_cast<size_t>(packet->size), following(track, content.time), 0);
     if (result < 0 && errno == EMSGSIZE)
-        leave_out(track, "it is too large");
+        leave_out(track, "it does not fit into --queue");
     else if (result < 0)
         end(failure("cannot write", options_.output, errno).what());
     else if (result == 0 && content.damaged)
@@ -133,7 +134,7 @@ int64_t recording::following(size_t track, int64_t time)
 
 void recording::report_first(uint64_t count, size_t track, const char *what, const char *why)
 {
-    if (count == 1) console_.problem(std::string(what) + ": " + stream_of(track) + ": " + why);
+    if (count == 1) console_.problem(std::string(what) + ": " + stream_of(track) + ": " + why + more);
 }
 
 bool recording::is_within_duration(track_state &track, int64_t time)

@@ -19,7 +19,7 @@ std::string recording::stream_of(size_t track) const
 std::string recording::reordering(const std::string &stream) const
 {
     return "pictures are reordered: " + stream +
-           ": a recording with B-frames would play wrongly; encode without them " +
+           ": with B-frames the recording would play wrongly; encode without them " +
            "(x264, x265: --bframes 0; ffmpeg: -bf 0), or make a file fit: ffmpeg -i IN -c:v libx264 -bf 0 -c:a copy "
            "OUT";
 }
@@ -71,7 +71,7 @@ steady::time_point recording::report_status(steady::time_point now)
         const recording_status current = status(now);
         service_manager::notify("STATUS=" + in_words(current));
         const std::string why = status_file_.is_wanted() ? status_file_.write(to_line(current)) : "";
-        if (!why.empty() && why != status_problem_) console_.problem(why);
+        if (!why.empty() && why != status_problem_) console_.problem(why + "; the recording goes on");
         status_problem_ = why;
         next_status_ = now + std::chrono::nanoseconds(options_.status_interval);
     }
@@ -145,7 +145,7 @@ void recording::heed(const mediafiles_recorder_event &event)
         break;
     case weight::failure: // of numbered files the next one may succeed
         is_held_up_ = true;
-        place_.is_numbered ? report(message.text) : end(message.text);
+        place_.is_numbered ? report(message.text + "; the recording goes on as soon as it can") : end(message.text);
         break;
     }
 }

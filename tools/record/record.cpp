@@ -33,6 +33,8 @@ constexpr auto time_to_look_ahead = 1s;
 /* A source that is away for longer has no say any more in where files begin. */
 constexpr auto longest_absence = 10s;
 
+constexpr const char *nothing_yet = "no frame had been recorded yet, so there is no file";
+
 } // namespace
 
 void recording::run()
@@ -43,7 +45,7 @@ void recording::run()
     service_manager::notify("READY=1"); // whatever is away: it is waited for
     await_sources();
     look_ahead();
-    if (is_stopped_) throw failure("stopped", options_.output, "nothing was recorded yet");
+    if (is_stopped_) throw failure("stopped", options_.output, nothing_yet);
 
     sources_->begin();
     begin_recorder();
@@ -66,7 +68,7 @@ void recording::await_sources()
     for (size_t i = 0; i < there.size(); ++i)
         if (there[i]) adopt(i, sources_->at(i).front()->from);
     if (!is_stopped_ && tracks_.all.empty())
-        throw failure("nothing to record", sources_->at(0).name().shown, "no stream that can be recorded");
+        throw failure("nothing to record", sources_->at(0).name().shown, no_stream);
 }
 
 bool recording::are_sources_there(steady::time_point now)
@@ -145,7 +147,7 @@ void recording::begin_recorder()
     for (size_t i = 0; i < tracks_.all.size(); ++i)
         if (!tracks_.all[i].recorded_as && !summary_.tracks[i].left_out && !tracks_.has_left(tracks_.all[i].source)) {
             summary_.tracks[i].left_out = true;
-            console_.problem("left out: " + stream_of(i) + ": there are eight tracks already");
+            console_.problem("left out: " + stream_of(i) + ": a file has at most eight tracks; --map chooses");
         }
     std::vector<struct stat> read_files;
     for (size_t i = 0; i < sources_->size(); ++i)
@@ -230,9 +232,8 @@ void recording::finish()
     summary_.files = files_.list();
     const bool nothing = std::ranges::all_of(summary_.tracks, [](auto &each) { return each.frames == 0; });
     if (!nothing || summary_.error || options_.pre_event > 0) return;
-    if (summary_.stopped_by == stop_reason::signal)
-        throw failure("stopped", options_.output, "nothing was recorded yet");
-    throw failure("nothing was recorded", options_.output, "no frame could be used");
+    if (summary_.stopped_by == stop_reason::signal) throw failure("stopped", options_.output, nothing_yet);
+    throw failure("nothing was recorded", options_.output, "no frame could be used, so there is no file");
 }
 
 recording_summary record(const record_options &options, console &console, signals &signals, int result_descriptor)

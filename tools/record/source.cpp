@@ -132,7 +132,7 @@ source::outcome source::read_once()
         result.is_final |= !is_live;
         report_left_out(from.facts());
         if (from.facts().streams.empty()) {
-            if (is_live) throw failure("nothing to record", name_.shown, "no stream that can be recorded");
+            if (is_live) throw failure("nothing to record", name_.shown, no_stream);
             return {.is_final = true, .is_lost = false};
         }
         set_state(source_state::reading);
@@ -141,9 +141,10 @@ source::outcome source::read_once()
         result.why = is_live ? failure("lost", name_.shown, "the sender has ended it").what() : "";
     } catch (const permanent_failure &problem) {
         return {.is_final = true, .why = problem.what()};
+    } catch (const silence &) {
+        result.was_silent = !cancelled_;
     } catch (const std::exception &problem) {
         result.why = problem.what();
-        result.was_silent = !cancelled_ && patience_.is_over() && state() == source_state::reading;
     }
     if (result.was_silent)
         result.why = no_data(options_.timeout, name_.shown, retries_ ? "it is opened again" : "it is given up");
@@ -362,7 +363,7 @@ std::optional<steady::time_point> source::notice_silence(steady::time_point now)
     counts_.stalls += is_open;
     notices_.push_back(
         {true, no_data(options_.timeout, name_.shown,
-                       is_open || name_.is_connection ? "it is waited for" : "nobody has opened it for writing")});
+                       is_open || name_.is_connection ? "it is waited for" : "nothing is written to it")});
     return std::nullopt;
 }
 

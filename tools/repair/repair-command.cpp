@@ -1,3 +1,4 @@
+#include <cerrno>
 #include <csignal>
 #include <filesystem>
 
@@ -74,9 +75,9 @@ void check(const repair_line &given)
 {
     std::error_code ignored;
     if (!given.journal.empty() && (given.paths.size() != 1 || std::filesystem::is_directory(given.paths[0], ignored)))
-        throw CLI::ValidationError("--journal", "it is for one file");
+        throw CLI::ValidationError("--journal", "it is for one file: give one PATH, which is no directory");
     if (!given.output.empty() && !std::filesystem::is_directory(given.output, ignored))
-        throw CLI::ValidationError("--output", "not a directory: " + given.output);
+        throw CLI::ValidationError("--output", given.output + " is no directory: make it first");
 }
 
 /* Set by a signal: the copy that is being made goes away, then the program ends. */
@@ -144,13 +145,15 @@ int run(const repair_line &given, int result_descriptor)
     };
     std::vector<const char *> paths;
     for (const std::string &path : given.paths) paths.push_back(path.c_str());
-    const bool searched = mediafiles_recover(paths.data(), paths.size(), &options, take_report, &all) == 0;
-    if (!searched)
-        all.out.problem(std::string(stopped ? "stopped" : "cannot search: ") + (stopped ? "" : std::strerror(errno)));
+    const int error = mediafiles_recover(paths.data(), paths.size(), &options, take_report, &all) == 0 ? 0 : errno;
+    if (stopped)
+        all.out.problem("stopped: it can be repeated; what was repaired stays so");
+    else if (error == ENOMEM || (error != 0 && all.counts.troubled() == 0)) // others were reported
+        all.out.problem(std::string("cannot search: ") + std::strerror(error));
 
     all.out.note(total_of(all.counts, all.dry_run()));
     if (given.json && !all.out.result(result_descriptor, to_json(all.files, all.counts, all.dry_run()))) return failed;
-    if (!searched || all.counts.troubled() != 0) return failed;
+    if (error != 0 || all.counts.troubled() != 0) return failed;
     return all.counts.changed() == 0 ? nothing_to_do : done;
 }
 

@@ -1,5 +1,6 @@
 #include "tools/repair/repair-report.h"
 
+#include <cerrno>
 #include <cstring>
 #include <span>
 
@@ -51,23 +52,42 @@ std::string help_for(const mediafiles_report &report)
     } static constexpr helps[] = {
         {MEDIAFILES_SALVAGE, "--salvage keeps what stands before that"},
         {MEDIAFILES_KEEP_DAMAGED, "--keep-damaged keeps all that the journal names"},
-        {MEDIAFILES_FORCE, "--force does it"},
+        {MEDIAFILES_FORCE, "--force does it all the same"},
     };
     std::string text;
     if (report.plan)
         for (const auto &each : helps)
             if (report.plan->help & each.option) text += std::string("; ") + each.text;
     switch (report.reason) {
+    case MEDIAFILES_REASON_JOURNAL_DAMAGED:
+        return !text.empty() ? text : "; --journal FILE takes one from elsewhere";
+    case MEDIAFILES_REASON_MEDIA_DAMAGED:
+        return !text.empty() ? text : "; no frame that the journal names is left in it";
     case MEDIAFILES_REASON_NO_JOURNAL:
+    case MEDIAFILES_REASON_NO_SAMPLES:
     case MEDIAFILES_REASON_FOREIGN_JOURNAL:
-        return text + "; --journal names another";
+        return text + "; --journal FILE takes one from elsewhere";
     case MEDIAFILES_REASON_NO_FRAME_LEFT:
         return text + "; without --drop-last-frame all frames are kept";
     case MEDIAFILES_REASON_IN_USE:
+    case MEDIAFILES_REASON_CHANGED:
         return text + "; repeat when that has ended";
+    case MEDIAFILES_REASON_EXISTS:
+        return text + "; choose another directory, or remove it";
+    case MEDIAFILES_REASON_NO_MEDIA:
+        return text + "; put the two beside each other";
     default:
         return text;
     }
+}
+
+/* What helps after a system call has failed. */
+std::string help_after(int error)
+{
+    if (error == ENOENT) return "";
+    if (error == EROFS || error == ENOSPC) return "; --output DIR repairs a copy on another medium";
+    if (error == EIO) return "; the medium fails: copy the file elsewhere, then repair the copy";
+    return "; repeat when that is mended";
 }
 
 /* Where and how a journal is damaged. */
@@ -97,10 +117,9 @@ std::string problem_of(const mediafiles_report &report)
     const bool system = report.reason == MEDIAFILES_REASON_SYSTEM;
     std::string text = std::string("cannot repair: ") + file + ": ";
     text += system ? std::strerror(report.error) : mediafiles_reason_text(report.reason) + place_of(report);
-    if (!system && report.error != 0) text += std::string(" (") + std::strerror(report.error) + ")";
+    if (report.reason == MEDIAFILES_REASON_CANNOT_REPLAY) text += std::string(" (") + std::strerror(report.error) + ")";
     text += help_for(report);
-    if (report.result == MEDIAFILES_FAILED) text += "; it can be repeated";
-    return text;
+    return text + (report.result == MEDIAFILES_FAILED ? help_after(report.error) : "");
 }
 
 std::string to_text(const mediafiles_report &report, bool dry_run)
