@@ -1,4 +1,6 @@
 /** The journal: what a writer stores, what a reader hands back, and how each fails. */
+#include <optional>
+
 #include <gtest/gtest.h>
 
 #include "support/descriptors.h"
@@ -85,6 +87,7 @@ const std::tuple<std::string, std::string, int, lines> refused_cases[] = {
     {"p0:1 s0:1", "", EINVAL, {"s0:0", "c0:1,0", "c0:1,-1", "w0:1,0", "3/0/0", "4/4/0"}},
     {"p1:1 s1:5", "", ENOENT, {"s8:0", "c8:1,0", "w8:1,0", "s0:5", "s1:5", "c0:1,1", "w0:1,1"}},
     {"p0:1 p0:2 s0:9", "m0:100,9,1", ENOENT, {"c0:100,2"}},
+    {filler(4096) + "p0:1 s0:1", filler(4096), ENOMEM, {"0/8", "m0:8,1,1", "c0:8,1"}}, // its buffer does not grow
 };
 
 TEST(JournalWriter, KeepsTheFirstErrorUntilItIsReset)
@@ -96,10 +99,13 @@ TEST(JournalWriter, KeepsTheFirstErrorUntilItIsReset)
                 const journal_ptr journal(mediafile_caretaker_create());
                 faults::log_all_but(0);
                 EXPECT_EQ(0, add(journal, given));
+                std::optional<faults::injection> memory;
+                if (error == ENOMEM) memory.emplace(faults::plan{.nth = 0, .forever = true, .error = error});
                 for (const std::string &next : {bad, std::string("0/4")}) EXPECT_EQ(error, add(journal, next));
                 EXPECT_EQ(std::pair(error, 0), state(journal));
                 EXPECT_EQ(lines{error_line(error)}, faults::log_lines);
                 EXPECT_EQ(dump(records(stored)), dump(drain(journal)));
+                memory.reset();
                 reset(journal.get());
                 EXPECT_EQ(0, add(journal, "p0:9 s0:6 p1:8 s1:7 c0:0,1 c1:6,1")); // nothing of before is left
                 EXPECT_EQ(dump(records("m0:0,6,9 m1:6,7,8")), dump(drain(journal)));
