@@ -9,8 +9,10 @@
 
 #include <fcntl.h>
 #include <linux/fs.h>
+#include <linux/magic.h>
 #include <sys/file.h>
 #include <sys/random.h>
+#include <sys/statfs.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -21,6 +23,7 @@ namespace {
 constexpr obstacle not_regular = {MEDIAFILES_NOT_OURS, MEDIAFILES_REASON_NOT_REGULAR, ELOOP};
 constexpr obstacle in_use = {MEDIAFILES_REFUSED, MEDIAFILES_REASON_IN_USE, EWOULDBLOCK};
 
+constexpr int64_t exfat_magic = 0x2011BAB0; // not every linux/magic.h has it
 constexpr size_t buffered_at_once = 256 << 10;
 
 /* Names of temporary files: the two parts and 8 hexadecimal digits between them. */
@@ -155,6 +158,12 @@ void sync_directory(int directory)
 {
     repeat_while_interrupted(
         [directory] { return fsync(directory) == 0 || errno == EINVAL || errno == ENOTSUP ? 0 : -1; });
+}
+
+bool has_no_log(int file)
+{
+    struct statfs system;
+    return fstatfs(file, &system) == 0 && (system.f_type == MSDOS_SUPER_MAGIC || system.f_type == exfat_magic);
 }
 
 void set_modification_time(int file, const struct timespec &time)

@@ -116,6 +116,18 @@ bool leads_to(int directory, const char *name, int file);
 void sync_file(int file);
 /** Some file systems have nothing to sync in a directory. */
 void sync_directory(int directory);
+
+/**
+ * Whether the file is on FAT or exFAT. They have no log, and what belongs together reaches the medium in a certain order:
+ *
+ * - A sync of a file writes its entry, and after that the table of clusters. Where the file has become longer, a power
+ *   cut between the two leaves an entry that leads to clusters which are free, and the kernel makes the file system
+ *   read-only when it meets one. So the table goes first: a sync of the directory writes it, and leaves out what the
+ *   entry is to become. Where a file has become shorter, the order is right as it is.
+ * - A name is not replaced at once: a cut can leave the old file's removed, and the new one's not yet there.
+ */
+bool has_no_log(int file);
+
 void set_modification_time(int file, const struct timespec &time);
 void set_size(int file, uint64_t size);
 

@@ -6,9 +6,7 @@
 #include <vector>
 
 #include <fcntl.h>
-#include <linux/magic.h>
 #include <sys/stat.h>
-#include <sys/statfs.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
@@ -40,12 +38,6 @@ uint64_t total_bytes(int file)
 {
     struct statvfs room;
     return fstatvfs(file, &room) == 0 ? uint64_t{room.f_blocks} * room.f_frsize : 0;
-}
-
-bool wants_whole_files(int file)
-{
-    struct statfs system;
-    return fstatfs(file, &system) == 0 && system.f_type == MSDOS_SUPER_MAGIC;
 }
 
 int reserve::keep(int file, uint64_t size)

@@ -32,9 +32,6 @@ uint64_t free_bytes(int file);
 
 uint64_t total_bytes(int file);
 
-/** Whether files are to have all their room from the beginning: see above. */
-bool wants_whole_files(int file);
-
 /** Of one file. */
 class reserve {
 public:

@@ -99,7 +99,7 @@ int segment::keep_room(uint64_t media)
 
 uint64_t segment::keep_whole(const amount &expected, uint64_t left_free)
 {
-    if (media_room_.is_refused() || !wants_whole_files(media_)) return 0;
+    if (media_room_.is_refused() || !recovery::has_no_log(media_)) return 0;
     const uint64_t media = expected.bytes + header_room(expected.samples);
     const uint64_t journal = journal_base + expected.samples * sample_in_journal;
     if (media > total_bytes(media_) / largest_part) return 0;
@@ -215,15 +215,33 @@ int segment::append_journal()
     return 0;
 }
 
+int segment::sync_names()
+{
+    if (fsync(directory_) != 0 && errno != EINVAL) return -1;
+    is_named_ = true;
+    return 0;
+}
+
+/* Before the files are: see recovery::has_no_log. */
+int segment::sync_table()
+{
+    struct stat media, journal;
+    if (!recovery::has_no_log(media_)) return 0;
+    if (fstat(media_, &media) != 0 || fstat(journal_, &journal) != 0) return -1;
+    const blkcnt_t blocks = media.st_blocks + journal.st_blocks;
+    if (blocks == synced_blocks_) return 0;
+    synced_blocks_ = blocks;
+    return sync_names();
+}
+
 int segment::sync(round &made, spare_file &spare)
 {
-    if (fdatasync(media_) != 0) return -1;
+    if (sync_table() != 0 || fdatasync(media_) != 0) return -1;
     /* Before the journal names a sample: one that a cut leaves without its media is empty, and recovery removes it. */
-    if (!is_named_ && fsync(directory_) != 0 && errno != EINVAL) return -1;
-    is_named_ = true;
+    if (!is_named_ && sync_names() != 0) return -1;
     unwritten_.insert(unwritten_.end(), made.records.begin(), made.records.end());
     if (append_journal() != 0 && !(is_want_of_room(errno) && spare.cut() && append_journal() == 0)) return -1;
-    return fdatasync(journal_);
+    return sync_table() == 0 ? fdatasync(journal_) : -1;
 }
 
 int segment::finish(bool keep_journal)
@@ -233,11 +251,11 @@ int segment::finish(bool keep_journal)
     struct stat status;
     if (fstat(media_, &status) != 0) return -1;
     size_ = static_cast<uint64_t>(status.st_size);
-    if (cut_to_size(media_) != 0 || fdatasync(media_) != 0) return -1;
+    if (sync_table() != 0 || cut_to_size(media_) != 0 || fdatasync(media_) != 0) return -1;
     if (is_protected_ && recovery::remove_write_permission(media_) != 0) protection_error_ = errno;
     if (keep_journal && cut_to_size(journal_) != 0) return -1;
     if (!keep_journal && unlinkat(directory_, journal_name_.c_str(), 0) != 0) return -1;
-    if (fsync(directory_) != 0 && errno != EINVAL) return -1;
+    if (sync_names() != 0) return -1;
     give_up();
     return 0;
 }

@@ -21,6 +21,8 @@
 #include <string>
 #include <vector>
 
+#include <sys/types.h>
+
 #include "muxer.h"
 #include "reserve.h"
 #include "safe-file.h"
@@ -147,6 +149,8 @@ public:
 
 private:
     int append_journal();
+    int sync_names();
+    int sync_table();
     uint64_t header_room(uint64_t samples) const;
     int keep_room(uint64_t bytes);
 
@@ -168,6 +172,7 @@ private:
 
     uint32_t rounds_ = 0;
     bool is_named_ = false;          // the directory was synced since the files were made
+    blkcnt_t synced_blocks_ = 0;     // of both files, in a table that has to be synced before them
     std::vector<uint8_t> unwritten_; // the rest of a short append goes first
     uint64_t size_ = 0;
     int protection_error_ = 0;

@@ -70,6 +70,15 @@ void syncer::recover(std::vector<std::string> names)
     wake_.notify_one();
 }
 
+void syncer::remove_stale()
+{
+    {
+        const std::lock_guard guard(lock_);
+        has_stale_ = true;
+    }
+    wake_.notify_one();
+}
+
 void syncer::make_room()
 {
     {
@@ -115,10 +124,13 @@ void syncer::run()
 bool syncer::work()
 {
     std::string name;
+    bool removes_stale = false;
     {
         std::unique_lock guard(lock_);
-        const auto has_find = [this] { return !to_recover_.empty() && shared_->paused.why() != pause::no_medium; };
-        const auto is_due = [&] { return !jobs_.empty() || has_find() || is_last_ || is_asked_; };
+        const auto is_there = [this] { return shared_->paused.why() != pause::no_medium; };
+        const auto has_find = [&] { return !to_recover_.empty() && is_there(); };
+        const auto has_stale = [&] { return has_stale_ && is_there(); };
+        const auto is_due = [&] { return !jobs_.empty() || has_find() || has_stale() || is_last_ || is_asked_; };
         if (shared_->paused.why() != pause::none || !lacking_room_.empty())
             wake_.wait_for(guard, between_looks, is_due);
         else
@@ -128,6 +140,8 @@ bool syncer::work()
         if (taken_.empty() && has_find()) {
             name = std::move(to_recover_.back());
             to_recover_.pop_back();
+        } else if (taken_.empty() && has_stale()) {
+            removes_stale = std::exchange(has_stale_, false);
         } else if (taken_.empty() && is_last_) {
             if (std::exchange(is_ending_, true) || !to_recover_.empty() || lacking_room_.empty()) return false;
             to_recover_.swap(lacking_room_); // once more: there may be room by now
@@ -135,6 +149,7 @@ bool syncer::work()
     }
     if (shared_->is_abandoned) return false;
     if (!name.empty()) recover_file(name);
+    if (removes_stale) remove_temporaries();
     for (job &each : taken_) {
         if (shared_->is_abandoned) break;
         try {
@@ -420,6 +435,13 @@ bool syncer::complete(shared_file &file)
     make_safe(file, file.last);
     if (file.error == 0 && file.files.finish(shared_->options.has(MEDIAFILES_KEEP_JOURNAL)) != 0) file.error = errno;
     return file.error == 0;
+}
+
+/* Last, as recovery does. */
+void syncer::remove_temporaries()
+try {
+    recovery::remove_stale_temporaries(shared_->directory);
+} catch (const recovery::obstacle &) { // they do no harm
 }
 
 /* Of files that another recorder or recovery uses nothing is said. */

@@ -50,7 +50,8 @@ public:
     void protect(int64_t from);  // files that were finished or given up before and end after that on the capture line
     void recover(std::vector<std::string> names);
     void know(std::vector<kept_file> finished);
-    void make_room(); // some was refused: paused, or is_short
+    void remove_stale(); // temporary files, once all is recovered
+    void make_room();    // some was refused: paused, or is_short
     void end();
 
     /** Tracks that a finished file has left; nullptr when there are none. */
@@ -84,6 +85,7 @@ private:
     void remove_surplus();
     void report_deleted(const kept_file &);
     void recover_file(const std::string &name);
+    void remove_temporaries();
     uint64_t room_to_finish() const;
     uint64_t lacking(uint64_t more);
     bool is_within_quota(uint64_t ending) const;
@@ -108,7 +110,7 @@ private:
     std::vector<std::string> to_recover_; // the last one is next
     std::vector<kept_file> found_;        // at start
     std::unique_ptr<muxer> idle_;
-    bool is_last_ = false, is_asked_ = false;
+    bool is_last_ = false, is_asked_ = false, has_stale_ = false;
     std::atomic<uint64_t> ending_bytes_ = 0; // of files that are to be finished
 
     /* Of the thread alone. */

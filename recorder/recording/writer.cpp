@@ -126,16 +126,12 @@ void writer::survey()
 {
     int error = 0;
     try {
-        recovery::remove_stale_temporaries(shared_->directory);
-    } catch (const recovery::obstacle &) { // the files are looked for in any case
-    } catch (const std::bad_alloc &) {     // likewise
-    }
-    if (!options_.names.is_numbered()) return;
-    try {
+        if (!options_.names.is_numbered()) return syncs_->remove_stale();
         found_files found = find_files(shared_->directory, options_.names);
         next_number_ = std::max(next_number_, found.highest + 1);
         syncs_->know(std::move(found.finished));
         syncs_->recover(std::move(found.interrupted));
+        syncs_->remove_stale();
     } catch (const recovery::obstacle &cause) {
         error = cause.error;
     } catch (const std::bad_alloc &) {

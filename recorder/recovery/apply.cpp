@@ -22,12 +22,20 @@
  * carries it: a journal that ends with the mark of a repair was left by an
  * earlier attempt, and its own modification time is the media's. One that ends
  * with the mark of this very plan is in place already.
+ *
+ * Where renaming is not atomic, on FAT and exFAT, step 1 works on the old
+ * journal itself: what follows the samples is cut off, and the mark takes its
+ * place. Until that is there the journal names the same samples as before. It
+ * gets the media's time just after the mark; where a kill comes between, the
+ * media has its own time, which is the earlier one.
  */
 #include "apply.h"
 
 #include <algorithm>
 #include <cstring>
 #include <memory>
+#include <new>
+#include <utility>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -136,7 +144,7 @@ private:
         struct timespec time = status_of(file).st_mtim;
         const bool by_journal = journal_ && !writes_head_alone(plan_);
         if (by_journal) time = put_journal_in_place(time);
-        if (!writes_head_alone(plan_)) write_end(file);
+        if (!writes_head_alone(plan_)) write_end(file, time);
         uint8_t head[MEDIAFILES_HEAD_SIZE];
         check(mediafiles_plan_head(&plan_, head));
         check(write_at(file, 0, head, sizeof head));
@@ -179,20 +187,57 @@ private:
         const mediafiles_source &old = *journal_of(plan_);
         if (static_cast<uint64_t>(status.st_size) != old.size) throw has_changed();
 
-        const struct timespec time = continues_repair(plan_) ? status.st_mtim : media_time;
+        const struct timespec time = time_of_recording(plan_, media_time, status.st_mtim, journal_->directory);
         const std::vector<uint8_t> mark = mark_record(false);
         std::vector<uint8_t> end(mark.size());
         if (old.size == info_.journal_end + mark.size() &&
             old.read(old.context, info_.journal_end, end.data(), static_cast<uint32_t>(end.size())) ==
                 static_cast<int64_t>(end.size()) &&
             end == mark)
-            sync_directory(journal_->directory); // a kill may have come before
+            sync_again(*journal_); // a kill may have come before
         else
             write_journal(time, mark);
         return time;
     }
 
+    static void sync_again(const place &file)
+    {
+        sync_file(open_regular(file.directory, file.name, O_RDONLY));
+        sync_directory(file.directory);
+    }
+
     void write_journal(const struct timespec &time, const std::vector<uint8_t> &mark) const
+    {
+        if (has_no_log(journal_->directory))
+            change_journal(time, mark);
+        else
+            replace_journal(time, mark);
+    }
+
+    void change_journal(const struct timespec &time, const std::vector<uint8_t> &mark) const
+    {
+        const descriptor file = open_regular(journal_->directory, journal_->name, O_RDWR);
+        const uint64_t size = info_.journal_end + mark.size();
+        shorten(file, std::min(size, static_cast<uint64_t>(status_of(file).st_size)), time);
+        check(write_at(file, info_.journal_end, mark.data(), mark.size()));
+        set_modification_time(file, time);
+        sync_directory(journal_->directory); // the table first
+        sync_file(file);
+    }
+
+    /*
+     * The size is set even where it is right: room that was kept for a file after its end goes, which FAT takes for
+     * damage when a file grows that was not closed, and then it is read-only.
+     */
+    static void shorten(int file, uint64_t size, const struct timespec &time)
+    {
+        set_size(file, size);
+        if (!has_no_log(file)) return;
+        set_modification_time(file, time); // the entry counts as changed, and is written before the table
+        sync_file(file);
+    }
+
+    void replace_journal(const struct timespec &time, const std::vector<uint8_t> &mark) const
     {
         const struct stat status = status_of(open_regular(journal_->directory, journal_->name, O_RDONLY));
         temporary_file made(journal_->directory, status.st_mode);
@@ -207,17 +252,15 @@ private:
         sync_directory(journal_->directory);
     }
 
-    /*
-     * What follows the samples. The size is set even where it is right: room that was kept for the file after its end
-     * goes, which FAT takes for damage when a file grows that was not closed, and then it is read-only.
-     */
-    void write_end(int file) const
+    /* What follows the samples. */
+    void write_end(int file, const struct timespec &time) const
     {
-        set_size(file, info_.media_end - info_.added);
+        shorten(file, info_.media_end - info_.added, time);
         if (info_.added != 0) set_size(file, info_.media_end);
         buffered_writer tail(file, info_.media_end);
         check(mediafiles_plan_tail(&plan_, write_to, &tail));
         check(tail.flush());
+        if (has_no_log(file)) sync_directory(media_.directory); // the table first
     }
 
     const mediafiles_plan &plan_;
@@ -246,12 +289,35 @@ struct counted_sink {
     }
 };
 
+/* Of the temporary files that a repair left which was cut off. At its end: mediafiles_recover says why. */
+struct cleaning {
+    int directory;
+
+    ~cleaning()
+    {
+        try {
+            remove_stale_temporaries(directory);
+        } catch (const obstacle &) {       // they stay
+        } catch (const std::bad_alloc &) { // likewise
+        }
+    }
+};
+
 int pass(void *sink, const void *bytes, size_t count)
 {
     return (*static_cast<counted_sink *>(sink))(bytes, count);
 }
 
 } // namespace
+
+struct timespec time_of_recording(const mediafiles_plan &plan, const struct timespec &media,
+                                  const struct timespec &journal, int directory)
+{
+    if (!continues_repair(plan)) return media;
+    const bool is_earlier =
+        std::pair(media.tv_sec, media.tv_nsec) < std::pair(journal.tv_sec, journal.tv_nsec) && has_no_log(directory);
+    return is_earlier ? media : journal;
+}
 
 void apply_in_place(const mediafiles_plan &plan, const place &media, const identity &expected, const place *journal,
                     bool keep)
@@ -270,7 +336,7 @@ int mediafiles_apply_in_place(const mediafiles_plan *plan, int directory, const 
         if (!plan || !is_file_name(media) || (journal && !is_file_name(journal))) throw system_failure(EINVAL);
         if (!journal != !journal_of(*plan)) throw system_failure(EINVAL);
         const place beside = {directory, journal};
-        remove_stale_temporaries(directory);
+        const cleaning last = {directory};
         repair_in_place(*plan, {directory, media}, nullptr, journal ? &beside : nullptr, keep != 0).carry_out();
     });
 }

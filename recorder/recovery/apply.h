@@ -19,4 +19,8 @@ struct place {
 void apply_in_place(const mediafiles_plan &, const place &media, const identity &expected, const place *journal,
                     bool keep);
 
+/** The modification time of the recording, which an earlier repair may have changed: see apply.cpp. */
+struct timespec time_of_recording(const mediafiles_plan &, const struct timespec &media, const struct timespec &journal,
+                                  int directory);
+
 } // namespace mediafiles::recovery

@@ -169,13 +169,22 @@ struct run {
         report(problem);
     }
 
-    /* Once for each directory that is written to anyway. */
-    void clean(int directory)
+    /* What is to be cleaned at the end: the directories that are written to anyway. */
+    void will_clean(int directory)
     {
         const identity file = identity_of(status_of(directory));
-        if (std::ranges::find(cleaned, file) != cleaned.end()) return;
-        cleaned.push_back(file);
-        remove_stale_temporaries(directory);
+        if (std::ranges::find(cleaned, file, &cleaned_directory::file) != cleaned.end()) return;
+        descriptor opened = open_at(directory, ".", O_RDONLY | O_DIRECTORY);
+        if (opened.is_open()) cleaned.push_back({file, std::move(opened)});
+    }
+
+    /*
+     * Last: where a power cut has left a temporary file whose clusters are free, FAT and exFAT become read-only when
+     * it is removed, and nothing more can be recovered.
+     */
+    void clean()
+    {
+        for (const cleaned_directory &each : cleaned) remove_stale_temporaries(each.opened);
     }
 
     const mediafiles_recover_options options;
@@ -184,9 +193,13 @@ struct run {
     progress_meter progress;
     uint64_t names_seen = 0;
     search files;
-    descriptor output;             // when there is one
-    std::set<std::string> made;    // below output; in a dry run, what would have been
-    std::vector<identity> cleaned; // directories without stale files
+    descriptor output;          // when there is one
+    std::set<std::string> made; // below output; in a dry run, what would have been
+    struct cleaned_directory {
+        identity file;
+        descriptor opened;
+    };
+    std::vector<cleaned_directory> cleaned;
 };
 
 /* One find, from opening it to its report. */
@@ -321,7 +334,7 @@ private:
         check_writable();
         if (keeps_media()) report_.output = path_.c_str();
         if (!dry()) {
-            run_.clean(directory_);
+            run_.will_clean(directory_);
             const place journal = {journal_directory(), journal_name_.c_str()};
             apply_in_place(*plan_, {directory_, name_.c_str()}, identity_of(media_.status),
                            journal_.file.is_open() ? &journal : nullptr, keep);
@@ -399,17 +412,19 @@ private:
 
     void write_copy(int directory, const std::string &name, copy_sink &sink)
     {
-        run_.clean(directory);
+        run_.will_clean(directory);
         temporary_file made(directory, media_.status.st_mode);
         posix_fadvise(media_.file, 0, 0, POSIX_FADV_SEQUENTIAL);
         sink.writer.emplace(made, 0);
         write_result(sink);
         if (sink.writer->flush() != 0) throw system_failure();
         media_.check_unchanged();
-        set_modification_time(made, (continues_repair(*plan_) ? journal_ : media_).status.st_mtim);
+        set_modification_time(
+            made, time_of_recording(*plan_, media_.status.st_mtim, journal_.status.st_mtim, journal_directory()));
         sync_file(made);
         if (info_.is_protected) remove_write_permission(made);
         made.name(name.c_str());
+        if (has_no_log(directory)) sync_file(made); // the entry of that name
         sync_directory(directory);
     }
 
@@ -509,6 +524,7 @@ int recover_all(const char *const *paths, size_t count, const mediafiles_recover
     const std::vector<find> &finds = run.files.sorted();
     if (options.journal && (finds.size() != 1 || !finds[0].given || !finds[0].media)) throw system_failure(EINVAL);
     for (const find &found : finds) recording(run, found).recover();
+    run.clean();
     return run.files.error();
 }
 

@@ -3,7 +3,7 @@
  * it makes to a directory's files, that is before the change and in the middle of a write, it copies the directory with
  * its times to $SNAPSHOTS/NAME@N. That is what a kill at this moment leaves. In a directory NAME~full=N the medium is full from the
  * Nth change on, in NAME~bad=N the Nth change alone fails, in NAME~gap=N that
- * and the next: a write comes out short, and its continuation fails.
+ * and the next: a write comes out short, and its continuation fails. With $FAT the file system calls itself FAT.
  */
 #define _GNU_SOURCE
 #include <dirent.h>
@@ -11,12 +11,14 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
+#include <linux/magic.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/sendfile.h>
 #include <sys/stat.h>
+#include <sys/statfs.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -132,6 +134,13 @@ GUARDED(renameat, (int from, const char *old, int to, const char *name), (from, 
 GUARDED(unlink, (const char *path), (path), allowed(path) || errno == ENOSPC)
 GUARDED(unlinkat, (int at, const char *name, int flags), (at, name, flags), allowed_for(at) || errno == ENOSPC)
 GUARDED(linkat, (int from, const char *a, int to, const char *b, int flags), (from, a, to, b, flags), allowed_for(to))
+
+int fstatfs64(int fd, struct statfs64 *system)
+{
+    const int result = REAL(fstatfs64)(fd, system);
+    if (getenv("FAT")) system->f_type = MSDOS_SUPER_MAGIC;
+    return result;
+}
 
 int openat64(int at, const char *name, int flags, ...)
 {
