@@ -9,6 +9,7 @@ from collections import namedtuple
 from cut import SECTOR
 
 MIB = 1 << 20
+FILLED = 48 * MIB  # of a used card
 BEGIN, NOTES = MIB, 4 * MIB  # where the file system begins on the disk; what the notes have after it
 
 # `repair` is fsck as a device calls it at boot, `check` looks without writing.
@@ -54,7 +55,7 @@ def make(name, path, old):
     with open(system, "wb") as made:
         if name.endswith("-used"):
             filler = (old * (MIB // len(old) + 1))[:MIB]
-            for _ in range(min(kind.size, 128 * MIB) // MIB):
+            for _ in range(FILLED // MIB):
                 made.write(filler)
         made.truncate(kind.size)
     subprocess.run([*kind.make, str(system)], check=True, stdout=subprocess.DEVNULL)
@@ -68,7 +69,7 @@ def make(name, path, old):
             block = made.read(MIB)
             disk.seek(BEGIN + begin)
             disk.write(block)
-            before = filler if filler and begin < 128 * MIB else bytes(MIB)
+            before = filler if filler and begin < FILLED else bytes(MIB)
             if block != before[:len(block)]:
                 occupied += [BEGIN + begin + at for at in range(0, len(block), SECTOR)
                              if block[at:at + SECTOR] != before[at:at + SECTOR]]

@@ -3,6 +3,7 @@
 import functools
 import gzip
 import hashlib
+import lzma
 import pathlib
 import re
 import shutil
@@ -10,8 +11,10 @@ import subprocess
 from collections import namedtuple
 
 HERE = pathlib.Path(__file__).resolve().parent
-MODULES = ("virtio_pci", "virtio_blk", "ext4", "vfat", "nls_cp437", "nls_ascii", "nls_utf8", "exfat", "f2fs",
-           "crc32_generic", "crc32c_generic")
+MODULES = {"ext4": ("ext4", "crc32c_generic"), "vfat": ("vfat", "nls_cp437", "nls_ascii", "nls_utf8"),
+           "exfat": ("exfat", "nls_utf8"), "f2fs": ("f2fs", "crc32_generic")}
+XZ = b"\xfd7zXZ\0"
+FUNCTIONS = 8  # of a PCI device
 
 Machine = namedtuple("Machine", "architecture kernel programs qemu console")
 MACHINES = {
@@ -70,7 +73,16 @@ def unpack(machine, directory):
     return root
 
 
-def modules_of(root):
+def unpacked(kernel):
+    """The kernel as QEMU can start it without its own unpacking, which takes longer than all else of a boot."""
+    plain = kernel.with_name("vmlinux")
+    if not plain.exists():
+        data = kernel.read_bytes()
+        plain.write_bytes(lzma.LZMADecompressor().decompress(data[data.index(XZ):]))
+    return plain
+
+
+def modules_of(root, system):
     """The modules' files in the order in which they are loaded. What is built into the kernel is left out."""
     directory = next((root / "lib/modules").iterdir())
     depends = {}
@@ -79,7 +91,7 @@ def modules_of(root):
         depends[path] = needs.split()
     paths = {pathlib.Path(path).stem: path for path in depends}
     order = []
-    for name in MODULES:
+    for name in ("virtio_pci", "virtio_blk", *MODULES[system]):
         if name in paths:
             order += [path for path in [*reversed(depends[paths[name]]), paths[name]] if path not in order]
     return [directory / path for path in order]
@@ -97,6 +109,8 @@ class Guests:
         self.name, self.work, self.fault = name, work / name, fault
         self.root = unpack(self.machine, self.work / "packages")
         self.kernel = next((self.root / "boot").glob("vmlinuz-*"))
+        if name == "x86-64":
+            self.kernel = unpacked(self.kernel)
         programs = built / self.machine.programs / "device"
         self.programs = {"busybox": self.root / "bin/busybox", "recover": programs / "device-recover",
                          "dashcam": programs / ("device-faulty" if fault else "device-dashcam")}
@@ -107,9 +121,9 @@ class Guests:
         paths = (HERE / "init", self.programs["dashcam"], self.programs["recover"])
         return hashlib.sha256(b"".join(path.read_bytes() for path in paths)).hexdigest()[:8] + self.fault
 
-    def initramfs(self, files, at):
-        """Packs it with further files: {name: content}."""
-        loaded = modules_of(self.root)
+    def initramfs(self, system, files, at):
+        """Packs it for cards with that file system, with further files: {name: content}."""
+        loaded = modules_of(self.root, system)
         entries = [("init", 0o100755, (HERE / "init").read_bytes()), ("bin", 0o040755, b""), ("modules", 0o040755, b"")]
         entries += [(f"bin/{name}", 0o100755, path.read_bytes()) for name, path in self.programs.items()]
         entries += [(f"modules/{path.name}", 0o100644, path.read_bytes()) for path in loaded]
@@ -123,7 +137,7 @@ class Guests:
     def start(self, task, disks, initramfs, console, **variables):
         """QEMU. The disks are written without syncs of this machine, those with a log below it as well."""
         nodes, devices = [], []
-        for disk in disks:
+        for number, disk in enumerate(disks):
             image = f"driver=raw,node-name={disk.serial},discard=ignore"
             if disk.log:
                 image = f"driver=blklogwrites,node-name={disk.serial}"
@@ -133,17 +147,18 @@ class Guests:
             else:
                 image += f",file.driver=file,file.filename={disk.path},cache.no-flush=on"
             nodes += ["-blockdev", image]
-            device = f"virtio-blk-pci,drive={disk.serial},serial={disk.serial},discard=off,write-zeroes=off"
-            devices += ["-device", device]
+            place = f"{2 + number // FUNCTIONS:x}.{number % FUNCTIONS}"
+            devices += ["-device", f"virtio-blk-pci,drive={disk.serial},serial={disk.serial},discard=off,"
+                        f"write-zeroes=off,addr={place},multifunction=on,num-queues=1"]
         words = {"console": self.machine.console, "panic": "-1", "loglevel": "4", "TASK": task, "FAULT": self.fault,
                  **variables}
-        line = "no_timer_check " + " ".join(f"{name}={value}" for name, value in words.items())  # QEMU may have to wait
+        line = "no_timer_check rodata=off cryptomgr.notests mitigations=off " + " ".join(f"{name}={value}" for name, value in words.items())  # QEMU may have to wait
         command = [*self.machine.qemu, "-m", "768", "-nodefaults", "-no-reboot", "-display", "none",
                    "-serial", f"file:{console}", "-kernel", self.kernel, "-initrd", initramfs,
                    "-append", line, *nodes, *devices]
         return subprocess.Popen([str(word) for word in command], stdin=subprocess.DEVNULL)
 
-    def run(self, *arguments, patience=600, **variables):
+    def run(self, *arguments, patience=3000, **variables):
         """Boots a guest and waits until it has switched itself off."""
         process = self.start(*arguments, **variables)
         try:

@@ -4,6 +4,7 @@ import functools
 import hashlib
 import json
 import os
+import pathlib
 import random
 import re
 import shutil
@@ -17,12 +18,12 @@ from guest import Disk, GuestError
 from support import judge as readers
 
 CUTS_OF_RECORDING = 64
-CARDS_OF_BOOT = 16
+CARDS_OF_BOOT = 64  # at most
 ROOM_FOR_RESULT = 512 << 20
 UNIMPORTANT = ("mounted", "+++++")  # lines of a guest
 MOST_LINES = 16
 FAULTS = ("lost_in", "refused", "wrong", "damaged")
-ORDERS = ("recover", "fsck, recover", "recover, fsck", "recover, cut, recover")  # at boot; one for all cards of a guest
+ORDERS = ("recover", "fsck, recover", "recover, fsck", "recover, cut, recover")  # at boot
 STREAMS = (("h264_base_640x360_25.h264", "h264", 6), ("aac_lc_48000_2.aac", "aac", 5))  # of 4 and 5 seconds
 CLIPS = 4
 
@@ -69,7 +70,7 @@ class Recording:
         used, console = self.directory / "used", self.directory / "console"
         shutil.copyfile(self.disk, used)
         log.touch()
-        initramfs = guests.initramfs(files, self.directory / "initramfs")
+        initramfs = guests.initramfs(self.system.type, files, self.directory / "initramfs")
         guests.run("record", [Disk(used, "card", log)], initramfs, console, TYPE=self.system.type,
                    OPTIONS=self.system.options, SPEED=1, SEGMENT_NS=3 * 10**9,
                    SYNC_NS=chance.choice((100, 250, 1000)) * 10**6,
@@ -91,7 +92,8 @@ class Case:
     def __init__(self, recording, number, card):
         self.recording, self.number, self.card = recording, number, card
         self.cut, self.system = recording.cut(number), recording.system
-        self.order = ORDERS[number // CARDS_OF_BOOT % len(ORDERS)]
+        self.order = ORDERS[number // (len(cut.MODELS) * len(cut.UNITS)) % len(ORDERS)]
+        self.log = card.with_suffix(".log") if self.order == "recover, cut, recover" else None
         self.fsck = None
 
     def build(self):
@@ -100,10 +102,10 @@ class Case:
         if self.order == "fsck, recover":
             self.repair()
 
-    def cut_recovery(self, log):
+    def cut_recovery(self):
         """Takes the card back to where it was, and then up to a moment of a recovery."""
         self.build()
-        writes = cut.read_log(log)
+        writes = cut.read_log(self.log)
         chance = random.Random(f"{self.cut.seed}/recovery")
         again = cut.Cut(writes, chance.randrange(len(writes) + 1), self.cut.model, self.cut.unit, chance.random(), None)
         again.build(self.card, 0, self.system.size)
@@ -111,8 +113,8 @@ class Case:
     def repair(self):
         self.fsck = cards.fsck(self.system.repair, self.card)
 
-    def verdict(self, found, reader):
-        log = (found / "log").read_text(errors="replace").splitlines()
+    def verdict(self, found, log, reader):
+        log = (log / "log").read_text(errors="replace").splitlines()
         files = {path.relative_to(found / "files").as_posix(): path.read_bytes()
                  for path in (found / "files").rglob("*") if path.is_file()}
         recorded = {name.removeprefix("dashcam/"): reader.read(data) if name.endswith(".mp4") else None
@@ -135,54 +137,55 @@ class Rig:
     def __init__(self, guests, tool, testdata):
         self.guests, self.testdata = guests, testdata
         self.reader = content.Reader(tool)
-        self.work = guests.work / "cards" / str(os.getpid())
+        self.work = pathlib.Path(readers.MEMORY or guests.work) / f"device-{os.getpid()}"
         self.recording = functools.lru_cache(1)(self.recording)
 
     def recording(self, kind, seed):
         return Recording(self.guests, kind, seed, self.testdata)
 
     def run(self, kind, seed, numbers):
-        """A line for each of these cases, which share a recording and an order at boot."""
+        """A line for each of these cases, which share a recording."""
         recording = self.recording(kind, seed)
         self.clear()
         self.work.mkdir(parents=True)
         cases = [Case(recording, number, self.work / str(place)) for place, number in enumerate(numbers, 1)]
         for case in cases:
             case.build()
-        order = cases[0].order
-        if order == "recover, cut, recover":
-            logs = [case.card.with_suffix(".log") for case in cases]
-            self.boot("recover", cases, logs)
-            for case, log in zip(cases, logs):
-                case.cut_recovery(log)
-        self.boot("recover", cases)
-        if order == "recover, fsck":
-            log = [(self.work / f"found/{place}/log").read_text(errors="replace") for place in range(1, len(cases) + 1)]
-            for case in cases:
+        first = self.boot([("recover", case, case.log) for case in cases], "first")
+        again = []
+        for case in cases:
+            if case.order == "recover, fsck":
                 case.repair()
-            self.boot("show", cases)
-            for place, text in enumerate(log, 1):
-                (self.work / f"found/{place}/log").write_text(text)
-        for place, case in enumerate(cases, 1):
+                again.append(("show", case, None))
+            elif case.log:
+                case.cut_recovery()
+                again.append(("recover", case, None))
+        second = again and self.boot(again, "second")
+        shown = [case for _, case, _ in again]
+        for case in cases:
+            found = (second if case in shown else first) / case.card.name
+            log = (second if case.log else first) / case.card.name
             yield {"case": f"{self.guests.name}/{kind}/{seed}/{case.number}", "programs": self.guests.digest,
-                   "log": recording.digest} | case.verdict(self.work / f"found/{place}", self.reader)
+                   "log": recording.digest} | case.verdict(found, log, self.reader)
 
     def clear(self):
         shutil.rmtree(self.work, ignore_errors=True)
 
-    def boot(self, task, cases, logs=None):
-        """What a guest finds on the cards comes to `found`."""
-        result, found = self.work / "result", self.work / "found"
-        shutil.rmtree(found, ignore_errors=True)
+    def boot(self, tasks, name):
+        """Does with each card what its task says: (task, case, log). Returns the folder of what was found on them."""
+        result, found = self.work / "result", self.work / name
         with open(result, "wb") as file:
             file.truncate(ROOM_FOR_RESULT)
-        disks = [Disk(case.card, f"card{place}", logs and logs[place - 1]) for place, case in enumerate(cases, 1)]
-        for log in logs or ():
-            log.touch()
-        initramfs = self.guests.initramfs({}, self.work / "initramfs")
-        self.guests.run(task, [*disks, Disk(result, "result")], initramfs, self.work / "console",
-                        TYPE=cases[0].system.type, OPTIONS=cases[0].system.options)
+        disks = [Disk(case.card, task + case.card.name, log) for task, case, log in tasks]
+        for _, _, log in tasks:
+            if log:
+                log.touch()
+        system = tasks[0][1].system
+        initramfs = self.guests.initramfs(system.type, {}, self.work / "initramfs")
+        self.guests.run("boot", [*disks, Disk(result, "result")], initramfs, self.work / "console", TYPE=system.type,
+                        OPTIONS=system.options)
         with tarfile.open(result) as archive:
             archive.extractall(found, filter="fully_trusted")
-        if not all((found / str(place) / "log").exists() for place in range(1, len(cases) + 1)):
-            raise GuestError(f"{task}: " + (self.work / "console").read_text(errors="replace")[-1000:])
+        if not all((found / case.card.name / "log").exists() for _, case, _ in tasks):
+            raise GuestError(f"{name}: " + (self.work / "console").read_text(errors="replace")[-1000:])
+        return found
