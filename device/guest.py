@@ -15,6 +15,7 @@ MODULES = {"ext4": ("ext4", "crc32c_generic"), "vfat": ("vfat", "nls_cp437", "nl
            "exfat": ("exfat", "nls_utf8"), "f2fs": ("f2fs", "crc32_generic")}
 XZ = b"\xfd7zXZ\0"
 FUNCTIONS = 8  # of a PCI device
+QUICK = "no_timer_check rodata=off cryptomgr.notests mitigations=off"  # of a kernel that need not be safe from anybody
 
 Machine = namedtuple("Machine", "architecture kernel programs qemu console")
 MACHINES = {
@@ -152,7 +153,7 @@ class Guests:
                         f"write-zeroes=off,addr={place},multifunction=on,num-queues=1"]
         words = {"console": self.machine.console, "panic": "-1", "loglevel": "4", "TASK": task, "FAULT": self.fault,
                  **variables}
-        line = "no_timer_check rodata=off cryptomgr.notests mitigations=off " + " ".join(f"{name}={value}" for name, value in words.items())  # QEMU may have to wait
+        line = f"{QUICK} " + " ".join(f"{name}={value}" for name, value in words.items())
         command = [*self.machine.qemu, "-m", "768", "-nodefaults", "-no-reboot", "-display", "none",
                    "-serial", f"file:{console}", "-kernel", self.kernel, "-initrd", initramfs,
                    "-append", line, *nodes, *devices]
