@@ -109,14 +109,17 @@ TEST(Tree, EndsAtTheFirstFailure)
     }
     film.video->sample_count = 6;
     film.audio->delay = 1;
-    for (const auto &[writer, least] :
-         {std::pair<box_writer, int>(mp4_atom_ftyp_write, 8), {mp4_atom_mdat_write, 4}, {mp4_atom_moov_write, 200}}) {
+    const std::tuple<box_writer, box_writer, int> writers[] = {{mp4_atom_write, mp4_atom_ftyp_write, 8},
+                                                               {mp4_atom_write, mp4_atom_mdat_write, 4},
+                                                               {mp4_atom_write, mp4_atom_moov_write, 200},
+                                                               {mp4_atom_moov_write, nullptr, 200}};
+    for (const auto &[writer, body, least] : writers) {
         for (int n = 0, result = -1; result != 0; ++n) {
             fake_stream out;
             out.fail_at = n;
             out.fail_errno = 1000 + n;
-            mp4_atom box = {writer, {'t', 'e', 's', 't'}, 0, film.movie, nullptr};
-            result = mp4_atom_write(&box, &out);
+            mp4_atom box = {body, {'t', 'e', 's', 't'}, 0, film.movie, nullptr};
+            result = writer(&box, &out);
             ASSERT_TRUE(result == -1 ? out.calls == n + 1 && errno == 1000 + n : out.calls == n && n > least) << n;
             for (array_stream *table : tables) ASSERT_EQ(1u, array_stream_seek(table, 0, 1)) << n;
         }
@@ -158,6 +161,11 @@ TEST(SampleTables, AreWrittenAsTheyAreStored)
     EXPECT_EQ(77u, array_stream_seek(table, 0, 1));
     EXPECT_TRUE(log == out.log && log.size() > 12);
     EXPECT_TRUE(dump("0003d090") + dump(elements) == dump(out.content));
+    for (const int n : {0, 1}) {
+        fake_stream failing;
+        failing.fail_at = n;
+        EXPECT_EQ(-1, mp4_atom_table_write(table, &failing)) << n;
+    }
 }
 
 TEST(Descriptors, NestWithFourByteSizes)

@@ -164,7 +164,8 @@ TEST(JournalReader, StopsAtAnInvalidRecord)
             for (const std::string &bad : refused) {
                 SCOPED_TRACE(bad + " at " + std::to_string(position));
                 const std::string good = filler(position) + lead;
-                const journal_ptr reader = load(records(good + " " + bad + " 0/8"));
+                const journal_ptr reader =
+                    load(records(good + " " + bad + " " + filler(16384))); // more than its buffer
                 const faults::injection injection({.spoil = true});
                 expect_bad_message(reader, records(good), line);
             }

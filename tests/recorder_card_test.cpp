@@ -1,6 +1,7 @@
 /** The recorder on a card that is full, that goes away and that comes back: what is there can be played, and it goes on. */
 #include <algorithm>
 #include <cstring>
+#include <list>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -307,6 +308,25 @@ TEST(MissingCard, IsOneWithWhichEverySyncFails)
     gone.lift();
     ASSERT_TRUE(made.sees(MEDIAFILES_EVENT_GOES_ON));
     ASSERT_TRUE(made.goes_on_to(MEDIAFILES_EVENT_FINISHED, 2));
+    made.stop();
+    expect_playable(on);
+}
+
+/* The file before goes on; each time it is reported once. */
+TEST(MissingCard, IsNoneThatTakesNoNewFileForAWhile)
+{
+    const card on;
+    std::list<medium::failing> each;
+    recording made(on);
+    made.record(1);
+    for (uint64_t times = 1; times <= 2; ++times) {
+        auto &opening =
+            each.emplace_back(medium::failing::plan{.kind = medium::opening, .nth = 0, .forever = true, .error = EIO});
+        ASSERT_TRUE(made.goes_on_to(MEDIAFILES_EVENT_WRITE_ERROR, times));
+        opening.lift();
+        ASSERT_TRUE(made.goes_on_to(MEDIAFILES_EVENT_BEGUN, times + 1));
+        EXPECT_EQ(made.count(MEDIAFILES_EVENT_WRITE_ERROR), times);
+    }
     made.stop();
     expect_playable(on);
 }

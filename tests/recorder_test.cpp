@@ -191,7 +191,10 @@ TEST(Recorder, WhatIsHeldBackBecomesSafeWithoutASuccessor)
     };
     stream video = camera(2, 5'000);
     for (size_t n = 10; n < video.size(); ++n) video[n].time += second;
+    syncs.close();
     push_all(recorder, {{h264(), {video.begin(), video.begin() + 10}}});
+    EXPECT_EQ(stats_of(recorder).unsafe_ns, video[9].time - video[0].time);
+    syncs.open();
     EXPECT_TRUE(is_safe(10));
     EXPECT_EQ(stats_of(recorder).unsafe_ns, 0);
     push_all(recorder, {{h264(), {video.begin() + 10, video.end()}}});

@@ -140,7 +140,7 @@ TEST(Track, FeedsItsJournal)
     EXPECT_EQ(0, mp4_track_add_sample(track.get(), nullptr, 1000, 0, 1));
     EXPECT_EQ(ENOENT, mediafile_caretaker_errcode(journal.get())); // a journal's failure is its own
     mediafile_caretaker_reset(journal.get());
-    for (const uint32_t length : {0u, 505u, 508u, 509u, 65535u, 65536u, 65537u}) {
+    for (const uint32_t length : {0u, 1u, 505u, 508u, 509u, 65535u, 65536u, 65537u}) {
         saveCodecExtraDataToCaretaker(track.get(), MEMENTO_SEI, set.data(), length);
         EXPECT_EQ(length > 508 ? EFBIG : 0, mediafile_caretaker_errcode(journal.get())) << length;
         EXPECT_EQ(length > 508 ? "" : dump(records("9/" + std::to_string(length))), dump(drain(journal)));
