@@ -259,6 +259,7 @@ public:
     void expect_all_counted()
     {
         while (take() >= 0) release();
+        EXPECT_EQ(frames_.open_gap(0).count + frames_.open_gap(1).count, frames_.in_use().dropped);
         for (const uint32_t track : {0u, 1u})
             EXPECT_EQ(count_[track] + lost_[track] + frames_.open_gap(track).count, pushed_[track]);
     }

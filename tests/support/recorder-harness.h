@@ -39,6 +39,7 @@ struct frame {
     bytes data;
     int64_t time; // nanoseconds
     bool key;
+    uint32_t flags = 0; // with which it is pushed
 };
 using stream = std::vector<frame>;
 
@@ -101,7 +102,7 @@ bool comes_true(Condition condition)
 
 inline int push(mediafiles_recorder *recorder, uint32_t track, const frame &given)
 {
-    return mediafiles_recorder_push(recorder, track, given.data.data(), given.data.size(), given.time, 0);
+    return mediafiles_recorder_push(recorder, track, given.data.data(), given.data.size(), given.time, given.flags);
 }
 
 /** All sources, in the order in which their frames come, as fast as the recorder stores them, or with pauses (microseconds). */
