@@ -490,6 +490,7 @@ TEST(RecoveryFiles, CopiesNeverTakeANameThatIsThere)
     EXPECT_EQ(recover(on, {on.path(), on / "1"}, {0, other.path().c_str()}).back(),
               "2/a.mp4: failed: a system call failed (ENOTDIR) because of " + (other / "2/") +
                   ", journal 2/a.mp4.journal");
+    EXPECT_EQ(recover(on, {own}, {.output = (on / "2/a.mp4").c_str(), .error = ENOTDIR}), lines());
     EXPECT_EQ(on.get("2/a.mp4"), open_media());
 }
 
