@@ -90,9 +90,10 @@ TEST(Recorder, ANewFileBeginsWhereItMust)
         return first;
     };
     stream back = base, coarse = base, without_key = camera(4, 5'000), seven_hours_on = camera(1, 5'000),
-           told = camera(4, 5'000), named = told;
+           told = camera(4, 5'000), named = camera(5, 5'000);
     told[20].flags = MEDIAFILES_DISC;
     for (size_t n = 10; n < named.size(); n += 10) named[n].data = named[n + 1].data, named[n].flags = MEDIAFILES_KEY;
+    named[20].time -= 5 * millisecond; // a file must not become longer by a group
     for (size_t n = 1; n < coarse.size(); n += 2) coarse[n].time = coarse[n - 1].time;
     std::erase_if(without_key, [](const frame &each) { return each.key && each.time != 0; });
     for (size_t n = 5; n < back.size(); n += 10) back[n].time -= 50 * millisecond;
@@ -107,8 +108,8 @@ TEST(Recorder, ANewFileBeginsWhereItMust)
         {"from zero again", after(repeated(base, 1, 90'000 * second), base, -90'000 * second), usual, 2, 1, 0, 0, 8},
         {"a clock that is too coarse", coarse, usual, 1, 0, 0, 0, 4},
         {"where its caller says so", told, usual, 2, 1, 0, 0, 1.6},
-        {"by its length, at a key frame that its caller has named", named,
-         [](auto &o) { o.segment_ns = 800 * millisecond; }, 2, 0, 0, 0, 1.6},
+        {"by its length, at key frames that its caller has named", named,
+         [](auto &o) { o.segment_ns = 800 * millisecond; }, 3, 0, 0, 0, 2},
         {"joined on", after(base, base, -second), [](auto &o) { o.flags = MEDIAFILES_JOIN_STEPS; }, 1, 1, 0, 0, 8},
         {"an hour on", after(base, base, 3600 * second), usual, 2, 1, 0, 0, 8},
         {"an hour in a file", after(base, base, 3600 * second), [](auto &o) { o.longest_gap_ns = -1; }, 1, 0, 0, 0,
