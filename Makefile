@@ -89,7 +89,7 @@ coverage:
 # Changes each library one place at a time, 300 times; fails when the tests miss
 # more of the changes than they may.
 mutants:
-	scripts/install-packages build mutants
+	scripts/install-packages build tools mutants
 	scripts/mutants --jobs $(JOBS) out/mutants src=97 recorder=85
 
 # Cuts the power of whole systems: CUTS cuts for each KIND of card (ext4, f2fs,
