@@ -296,7 +296,7 @@ TEST(Queue, DropsGroupsOfPicturesAndCountsThem)
 /* ---- Frames ---- */
 
 constexpr mp4_track_desc h264 = {MP4_TRACK_H264, {}}, h265 = {MP4_TRACK_H265, {}},
-                         aac = {MP4_TRACK_AAC, {{2, 16, 48000}}};
+                         aac = {MP4_TRACK_AAC, {{2, 16, 48000}}}, surround = {MP4_TRACK_AAC, {{6, 16, 48000}}};
 
 /** What a frame is in a word each, and its sample; "| fault N" for a fault. */
 std::string outcome(const mp4_track_desc &track, frame_pieces pieces, bytes &sample)
@@ -357,6 +357,7 @@ const struct {
     {"number too high", h264, "000001 6742c01e0420 000001 6588", "fault: a parameter set has no valid number", nullptr},
     {"sound", aac, "2100494c", "key picture", "2100494c"},
     {"sound with a header", aac, "fff14c8001 3ffc 2100", "key picture", "2100"},
+    {"six channels", surround, "fff14d8001 3ffc 2100", "key picture", "2100"},
     {"sound with a header and a check", aac, "fff04c8001 9ffc 1234 210049", "key picture", "210049"},
     {"sound that begins as half a header, and ends as one", aac, "21f14c8001 3ffc 2100 ff", "key picture",
      "21f14c8001 3ffc 2100 ff"},
