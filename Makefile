@@ -25,7 +25,7 @@ demo:
 # The tests of the optimised build, those of the sanitizers' builds, and the
 # library's for 32-bit ARM under emulation, which writes the same bytes.
 test:
-	scripts/install-packages build tools test arm
+	scripts/install-packages build tools gstreamer test arm
 	cmake --preset test
 	cmake --build out/test -j $(JOBS)
 	cmake --preset sanitizers
@@ -62,7 +62,7 @@ fuzz:
 # week; 500 finished files lie beside journals of every kind; for an hour something
 # happens to a camera. SEED repeats what is random.
 soak:
-	scripts/install-packages build tools test
+	scripts/install-packages build tools gstreamer test
 	cmake --preset test
 	cmake --build out/test -j $(JOBS)
 	python3 tests/kill_test.py --tool out/test/tools/mediafiles --media testdata --count $(KILLS) $(SEED:%=--seed %)
@@ -125,14 +125,14 @@ test-cross:
 
 # The tests under the sanitizers of clang; those of gcc are part of test.
 test-clang:
-	scripts/install-packages build tools test fuzz
+	scripts/install-packages build tools gstreamer test fuzz
 	cmake --preset clang-sanitizers
 	cmake --build out/clang-sanitizers -j $(JOBS)
 	ctest --test-dir out/clang-sanitizers --output-on-failure -j $(JOBS)
 
 # The build with clang alone.
 clang:
-	scripts/install-packages build tools test clang
+	scripts/install-packages build tools gstreamer test clang
 	cmake --preset clang
 	cmake --build out/clang -j $(JOBS)
 
@@ -144,14 +144,14 @@ lines:
 
 # Static checks.
 lint:
-	scripts/install-packages build tools test lint
+	scripts/install-packages build tools gstreamer test lint
 	cmake --preset test
 	cmake --build out/test -j $(JOBS) --target mediafiles mediafiles-recorder
 	scripts/lint out/test
 
 # After an intended change of the interface.
 abi:
-	scripts/install-packages build tools test
+	scripts/install-packages build tools gstreamer test
 	cmake --preset test
 	cmake --build out/test -j $(JOBS) --target mediafiles mediafiles-recorder
 	scripts/abi renew out/test/src/libmediafiles.so
@@ -160,7 +160,7 @@ abi:
 # Prints what recording and repair cost, and fails where that is above its limit.
 # QUICK=1 makes the runs short.
 bench:
-	scripts/install-packages build bench
+	scripts/install-packages build gstreamer bench
 	cmake --preset bench
 	cmake --build out/bench -j $(JOBS)
 	bench/run out/bench
@@ -185,7 +185,7 @@ cross-arm:
 
 # Packages of library and command, and of the library for Debian's armhf.
 deb:
-	scripts/install-packages build tools arm deb
+	scripts/install-packages build tools gstreamer arm deb
 	rm -rf out/packages
 	for target in deb deb-armhf; do \
 	    cmake --preset $$target && cmake --build out/$$target -j $(JOBS) && \

@@ -1,0 +1,55 @@
+/** A stream of a recording: what a pad and the recording know of it. The recording's lock guards it. */
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+
+#include <mediafiles/recorder.h>
+
+#include "format.h"
+#include "owners.h"
+
+namespace mediafiles::gstreamer {
+
+using steady = std::chrono::steady_clock;
+
+struct input : std::enable_shared_from_this<input> {
+    explicit input(GstPad *pad) : name(GST_PAD_NAME(pad)) { g_weak_ref_init(&pad_, pad); }
+    ~input() { g_weak_ref_clear(&pad_); }
+    input(const input &) = delete;
+    input &operator=(const input &) = delete;
+
+    /** NULL when it has gone. */
+    owner<GstPad> pad() { return owner<GstPad>(static_cast<GstPad *>(g_weak_ref_get(&pad_))); }
+
+    const std::string name;
+    std::optional<format> carries;       // by its caps
+    uint32_t version = 0;                // of what it carries: another one needs another track
+    bool is_flushing = false;            // nothing waits
+    bool has_ended = false;              // until another stream starts
+    bool can_wait = false;               // its source is not live
+    bool is_incomplete = false;          // what was held back was dropped, up to the next key frame
+    uint64_t dropped = 0;                // frames, since then
+    std::optional<uint32_t> recorded_as; // the track, in the recorder that runs
+    uint32_t recorded_version = 0;
+
+    /* Streams that can wait for each other. */
+    std::optional<int64_t> latest;    // its time, ns
+    steady::time_point moved_at = {}; // to that
+    std::thread::id thread = {};      // that brought it
+
+    /* By the recorders that have ended. */
+    mediafiles_recorder_track_stats before = {};
+    uint64_t safe_before = 0;
+
+private:
+    GWeakRef pad_;
+};
+
+using input_ptr = std::shared_ptr<input>;
+
+} // namespace mediafiles::gstreamer

@@ -1,0 +1,270 @@
+/** The thread of a recording: it starts and stops recorders, and posts what happens in them. */
+#include "recording.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+
+#include <poll.h>
+
+#include "messages.h"
+#include "push-buffer.h"
+
+namespace mediafiles::gstreamer {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+/* So long after the first buffer pads that have said nothing are waited for. Later they get another recorder. */
+constexpr auto patience_with_pads = 1s;
+/* How often a directory is tried again whose lock a recorder before this one holds: its medium does not answer. */
+constexpr auto retry_interval = 200ms;
+constexpr int64_t poll_interval = 50 * GST_MSECOND;
+
+} // namespace
+
+void recording::run()
+{
+    guard locked(lock_);
+    while (step(locked)) {}
+    held_.clear();
+    tracks_.clear();
+    inputs_.clear();
+    has_ended_ = true;
+    moved_.notify_all();
+}
+
+/* False when it is over. */
+bool recording::step(guard &locked)
+{
+    if (needs_a_recorder()) {
+        stop_recorder(locked);
+        start_recorder(locked);
+        hand_over(locked);
+    } else if (is_ending_) {
+        stop_recorder(locked);
+        return false;
+    } else if (has_all_ended() && held_.empty() && stream_is_ == over::no && !has_failed_) {
+        stop_recorder(locked);
+        stream_is_ = over::reached;
+    } else if (stream_is_ == over::reached && is_playing_) {
+        post_end(locked);
+    } else if (has_left_) {
+        stop_recorder(locked);
+    } else {
+        wait(locked);
+        if (recorder_) take_events(locked, recorder_);
+    }
+    return true;
+}
+
+bool recording::has_all_ended() const
+{
+    return !inputs_.empty() && std::ranges::all_of(inputs_, [](const input_ptr &each) { return each->has_ended; });
+}
+
+/* Whether there is one whose tracks are not those that are needed now. */
+bool recording::is_outdated() const
+{
+    const auto goes_on = [](const input_ptr &each) { return is_recorded(each) && !each->has_ended; };
+    if (has_left_ && !is_ending_ && std::ranges::any_of(inputs_, goes_on)) return true;
+    return !held_.empty();
+}
+
+bool recording::needs_a_recorder() const
+{
+    if (has_failed_ || steady::now() < not_before_) return false;
+    if (recorder_) return is_outdated();
+    if (held_.empty()) return false;
+    const bool is_complete =
+        std::ranges::all_of(inputs_, [](const input_ptr &each) { return each->carries || each->has_ended; });
+    return is_complete || is_ending_ || steady::now() - first_held_ >= patience_with_pads;
+}
+
+/* Those that carry something and go on, or have something to hand over; the pad "video" leads. */
+std::vector<mp4_track_desc> recording::choose_tracks()
+{
+    std::vector<mp4_track_desc> tracks;
+    std::vector<input_ptr> ordered = inputs_;
+    std::ranges::stable_partition(ordered, [](const input_ptr &each) { return each->name == "video"; });
+    for (const input_ptr &each : ordered) {
+        const auto is_of = [&](const held_buffer &held) { return held.from == each && held.version == each->version; };
+        if (!each->carries || (each->has_ended && std::ranges::none_of(held_, is_of))) continue;
+        each->recorded_as = static_cast<uint32_t>(tracks.size());
+        each->recorded_version = each->version;
+        tracks.push_back(each->carries->track);
+        tracks_.push_back(each);
+    }
+    return tracks;
+}
+
+void recording::start_recorder(guard &locked)
+{
+    const std::vector<mp4_track_desc> tracks = choose_tracks();
+    if (tracks.empty()) { /* what is held came from pads that have gone */
+        held_.clear();
+        held_bytes_ = 0;
+        return;
+    }
+    locked.unlock();
+    int error = 0;
+    directory_ = directory_of(options_);
+    recorder_ptr made;
+    if (!directory_.empty())
+        made.reset(gstreamer::start_recorder(options_, directory_, tracks), mediafiles_recorder_destroy);
+    if (!made) error = errno;
+    locked.lock();
+    has_left_ = false;
+    if (error == 0) {
+        recorder_ = std::move(made);
+        return;
+    }
+    forget_tracks();
+    if (error == EBUSY && was_impatient_)
+        not_before_ = steady::now() + retry_interval;
+    else
+        fail(locked, error);
+}
+
+/* What was held goes first; then the streaming threads push themselves. */
+void recording::hand_over(guard &locked)
+{
+    if (!recorder_) return;
+    const recorder_ptr recorder = recorder_;
+    while (!held_.empty()) {
+        const held_buffer next = std::move(held_.front());
+        held_.pop_front();
+        held_bytes_ -= gst_buffer_get_size(next.buffer.get());
+        moved_.notify_all();
+        if (!next.from->recorded_as || next.from->recorded_version != next.version) {
+            drop(*next.from);
+            continue;
+        }
+        const uint32_t track = *next.from->recorded_as;
+        const bool waits = next.from->can_wait;
+        locked.unlock();
+        const size_t size = gst_buffer_get_size(next.buffer.get());
+        while (waits && !is_ending_ && mediafiles_recorder_await_room(recorder.get(), size, poll_interval) == 0) {}
+        const int result = push_buffer(recorder.get(), track, next.buffer.get(), next.time, next.flags);
+        locked.lock();
+        if (result < 0) drop(*next.from);
+    }
+    is_direct_ = true;
+    moved_.notify_all();
+}
+
+void recording::forget_tracks()
+{
+    for (const input_ptr &each : tracks_) each->recorded_as.reset();
+    tracks_.clear();
+}
+
+void recording::stop_recorder(guard &locked)
+{
+    is_direct_ = false;
+    has_left_ = false;
+    if (!recorder_) return;
+    const recorder_ptr old = recorder_;
+    locked.unlock();
+    const bool has_stopped = mediafiles_recorder_stop(old.get(), static_cast<int64_t>(options_.patience)) == 0;
+    locked.lock();
+    take_events(locked, old);
+    mediafiles_recorder_stats last = {};
+    last.size = sizeof last;
+    mediafiles_recorder_get_stats(old.get(), &last);
+    gstreamer::add(before_, last);
+    for (uint32_t track = 0; track < tracks_.size(); ++track) {
+        gstreamer::add(tracks_[track]->before, last.tracks[track]);
+        tracks_[track]->safe_before += last.safe[track];
+    }
+    recorder_.reset();
+    forget_tracks();
+    if (has_stopped) return;
+    was_impatient_ = true;
+    with_element(locked, [](GstElement *element) {
+        GST_ELEMENT_WARNING(element, RESOURCE, WRITE, ("The medium does not answer."),
+                            ("the files are completed when the directory is recorded into again"));
+    });
+}
+
+void recording::wait(guard &locked)
+{
+    std::array<pollfd, 2> waits = {{{waker_.descriptor(), POLLIN, 0}, {-1, POLLIN, 0}}};
+    const recorder_ptr recorder = recorder_;
+    if (recorder) waits[1].fd = mediafiles_recorder_event_descriptor(recorder.get());
+    const auto now = steady::now();
+    int timeout = -1;
+    if (!recorder && !held_.empty() && !has_failed_) {
+        const auto until = std::max(first_held_ + patience_with_pads, not_before_);
+        timeout =
+            static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(std::max(until - now, now - now)).count());
+    }
+    locked.unlock();
+    poll(waits.data(), waits.size(), timeout);
+    waker_.drain();
+    locked.lock();
+}
+
+/* ---- What an application learns ---- */
+
+void recording::with_element(guard &locked, const std::function<void(GstElement *)> &use)
+{
+    if (!element_) return;
+    const owner<GstElement> element = share(element_);
+    locked.unlock();
+    use(element.get());
+    locked.lock();
+}
+
+void recording::take_events(guard &locked, const recorder_ptr &recorder)
+{
+    const std::vector<input_ptr> tracks = tracks_;
+    const auto report = [&](GstElement *element) {
+        mediafiles_recorder_event event = {};
+        event.size = sizeof event;
+        while (mediafiles_recorder_next_event(recorder.get(), &event, 0) == 1) {
+            const input_ptr from = event.track < tracks.size() ? tracks[event.track] : nullptr;
+            gst_element_post_message(element, message_of(element, event, directory_, from ? from->name : ""));
+            if (event.kind == MEDIAFILES_EVENT_KEY_WANTED && from && options_.send_keyframe_requests)
+                ask_for_key(*from);
+        }
+    };
+    with_element(locked, report);
+}
+
+void recording::post_end(guard &locked)
+{
+    stream_is_ = over::posted;
+    const uint32_t sequence = end_sequence_;
+    with_element(locked, [sequence](GstElement *element) {
+        GstMessage *const message = gst_message_new_eos(GST_OBJECT_CAST(element));
+        gst_message_set_seqnum(message, sequence);
+        gst_element_post_message(element, message);
+    });
+}
+
+void recording::fail(guard &locked, int error)
+{
+    if (has_failed_) return;
+    has_failed_ = true;
+    held_.clear();
+    held_bytes_ = 0;
+    moved_.notify_all();
+    const std::string place = options_.location.empty() ? options_.pattern : options_.location;
+    const std::string reason = reason_of_start(options_, error);
+    with_element(locked, [&](GstElement *element) {
+        GST_ELEMENT_ERROR(element, RESOURCE, OPEN_WRITE, ("Cannot record: %s: %s", place.c_str(), reason.c_str()),
+                          (nullptr));
+    });
+}
+
+void recording::warn_too_large(guard &locked, const input &from, size_t size)
+{
+    with_element(locked, [&](GstElement *element) {
+        GST_ELEMENT_WARNING(element, RESOURCE, WRITE, ("A frame of %zu bytes is larger than queue-bytes allows.", size),
+                            ("%s: raise queue-bytes", from.name.c_str()));
+    });
+}
+
+} // namespace mediafiles::gstreamer

@@ -1,0 +1,318 @@
+/** The part of a recording that streaming threads and applications call. */
+#include "recording.h"
+
+#include <algorithm>
+#include <cerrno>
+
+#include <gst/video/video.h>
+
+#include "debug.h"
+#include "messages.h"
+#include "push-buffer.h"
+
+namespace mediafiles::gstreamer {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+/* So far a stream runs ahead of another one that can wait, too; one that has not moved for so long is not waited for. */
+constexpr int64_t longest_lead = 500 * GST_MSECOND;
+constexpr auto longest_wait = 1s;
+/* How often a wait for room in the recorder's queue, which nothing interrupts, looks at what else happens. */
+constexpr int64_t poll_interval = 50 * GST_MSECOND;
+
+bool is_delta(GstBuffer *buffer)
+{
+    return GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DELTA_UNIT);
+}
+
+} // namespace
+
+recording::recording(GstElement *element, settings options) : options_(std::move(options)), element_(element)
+{
+    before_.size = sizeof before_;
+}
+
+void recording::begin()
+{
+    thread_ = std::thread([own = shared_from_this()] { own->run(); });
+}
+
+void recording::interrupt()
+{
+    const guard locked(lock_);
+    is_ending_ = true;
+    wake();
+}
+
+void recording::end()
+{
+    guard locked(lock_);
+    is_ending_ = true;
+    wake();
+    /* The last recorder is started and stopped; a kernel that does not come back from either keeps the thread. */
+    const auto patience = std::chrono::nanoseconds(options_.patience) + longest_wait;
+    if (moved_.wait_for(locked, patience, [this] { return has_ended_; })) {
+        locked.unlock();
+        thread_.join();
+        return;
+    }
+    element_ = nullptr;
+    thread_.detach();
+}
+
+void recording::wake()
+{
+    waker_.wake();
+    moved_.notify_all();
+}
+
+void recording::set_playing(bool is_playing)
+{
+    const guard locked(lock_);
+    is_playing_ = is_playing;
+    wake();
+}
+
+/* ---- What the pads bring ---- */
+
+void recording::add(const input_ptr &from)
+{
+    const guard locked(lock_);
+    from->moved_at = steady::now();
+    inputs_.push_back(from);
+}
+
+void recording::remove(const input_ptr &from)
+{
+    const guard locked(lock_);
+    from->is_flushing = true;
+    has_left_ = has_left_ || from->recorded_as;
+    std::erase(inputs_, from);
+    wake();
+}
+
+void recording::describe(input &from, format carries)
+{
+    const guard locked(lock_);
+    if (!from.carries || !from.carries->fits(carries)) ++from.version;
+    from.carries = std::move(carries);
+    wake();
+}
+
+void recording::flush(input &from, bool begins)
+{
+    const guard locked(lock_);
+    from.is_flushing = begins;
+    if (!begins) from.has_ended = false;
+    wake();
+}
+
+void recording::set_can_wait(input &from, bool can_wait)
+{
+    const guard locked(lock_);
+    from.can_wait = can_wait;
+}
+
+void recording::start_stream(input &from)
+{
+    const guard locked(lock_);
+    from.has_ended = false;
+    from.latest.reset();
+    from.moved_at = steady::now();
+    from.thread = std::this_thread::get_id();
+    if (stream_is_ == over::posted) stream_is_ = over::no;
+}
+
+void recording::end_stream(input &from, uint32_t sequence)
+{
+    const guard locked(lock_);
+    from.has_ended = true;
+    end_sequence_ = sequence;
+    wake();
+}
+
+void recording::note_time(input &from, int64_t time)
+{
+    from.latest = time;
+    from.moved_at = steady::now();
+    from.thread = std::this_thread::get_id();
+    if (from.can_wait) moved_.notify_all();
+}
+
+void recording::move_on(input &from, int64_t time)
+{
+    const guard locked(lock_);
+    note_time(from, time);
+}
+
+/* ---- The way of a buffer ---- */
+
+bool recording::is_ahead(const input &from, int64_t time) const
+{
+    const auto now = steady::now();
+    return std::ranges::any_of(inputs_, [&](const input_ptr &other) {
+        if (other.get() == &from || other->has_ended || other->is_flushing) return false;
+        if (other->thread == std::this_thread::get_id() || now - other->moved_at >= longest_wait) return false;
+        return !other->latest || *other->latest + longest_lead < time;
+    });
+}
+
+void recording::await_others(guard &locked, const input &from, int64_t time)
+{
+    while (!stops(from) && is_ahead(from, time)) moved_.wait_for(locked, 100ms);
+}
+
+GstFlowReturn recording::push(input &from, GstBuffer *buffer, int64_t time, uint32_t flags)
+{
+    guard locked(lock_);
+    moved_.wait(locked, [&] { return is_playing_ || stops(from); });
+    if (from.can_wait) await_others(locked, from, time);
+    for (bool taken = false; !taken;) {
+        if (stops(from)) return why_stopped();
+        if (from.is_incomplete && from.carries->is_video() && is_delta(buffer)) {
+            drop(from);
+            taken = true;
+        } else if (is_direct_ && from.recorded_as && from.recorded_version == from.version) {
+            taken = give(locked, from, buffer, time, flags);
+        } else {
+            taken = hold(from, buffer, time, flags);
+            if (!taken) moved_.wait(locked);
+        }
+    }
+    note_time(from, time);
+    return has_failed_ ? GST_FLOW_ERROR : GST_FLOW_OK;
+}
+
+/* False when it has to be tried again. */
+bool recording::give(guard &locked, input &from, GstBuffer *buffer, int64_t time, uint32_t flags)
+{
+    if (from.is_incomplete) end_gap(from);
+    const recorder_ptr recorder = recorder_;
+    const uint32_t track = *from.recorded_as;
+    const bool waits = from.can_wait;
+    if (waits) { /* streams that wait push one at a time: the room that one of them finds is its own */
+        moved_.wait(locked, [&] { return !is_giving_ || stops(from); });
+        if (stops(from) || recorder != recorder_) return false;
+        is_giving_ = true;
+    }
+    locked.unlock();
+    int result = -1;
+    const size_t size = gst_buffer_get_size(buffer);
+    const bool has_room = !waits || mediafiles_recorder_await_room(recorder.get(), size, poll_interval) != 0;
+    if (has_room) result = push_buffer(recorder.get(), track, buffer, time, flags);
+    const int error = errno;
+    locked.lock();
+    if (waits) {
+        is_giving_ = false;
+        moved_.notify_all();
+    }
+    if (!has_room) return false;
+    if (result >= 0) return true;
+    if (error == ESHUTDOWN && (recorder != recorder_ || !is_direct_)) return false;
+    if (error == EMSGSIZE)
+        warn_too_large(locked, from, size);
+    else
+        fail(locked, error == ESHUTDOWN ? ENOMEM : error);
+    return true;
+}
+
+/* False when there is no room for what can wait. */
+bool recording::hold(input &from, GstBuffer *buffer, int64_t time, uint32_t flags)
+{
+    const uint64_t size = gst_buffer_get_size(buffer);
+    if (held_bytes_ + size > options_.queue_bytes / 2 && !held_.empty()) {
+        if (from.can_wait) return false;
+        drop(from);
+        return true;
+    }
+    if (from.is_incomplete) end_gap(from);
+    /* A buffer of a pool goes back to it: the source may have few. */
+    GstBuffer *const own = buffer->pool ? gst_buffer_copy_deep(buffer) : gst_buffer_ref(buffer);
+    if (held_.empty()) {
+        first_held_ = steady::now();
+        wake();
+    }
+    held_.push_back({from.shared_from_this(), from.version, owner<GstBuffer>(own), time, flags});
+    held_bytes_ += size;
+    return true;
+}
+
+void recording::drop(input &from)
+{
+    from.is_incomplete = true;
+    ++from.dropped;
+    ++dropped_;
+}
+
+void recording::end_gap(input &from)
+{
+    GST_WARNING("%s: %ju frames dropped while no recorder took them", from.name.c_str(), uintmax_t{from.dropped});
+    from.is_incomplete = false;
+    from.dropped = 0;
+}
+
+/* ---- What an application asks for ---- */
+
+recording::recorder_ptr recording::running()
+{
+    const guard locked(lock_);
+    return recorder_;
+}
+
+bool recording::split(bool at_once)
+{
+    std::vector<input_ptr> video;
+    {
+        const guard locked(lock_);
+        if (!recorder_ || mediafiles_recorder_split(recorder_.get()) != 0) return false;
+        if (at_once)
+            std::ranges::copy_if(tracks_, std::back_inserter(video),
+                                 [](const input_ptr &each) { return each->carries->is_video(); });
+    }
+    for (const input_ptr &each : video) ask_for_key(*each);
+    return true;
+}
+
+bool recording::trigger(uint64_t after)
+{
+    const recorder_ptr recorder = running();
+    return recorder && mediafiles_recorder_trigger(recorder.get(), static_cast<int64_t>(after)) == 0;
+}
+
+bool recording::protect(uint64_t before, uint64_t after)
+{
+    const recorder_ptr recorder = running();
+    return recorder &&
+           mediafiles_recorder_protect(recorder.get(), static_cast<int64_t>(before), static_cast<int64_t>(after)) == 0;
+}
+
+void recording::ask_for_key(input &from)
+{
+    if (const auto pad = from.pad())
+        gst_pad_push_event(pad.get(), gst_video_event_new_upstream_force_key_unit(GST_CLOCK_TIME_NONE, TRUE, 0));
+}
+
+owner<GstStructure> recording::stats()
+{
+    const guard locked(lock_);
+    mediafiles_recorder_stats now = {}, sum = before_;
+    now.size = sizeof now;
+    if (recorder_ && mediafiles_recorder_get_stats(recorder_.get(), &now) == 0) gstreamer::add(sum, now);
+    sum.frames_in += dropped_;
+    sum.frames_dropped += dropped_;
+    auto made = structure_of(sum);
+    for (const input_ptr &each : inputs_) {
+        auto own = each->before;
+        uint64_t safe = each->safe_before;
+        if (each->recorded_as) {
+            gstreamer::add(own, now.tracks[*each->recorded_as]);
+            safe += now.safe[*each->recorded_as];
+        }
+        gst_structure_set(made.get(), each->name.c_str(), GST_TYPE_STRUCTURE, structure_of(own, safe).get(), nullptr);
+    }
+    return made;
+}
+
+} // namespace mediafiles::gstreamer

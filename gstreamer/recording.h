@@ -1,0 +1,144 @@
+/**
+ * What the element records from READY to PAUSED and back: the streams of its
+ * pads, and one recorder after the other that takes them.
+ *
+ * The tracks of a recorder are fixed when it starts. So it starts when all pads
+ * have said what they bring, and another one follows when that changes: a pad
+ * has come or gone, or carries something else. Starting and stopping wait for
+ * the medium. A thread of the recording's own does both, and reads the events;
+ * meanwhile the buffers are held here, as many as the recorder's queue would.
+ *
+ * A streaming thread never waits for the medium. That of a source which can
+ * wait, like a file, waits while the recorder's queue is half full, and for
+ * streams that are behind its own.
+ *
+ *     streaming threads    push ----------------------> recorder
+ *                            \--> held --\               ^   |
+ *     thread of its own                   starts, hands over |
+ *                                         posts messages <---+ events
+ *
+ * The state is shared with that thread: one that the kernel holds outlives the
+ * element.
+ */
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "input.h"
+#include "settings.h"
+#include "tools/record/waker.h"
+
+namespace mediafiles::gstreamer {
+
+class recording : public std::enable_shared_from_this<recording> {
+public:
+    recording(GstElement *element, settings options);
+
+    void begin();
+    /** Streaming threads do not wait from now on. */
+    void interrupt();
+    /** Stores what has come and finishes the files, with the patience of the settings. */
+    void end();
+    void set_playing(bool is_playing);
+
+    void add(const input_ptr &from);
+    void remove(const input_ptr &from);
+    void describe(input &from, format carries);
+    void flush(input &from, bool begins);
+    void start_stream(input &from);
+    /** Whether its source is not live. */
+    void set_can_wait(input &from, bool can_wait);
+    void end_stream(input &from, uint32_t sequence);
+    /** Nothing comes up to then. */
+    void move_on(input &from, int64_t time);
+
+    GstFlowReturn push(input &from, GstBuffer *buffer, int64_t time, uint32_t flags);
+
+    /** False when nothing is recorded, or there are no events. */
+    bool split(bool at_once);
+    bool trigger(uint64_t after);
+    bool protect(uint64_t before, uint64_t after);
+    owner<GstStructure> stats();
+
+private:
+    using guard = std::unique_lock<std::mutex>;
+    using recorder_ptr = std::shared_ptr<mediafiles_recorder>;
+    struct held_buffer {
+        input_ptr from;
+        uint32_t version;
+        owner<GstBuffer> buffer;
+        int64_t time;
+        uint32_t flags;
+    };
+    enum class over { no, reached, posted };
+
+    /* streaming threads: recording.cpp */
+    bool stops(const input &from) const { return is_ending_ || has_failed_ || from.is_flushing; }
+    GstFlowReturn why_stopped() const { return has_failed_ ? GST_FLOW_ERROR : GST_FLOW_FLUSHING; }
+    bool is_ahead(const input &from, int64_t time) const;
+    void await_others(guard &locked, const input &from, int64_t time);
+    void note_time(input &from, int64_t time);
+    bool hold(input &from, GstBuffer *buffer, int64_t time, uint32_t flags);
+    void drop(input &from);
+    void end_gap(input &from);
+    bool give(guard &locked, input &from, GstBuffer *buffer, int64_t time, uint32_t flags);
+    recorder_ptr running();
+    static void ask_for_key(input &from);
+    void wake();
+
+    /* its own thread: recording-thread.cpp */
+    void run();
+    bool step(guard &locked);
+    static bool is_recorded(const input_ptr &each) { return each->recorded_as.has_value(); }
+    bool has_all_ended() const;
+    bool needs_a_recorder() const;
+    bool is_outdated() const;
+    void start_recorder(guard &locked);
+    std::vector<mp4_track_desc> choose_tracks();
+    void hand_over(guard &locked);
+    void stop_recorder(guard &locked);
+    void forget_tracks();
+    void wait(guard &locked);
+    void take_events(guard &locked, const recorder_ptr &recorder);
+    void fail(guard &locked, int error);
+    void post_end(guard &locked);
+    void warn_too_large(guard &locked, const input &from, size_t size);
+    void with_element(guard &locked, const std::function<void(GstElement *)> &use);
+
+    const settings options_;
+    std::mutex lock_;
+    std::condition_variable moved_;
+    tools::waker waker_;
+    std::thread thread_;
+    GstElement *element_; // borrowed; NULL: it has gone
+
+    std::vector<input_ptr> inputs_;
+    recorder_ptr recorder_;
+    std::vector<input_ptr> tracks_; // of the recorder, by index
+    bool is_direct_ = false;        // streaming threads push into the recorder
+    bool has_left_ = false;         // one of its tracks
+    bool is_giving_ = false;        // a stream that can wait pushes
+    bool was_impatient_ = false;    // a recorder was stopped whose medium did not answer
+    bool is_playing_ = false, has_failed_ = false, has_ended_ = false;
+    std::atomic<bool> is_ending_ = false;
+    over stream_is_ = over::no;
+    uint32_t end_sequence_ = 0;
+
+    std::deque<held_buffer> held_;
+    uint64_t held_bytes_ = 0, dropped_ = 0;
+    steady::time_point first_held_ = {};
+    steady::time_point not_before_ = {}; // another recorder is tried
+    std::string directory_;              // of the recorder; its own thread's
+
+    mediafiles_recorder_stats before_ = {}; // of recorders that have ended
+};
+
+} // namespace mediafiles::gstreamer
