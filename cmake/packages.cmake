@@ -10,12 +10,16 @@ endif()
 if(TARGET mediafiles-command)
     list(APPEND CPACK_COMPONENTS_ALL tools)
 endif()
+if(TARGET mediafiles-gstreamer)
+    list(APPEND CPACK_COMPONENTS_ALL gstreamer)
+endif()
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${library_package})
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME libmediafiles-dev)
 set(CPACK_DEBIAN_RECORDER_PACKAGE_NAME ${recorder_package})
 set(CPACK_DEBIAN_RECORDER-DEV_PACKAGE_NAME libmediafiles-recorder-dev)
 set(CPACK_DEBIAN_REPAIR_PACKAGE_NAME mediafiles-repair)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME mediafiles-tools)
+set(CPACK_DEBIAN_GSTREAMER_PACKAGE_NAME gstreamer1.0-mediafiles)
 
 # What Debian requires beside the files: the licence in its format, the changelog and the manual page compressed.
 set(work ${PROJECT_BINARY_DIR}/packaging)
@@ -45,6 +49,8 @@ install(DIRECTORY examples docs COMPONENT dev EXCLUDE_FROM_ALL DESTINATION ${CMA
     FILES_MATCHING PATTERN *.c PATTERN *.md PATTERN recover.c EXCLUDE PATTERN dashcam.c EXCLUDE)
 install(FILES examples/dashcam.c examples/dashcam.cpp examples/recover.c COMPONENT recorder-dev EXCLUDE_FROM_ALL
     DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libmediafiles-recorder-dev/examples)
+install(FILES docs/gstreamer.md COMPONENT gstreamer EXCLUDE_FROM_ALL
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/gstreamer1.0-mediafiles)
 install(FILES ${work}/mediafiles.1.gz COMPONENT tools EXCLUDE_FROM_ALL DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 install(FILES ${work}/mediafiles-repair.1.gz COMPONENT repair EXCLUDE_FROM_ALL DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 
@@ -75,12 +81,16 @@ It decides what is kept of a recording and its journal, and repairs files and\nw
 This package has the program, for devices; the command of mediafiles-tools has\nit as well.")
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION "${CPACK_COMPONENT_RUNTIME_DESCRIPTION}\n.\n\
 This package has the command, which records what libavformat opens and\nrepairs files and whole cards.")
+set(CPACK_COMPONENT_GSTREAMER_DESCRIPTION "GStreamer element that records MP4 files which survive a power cut\n\
+mediafilessink takes H.264, H.265 and AAC and makes a directory of MP4 files of\nthem. It stands where a pipeline has \
+splitmuxsink, and brings back what was cut\noff before.")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_RECORDER_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_RECORDER-DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_REPAIR_PACKAGE_SECTION video)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION video)
+set(CPACK_DEBIAN_GSTREAMER_PACKAGE_SECTION video)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/service/postinst)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA "${work}/shlibs;${work}/triggers")
 set(CPACK_DEBIAN_RECORDER_PACKAGE_CONTROL_EXTRA "${work}/recorder/shlibs;${work}/triggers")
@@ -91,6 +101,7 @@ set(CPACK_DEBIAN_RECORDER-DEV_PACKAGE_DEPENDS
 set(CPACK_DEBIAN_REPAIR_PACKAGE_DEPENDS "${recorder_package} (>= ${PROJECT_VERSION})")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS
     "${library_package} (>= ${PROJECT_VERSION}), ${recorder_package} (>= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_GSTREAMER_PACKAGE_DEPENDS "${recorder_package} (>= ${PROJECT_VERSION})")
 if(CMAKE_CROSSCOMPILING)
     # dpkg-shlibdeps finds the libraries of the host only.
     string(REGEX REPLACE "^arm$" "armhf" CPACK_DEBIAN_PACKAGE_ARCHITECTURE "${CMAKE_SYSTEM_PROCESSOR}")

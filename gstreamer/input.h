@@ -17,6 +17,8 @@ namespace mediafiles::gstreamer {
 
 using steady = std::chrono::steady_clock;
 
+using format_ptr = std::shared_ptr<const format>;
+
 struct input : std::enable_shared_from_this<input> {
     explicit input(GstPad *pad) : name(GST_PAD_NAME(pad)) { g_weak_ref_init(&pad_, pad); }
     ~input() { g_weak_ref_clear(&pad_); }
@@ -27,15 +29,14 @@ struct input : std::enable_shared_from_this<input> {
     owner<GstPad> pad() { return owner<GstPad>(static_cast<GstPad *>(g_weak_ref_get(&pad_))); }
 
     const std::string name;
-    std::optional<format> carries;       // by its caps
-    uint32_t version = 0;                // of what it carries: another one needs another track
+    format_ptr carries;                  // by its caps; one for all that fit to the same track
     bool is_flushing = false;            // nothing waits
     bool has_ended = false;              // until another stream starts
     bool can_wait = false;               // its source is not live
     bool is_incomplete = false;          // what was held back was dropped, up to the next key frame
     uint64_t dropped = 0;                // frames, since then
     std::optional<uint32_t> recorded_as; // the track, in the recorder that runs
-    uint32_t recorded_version = 0;
+    format_ptr recorded_format;          // of that
 
     /* Streams that can wait for each other. */
     std::optional<int64_t> latest;    // its time, ns

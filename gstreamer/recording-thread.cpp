@@ -82,19 +82,43 @@ bool recording::needs_a_recorder() const
     return is_complete || is_ending_ || steady::now() - first_held_ >= patience_with_pads;
 }
 
-/* Those that carry something and go on, or have something to hand over; the pad "video" leads. */
+/* What the first of its buffers that are held is; NULL: none is. */
+format_ptr recording::held_format(const input_ptr &from) const
+{
+    const auto found = std::ranges::find(held_, from, &held_buffer::from);
+    return found == held_.end() ? nullptr : found->carries;
+}
+
+/* Those that go on, the pad "video" first, and those that have gone and left something here. */
+std::vector<input_ptr> recording::candidates() const
+{
+    std::vector<input_ptr> all = inputs_;
+    std::ranges::stable_partition(all, [](const input_ptr &each) { return each->name == "video"; });
+    for (const held_buffer &each : held_)
+        if (std::ranges::find(all, each.from) == all.end()) all.push_back(each.from);
+    const auto is_idle = [this](const input_ptr &each) {
+        return !held_format(each) && (each->has_ended || !each->carries);
+    };
+    std::erase_if(all, is_idle);
+    /* More than a recorder takes: that of the first buffer is one of them, and the next recorder has the others. */
+    if (all.size() > MP4_MAX_TRACKS && !held_.empty()) {
+        std::ranges::rotate(all, std::ranges::find(all, held_.front().from));
+        all.resize(MP4_MAX_TRACKS);
+    }
+    return all;
+}
+
 std::vector<mp4_track_desc> recording::choose_tracks()
 {
     std::vector<mp4_track_desc> tracks;
-    std::vector<input_ptr> ordered = inputs_;
-    std::ranges::stable_partition(ordered, [](const input_ptr &each) { return each->name == "video"; });
-    for (const input_ptr &each : ordered) {
-        const auto is_of = [&](const held_buffer &held) { return held.from == each && held.version == each->version; };
-        if (!each->carries || (each->has_ended && std::ranges::none_of(held_, is_of))) continue;
+    has_left_ = false;
+    for (const input_ptr &each : candidates()) {
+        const format_ptr held = held_format(each);
+        each->recorded_format = held ? held : each->carries;
         each->recorded_as = static_cast<uint32_t>(tracks.size());
-        each->recorded_version = each->version;
-        tracks.push_back(each->carries->track);
+        tracks.push_back(each->recorded_format->track);
         tracks_.push_back(each);
+        has_left_ = has_left_ || std::ranges::find(inputs_, each) == inputs_.end();
     }
     return tracks;
 }
@@ -102,11 +126,6 @@ std::vector<mp4_track_desc> recording::choose_tracks()
 void recording::start_recorder(guard &locked)
 {
     const std::vector<mp4_track_desc> tracks = choose_tracks();
-    if (tracks.empty()) { /* what is held came from pads that have gone */
-        held_.clear();
-        held_bytes_ = 0;
-        return;
-    }
     locked.unlock();
     int error = 0;
     directory_ = directory_of(options_);
@@ -115,7 +134,6 @@ void recording::start_recorder(guard &locked)
         made.reset(gstreamer::start_recorder(options_, directory_, tracks), mediafiles_recorder_destroy);
     if (!made) error = errno;
     locked.lock();
-    has_left_ = false;
     if (error == 0) {
         recorder_ = std::move(made);
         return;
@@ -127,24 +145,25 @@ void recording::start_recorder(guard &locked)
         fail(locked, error);
 }
 
-/* What was held goes first; then the streaming threads push themselves. */
+/*
+ * What was held goes first; then the streaming threads push themselves. What is not for one of the recorder's tracks stays,
+ * and needs another recorder.
+ */
 void recording::hand_over(guard &locked)
 {
     if (!recorder_) return;
     const recorder_ptr recorder = recorder_;
     while (!held_.empty()) {
+        const input &first = *held_.front().from;
+        if (!first.recorded_as || first.recorded_format != held_.front().carries) return;
         const held_buffer next = std::move(held_.front());
         held_.pop_front();
-        held_bytes_ -= gst_buffer_get_size(next.buffer.get());
-        moved_.notify_all();
-        if (!next.from->recorded_as || next.from->recorded_version != next.version) {
-            drop(*next.from);
-            continue;
-        }
-        const uint32_t track = *next.from->recorded_as;
-        const bool waits = next.from->can_wait;
-        locked.unlock();
         const size_t size = gst_buffer_get_size(next.buffer.get());
+        held_bytes_ -= size;
+        moved_.notify_all();
+        const uint32_t track = *first.recorded_as;
+        const bool waits = first.can_wait;
+        locked.unlock();
         while (waits && !is_ending_ && mediafiles_recorder_await_room(recorder.get(), size, poll_interval) == 0) {}
         const int result = push_buffer(recorder.get(), track, next.buffer.get(), next.time, next.flags);
         locked.lock();

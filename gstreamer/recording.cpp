@@ -96,8 +96,8 @@ void recording::remove(const input_ptr &from)
 void recording::describe(input &from, format carries)
 {
     const guard locked(lock_);
-    if (!from.carries || !from.carries->fits(carries)) ++from.version;
-    from.carries = std::move(carries);
+    if (!from.carries || !from.carries->fits(carries))
+        from.carries = std::make_shared<const format>(std::move(carries));
     wake();
 }
 
@@ -168,20 +168,20 @@ GstFlowReturn recording::push(input &from, GstBuffer *buffer, int64_t time, uint
 {
     guard locked(lock_);
     moved_.wait(locked, [&] { return is_playing_ || stops(from); });
+    note_time(from, time);
     if (from.can_wait) await_others(locked, from, time);
     for (bool taken = false; !taken;) {
         if (stops(from)) return why_stopped();
         if (from.is_incomplete && from.carries->is_video() && is_delta(buffer)) {
             drop(from);
             taken = true;
-        } else if (is_direct_ && from.recorded_as && from.recorded_version == from.version) {
+        } else if (is_direct_ && from.recorded_as && from.recorded_format == from.carries) {
             taken = give(locked, from, buffer, time, flags);
         } else {
             taken = hold(from, buffer, time, flags);
             if (!taken) moved_.wait(locked);
         }
     }
-    note_time(from, time);
     return has_failed_ ? GST_FLOW_ERROR : GST_FLOW_OK;
 }
 
@@ -234,7 +234,7 @@ bool recording::hold(input &from, GstBuffer *buffer, int64_t time, uint32_t flag
         first_held_ = steady::now();
         wake();
     }
-    held_.push_back({from.shared_from_this(), from.version, owner<GstBuffer>(own), time, flags});
+    held_.push_back({from.shared_from_this(), from.carries, owner<GstBuffer>(own), time, flags});
     held_bytes_ += size;
     return true;
 }

@@ -73,7 +73,7 @@ private:
     using recorder_ptr = std::shared_ptr<mediafiles_recorder>;
     struct held_buffer {
         input_ptr from;
-        uint32_t version;
+        format_ptr carries;
         owner<GstBuffer> buffer;
         int64_t time;
         uint32_t flags;
@@ -102,7 +102,9 @@ private:
     bool needs_a_recorder() const;
     bool is_outdated() const;
     void start_recorder(guard &locked);
+    std::vector<input_ptr> candidates() const;
     std::vector<mp4_track_desc> choose_tracks();
+    format_ptr held_format(const input_ptr &from) const;
     void hand_over(guard &locked);
     void stop_recorder(guard &locked);
     void forget_tracks();

@@ -69,6 +69,10 @@ if [ -x "$prefix/bin/mediafiles" ]; then
     "$prefix/bin/mediafiles" record "$stream.h264" -o "$work/command.mp4" --fps 25
     "$prefix/bin/mediafiles" inspect "$work/command.mp4" >"$work/inspected"
 fi
+if [ -e "$libdir/gstreamer-1.0/libgstmediafiles.so" ] && [ -z "${CONSUMER_FLAGS:-}" ]; then
+    GST_PLUGIN_PATH=$libdir/gstreamer-1.0 GST_REGISTRY=$work/registry gst-inspect-1.0 mediafilessink >"$work/inspected"
+    grep -q 'License *MIT' "$work/inspected"
+fi
 for program in "$work/by-pkg-config" "$work/out/by-mediafiles" "$work/out/by-mediafiles-static"; do
     "$program" "$work/clip.mp4" "$stream.h264" "$stream.units.tsv" 640 360
     if readelf -d "$program" | grep -q libstdc++; then

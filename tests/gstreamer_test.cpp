@@ -56,4 +56,383 @@ TEST(GStreamer, RecordsWhatComes)
         }
 }
 
+/* What a pipeline brings to the element, by its pads. */
+struct watched_pads {
+    std::map<std::string, stream> frames;
+
+    static GstPadProbeReturn note(GstPad *pad, GstPadProbeInfo *info, gpointer self)
+    {
+        GstBuffer *const buffer = gst_pad_probe_info_get_buffer(info);
+        GstMapInfo map;
+        gst_buffer_map(buffer, &map, GST_MAP_READ);
+        static_cast<watched_pads *>(self)->frames[GST_PAD_NAME(pad)].push_back(
+            {bytes(map.data, map.data + map.size), int64_t(GST_BUFFER_PTS(buffer)), false});
+        gst_buffer_unmap(buffer, &map);
+        return GST_PAD_PROBE_OK;
+    }
+};
+
+TEST(GStreamer, RecordsPipelines)
+{
+    const stream base = load("h264_base_640x360_25", ".h264"), sound = load("aac_lc_48000_2", ".aac"),
+                 hevc = load("h265_cra_2slices_640x360_30", ".h265");
+    sink_under_test older, newer;
+    older.record({{older.add_pad("video", h264_caps), &base}, {older.add_pad("audio_0", adts_caps), &sound}});
+    newer.record({{newer.add_pad("video", h265_caps), &hevc}, {newer.add_pad("audio_0", adts_caps), &sound}});
+    const std::string demux = " ! qtdemux name=d d.video_0 ! queue ! ", then = " ! s.video d.audio_0 ! queue ! ",
+                      camera =
+                          "videotestsrc is-live=true num-buffers=25 ! video/x-raw,width=64,height=48,framerate=50/1 ! "
+                          "x264enc tune=zerolatency bframes=0 key-int-max=10 ! ";
+    const std::tuple<const char *, std::string, size_t> cases[] = {
+        {"H.264 and AAC of a file",
+         "filesrc location=" + older.on / "00000001.mp4" + demux + "h264parse" + then + "aacparse ! s.", 2},
+        {"H.265 of a file", "filesrc location=" + newer.on / "00000001.mp4" + demux + "h265parse" + then + "s.audio_0",
+         2},
+        {"a camera", camera + "s.", 1},
+        {"a camera and a microphone, by parsers",
+         camera + "h264parse ! s. audiotestsrc is-live=true num-buffers=30 ! voaacenc ! aacparse ! s.", 2},
+    };
+    for (const auto &[what, pipeline, pads] : cases) {
+        SCOPED_TRACE(what);
+        const card on;
+        watched_pads watched;
+        const said heard = run_pipeline(pipeline + " mediafilessink name=s keep-free=0 location=" + on / "%04d.mp4",
+                                        {watched_pads::note, &watched});
+        EXPECT_EQ(heard.count("eos"), 1u) << heard.text("error");
+        EXPECT_EQ(watched.frames.size(), pads);
+        const played all = play(on);
+        size_t whole = 0; // tracks
+        for (const auto &[name, frames] : watched.frames)
+            for (const auto &[id, samples] : all.samples) {
+                if (samples.back() != sample_of(frames.back(), name[0] == 'v')) continue;
+                const std::set<size_t> found = found_frames(samples, frames, name[0] == 'v');
+                const size_t first = *found.begin(); // sound before the first picture is in no file
+                whole += found.size() == frames.size() - first && (first == 0 || name[0] == 'a');
+            }
+        EXPECT_EQ(whole, pads);
+    }
+}
+
+TEST(GStreamer, WhatCannotBeRecordedIsAnErrorWithItsReason)
+{
+    const card taken;
+    taken.put("file", {0});
+    sink_under_test other;
+    other.push(other.add_pad("video", h264_caps), camera(1, 1'000)[0]);
+    ASSERT_TRUE(other.hears("mediafiles-begun"));
+    const std::string in = "location=" + taken.path() + "/", busy = "location=" + other.on.path() + "/%d.mp4";
+    const std::tuple<std::string, const char *, bool> cases[] = {
+        // a part of the text; whether nothing has to come for it
+        {in + "file.mp4", "exactly one field", true},
+        {in + "%d-%d.mp4", "exactly one field", true},
+        {in + "%s.mp4", "exactly one field", true},
+        {in + "%5d.mp4", "%0Nd with N from 1 to 10", true},
+        {in + "%011d.mp4", "%0Nd with N from 1 to 10", true},
+        {in + "%05d.mkv", "ends in .mp4", true},
+        {in + "{number}%d.mp4", "for the property pattern", true},
+        {in + "%d.mp4 pattern=x{number}.mp4", "only one", true},
+        {"pattern=" + taken.path() + "/%H%T.mp4", "not a pattern", true},
+        {"pattern=\"\" location=\"\"", "has to be set", true},
+        {in + "none/%d.mp4", "No such file or directory", false},
+        {in + "file/%d.mp4", "Not a directory", false},
+        {busy, "another recorder", false},
+    };
+    for (const auto &[properties, text, at_once] : cases) {
+        SCOPED_TRACE(properties);
+        sink_under_test sink(properties);
+        if (at_once) {
+            EXPECT_EQ(gst_element_set_state(sink.element, GST_STATE_PAUSED), GST_STATE_CHANGE_FAILURE);
+        } else {
+            sink.push(sink.add_pad("video", h264_caps), camera(1, 1'000)[0]);
+        }
+        ASSERT_TRUE(sink.hears("error"));
+        EXPECT_NE(sink.heard().text("error").find(text), std::string::npos) << sink.heard().text("error");
+    }
+}
+
+TEST(GStreamer, WhatDoesNotFitIsRefused)
+{
+    stream late = camera(1, 1'000), timeless = late;
+    std::swap(late[3].time, late[4].time);
+    timeless[0].time = int64_t(GST_CLOCK_TIME_NONE);
+    const stream sound = load("aac_lc_48000_2", ".aac");
+    const struct {
+        const char *what, *pad, *caps;
+        const stream &frames;
+        size_t taken; // frames
+        const char *text;
+    } cases[] = {
+        {"B-frames", "video", h264_caps, late, 4, "bframes=0"},
+        {"no times", "video", h264_caps, timeless, 0, "do-timestamp"},
+        {"HE-AAC", "audio_0",
+         "audio/mpeg, mpegversion=4, stream-format=raw, rate=48000, channels=2, codec_data=(buffer)2b118800", sound, 0,
+         "audio object type 5"},
+        {"a rate that no header can state", "audio_0",
+         "audio/mpeg, mpegversion=4, stream-format=adts, rate=47999, channels=2", sound, 0, "47999 Hz"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        sink_under_test sink;
+        GstHarness *const pad = sink.add_pad(c.pad, c.caps);
+        for (size_t n = 0; n <= c.taken; ++n) EXPECT_EQ(sink.push(pad, c.frames[n]) == GST_FLOW_OK, n < c.taken) << n;
+        ASSERT_TRUE(sink.hears("error"));
+        EXPECT_NE(sink.heard().text("error").find(c.text), std::string::npos) << sink.heard().text("error");
+    }
+}
+
+TEST(GStreamer, AnotherFormatBeginsAFile)
+{
+    const stream base = load("h264_base_640x360_25", ".h264"), small = load("ext_MPS_MW_A_176x144_30", ".h264"),
+                 hevc = load("h265_aud_sei_640x360_25", ".h265"), sound = load("aac_lc_48000_2", ".aac"),
+                 other = load("aac_voaac_44100_2", ".aac");
+    const struct {
+        const char *what, *pad, *before, *after;
+        const stream &first, &second;
+        bool is_video;
+        size_t files;
+    } cases[] = {
+        {"pictures of another size", "video", h264_caps,
+         "video/x-h264, stream-format=byte-stream, alignment=au, width=176, height=144", base, small, true, 2},
+        {"another codec", "video", h264_caps, h265_caps, base, hevc, true, 2},
+        {"sound of another rate", "audio_0", adts_caps,
+         "audio/mpeg, mpegversion=4, stream-format=adts, rate=44100, channels=2", sound, other, false, 2},
+        {"another frame rate is the same", "video", h264_caps,
+         "video/x-h264, stream-format=byte-stream, alignment=au, width=640, height=360, framerate=30/1", base, base,
+         true, 1},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        sink_under_test sink;
+        GstHarness *const pad = sink.add_pad(c.pad, c.before);
+        for (const frame &each : c.first) EXPECT_EQ(sink.push(pad, each), GST_FLOW_OK);
+        gst_harness_set_src_caps_str(pad, c.after);
+        const stream second = repeated(c.second, 1, repeated(c.first, 2)[c.first.size()].time);
+        sink.record({{pad, &second}});
+        const played all = play(sink.on);
+        EXPECT_EQ(all.files.size(), c.files);
+        const std::vector<bytes> &samples = all.samples.at(1);
+        ASSERT_EQ(samples.size(), c.first.size() + second.size());
+        for (size_t n = 0; n < samples.size(); ++n)
+            ASSERT_EQ(samples[n], sample_of(n < c.first.size() ? c.first[n] : second[n - c.first.size()], c.is_video))
+                << n;
+    }
+}
+
+TEST(GStreamer, PadsComeAndGo)
+{
+    const stream frames = numbered(camera(12, 2'000)), sound = load("aac_lc_48000_2", ".aac");
+    sink_under_test sink("max-size-time=400000000");
+    GstHarness *const stays = sink.add_pad("audio_0", adts_caps), *const goes = sink.add_pad("video", h264_caps);
+    size_t heard = 0;
+    const auto feed_sound = [&](int64_t until) {
+        while (heard < sound.size() && sound[heard].time < until)
+            EXPECT_EQ(sink.push(stays, sound[heard++]), GST_FLOW_OK);
+    };
+    const auto feed = [&](GstHarness *pad, size_t from, size_t to) {
+        for (size_t n = from; n < to; ++n) {
+            feed_sound(frames[n].time);
+            EXPECT_EQ(sink.push(pad, frames[n]), GST_FLOW_OK);
+        }
+    };
+    const auto stores = [&](uint64_t frames_out) {
+        return comes_true([&] { return sink.statistic("frames-out") >= frames_out; });
+    };
+    feed(goes, 0, 40);
+    EXPECT_TRUE(stores(60));
+    sink.remove_pad(goes);
+    feed_sound(frames[80].time);
+    EXPECT_TRUE(stores(187));
+    feed(sink.add_pad("video", h264_caps), 80, frames.size());
+    feed_sound(5 * second);
+    sink.end_all();
+    const played all = play(sink.on);
+    EXPECT_GE(all.files.size(), 8u);
+    size_t pictures = 0, sounds = 0;
+    for (const mp4::file &file : all.files)
+        for (const mp4::track &track : file.tracks)
+            (track.handler == "vide" ? pictures : sounds) += track.samples.size();
+    EXPECT_EQ(pictures, 80u);
+    EXPECT_GE(sounds + 3, sound.size())
+        << sink.statistic("frames-refused")
+        << sink.heard().text("mediafiles-frames-refused"); // what came before a file's first picture is in none
+}
+
+TEST(GStreamer, TakesEightPads)
+{
+    sink_under_test sink;
+    std::vector<GstPad *> pads;
+    for (int round = 0; round < 7; ++round) {
+        for (int n = 0; n < 8; ++n)
+            pads.push_back(gst_element_request_pad_simple(sink.element, n % 2 ? "audio_%u" : "video_%u"));
+        EXPECT_EQ(std::ranges::count(pads, nullptr), 0);
+        EXPECT_EQ(gst_element_request_pad_simple(sink.element, "video_%u"), nullptr);
+        EXPECT_EQ(gst_element_request_pad_simple(sink.element, "video"), nullptr);
+        for (GstPad *each : pads) {
+            gst_element_release_request_pad(sink.element, each);
+            gst_object_unref(each);
+        }
+        pads.clear();
+        if (round == 3) gst_element_set_state(sink.element, GST_STATE_PLAYING);
+    }
+}
+
+TEST(GStreamer, FlushesGapsAndSteps)
+{
+    const stream frames = numbered(camera(4, 2'000));
+    const std::tuple<const char *, std::function<void(GstHarness *)>, GstBufferFlags, size_t> cases[] = {
+        {"nothing", [](GstHarness *) {}, GstBufferFlags(0), 1},
+        {"packets were lost", [](GstHarness *) {}, GST_BUFFER_FLAG_DISCONT, 1},
+        {"a gap",
+         [](GstHarness *pad) { gst_harness_push_event(pad, gst_event_new_gap(800 * millisecond, 10 * millisecond)); },
+         GstBufferFlags(0), 1},
+        {"a flush",
+         [](GstHarness *pad) {
+             GstSegment segment;
+             gst_segment_init(&segment, GST_FORMAT_TIME);
+             gst_harness_push_event(pad, gst_event_new_flush_start());
+             gst_harness_push_event(pad, gst_event_new_flush_stop(FALSE));
+             gst_harness_push_event(pad, gst_event_new_segment(&segment));
+         },
+         GST_BUFFER_FLAG_DISCONT, 2},
+        {"a segment whose running time is a minute on",
+         [](GstHarness *pad) {
+             GstSegment segment;
+             gst_segment_init(&segment, GST_FORMAT_TIME);
+             segment.base = 60 * GST_SECOND;
+             gst_harness_push_event(pad, gst_event_new_segment(&segment));
+         },
+         GstBufferFlags(0), 2},
+    };
+    for (const auto &[what, happens, flags, files] : cases) {
+        SCOPED_TRACE(what);
+        sink_under_test sink;
+        GstHarness *const pad = sink.add_pad("video", h264_caps);
+        for (size_t n = 0; n < frames.size(); ++n) {
+            if (n == 20) happens(pad);
+            EXPECT_EQ(sink.push(pad, frames[n], n == 20 ? flags : GstBufferFlags(0)), GST_FLOW_OK);
+        }
+        sink.end_all();
+        const played all = play(sink.on);
+        EXPECT_EQ(all.files.size(), files);
+        expect_all_samples(all, {{h264(), frames}});
+    }
+}
+
+TEST(GStreamer, ChangesItsStateAHundredTimes)
+{
+    const stream frames = camera(1, 1'000);
+    sink_under_test sink;
+    GstHarness *const pad = sink.add_pad("video", h264_caps);
+    const GstState states[] = {GST_STATE_PAUSED,  GST_STATE_PLAYING, GST_STATE_READY,
+                               GST_STATE_PLAYING, GST_STATE_NULL,    GST_STATE_PLAYING};
+    for (int n = 0; n < 100; ++n) {
+        EXPECT_EQ(gst_element_set_state(sink.element, states[n % 6]), GST_STATE_CHANGE_SUCCESS);
+        if (states[n % 6] != GST_STATE_PLAYING) continue;
+        GstPad *const ours = gst_pad_get_peer(pad->srcpad); /* it forgets what came before it was READY */
+        gst_pad_push_event(pad->srcpad, gst_event_new_flush_start());
+        gst_pad_push_event(pad->srcpad, gst_event_new_flush_stop(TRUE));
+        gst_object_unref(ours);
+        gst_pad_push_event(pad->srcpad, gst_event_new_stream_start("again"));
+        gst_harness_set_src_caps_str(pad, h264_caps);
+        for (const frame &each : frames) EXPECT_EQ(sink.push(pad, each), GST_FLOW_OK);
+    }
+    gst_element_set_state(sink.element, GST_STATE_NULL);
+    const played all = play(sink.on);
+    EXPECT_GE(all.files.size(), 1u);
+    EXPECT_EQ(all.samples.at(1).size() % frames.size(), 0u);
+}
+
+TEST(GStreamer, TheEndIsReachedWhenItPlays)
+{
+    const stream frames = camera(2, 1'000);
+    sink_under_test sink;
+    GstHarness *const pad = sink.add_pad("video", h264_caps);
+    for (const frame &each : frames) sink.push(pad, each);
+    EXPECT_EQ(gst_element_set_state(sink.element, GST_STATE_PAUSED), GST_STATE_CHANGE_SUCCESS);
+    gst_harness_push_event(pad, gst_event_new_eos());
+    ASSERT_TRUE(sink.hears("mediafiles-finished"));
+    EXPECT_EQ(sink.heard().count("eos"), 0u);
+    gst_element_set_state(sink.element, GST_STATE_PLAYING);
+    EXPECT_TRUE(sink.hears("eos"));
+    GstEvent *const seek =
+        gst_event_new_seek(1, GST_FORMAT_TIME, GST_SEEK_FLAG_FLUSH, GST_SEEK_TYPE_SET, 0, GST_SEEK_TYPE_NONE, -1);
+    EXPECT_FALSE(gst_element_send_event(sink.element, seek));
+}
+
+TEST(GStreamer, NobodyWaitsForACard)
+{
+    const stream frames = numbered(camera(30, 20'000));
+    sink_under_test sink("sync-interval=1 patience=300000000 queue-bytes=1000000");
+    GstHarness *const pad = sink.add_pad("video", h264_caps);
+    for (size_t n = 0; n < 20; ++n) sink.push(pad, frames[n]);
+    ASSERT_TRUE(comes_true([&] { return sink.statistic("safe", "video") > 10; }));
+    syncs.close();
+    writes.close();
+    const auto begin = std::chrono::steady_clock::now();
+    for (size_t n = 20; n < frames.size(); ++n) EXPECT_EQ(sink.push(pad, frames[n]), GST_FLOW_OK);
+    sink.end_all(); /* within its patience */
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
+    EXPECT_EQ(sink.heard().count("warning"), 1u);
+    syncs.open();
+    writes.open();
+    EXPECT_TRUE(comes_true([&] {
+        const card &on = sink.on;
+        recover(on);
+        return on.names().size() == 1;
+    }));
+    EXPECT_GE(found_frames(play(sink.on).samples[1], frames, true).size(), 10u);
+}
+
+TEST(GStreamer, ObeysAnApplication)
+{
+    const stream frames = numbered(camera(8, 2'000));
+    gboolean done = FALSE;
+    sink_under_test sink;
+    GstHarness *const pad = sink.add_pad("video", h264_caps);
+    g_signal_emit_by_name(sink.element, "protect", guint64(0), guint64(0), &done);
+    EXPECT_FALSE(done); // nothing is recorded yet
+    for (size_t n = 0; n < frames.size(); ++n) {
+        EXPECT_EQ(sink.push(pad, frames[n]), GST_FLOW_OK);
+        EXPECT_TRUE(n % 20 != 5 || comes_true([&] { return sink.statistic("frames-out") + 2 >= n; }));
+        if (n == 5) g_signal_emit_by_name(sink.element, "split-now");
+        if (n == 25) g_signal_emit_by_name(sink.element, "split-after");
+        if (n == 45) g_signal_emit_by_name(sink.element, "protect", guint64(0), guint64(0), &done);
+    }
+    EXPECT_TRUE(done);
+    g_signal_emit_by_name(sink.element, "trigger", guint64(0), &done);
+    EXPECT_FALSE(done); // without pre-event
+    sink.end_all();
+    EXPECT_EQ(sink.heard().count("mediafiles-protected"), 1u);
+    size_t asked = 0;
+    while (GstEvent *const event = gst_harness_try_pull_upstream_event(pad)) {
+        asked += gst_event_has_name(event, "GstForceKeyUnit");
+        gst_event_unref(event);
+    }
+    EXPECT_EQ(asked, 1u);
+    const played all = play(sink.on);
+    EXPECT_EQ(all.files.size(), 3u);
+    expect_all_samples(all, {{h264(), frames}});
+}
+
+TEST(GStreamer, KeepsWhatComesBeforeAnEvent)
+{
+    const stream frames = numbered(camera(20, 2'000));
+    gboolean done = FALSE;
+    sink_under_test sink("pre-event=800000000 send-keyframe-requests=true");
+    GstHarness *const pad = sink.add_pad("video", h264_caps);
+    for (size_t n = 0; n < frames.size(); ++n) {
+        EXPECT_EQ(sink.push(pad, frames[n]), GST_FLOW_OK);
+        if (n != 100) continue;
+        EXPECT_TRUE(comes_true([&] { return sink.statistic("frames-in") > n; }));
+        g_signal_emit_by_name(sink.element, "trigger", guint64(500 * millisecond), &done);
+        EXPECT_TRUE(done);
+    }
+    sink.end_all();
+    const played all = play(sink.on);
+    ASSERT_EQ(all.files.size(), 1u);
+    const std::set<size_t> found = found_frames(all.samples.at(1), frames, true);
+    EXPECT_TRUE(*found.begin() <= 80 && *found.begin() % 10 == 0 && *found.rbegin() >= 112) << *found.begin();
+    EXPECT_EQ(sink.statistic("frames-let-go") + found.size(), frames.size());
+}
+
 } // namespace

@@ -43,7 +43,8 @@ public:
     /** Waits until one of that name comes. */
     bool hears(const std::string &name);
     said &heard();
-    uint64_t statistic(const char *name) const;
+    /** Of the recording, or of one of its pads. */
+    uint64_t statistic(const char *name, const char *pad = nullptr) const;
 
     card on;
     GstElement *element;
@@ -56,7 +57,11 @@ private:
     said heard_;
 };
 
-/** Runs until the end of the stream, or an error, or so many nanoseconds. @return what the bus said */
-said run_pipeline(const std::string &description, GstClockTime until = GST_CLOCK_TIME_NONE);
+/** Runs until the end of the stream or an error. The probe sees what comes to the pads of "s". @return what the bus said */
+struct buffer_probe {
+    GstPadProbeCallback see = nullptr;
+    gpointer data = nullptr;
+};
+said run_pipeline(const std::string &description, buffer_probe probe = {});
 
 GstBuffer *buffer_of(const frame &given);
