@@ -166,13 +166,22 @@ def medium_use(directory, command):
 
 def system_calls(directory, command):
     """(name, arguments, path, result) of those on files in a directory, of all threads, in the order of their beginning."""
-    lines = []
     with tempfile.TemporaryDirectory() as logs:
-        run("strace", "-ff", "-ttt", "-y", "-s", "0", "--seccomp-bpf", "-e", f"trace={','.join(CALLS)}",
-            "-o", os.path.join(logs, "log"), *command)
-        for log in glob.glob(os.path.join(logs, "*")):
-            with open(log) as file:
-                lines += file
+        run(*traced(command, logs))
+        return calls_in(directory, logs)
+
+
+def traced(command, logs):
+    """The command, so that its calls are noted in a directory, those of each thread in a file."""
+    return ["strace", "-ff", "-ttt", "-y", "-s", "0", "--seccomp-bpf", "-e", f"trace={','.join(CALLS)}",
+            "-o", os.path.join(logs, "log"), *command]
+
+
+def calls_in(directory, logs):
+    lines = []
+    for log in glob.glob(os.path.join(logs, "*")):
+        with open(log) as file:
+            lines += file
     form = re.compile(rf"([\d.]+) (\w+)\(\d+<({re.escape(str(directory))}/[^>]*)>(.*)\) += (-?\d+)")
     found = sorted((match for match in map(form.match, lines) if match), key=lambda match: float(match[1]))
     return [(match[2], match[4].split(", "), match[3], int(match[5])) for match in found]

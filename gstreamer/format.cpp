@@ -35,7 +35,7 @@ std::string objection_to(const GstStructure *structure, uint32_t rate, uint32_t 
     GstBuffer *const config = value ? gst_value_get_buffer(value) : nullptr;
     GstMapInfo map;
     if (!config || !gst_buffer_map(config, &map, GST_MAP_READ)) return tools::objection({}, rate, channels);
-    const std::string said = tools::objection(std::span<const uint8_t>(map.data, map.size), rate, channels);
+    std::string said = tools::objection(std::span<const uint8_t>(map.data, map.size), rate, channels);
     gst_buffer_unmap(config, &map);
     return said;
 }

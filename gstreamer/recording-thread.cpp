@@ -93,7 +93,7 @@ format_ptr recording::held_format(const input_ptr &from) const
 std::vector<input_ptr> recording::candidates() const
 {
     std::vector<input_ptr> all = inputs_;
-    std::ranges::stable_partition(all, [](const input_ptr &each) { return each->name == "video"; });
+    std::stable_partition(all.begin(), all.end(), [](const input_ptr &each) { return each->name == "video"; });
     for (const held_buffer &each : held_)
         if (std::ranges::find(all, each.from) == all.end()) all.push_back(each.from);
     const auto is_idle = [this](const input_ptr &each) {
@@ -102,7 +102,7 @@ std::vector<input_ptr> recording::candidates() const
     std::erase_if(all, is_idle);
     /* More than a recorder takes: that of the first buffer is one of them, and the next recorder has the others. */
     if (all.size() > MP4_MAX_TRACKS && !held_.empty()) {
-        std::ranges::rotate(all, std::ranges::find(all, held_.front().from));
+        std::rotate(all.begin(), std::ranges::find(all, held_.front().from), all.end());
         all.resize(MP4_MAX_TRACKS);
     }
     return all;
@@ -212,12 +212,11 @@ void recording::wait(guard &locked)
     std::array<pollfd, 2> waits = {{{waker_.descriptor(), POLLIN, 0}, {-1, POLLIN, 0}}};
     const recorder_ptr recorder = recorder_;
     if (recorder) waits[1].fd = mediafiles_recorder_event_descriptor(recorder.get());
-    const auto now = steady::now();
     int timeout = -1;
     if (!recorder && !held_.empty() && !has_failed_) {
-        const auto until = std::max(first_held_ + patience_with_pads, not_before_);
+        const auto left = std::max(first_held_ + patience_with_pads, not_before_) - steady::now();
         timeout =
-            static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(std::max(until - now, now - now)).count());
+            static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(std::max(left, steady::duration{})).count());
     }
     locked.unlock();
     poll(waits.data(), waits.size(), timeout);

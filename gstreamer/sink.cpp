@@ -261,14 +261,14 @@ void install_action(gpointer of, const char *name, GCallback handler, GType resu
 std::string free_name(GstElement *element, const char *kind)
 {
     for (unsigned number = 0;; ++number) {
-        const std::string name = kind + std::to_string(number);
+        std::string name = kind + std::to_string(number);
         if (!owner<GstPad>(gst_element_get_static_pad(element, name.c_str()))) return name;
     }
 }
 
 std::string name_for(GstElement *element, const GstPadTemplate *from, const char *asked)
 {
-    const std::string name = GST_PAD_TEMPLATE_NAME_TEMPLATE(from);
+    std::string name = GST_PAD_TEMPLATE_NAME_TEMPLATE(from);
     if (!name.ends_with("%u")) return name;
     if (asked && *asked) return asked;
     return free_name(element, name.substr(0, name.size() - 2).c_str());
