@@ -33,7 +33,7 @@ bool buffer_times::goes_back(GstBuffer *buffer)
 
 std::optional<int64_t> buffer_times::running_time(GstClockTime time) const
 {
-    if (!GST_CLOCK_TIME_IS_VALID(time)) return std::nullopt;
+    if (!GST_CLOCK_TIME_IS_VALID(time) || !has_segment()) return std::nullopt;
     guint64 distance = 0;
     const int sign = gst_segment_to_running_time_full(&segment_, GST_FORMAT_TIME, time, &distance);
     if (sign == 0) return std::nullopt;

@@ -153,9 +153,12 @@ void recording::hand_over(guard &locked)
 {
     if (!recorder_) return;
     const recorder_ptr recorder = recorder_;
-    while (!held_.empty()) {
+    const auto fits = [](const held_buffer &held) {
+        return held.from->recorded_as && held.from->recorded_format == held.carries;
+    };
+    is_handing_over_ = true;
+    while (!held_.empty() && fits(held_.front())) {
         const input &first = *held_.front().from;
-        if (!first.recorded_as || first.recorded_format != held_.front().carries) return;
         const held_buffer next = std::move(held_.front());
         held_.pop_front();
         const size_t size = gst_buffer_get_size(next.buffer.get());
@@ -169,7 +172,8 @@ void recording::hand_over(guard &locked)
         locked.lock();
         if (result < 0) drop(*next.from);
     }
-    is_direct_ = true;
+    is_handing_over_ = false;
+    is_direct_ = held_.empty();
     moved_.notify_all();
 }
 
@@ -211,7 +215,7 @@ void recording::wait(guard &locked)
 {
     std::array<pollfd, 2> waits = {{{waker_.descriptor(), POLLIN, 0}, {-1, POLLIN, 0}}};
     const recorder_ptr recorder = recorder_;
-    if (recorder) waits[1].fd = mediafiles_recorder_event_descriptor(recorder.get());
+    if (recorder && !has_failed_) waits[1].fd = mediafiles_recorder_event_descriptor(recorder.get());
     int timeout = -1;
     if (!recorder && !held_.empty() && !has_failed_) {
         const auto left = std::max(first_held_ + patience_with_pads, not_before_) - steady::now();

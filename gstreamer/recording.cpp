@@ -105,7 +105,10 @@ void recording::flush(input &from, bool begins)
 {
     const guard locked(lock_);
     from.is_flushing = begins;
-    if (!begins) from.has_ended = false;
+    if (!begins) {
+        from.has_ended = false;
+        stream_is_ = over::no;
+    }
     wake();
 }
 
@@ -122,7 +125,7 @@ void recording::start_stream(input &from)
     from.latest.reset();
     from.moved_at = steady::now();
     from.thread = std::this_thread::get_id();
-    if (stream_is_ == over::posted) stream_is_ = over::no;
+    stream_is_ = over::no;
 }
 
 void recording::end_stream(input &from, uint32_t sequence)
@@ -178,7 +181,7 @@ GstFlowReturn recording::push(input &from, GstBuffer *buffer, int64_t time, uint
         } else if (is_direct_ && from.recorded_as && from.recorded_format == from.carries) {
             taken = give(locked, from, buffer, time, flags);
         } else {
-            taken = hold(from, buffer, time, flags);
+            taken = !(from.can_wait && is_handing_over_) && hold(from, buffer, time, flags);
             if (!taken) moved_.wait(locked);
         }
     }

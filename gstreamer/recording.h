@@ -128,6 +128,7 @@ private:
     bool is_direct_ = false;        // streaming threads push into the recorder
     bool has_left_ = false;         // one of its tracks
     bool is_giving_ = false;        // a stream that can wait pushes
+    bool is_handing_over_ = false;  // what is held; what can wait comes after it
     bool was_impatient_ = false;    // a recorder was stopped whose medium did not answer
     bool is_playing_ = false, has_failed_ = false, has_ended_ = false;
     std::atomic<bool> is_ending_ = false;

@@ -383,6 +383,16 @@ TEST(GStreamer, NobodyWaitsForACard)
     EXPECT_GE(found_frames(play(sink.on).samples[1], frames, true).size(), 10u);
 }
 
+TEST(GStreamer, AFileWaitsForItsCard)
+{
+    const stream frames = numbered(camera(30, 20'000));
+    sink_under_test sink("queue-bytes=100000");
+    GstHarness *const pad = sink.add_pad("video", h264_caps, false);
+    sink.record({{pad, &frames}});
+    expect_all_samples(play(sink.on), {{h264(), frames}});
+    EXPECT_EQ(sink.statistic("frames-dropped"), 0u);
+}
+
 TEST(GStreamer, ObeysAnApplication)
 {
     const stream frames = numbered(camera(8, 2'000));
