@@ -37,9 +37,9 @@ test:
 	tests/exchange_test.sh testdata out/test out/arm-neon
 	@scripts/counts check out/test
 
-# The recorder's tests under ThreadSanitizer.
+# The tests of the recorder and of the element for GStreamer under ThreadSanitizer.
 test-threads:
-	scripts/install-packages build test
+	scripts/install-packages build gstreamer test
 	cmake --preset tsan
 	cmake --build out/tsan -j $(JOBS) --target recorder-tests
 	ctest --test-dir out/tsan --output-on-failure -L threads
