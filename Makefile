@@ -7,7 +7,7 @@ SECONDS_EACH ?= 20
 KILLS ?= 300
 SEED ?=
 
-.PHONY: all demo test test-threads test-arm test-cross test-clang fuzz soak coverage mutants device device-docs clang lines lint \
+.PHONY: all demo web test test-threads test-arm test-cross test-clang fuzz soak coverage mutants device device-docs clang lines lint \
     abi bench bench-docs size cross-arm deb install clean
 
 all:
@@ -22,6 +22,12 @@ demo:
 	cmake --build out/release -j $(JOBS)
 	scripts/demo out/release
 
+# The page that repairs in a browser.
+web:
+	scripts/install-packages build web
+	cmake --preset web
+	cmake --build out/web -j $(JOBS)
+
 # The tests of the optimised build, those of the sanitizers' builds, and the
 # library's for 32-bit ARM under emulation, which writes the same bytes.
 test:
@@ -32,6 +38,8 @@ test:
 	cmake --build out/sanitizers -j $(JOBS)
 	ctest --test-dir out/test --output-on-failure -j $(JOBS)
 	ctest --test-dir out/sanitizers --output-on-failure -j $(JOBS)
+	$(MAKE) web
+	node --test web/tests/module.test.mjs
 	$(MAKE) test-threads
 	$(MAKE) test-arm
 	tests/exchange_test.sh testdata out/test out/arm-neon

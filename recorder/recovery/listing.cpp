@@ -2,16 +2,11 @@
 
 #include <algorithm>
 
-#include <fcntl.h>
-
-#include "safe-file.h"
-
 namespace mediafiles::recovery {
 
 namespace {
 
 constexpr std::string_view journal_suffix = ".journal", media_suffix = ".mp4";
-constexpr size_t most_names = 1 << 20; // in one directory: what a hostile medium can make this hold
 constexpr size_t none = SIZE_MAX;
 
 /* Of ASCII, whatever the locale. */
@@ -38,12 +33,6 @@ std::string_view stem_of(std::string_view journal)
     return journal.substr(0, journal.size() - journal_suffix.size());
 }
 
-mode_t type_of(int directory, const char *name)
-{
-    struct stat status;
-    return fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) == 0 ? status.st_mode & S_IFMT : 0;
-}
-
 } // namespace
 
 bool is_journal_name(std::string_view name)
@@ -56,23 +45,19 @@ bool belongs_to_mp4(std::string_view journal)
     return ends_with(stem_of(journal), media_suffix);
 }
 
-listing::listing(int directory, int flags, const search_step &step)
+void listing::add_file(std::string_view name)
 {
-    directory_reader names(directory, flags);
-    while (const dirent *entry = names.next()) {
-        step();
-        const std::string_view name = entry->d_name;
-        if (entry->d_type == DT_DIR || (entry->d_type == DT_UNKNOWN && type_of(directory, entry->d_name) == S_IFDIR))
-            directories_.emplace_back(name);
-        else if (is_journal_name(name))
-            journals_.push_back({std::string(name), none});
-        else if (ends_with(name, media_suffix))
-            media_.push_back({std::string(name), {}});
-        if (directories_.size() + journals_.size() + media_.size() > most_names) throw system_failure(EOVERFLOW);
-    }
+    if (is_journal_name(name))
+        journals_.push_back({std::string(name), none});
+    else if (ends_with(name, media_suffix))
+        media_.push_back({std::string(name), {}});
+}
+
+void listing::complete(const std::function<bool(const char *)> &is_regular)
+{
     for (const journal_file &journal : journals_) {
         const std::string stem(stem_of(journal.name));
-        if (!belongs_to_mp4(journal.name) && type_of(directory, stem.c_str()) == S_IFREG) media_.push_back({stem, {}});
+        if (!belongs_to_mp4(journal.name) && is_regular(stem.c_str())) media_.push_back({stem, {}});
     }
     std::ranges::sort(media_, {}, &media_file::name);
     const auto same_name = [](const media_file &a, const media_file &b) { return a.name == b.name; };

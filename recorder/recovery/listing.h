@@ -8,9 +8,6 @@
 
 namespace mediafiles::recovery {
 
-/** Called for each name that is seen. */
-using search_step = std::function<void()>;
-
 /**
  * Media files are those called NAME.mp4, and those of any name that have a
  * journal, NAME.journal. Capital letters do not matter, but a journal belongs
@@ -23,9 +20,12 @@ public:
         std::string journal; // empty: none
     };
 
-    listing() = default;
-    /** @param flags  O_NOATIME, or 0 */
-    listing(int directory, int flags, const search_step &);
+    void add_file(std::string_view name);
+    void add_directory(std::string_view name) { directories_.emplace_back(name); }
+    /** After the last name: whether it is one of a regular file decides about media of other names than NAME.mp4. */
+    void complete(const std::function<bool(const char *name)> &is_regular);
+    /** Names that it holds. */
+    size_t size() const { return directories_.size() + journals_.size() + media_.size(); }
 
     const std::vector<media_file> &media() const { return media_; }
     /** Journals whose media file is missing. */

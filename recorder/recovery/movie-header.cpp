@@ -269,6 +269,7 @@ bool movie_header::read_description(header_track &track, const box &stsd)
         if (!track.kind) return false;
         const uint32_t fields = track.kind->is_video() ? visual_entry : audio_entry;
         if (entry.end - entry.begin < fields) return false;
+        track.entry = entry.begin;
         return for_each_box({entry.begin + fields, entry.end},
                             [&](const box &each) {
                                 if (!each.is(track.kind->config)) return true;

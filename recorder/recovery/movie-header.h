@@ -32,7 +32,8 @@ struct header_track {
     uint32_t timescale = 0;
     uint64_t duration = 0;    // mdhd, ticks of the timescale
     uint64_t delay = 0;       // of an empty edit, ticks of the movie's timescale
-    uint64_t config = 0;      // body of avcC or hvcC: offset in the file
+    uint64_t entry = 0;       // body of the sample entry: offset in the file
+    uint64_t config = 0;      // body of avcC or hvcC: likewise
     uint32_t config_size = 0; // bytes
     header_table stts, stss, stsc, stco, stsz;
     uint32_t common_size = 0; // stsz: of all samples; 0 when the table lists them

@@ -11,6 +11,7 @@ namespace {
 
 constexpr uint32_t no_parent = UINT32_MAX;
 constexpr uint32_t deepest = 8;
+constexpr size_t most_names = 1 << 20; // in one directory: what a hostile medium can make this hold
 constexpr size_t most_finds = 1 << 20; // and as many directories: what a hostile medium can make this hold
 
 constexpr obstacle too_deep = {MEDIAFILES_NOT_OURS, MEDIAFILES_REASON_NOT_REGULAR, ENAMETOOLONG};
@@ -83,11 +84,32 @@ void search::add(const char *path)
     }
 }
 
+listing search::list(int descriptor) const
+{
+    const auto type_of = [descriptor](const char *name) {
+        struct stat status;
+        return look(descriptor, name, status) ? status.st_mode & S_IFMT : 0;
+    };
+    listing listed;
+    directory_reader names(descriptor, flags_);
+    while (const dirent *entry = names.next()) {
+        step_();
+        const char *name = entry->d_name;
+        if (entry->d_type == DT_DIR || (entry->d_type == DT_UNKNOWN && type_of(name) == S_IFDIR))
+            listed.add_directory(name);
+        else
+            listed.add_file(name);
+        if (listed.size() > most_names) throw system_failure(EOVERFLOW);
+    }
+    listed.complete([&](const char *name) { return type_of(name) == S_IFREG; });
+    return listed;
+}
+
 void search::search_directory(uint32_t index)
 {
     try {
         const descriptor opened = open_directory(index);
-        const listing listed(opened, flags_, step_);
+        const listing listed = list(opened);
         for (const auto &file : listed.media()) add_find(index, opened, file.name, file.journal, false);
         for (const std::string &journal : listed.orphans()) add_find(index, opened, {}, journal, false);
         const directory above = directories_[index];
@@ -115,7 +137,7 @@ void search::add_file(std::string_view path)
         if (!parent_descriptor_.is_open()) throw system_failure();
         const identity file = identity_of(status_of(parent_descriptor_));
         parent_ = add_directory({no_parent, add_name(parent), file, 0, true});
-        parent_listing_ = listing(parent_descriptor_, flags_, step_);
+        parent_listing_ = list(parent_descriptor_);
         parent_path_ = parent;
     }
     const std::string name(path.substr(begin));

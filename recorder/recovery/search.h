@@ -12,6 +12,9 @@
 
 namespace mediafiles::recovery {
 
+/** Called for each name that is seen. */
+using search_step = std::function<void()>;
+
 /** A media file, or a journal whose media file is missing. */
 struct find {
     int64_t time;       // of its last change, nanoseconds since 1970
@@ -61,6 +64,7 @@ private:
     uint32_t add_directory(const directory &);
     void add_find(uint32_t index, int descriptor, const std::string &media, const std::string &journal, bool given);
     void add_file(std::string_view path);
+    listing list(int descriptor) const;
     void search_directory(uint32_t index);
 
     const int flags_;

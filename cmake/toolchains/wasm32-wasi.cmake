@@ -1,0 +1,11 @@
+set(CMAKE_SYSTEM_NAME Generic)
+set(CMAKE_SYSTEM_PROCESSOR wasm32)
+set(CMAKE_C_COMPILER clang-16)
+set(CMAKE_CXX_COMPILER clang++-16)
+set(CMAKE_C_COMPILER_TARGET wasm32-wasi)
+set(CMAKE_CXX_COMPILER_TARGET wasm32-wasi)
+set(CMAKE_SYSROOT /usr)
+# Its errno.h lacks one name; 56 is unused there.
+set(CMAKE_C_FLAGS_INIT -DEBADRQC=56)
+set(CMAKE_CXX_FLAGS_INIT "-DEBADRQC=56 -stdlib=libc++ -isystem /usr/lib/llvm-16/include/wasm32-wasi/c++/v1")
+set(CMAKE_EXECUTABLE_SUFFIX .wasm)

@@ -1,0 +1,158 @@
+/**
+ * The module and its WASI functions, held against the command, and against what the plan makes of hostile input.
+ *
+ *     [PAGE=out/web] [BUILD=out/test] [EVERY=200] [HOSTILE_EVERY=10] node --test web/tests
+ */
+import assert from "node:assert/strict";
+import {execFileSync, spawnSync} from "node:child_process";
+import {createHash} from "node:crypto";
+import {mkdirSync, mkdtempSync, readdirSync, readFileSync, rmSync, writeFileSync} from "node:fs";
+import {tmpdir} from "node:os";
+import {join} from "node:path";
+import {after, test} from "node:test";
+
+import {FORCE, KEEP_DAMAGED, Movie, SALVAGE, hashes, pair, plan} from "../repair.js";
+import {BUILD, ByteSource, FileSource, assemble, loadModule} from "./support/files.js";
+
+const EVERY = Number(process.env.EVERY ?? 200), HOSTILE_EVERY = Number(process.env.HOSTILE_EVERY ?? 10);
+const module = loadModule();
+const work = mkdtempSync(join(tmpdir(), "mediafiles-"));
+after(() => rmSync(work, {recursive: true}));
+
+const OPTIONS = [["as it is", 0], ["--salvage", SALVAGE], ["--keep-damaged", KEEP_DAMAGED], ["--force", FORCE]];
+const LONGEST = 1e6; // microseconds of the processor, for one recording
+
+function madeByPage(path, options) {
+    const media = new FileSource(path), journal = new FileSource(`${path}.journal`);
+    const found = plan(module, media, journal, options);
+    const file = found.parts ? assemble(found.parts, media) : null;
+    media.close();
+    journal.close();
+    return {found, file};
+}
+
+let largest = {length: 0}; // of the results
+
+/** Every nth case of the power-cut proof; a part of them with a hole in the media. */
+function makeCard() {
+    const card = join(work, "card");
+    mkdirSync(card);
+    execFileSync(`${BUILD}/tests/power_cut_test`, ["testdata", `--dump=${EVERY}`, card]);
+    const names = readdirSync(card).filter((name) => name.endsWith(".mp4"));
+    names.filter((_, i) => i % 5 === 0).forEach((name) => {
+        const path = join(card, name), bytes = readFileSync(path);
+        writeFileSync(path, bytes.fill(0, bytes.length >> 1, (bytes.length >> 1) + Math.min(64, bytes.length >> 2)));
+    });
+    return {card, names};
+}
+
+test("power cuts: the command's results, byte for byte", () => {
+    const {card, names} = makeCard();
+    assert.ok(names.length >= 500, `${names.length} cases`);
+    const counts = {};
+    for (const [option, value] of OPTIONS) {
+        const output = join(work, `output-${value}`);
+        mkdirSync(output);
+        const words = ["repair", card, "--output", output, "--json", ...(value ? [option] : [])];
+        const {stdout} = spawnSync(`${BUILD}/tools/mediafiles`, words, {maxBuffer: 1 << 28});
+        const reports = JSON.parse(stdout).files.filter((report) => report.path.endsWith(".mp4"));
+        assert.equal(reports.length, names.length);
+        for (const report of reports) {
+            const {found, file} = madeByPage(report.path, value);
+            assert.equal(found.result, report.result, report.path);
+            counts[found.result] = (counts[found.result] ?? 0) + 1;
+            assert.equal(Boolean(file), Boolean(report.output));
+            if (file && found.result === "repaired" && file.length > largest.length) largest = {path: report.path, length: file.length};
+            if (file) assert.ok(file.equals(readFileSync(report.output)), `${report.path} ${option}`);
+        }
+    }
+    console.log(`${names.length} cases, ${OPTIONS.length} options:`, counts);
+    for (const result of ["repaired", "salvaged", "finished", "empty_removed", "refused"]) assert.ok(counts[result] > 0, result);
+});
+
+/** {options, result, reason, media, journal, made} of each input that write-plans has written. */
+function* hostileInputs(path) {
+    const data = readFileSync(path), NONE = 0xffffffff;
+    for (let at = 0; at < data.length;) {
+        const [options, result, reason, ...lengths] = Array.from({length: 6}, (_, i) => data.readUInt32LE(at + 4 * i));
+        at += 24;
+        const [media, journal, made] = lengths.map((length) => length === NONE ? null : data.subarray(at, at += length));
+        yield {options, result, reason, media, journal, made};
+    }
+}
+
+test("hostile journals and media: what the plan makes of them elsewhere, and soon", () => {
+    const path = join(work, "plans");
+    execFileSync(`${BUILD}/fuzz/write-plans`, ["20000"], {env: {PLANS: path}, stdio: "pipe"});
+    const results = ["", "repaired", "salvaged", "finished", "empty_removed", "not_ours", "refused"];
+    let count = 0, longest = 0, made = 0;
+    for (const input of hostileInputs(path)) {
+        if (count++ % HOSTILE_EVERY !== 0) continue;
+        const media = new ByteSource(input.media), journal = input.journal && new ByteSource(input.journal);
+        const begin = process.cpuUsage().user;
+        const found = plan(module, media, journal, input.options);
+        longest = Math.max(longest, process.cpuUsage().user - begin);
+        assert.equal(found.result, results[input.result], `input ${count}`);
+        if (!found.parts || !input.made) continue;
+        const file = assemble(found.parts, media);
+        assert.ok(file.equals(input.made), `input ${count}`);
+        const movie = new Movie(module, new ByteSource(file));
+        for (const [index, track] of (movie.tracks ?? []).entries()) movie.draw(index, 0, track.duration + 1, 100);
+        made++;
+    }
+    console.log(`1 in ${HOSTILE_EVERY} of ${count} inputs, ${made} files made, the longest took ${longest / 1000} ms`);
+    assert.ok(count > 20000 && made > 3000 / HOSTILE_EVERY && longest < LONGEST);
+});
+
+/** The recording of the largest result, as sources. */
+function recording() {
+    return {media: new ByteSource(readFileSync(largest.path)), journal: new ByteSource(readFileSync(`${largest.path}.journal`))};
+}
+
+test("a file that cannot be read to its end is kept up to there", () => {
+    const {media, journal} = recording();
+    const {parts} = plan(module, media, journal), end = parts[1].end - 1000;
+    media.read = (offset, count) => { // beyond the end nothing can be read
+        if (offset + count > end) throw new Error("cannot be read");
+        return media.bytes.subarray(offset, offset + count);
+    };
+    const found = plan(module, media, journal);
+    assert.ok(found.parts[1].end <= end && found.parts[1].end < parts[1].end);
+});
+
+test("hashes are those of what was read and made", () => {
+    const {media, journal} = recording();
+    const sha256 = (bytes) => createHash("sha256").update(bytes).digest("hex");
+    const {parts} = plan(module, media, journal);
+    for (const added of [[], [3000000]]) { // zeros of a sample that was cut
+        const all = [parts[0], parts[1], ...added, ...parts.slice(2)];
+        const wanted = {read: sha256(media.bytes), made: sha256(assemble(all, media))};
+        assert.deepEqual(hashes(module, media, all), wanted);
+    }
+    assert.deepEqual(hashes(module, media, null), {read: sha256(media.bytes), made: null});
+});
+
+test("names: which journal belongs to which file", () => {
+    const names = ["b.MP4", "b.mp4.journal", "a.mp4", "a.mp4.JOURNAL", "notes.txt", "lost.mp4.journal", "x.mov", "x.mov.journal",
+        "two\nlines.mp4", "\u00e4.mp4"];
+    assert.deepEqual(pair(module, names).map(({media, journal}) => [media, journal]), [["a.mp4", "a.mp4.JOURNAL"],
+        ["b.MP4", "b.mp4.journal"], ["two\nlines.mp4", null], ["x.mov", "x.mov.journal"], ["\u00e4.mp4", null],
+        [null, "lost.mp4.journal"]]);
+    assert.deepEqual(pair(module, []), []);
+});
+
+test("the time line has every sample in its place", () => {
+    const {media, journal} = recording();
+    const found = plan(module, media, journal), file = new ByteSource(assemble(found.parts, media));
+    const {tracks} = new Movie(module, file);
+    assert.deepEqual(tracks.map(({codec, width, rate}) => [codec, width, rate]), [["H.264", 640, undefined],
+        ["AAC", undefined, 48000]]);
+    assert.equal(tracks[0].samples + tracks[1].samples, found.samples);
+    for (const [index, track] of tracks.entries()) {
+        const all = new Movie(module, file).draw(index, 0, track.duration + 0.001, 7);
+        const sum = (numbers) => numbers.reduce((a, b) => a + b);
+        assert.deepEqual([sum(all.samples), sum(all.keys)], [track.samples, track.keys]);
+        assert.equal(new Movie(module, file).draw(index, -2, -1, 5).samples.find(Boolean), undefined);
+    }
+    assert.equal(new Movie(module, media).tracks, null); // it is not finished
+});
