@@ -7,7 +7,7 @@ SECONDS_EACH ?= 20
 KILLS ?= 300
 SEED ?=
 
-.PHONY: all demo web test test-threads test-arm test-cross test-clang fuzz soak coverage mutants device device-docs clang lines lint \
+.PHONY: all demo web test test-web test-threads test-arm test-cross test-clang fuzz soak coverage mutants device device-docs clang lines lint \
     abi bench bench-docs size cross-arm deb install clean
 
 all:
@@ -44,6 +44,14 @@ test:
 	$(MAKE) test-arm
 	tests/exchange_test.sh testdata out/test out/arm-neon
 	@scripts/counts check out/test
+
+# The page in Chromium, and its module with all hostile inputs.
+test-web: web
+	scripts/install-packages build tools browser
+	cmake --preset test
+	cmake --build out/test -j $(JOBS) --target mediafiles-command example-record power_cut_test write-plans
+	cd web && npm ci --no-progress
+	HOSTILE_EVERY=1 node --test web/tests
 
 # The tests of the recorder and of the element for GStreamer under ThreadSanitizer.
 test-threads:

@@ -252,8 +252,20 @@ EXPORT(pair) const char *pair(const char *names, uint32_t length)
     return answer.c_str();
 }
 
-/** SHA-256, step by step; which: 0 or 1. */
+/** Gives the memory of a plan and of a file that was looked into back. */
+EXPORT(close_all) void close_all()
+{
+    current.reset();
+    movie.reset();
+}
+
+/** Two sums of SHA-256, step by step; which: 0 or 1. */
 static recovery::sha256 sums[2];
+
+EXPORT(hash_begin) void hash_begin()
+{
+    for (recovery::sha256 &each : sums) each = {};
+}
 
 EXPORT(hash_add) void hash_add(uint32_t which, const void *bytes, uint32_t count)
 {

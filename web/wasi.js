@@ -1,42 +1,55 @@
 /**
  * The functions of WASI (snapshot preview1) that the module calls, over files that somebody else has: a source is
- * {size, read(offset, count)}, which gives a Uint8Array, shorter only at the end, and throws where reading fails.
+ * {size, read(offset, count)}, which gives a Uint8Array, shorter only at the end, and throws where reading fails. With
+ * done(bytes) it gets back what it gave.
  *
- * Small reads are served from one block of each file, since a read of a Blob costs about a millisecond.
+ * More is read than what is asked for, since a read of a Blob costs about a millisecond.
  */
 
 const OK = 0, EBADF = 8, EIO = 29, ESPIPE = 70;
-const BLOCK = 64 << 10; // bytes
+const BLOCK = 64 << 10, AHEAD = 1 << 20; // bytes
+const KEPT = 4; // blocks of a file: its head and its end are asked for again
 const CHARACTER_DEVICE = 2, REGULAR_FILE = 4;
-const STDERR = 2, FIRST = 3; // descriptors
+const STDERR = 2, FIRST = 3, MADE = 5; // descriptors: two sources, and what takes the module's output
 
-/** A source of which small reads near each other are one read. */
+/** A source of which reads near each other are one read. */
 class Blocks {
     constructor(source) {
         this.source = source;
-        this.begin = 0;
-        this.bytes = new Uint8Array(0);
+        this.small = []; // {begin, bytes}, the latest first
+        this.large = []; // likewise, one at most: who asks for much goes through the file
     }
 
     read(offset, count) {
-        const at = offset - this.begin;
-        if (at >= 0 && at + count <= this.bytes.length) return this.bytes.subarray(at, at + count);
-        if (count >= BLOCK) return this.source.read(offset, count);
+        const inside = ({begin, bytes}) => offset >= begin && offset + count <= begin + bytes.length;
+        const found = this.large.find(inside) ?? this.small.find(inside) ?? this.fetch(offset, count);
+        return found.bytes.subarray(offset - found.begin, offset - found.begin + count);
+    }
+
+    fetch(offset, count) {
+        const [list, length, most] = count < BLOCK ? [this.small, BLOCK, KEPT] : [this.large, Math.max(AHEAD, count), 1];
+        let bytes;
         try {
-            this.bytes = this.source.read(offset, Math.min(BLOCK, Math.max(0, this.source.size - offset)));
-            this.begin = offset;
+            bytes = this.source.read(offset, Math.min(length, Math.max(0, this.source.size - offset)));
         } catch {
-            return this.source.read(offset, count); // what is asked for may be there all the same
+            return {begin: offset, bytes: this.source.read(offset, count)}; // what is asked for may be there all the same
         }
-        return this.bytes.subarray(0, count);
+        list.unshift({begin: offset, bytes});
+        const old = list.length > most ? list.pop() : null;
+        if (old) this.source.done?.(old.bytes);
+        return list[0];
     }
 }
 
 export class Wasi {
-    /** sources[0] is descriptor 3, and so on; null: not open. The one after them takes what is written. */
-    constructor(sources) {
-        this.files = sources.map((source) => source && new Blocks(source));
+    constructor() {
         this.memory = null; // of the module, once it is there
+        this.open([]);
+    }
+
+    /** sources[0] is descriptor 3, and so on; null: not open. */
+    open(sources) {
+        this.files = sources.map((source) => source && new Blocks(source));
         this.made = []; // Uint8Arrays
     }
 
@@ -82,7 +95,7 @@ export class Wasi {
 
     /** What the core prints goes nowhere. */
     write(fd, list, count, result) {
-        const keeps = fd === FIRST + this.files.length;
+        const keeps = fd === MADE;
         if (!keeps && fd > STDERR) return EBADF;
         let done = 0;
         for (const [at, length] of this.vectors(list, count)) {
@@ -94,7 +107,7 @@ export class Wasi {
     }
 
     status(fd, result) {
-        if (fd > FIRST + this.files.length) return EBADF;
+        if (fd > MADE) return EBADF;
         const view = this.view();
         view.setUint8(result, fd <= STDERR ? CHARACTER_DEVICE : REGULAR_FILE);
         view.setUint16(result + 2, 0, true);

@@ -11,11 +11,11 @@ import {tmpdir} from "node:os";
 import {join} from "node:path";
 import {after, test} from "node:test";
 
-import {FORCE, KEEP_DAMAGED, Movie, SALVAGE, hashes, pair, plan} from "../repair.js";
+import {FORCE, Joined, KEEP_DAMAGED, Repair, SALVAGE} from "../repair.js";
 import {BUILD, ByteSource, FileSource, assemble, loadModule} from "./support/files.js";
 
 const EVERY = Number(process.env.EVERY ?? 200), HOSTILE_EVERY = Number(process.env.HOSTILE_EVERY ?? 10);
-const module = loadModule();
+const repair = new Repair(loadModule());
 const work = mkdtempSync(join(tmpdir(), "mediafiles-"));
 after(() => rmSync(work, {recursive: true}));
 
@@ -24,7 +24,7 @@ const LONGEST = 1e6; // microseconds of the processor, for one recording
 
 function madeByPage(path, options) {
     const media = new FileSource(path), journal = new FileSource(`${path}.journal`);
-    const found = plan(module, media, journal, options);
+    const found = repair.plan(media, journal, options);
     const file = found.parts ? assemble(found.parts, media) : null;
     media.close();
     journal.close();
@@ -90,14 +90,13 @@ test("hostile journals and media: what the plan makes of them elsewhere, and soo
         if (count++ % HOSTILE_EVERY !== 0) continue;
         const media = new ByteSource(input.media), journal = input.journal && new ByteSource(input.journal);
         const begin = process.cpuUsage().user;
-        const found = plan(module, media, journal, input.options);
+        const found = repair.plan(media, journal, input.options);
         longest = Math.max(longest, process.cpuUsage().user - begin);
         assert.equal(found.result, results[input.result], `input ${count}`);
         if (!found.parts || !input.made) continue;
         const file = assemble(found.parts, media);
         assert.ok(file.equals(input.made), `input ${count}`);
-        const movie = new Movie(module, new ByteSource(file));
-        for (const [index, track] of (movie.tracks ?? []).entries()) movie.draw(index, 0, track.duration + 1, 100);
+        repair.draw(new ByteSource(file), 0, 100, 100);
         made++;
     }
     console.log(`1 in ${HOSTILE_EVERY} of ${count} inputs, ${made} files made, the longest took ${longest / 1000} ms`);
@@ -111,48 +110,47 @@ function recording() {
 
 test("a file that cannot be read to its end is kept up to there", () => {
     const {media, journal} = recording();
-    const {parts} = plan(module, media, journal), end = parts[1].end - 1000;
+    const {parts} = repair.plan(media, journal), end = parts[1].end - 1000;
     media.read = (offset, count) => { // beyond the end nothing can be read
         if (offset + count > end) throw new Error("cannot be read");
         return media.bytes.subarray(offset, offset + count);
     };
-    const found = plan(module, media, journal);
+    const found = repair.plan(media, journal);
     assert.ok(found.parts[1].end <= end && found.parts[1].end < parts[1].end);
 });
 
 test("hashes are those of what was read and made", () => {
     const {media, journal} = recording();
     const sha256 = (bytes) => createHash("sha256").update(bytes).digest("hex");
-    const {parts} = plan(module, media, journal);
+    const {parts} = repair.plan(media, journal);
     for (const added of [[], [3000000]]) { // zeros of a sample that was cut
         const all = [parts[0], parts[1], ...added, ...parts.slice(2)];
         const wanted = {read: sha256(media.bytes), made: sha256(assemble(all, media))};
-        assert.deepEqual(hashes(module, media, all), wanted);
+        assert.deepEqual(repair.hashes(media, all), wanted);
     }
-    assert.deepEqual(hashes(module, media, null), {read: sha256(media.bytes), made: null});
+    assert.deepEqual(repair.hashes(media, null), {read: sha256(media.bytes), made: null});
 });
 
 test("names: which journal belongs to which file", () => {
     const names = ["b.MP4", "b.mp4.journal", "a.mp4", "a.mp4.JOURNAL", "notes.txt", "lost.mp4.journal", "x.mov", "x.mov.journal",
         "two\nlines.mp4", "\u00e4.mp4"];
-    assert.deepEqual(pair(module, names).map(({media, journal}) => [media, journal]), [["a.mp4", "a.mp4.JOURNAL"],
+    assert.deepEqual(repair.pair(names).map(({media, journal}) => [media, journal]), [["a.mp4", "a.mp4.JOURNAL"],
         ["b.MP4", "b.mp4.journal"], ["two\nlines.mp4", null], ["x.mov", "x.mov.journal"], ["\u00e4.mp4", null],
         [null, "lost.mp4.journal"]]);
-    assert.deepEqual(pair(module, []), []);
+    assert.deepEqual(repair.pair([]), []);
 });
 
 test("the time line has every sample in its place", () => {
     const {media, journal} = recording();
-    const found = plan(module, media, journal), file = new ByteSource(assemble(found.parts, media));
-    const {tracks} = new Movie(module, file);
+    const found = repair.plan(media, journal), file = new ByteSource(assemble(found.parts, media));
+    const tracks = repair.tracks(file);
+    assert.deepEqual(repair.tracks(new Joined(found.parts, media)), tracks);
     assert.deepEqual(tracks.map(({codec, width, rate}) => [codec, width, rate]), [["H.264", 640, undefined],
         ["AAC", undefined, 48000]]);
     assert.equal(tracks[0].samples + tracks[1].samples, found.samples);
-    for (const [index, track] of tracks.entries()) {
-        const all = new Movie(module, file).draw(index, 0, track.duration + 0.001, 7);
-        const sum = (numbers) => numbers.reduce((a, b) => a + b);
-        assert.deepEqual([sum(all.samples), sum(all.keys)], [track.samples, track.keys]);
-        assert.equal(new Movie(module, file).draw(index, -2, -1, 5).samples.find(Boolean), undefined);
-    }
-    assert.equal(new Movie(module, media).tracks, null); // it is not finished
+    const sum = (numbers) => numbers.reduce((a, b) => a + b), length = Math.max(...tracks.map((track) => track.duration));
+    for (const [index, all] of repair.draw(file, 0, length + 0.001, 7).entries())
+        assert.deepEqual([sum(all.samples), sum(all.keys)], [tracks[index].samples, tracks[index].keys]);
+    for (const none of repair.draw(file, -2, -1, 5)) assert.equal(none.samples.find(Boolean), undefined);
+    assert.deepEqual(repair.tracks(media), []); // it is not finished
 });

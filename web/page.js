@@ -1,0 +1,479 @@
+/** The page: what was dropped or chosen, the list of recordings, repair, saving, report. */
+import {Helper} from "./helper.js";
+import {LICENCES, VERSION} from "./inlined.js";
+import {TEXTS, date, duration, number, size, text} from "./texts.js";
+import {drawing} from "./drawing.js";
+
+const COLUMNS = 400; // of a drawing
+const DOWNLOAD_PAUSE = 150; // ms: Chromium drops what is more than ten in a second
+const DEEPEST = 8; // folders, as the command goes
+const OPTION = {can_salvage: 2, can_keep_damaged: 4, can_force: 8}; // as recovery.h has them
+
+const element = (id) => document.getElementById(id);
+const helper = new Helper();
+const files = new Map(); // path: File
+const items = new Map(); // path of the media, or of a journal without it: item
+let queue = Promise.resolve(); // what was given is looked at one after the other
+
+/* ---- What was given --------------------------------------------------- */
+
+/** [path, File] of all files of an entry of a drop. */
+async function filesOf(entry, depth = 0) {
+    if (entry.isFile) {
+        const file = await new Promise((resolve) => entry.file(resolve, () => resolve(null)));
+        return file ? [[entry.fullPath.slice(1), file]] : [];
+    }
+    if (depth > DEEPEST) return [];
+    const reader = entry.createReader(), found = [];
+    for (;;) {
+        const some = await new Promise((resolve) => reader.readEntries(resolve, () => resolve([])));
+        if (some.length === 0) return found;
+        for (const each of some) found.push(...await filesOf(each, depth + 1));
+    }
+}
+
+async function takeDrop(event) {
+    event.preventDefault();
+    element("drop").classList.remove("over");
+    const entries = [...event.dataTransfer.items].map((each) => each.webkitGetAsEntry?.()).filter(Boolean);
+    const given = [];
+    for (const entry of entries) given.push(...await filesOf(entry));
+    take(given);
+}
+
+function takeInput({target}) {
+    take([...target.files].map((file) => [file.webkitRelativePath || file.name, file]));
+    target.value = ""; // so that the same can be chosen again
+}
+
+function take(given) {
+    queue = queue.then(() => examineAll(given)).catch((error) => show("status", String(error)));
+}
+
+const folderOf = (path) => path.slice(0, path.lastIndexOf("/") + 1);
+const nameOf = (path) => path.slice(path.lastIndexOf("/") + 1);
+
+/** The recordings among all files so far: path, media and journal of each. */
+async function findRecordings() {
+    const folders = Map.groupBy?.(files.keys(), folderOf) ?? [...files.keys()].reduce((map, path) =>
+        map.set(folderOf(path), [...(map.get(folderOf(path)) ?? []), path]), new Map());
+    const found = [];
+    for (const [folder, paths] of folders) {
+        const names = paths.map(nameOf), pairs = await helper.call("pair", {names});
+        const used = new Set(pairs.flatMap(({media, journal}) => [media, journal]));
+        const others = folder ? [] : names.filter((name) => !used.has(name)).map((media) => ({media, journal: null}));
+        for (const {media, journal} of [...pairs, ...others]) {
+            const get = (name) => name && files.get(folder + name);
+            found.push({path: folder + (media ?? journal), media: get(media), journal: get(journal)});
+        }
+    }
+    return found;
+}
+
+/** Looks at what is new, the newest first. */
+async function examineAll(given) {
+    for (const [path, file] of given) files.set(path, file);
+    const found = await findRecordings();
+    const paths = new Set(found.map(({path}) => path));
+    for (const item of items.values()) if (!paths.has(item.path)) remove(item);
+    const fresh = found.filter(({path, media, journal}) => items.get(path)?.journal !== journal || items.get(path)?.media !== media);
+    fresh.sort((a, b) => (b.media ?? b.journal).lastModified - (a.media ?? a.journal).lastModified);
+    const used = found.reduce((sum, {media, journal}) => sum + Boolean(media) + Boolean(journal), 0);
+    show("ignored", files.size > used ? text("ignored", {count: files.size - used}) : "");
+    for (const [index, each] of fresh.entries()) {
+        working("looking", index, fresh.length);
+        await examine(add(each), 0);
+    }
+    working(null);
+    if (items.size === 0) show("status", text("nothing"));
+}
+
+/** @param options  of the plan, which the person has chosen */
+async function examine(item, options) {
+    item.options = options;
+    item.blob = null;
+    const {media, journal} = item;
+    if (!media) item.found = {result: "refused", reason: "no_media", tracks: []};
+    else item.found = await helper.call("examine", {media, journal, options}).catch(() => ({result: "failed", reason: "system", tracks: []}));
+    render(item);
+}
+
+/* ---- A recording ------------------------------------------------------ */
+
+const isRepairable = (item) => ["repaired", "salvaged"].includes(item.found.result) && !item.blob;
+const fileOf = (item) => item.blob ?? (item.found.result === "finished" ? item.media : null);
+const lengthOf = (item) => Math.max(0, ...item.found.tracks.map((track) => track.duration));
+
+function stateOf(item) {
+    if (item.blob) return "repaired";
+    const states = {repaired: "repairable", salvaged: "repairable", finished: "finished", empty_removed: "empty"};
+    return states[item.found.result] ?? item.found.result;
+}
+
+function whatOf(item) {
+    const {result, reason, foreign_journal: foreign} = item.found, values = {duration: duration(lengthOf(item))};
+    if (item.blob) return text("result.repaired", values);
+    if (result === "repaired") return text("result.repairable", values);
+    if (result === "salvaged") return text("result.salvageable", values);
+    if (result === "refused") return text(`reason.${reason}`, {journal: `${nameOf(item.path)}.journal`});
+    return text(`result.${result}`) + (foreign ? ` ${text("result.foreign")}` : "");
+}
+
+function lostOf(item) {
+    const found = item.found, lost = [];
+    if (!["repaired", "salvaged"].includes(found.result)) return "";
+    if (found.cut) lost.push(text("lost.cut", {size: size(found.cut)}));
+    if (found.added) lost.push(text("lost.added", {size: size(found.added)}));
+    if (found.bad_bytes) lost.push(text("lost.bad", {size: size(found.bad_bytes)}));
+    if (found.journal_lost) lost.push(text("lost.journal", {size: size(found.journal_lost)}));
+    return lost.join(" ") || text("lost.nothing");
+}
+
+function trackText({video, codec, width, height, rate, channels}) {
+    if (video) return text("track.video", {codec, width, height});
+    const sound = channels === 2 ? text("stereo") : text("channels", {count: channels});
+    return text("track.sound", {codec, rate: number(rate / 1000, 1), channels: sound});
+}
+
+function metaOf(item) {
+    const length = lengthOf(item), file = item.media ?? item.journal;
+    return [date(file.lastModified), ...(length ? [duration(length)] : []), size(file.size), ...item.found.tracks.map(trackText)];
+}
+
+/* ---- The list --------------------------------------------------------- */
+
+function add(each) {
+    const old = items.get(each.path);
+    const node = old?.node ?? element("item").content.firstElementChild.cloneNode(true);
+    const item = {...each, node};
+    items.set(each.path, item);
+    node.querySelector("h3").textContent = each.path;
+    badge(node, "looking");
+    if (!old) element("list").append(node);
+    return item;
+}
+
+function remove(item) {
+    close(item);
+    item.node.remove();
+    items.delete(item.path);
+}
+
+function badge(node, state) {
+    const mark = node.querySelector(".badge");
+    mark.textContent = text(`badge.${state}`);
+    node.dataset.state = state;
+}
+
+/** A button whose name says which recording it is for. */
+function button(key, item, run, name = "") {
+    const made = document.createElement("button");
+    made.textContent = text(key);
+    made.className = name;
+    made.setAttribute("aria-label", text("named", {action: text(key), name: item.path}));
+    made.addEventListener("click", () => run(made));
+    return made;
+}
+
+function render(item) {
+    const {node, found} = item;
+    close(item);
+    badge(node, stateOf(item));
+    const put = (name, words) => {
+        node.querySelector(name).textContent = words;
+        node.querySelector(name).hidden = words === "";
+    };
+    put(".meta", metaOf(item).join(" · "));
+    put(".what", whatOf(item) + (found.protected ? ` ${text("protected")}` : ""));
+    put(".lost", lostOf(item));
+    const buttons = [];
+    if (isRepairable(item)) buttons.push(button("repair", item, () => repair(item).then(() => focus(item)), "main"));
+    for (const [name, value] of Object.entries(OPTION)) {
+        if (found[name]) buttons.push(button(`option.${name}`, item, () => examine(item, item.options | value).then(() => focus(item))));
+    }
+    if (fileOf(item)) buttons.push(button("play", item, () => play(item), item.blob ? "main" : ""));
+    if (item.blob) buttons.push(button("save", item, (at) => save(item, at)));
+    if (found.tracks.length) buttons.push(button("inside", item, (at) => lookInside(item, at)));
+    node.querySelector(".buttons").replaceChildren(...buttons);
+    count();
+}
+
+/** The button that had the focus is gone. */
+function focus(item) {
+    item.node.querySelector(".buttons button")?.focus();
+}
+
+function count() {
+    const all = [...items.values()].filter((item) => item.found), states = all.map(stateOf);
+    const of = (...some) => states.filter((state) => some.includes(state)).length;
+    const numbers = {repairable: of("repairable"), repaired: of("repaired"), finished: of("finished")};
+    numbers.others = states.length - numbers.repairable - numbers.repaired - numbers.finished;
+    const parts = Object.entries(numbers).filter(([, n]) => n).map(([key, n]) => text(`summary_parts.${key}`, {count: n}));
+    show("summary", [text("summary", {count: all.length}), ...parts].join(" · "));
+    element("card").hidden = all.length === 0;
+    element("repair-all").hidden = numbers.repairable === 0;
+    element("save-all").hidden = numbers.repaired === 0;
+    element("report").hidden = numbers.repaired === 0;
+    if (numbers.repaired) writeReport();
+}
+
+/* ---- Repair, play, save ----------------------------------------------- */
+
+async function repair(item) {
+    const {media, journal, options} = item;
+    try {
+        item.blob = await helper.call("repair", {media, journal, options});
+    } catch {
+        item.found = {result: "failed", reason: "system", tracks: []};
+    }
+    render(item);
+}
+
+async function repairAll() {
+    const waiting = [...items.values()].filter((item) => item.found && isRepairable(item));
+    for (const [index, item] of waiting.entries()) {
+        working("repairing", index, waiting.length);
+        await repair(item);
+    }
+    working(null);
+    element("save-all").focus();
+}
+
+function play(item) {
+    const player = item.node.querySelector(".player"), video = document.createElement("video");
+    close(item, ".lines");
+    const note = document.createElement("p");
+    video.controls = true;
+    video.setAttribute("aria-label", text("video_of", {name: item.path}));
+    video.src = URL.createObjectURL(fileOf(item));
+    video.addEventListener("error", () => {
+        note.textContent = text("cannot_play", {codec: item.found.tracks.map(({codec}) => codec).join(", ")});
+        video.hidden = true;
+    });
+    note.setAttribute("role", "status");
+    player.replaceChildren(video, note, button("close", item, () => close(item)));
+    player.hidden = false;
+    video.focus();
+    video.play().catch(() => {}); // the person can start it
+}
+
+/** What is open below a recording goes. */
+function close(item, which = ".player, .lines") {
+    for (const part of item.node.querySelectorAll(which)) {
+        const video = part.querySelector("video");
+        if (video) URL.revokeObjectURL(video.src);
+        part.replaceChildren();
+        part.hidden = true;
+    }
+}
+
+function newName(path) {
+    const name = nameOf(path), point = name.lastIndexOf(".");
+    const [stem, ending] = point > 0 ? [name.slice(0, point), name.slice(point)] : [name, ""];
+    return text("file_name", {stem, ending});
+}
+
+async function write(handle, blob) {
+    await blob.stream().pipeTo(await handle.createWritable());
+}
+
+function download(name, blob) {
+    const link = document.createElement("a");
+    link.href = URL.createObjectURL(blob);
+    link.download = name;
+    link.click();
+    setTimeout(() => URL.revokeObjectURL(link.href), 600000);
+}
+
+/** As a new file that the person chooses, where the browser has that; else as a download. */
+async function saveAs(name, blob) {
+    if (!window.showSaveFilePicker) return download(name, blob);
+    try {
+        await write(await window.showSaveFilePicker({suggestedName: name}), blob);
+        show("status", text("saved"));
+    } catch (error) {
+        if (error.name !== "AbortError") show("status", text("not_saved", {why: error.message}));
+    }
+}
+
+const save = (item) => saveAs(newName(item.path), item.blob);
+
+/** Into a folder that the person chooses; names that two recordings share get a number. */
+async function saveAll() {
+    const made = [...items.values()].filter((item) => item.blob), names = new Set();
+    try {
+        const folder = await window.showDirectoryPicker?.({mode: "readwrite"});
+        for (const [index, item] of made.entries()) {
+            working("saving", index, made.length);
+            let name = newName(item.path);
+            for (let n = 2; names.has(name); n++) name = newName(item.path).replace(/(\.[^.]*)?$/, `-${n}$1`);
+            names.add(name);
+            if (folder) await write(await folder.getFileHandle(name, {create: true}), item.blob);
+            else {
+                download(name, item.blob);
+                await new Promise((resolve) => setTimeout(resolve, DOWNLOAD_PAUSE));
+            }
+        }
+        working(null);
+        show("status", text("saved"));
+    } catch (error) {
+        working(null);
+        if (error.name !== "AbortError") show("status", text("not_saved", {why: error.message}));
+    }
+}
+
+/* ---- Look inside ------------------------------------------------------ */
+
+async function lookInside(item, at) {
+    const lines = item.node.querySelector(".lines"), length = lengthOf(item), {tracks} = item.found;
+    close(item, ".player");
+    const {media, journal, options} = item;
+    const file = fileOf(item) ?? await helper.call("repair", {media, journal, options}).catch(() => new Blob());
+    const drawn = await helper.call("draw", {file, columns: COLUMNS, length: length * 1.0001 || 1}).catch(() => []);
+    const cut = item.found.result !== "finished";
+    lines.replaceChildren(heading(text("time_line")),
+        ...drawn.flatMap((columns, index) => columns ? [trackDrawing(tracks[index], columns, cut)] : []), axis(length), legend(cut),
+        words(item, length, cut), button("close", item, () => (close(item), at.focus())));
+    lines.hidden = false;
+}
+
+function node(name, words, kind = "") {
+    const made = document.createElement(name);
+    made.textContent = words;
+    if (kind) made.className = kind;
+    return made;
+}
+
+const heading = (words) => node("h4", words);
+
+function trackDrawing(track, columns, cut) {
+    const figure = document.createElement("figure");
+    figure.append(node("figcaption", `${text(track.video ? "video_track" : "sound_track")} · ${trackText(track)}`),
+        drawing(track, columns, cut));
+    return figure;
+}
+
+function axis(length) {
+    const made = node("div", "", "axis");
+    made.setAttribute("aria-hidden", "true");
+    made.append(...[0, 0.25, 0.5, 0.75, 1].map((part) => node("span", duration(length * part))));
+    return made;
+}
+
+function legend(cut) {
+    const made = node("p", "", "legend");
+    made.setAttribute("aria-hidden", "true");
+    for (const key of ["frames", "key", "gap", ...(cut ? ["cut"] : [])]) made.append(node("span", text(`legend.${key}`), key));
+    return made;
+}
+
+/** The drawing for those who do not see it. */
+function words(item, length, cut) {
+    const list = document.createElement("ul");
+    list.className = "words";
+    for (const {video, gaps} of item.found.tracks) {
+        const kind = text(video ? "video_track" : "sound_track");
+        for (const [begin, end] of gaps.slice(0, 20))
+            list.append(node("li", `${kind}: ${text("gap", {begin: duration(begin), end: duration(end)})}`));
+    }
+    if (cut) list.append(node("li", text("cut_at", {time: duration(length)})));
+    return list;
+}
+
+/* ---- Report ----------------------------------------------------------- */
+
+/** The rows of the report: name, what it was, kept, lost, sums. */
+function rows() {
+    return [...items.values()].filter((item) => item.found).map((item) => {
+        const kept = item.blob || item.found.result === "finished" ? metaOf(item).slice(1).join(", ") : "";
+        const sums = [...(item.sums?.read ? [text("read_sum", {sum: item.sums.read})] : []),
+            ...(item.sums?.made ? [text("made_sum", {sum: item.sums.made})] : [])];
+        return [item.path, whatOf(item), kept, lostOf(item), sums.join("\n")];
+    });
+}
+
+function writeReport() {
+    const table = element("report").querySelector("table");
+    const cell = (kind, words) => node(kind, words);
+    table.tHead.rows[0].replaceChildren(...Object.values(TEXTS.column).map((words) => Object.assign(cell("th", words), {scope: "col"})));
+    table.tBodies[0].replaceChildren(...rows().map((row) => {
+        const made = document.createElement("tr");
+        made.append(...row.map((words) => cell("td", words)));
+        return made;
+    }));
+    show("report-made", text("report_made", {date: date(Date.now()), program: text("program", {version: VERSION})}));
+}
+
+async function addSums() {
+    const all = [...items.values()].filter((item) => fileOf(item) && !item.sums);
+    const total = all.reduce((sum, item) => sum + item.media.size, 0) || 1;
+    let done = 0;
+    element("stop").hidden = false;
+    for (const item of all) {
+        const {media, journal, options} = item;
+        try {
+            item.sums = await helper.call("hash", {media, journal, options}, (bytes) => {
+                done += bytes;
+                progress(text("hashing", {percent: Math.floor(100 * done / total)}), done / total);
+            });
+        } catch {
+            break; // it was stopped, or the card is gone
+        }
+    }
+    element("stop").hidden = true;
+    working(null);
+    writeReport();
+}
+
+function saveReport() {
+    const lines = rows().map((row) => row.filter(Boolean).join("\n  ").replaceAll("\n", "\n  "));
+    const words = [text("report"), element("report-made").textContent, ...lines].join("\n\n");
+    saveAs(text("report_name"), new Blob([words + "\n"], {type: "text/plain"}));
+}
+
+/* ---- What happens now ------------------------------------------------- */
+
+function show(id, words) {
+    element(id).textContent = words;
+}
+
+function progress(words, part) {
+    show("status", words);
+    element("progress").hidden = part === null;
+    if (part !== null) element("progress").value = part;
+}
+
+/** At so many of a total; null: nothing any more. */
+function working(key, index, total) {
+    if (key) progress(text(key, {count: index + 1, total}), index / total);
+    else progress("", null);
+}
+
+function begin() {
+    document.documentElement.lang = TEXTS.locale;
+    document.title = text("title");
+    for (const each of document.querySelectorAll("[data-text]")) each.textContent = text(each.dataset.text);
+    show("program", text("program", {version: VERSION}));
+    show("licences", LICENCES);
+    element("table").setAttribute("aria-label", text("report_table"));
+    element("progress").setAttribute("aria-labelledby", "status");
+    const press = (id, run) => element(id).addEventListener("click", run);
+    press("choose-files", () => element("files").click());
+    press("choose-folder", () => element("folder").click());
+    press("repair-all", repairAll);
+    press("save-all", saveAll);
+    press("add-sums", addSums);
+    press("stop", () => helper.stop());
+    press("print", () => window.print());
+    press("save-report", saveReport);
+    element("files").addEventListener("change", takeInput);
+    element("folder").addEventListener("change", takeInput);
+    addEventListener("dragover", (event) => {
+        event.preventDefault();
+        element("drop").classList.add("over");
+    });
+    addEventListener("dragleave", ({relatedTarget}) => relatedTarget ?? element("drop").classList.remove("over"));
+    addEventListener("drop", takeDrop);
+}
+
+begin();

@@ -1,0 +1,277 @@
+/**
+ * The page in Chromium, from disk: what a person does, held against the command; what it costs; that nothing leaves it.
+ *
+ *     [PAGE=out/web] [BUILD=out/test] [PICTURES=DIR] node --test web/tests/browser.test.mjs
+ */
+import assert from "node:assert/strict";
+import {execFileSync} from "node:child_process";
+import {createHash} from "node:crypto";
+import {mkdirSync, mkdtempSync, readFileSync, readdirSync, rmSync, statSync, writeFileSync} from "node:fs";
+import {createRequire} from "node:module";
+import {tmpdir} from "node:os";
+import {basename, join, relative} from "node:path";
+import {after, before, test} from "node:test";
+
+import {listOf, openBrowser, openPage, press, settled} from "./support/browser.js";
+import {dumpCases, makeCard, makeLarge, repairByCommand} from "./support/card.js";
+import {BUILD} from "./support/files.js";
+
+const work = mkdtempSync(join(tmpdir(), "mediafiles-")), card = join(work, "DASHCAM");
+const axe = readFileSync(createRequire(import.meta.url).resolve("axe-core/axe.min.js"), "utf8");
+const PICTURES = process.env.PICTURES;
+/** For the large recording: 256 samples are looked at, and its head and end; processor time in seconds, memory in bytes. */
+const MOST = {slices: 258, time: 2, memory: 50e6};
+const STATES = {repaired: "repaired", salvaged: "repaired", finished: "finished", empty_removed: "empty", not_ours: "not_ours",
+    refused: "refused"};
+let browser;
+
+before(async () => {
+    makeCard(card);
+    browser = await openBrowser();
+});
+after(async () => {
+    await browser.close();
+    rmSync(work, {recursive: true});
+});
+
+const sha256 = (path) => createHash("sha256").update(readFileSync(path)).digest("hex");
+const picture = (page, name, options = {}) => PICTURES && page.screenshot({path: join(PICTURES, `${name}.png`), ...options});
+
+async function give(page, path, input = "#folder") {
+    await (await page.$(input)).uploadFile(...[path].flat());
+}
+
+/** Violations of the rules for accessibility, as text. */
+async function violations(page) {
+    const session = await page.createCDPSession(); // the page's policy forbids a script of somebody else
+    await session.send("Page.setBypassCSP", {enabled: true});
+    await session.send("Runtime.evaluate", {expression: axe});
+    const found = await page.evaluate(() => window.axe.run());
+    return found.violations.flatMap(({id, nodes}) => nodes.map(({html}) => `${id}: ${html}`));
+}
+
+async function waitForFiles(directory, count) {
+    for (let i = 0; i < 300; i++) {
+        const done = readdirSync(directory).filter((name) => !name.endsWith(".crdownload") && !name.startsWith("."));
+        if (done.length >= count) return done;
+        await new Promise((resolve) => setTimeout(resolve, 100));
+    }
+    throw new Error(`${readdirSync(directory).length} downloads of ${count}`);
+}
+
+test("a card: results, downloads and checksums are the command's", async () => {
+    const downloads = join(work, "downloads"), output = join(work, "output");
+    const {page, requests, problems} = await openPage(browser, downloads);
+    await give(page, card);
+    await settled(page, 40);
+    await picture(page, "list");
+    await press(page, "Repair all");
+    await page.waitForSelector("[data-state=repairable]", {hidden: true});
+    const reports = repairByCommand(card, output, ["--hash"]), list = await listOf(page);
+    assert.deepEqual(Object.keys(list).length, reports.length);
+    for (const report of reports) {
+        const name = `DASHCAM/${relative(card, report.path)}`;
+        assert.equal(list[name].state, STATES[report.result], name);
+    }
+    const made = reports.filter((report) => report.output);
+    await press(page, "Save all…");
+    await waitForFiles(downloads, made.length);
+    for (const {output: path} of made) {
+        const saved = join(downloads, basename(path).replace(".mp4", "-recovered.mp4"));
+        assert.ok(readFileSync(saved).equals(readFileSync(path)), path);
+    }
+    await page.click("#add-sums");
+    await page.waitForFunction((n) => document.querySelector("tbody").textContent.split("made: ").length === n + 1, {}, made.length);
+    const table = await page.$eval("tbody", (all) => all.textContent);
+    for (const {output: path, path: read} of made) {
+        assert.ok(table.includes(`made: ${sha256(path)}`), path);
+        assert.ok(table.includes(`read: ${sha256(read)}`), read);
+    }
+    assert.ok(made.length >= 15 && new Set(reports.map(({result}) => result)).size >= 5);
+    assert.deepEqual([requests, problems], [[], []]);
+    await page.close();
+});
+
+test("what was repaired plays to its end", async () => {
+    const {page, requests, problems} = await openPage(browser);
+    await give(page, join(card, "2026-11-20"));
+    await settled(page, 20);
+    await press(page, "Repair all");
+    await page.waitForSelector("[data-state=repairable]", {hidden: true});
+    let played = 0;
+    for (const item of await page.$$("[data-state=repaired]")) {
+        if (!(await item.$eval(".meta", (meta) => meta.textContent)).includes("H.264") || played === 5) continue;
+        await (await item.$(".buttons button")).click();
+        const video = await item.waitForSelector("video");
+        await video.evaluate((v) => new Promise((resolve, reject) => {
+            const check = () => v.ended ? resolve() : v.error ? reject(v.error.message) : setTimeout(check, 50);
+            check();
+        }));
+        const [time, length, width] = await video.evaluate((v) => [v.currentTime, v.duration, v.videoWidth]);
+        assert.ok(length > 0.3 && Math.abs(time - length) < 0.1 && width === 640, `${time} of ${length}`);
+        played++;
+    }
+    assert.equal(played, 5);
+    assert.deepEqual([requests, problems], [[], []]);
+    await page.close();
+});
+
+test("50 cases of the power-cut proof", async () => {
+    const directory = join(work, "cases"), output = join(work, "repaired");
+    dumpCases(directory, 1700);
+    const names = readdirSync(directory).filter((name) => /\.mp4(\.journal)?$/.test(name));
+    assert.ok(names.length >= 100, `${names.length / 2} cases`);
+    const made = new Map(repairByCommand(directory, output).filter((report) => report.output)
+        .map((report) => [basename(report.path), readFileSync(report.output)]));
+    const {page, problems} = await openPage(browser, join(work, "cases-saved"));
+    await give(page, names.map((name) => join(directory, name)), "#files");
+    await settled(page, names.length / 2);
+    await press(page, "Repair all");
+    await page.waitForSelector("[data-state=repairable]", {hidden: true});
+    assert.equal(Object.values(await listOf(page)).filter(({state}) => state === "repaired").length, made.size);
+    await press(page, "Save all…");
+    await waitForFiles(join(work, "cases-saved"), made.size);
+    for (const [name, bytes] of made)
+        assert.ok(readFileSync(join(work, "cases-saved", name.replace(".mp4", "-recovered.mp4"))).equals(bytes), name);
+    console.log(`${names.length / 2} cases, ${made.size} repaired`);
+    assert.ok(made.size >= 40);
+    assert.deepEqual(problems, []);
+    await page.close();
+});
+
+/** What the processes of pages have taken: memory of their own, the largest, and processor time, of all. */
+async function costs(session) {
+    const {processInfo} = await session.send("SystemInfo.getProcessInfo");
+    const own = processInfo.filter(({type}) => type === "renderer");
+    const memory = own.map(({id}) => Number(/RssAnon:\s+(\d+)/.exec(readFileSync(`/proc/${id}/status`, "latin1"))[1]) * 1024);
+    return {memory: Math.max(...memory), time: own.reduce((sum, {cpuTime}) => sum + cpuTime, 0)};
+}
+
+test("3 GB: time, slices and memory", async () => {
+    const path = join(work, "large.mp4"), bytes = makeLarge(path);
+    const {page, requests} = await openPage(browser);
+    const counted = new Promise((resolve) => page.once("workercreated", resolve));
+    await give(page, [join(card, "2026-11-20/clip-0001.mp4")], "#files"); // the module is compiled
+    await settled(page, 1);
+    const worker = await counted;
+    await worker.evaluate(() => { // reads of the recording, not of its journal
+        self.slices = self.read = 0;
+        const read = FileReaderSync.prototype.readAsArrayBuffer, slice = Blob.prototype.slice;
+        Blob.prototype.slice = function (...range) {
+            return Object.assign(slice.apply(this, range), {of: this.size});
+        };
+        FileReaderSync.prototype.readAsArrayBuffer = function (blob) {
+            if (blob.of > 1e9) self.slices++;
+            self.read += blob.size;
+            return read.call(this, blob);
+        };
+    });
+    const session = await browser.target().createCDPSession(), before = await costs(session);
+    let most = 0;
+    const timer = setInterval(async () => (most = Math.max(most, (await costs(session)).memory - before.memory)), 15);
+    await give(page, [path, `${path}.journal`], "#files");
+    await settled(page, 2);
+    const looked = await worker.evaluate(() => self.slices);
+    const begin = await worker.evaluate(() => (self.slices = self.read = 0, performance.now())), start = await costs(session);
+    await press(page, "Repair: large.mp4");
+    await page.waitForFunction(() => document.querySelectorAll("[data-state=repaired]").length === 1);
+    const [slices, read, end] = await worker.evaluate(() => [self.slices, self.read, performance.now()]);
+    const time = (await costs(session)).time - start.time;
+    clearInterval(timer);
+    await press(page, "Play: large.mp4"); // shows the Blob
+    execFileSync("cp", ["--sparse=always", path, `${path}.journal`, mkdirOf(join(work, "in-place"))]);
+    execFileSync(`${BUILD}/tools/mediafiles`, ["repair", join(work, "in-place/large.mp4")], {stdio: "pipe"});
+    const wanted = join(work, "in-place/large.mp4"), length = statSync(wanted).size;
+    const got = await page.evaluate(async (tail) => {
+        const blob = window.blobs.at(-1), part = async (from, to) => [...new Uint8Array(await blob.slice(from, to).arrayBuffer())];
+        const digest = await crypto.subtle.digest("SHA-256", await blob.slice(blob.size - tail).arrayBuffer());
+        return {size: blob.size, head: await part(0, 64), digest: [...new Uint8Array(digest)]};
+    }, 16e6);
+    const file = (from, count) => execFileSync("tail", ["-c", `+${from + 1}`, wanted], {maxBuffer: 2 ** 30}).subarray(0, count);
+    assert.equal(got.size, length);
+    assert.deepEqual(got.head, [...execFileSync("head", ["-c", "64", wanted])]);
+    assert.equal(Buffer.from(got.digest).toString("hex"), createHash("sha256").update(file(length - 16e6)).digest("hex"));
+    const header = length - mediaOf(wanted);
+    console.log(`${bytes} bytes, movie header ${header} bytes: looked at with ${looked} slices; repaired in ${Math.round(end - begin)} ms, ` +
+        `${time.toFixed(2)} s of the processor, with ${slices} slices, ${read} bytes read, ${most} bytes of memory more at most`);
+    assert.ok(header > 9e6 && bytes > 2.8e9);
+    assert.ok(slices <= MOST.slices && time < MOST.time && most < MOST.memory);
+    assert.deepEqual(requests, []);
+    await page.close();
+});
+
+const mkdirOf = (path) => (mkdirSync(path), path);
+const mediaOf = (path) => 24 + execFileSync("head", ["-c", "28", path]).readUInt32BE(24); // the end of mdat
+
+test("accessible: by its names, by keyboard alone, in dark and light, on a phone", async () => {
+    const {page, problems} = await openPage(browser);
+    for (const scheme of ["light", "dark"]) {
+        await page.emulateMediaFeatures([{name: "prefers-color-scheme", value: scheme}]);
+        assert.deepEqual(await violations(page), [], scheme);
+    }
+    await give(page, card);
+    await settled(page, 40);
+    const focused = () => page.evaluate(() => document.activeElement.getAttribute("aria-label") ?? document.activeElement.textContent);
+    const go = async (name) => { // by the tabulator
+        for (let i = 0; i < 300 && !(await focused()).startsWith(name); i++) await page.keyboard.press("Tab");
+        assert.ok((await focused()).startsWith(name), `${name} is not reached`);
+        await page.keyboard.press("Enter");
+    };
+    await page.focus("#choose-folder");
+    await go("Repair all");
+    await page.waitForSelector("[data-state=repairable]", {hidden: true});
+    await page.waitForFunction(() => document.activeElement.id === "save-all");
+    await go("Look inside: ");
+    await page.waitForSelector(".drawing");
+    assert.match(await page.$eval(".drawing", (svg) => svg.getAttribute("aria-label")), /\d+ frames, \d+ of them key frames/);
+    await go("Close: ");
+    assert.equal(await page.$(".drawing"), null);
+    assert.match(await focused(), /^Look inside: /);
+    await page.keyboard.press("Enter");
+    await page.waitForSelector(".drawing");
+    await page.$eval(".drawing", (svg) => svg.closest(".item").scrollIntoView({block: "center"}));
+    await picture(page, "inside");
+    for (const [scheme, width] of [["light", 1000], ["dark", 390]]) {
+        await page.emulateMediaFeatures([{name: "prefers-color-scheme", value: scheme}]);
+        await page.setViewport({width, height: 800});
+        assert.deepEqual(await violations(page), [], scheme);
+        assert.ok(await page.evaluate(() => document.documentElement.scrollWidth <= innerWidth), `wider than ${width}`);
+    }
+    await picture(page, "phone");
+    assert.deepEqual(problems, []);
+    await page.close();
+});
+
+test("what is hostile is said, and the page goes on", async () => {
+    const directory = mkdirOf(join(work, "hostile")), at = join(work, "plans");
+    execFileSync(`${BUILD}/fuzz/write-plans`, ["20000"], {env: {PLANS: at}, stdio: "pipe"});
+    const data = readFileSync(at), NONE = 0xffffffff;
+    for (let i = 0, offset = 0; offset < data.length; i++) {
+        const lengths = [3, 4, 5].map((n) => data.readUInt32LE(offset + 4 * n)).map((n) => n === NONE ? 0 : n);
+        const media = offset + 24, journal = media + lengths[0];
+        if (i % 271 === 0) {
+            writeFileSync(join(directory, `${i}.mp4`), data.subarray(media, journal));
+            writeFileSync(join(directory, `${i}.mp4.journal`), data.subarray(journal, journal + lengths[1]));
+        }
+        offset = journal + lengths[1] + lengths[2];
+    }
+    const {page, problems} = await openPage(browser);
+    await page.evaluate(() => { // the longest time in which the page did not answer
+        let last = performance.now();
+        window.longest = 0;
+        setInterval(() => {
+            window.longest = Math.max(window.longest, performance.now() - last);
+            last = performance.now();
+        }, 10);
+    });
+    await give(page, directory);
+    await settled(page, 100);
+    await page.evaluate(() => document.getElementById("repair-all").click());
+    await page.waitForSelector("[data-state=repairable]", {hidden: true});
+    const states = Object.values(await listOf(page)).map(({state}) => state), longest = await page.evaluate(() => window.longest);
+    console.log(`${states.length} hostile recordings; the page did not answer for ${Math.round(longest)} ms at most`);
+    assert.ok(states.length >= 100 && !states.includes("failed") && states.includes("repaired"));
+    assert.ok(longest < 1000);
+    assert.deepEqual(problems, []);
+    await page.close();
+});

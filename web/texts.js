@@ -1,0 +1,131 @@
+/**
+ * Every text of the page. Another language is another copy of this file: its locale decides how numbers, dates and
+ * plurals are written. {name} is replaced; a text with the forms one and other is chosen by {count}.
+ */
+export const TEXTS = {
+    locale: "en",
+    title: "Repair recordings",
+    lead: "Recordings that were cut off play again. Everything happens in this window: nothing is uploaded, and the card is only read.",
+    drop: "Drop recordings, a folder or a whole card here",
+    choose_files: "Choose files…",
+    choose_folder: "Choose a card or folder…",
+    drop_hint: "A recording that was cut off has two files: clip.mp4 and its journal, clip.mp4.journal. Give both.",
+    recordings: "Recordings",
+    looking: "Looking at {count} of {total}…",
+    repairing: "Repairing {count} of {total}…",
+    hashing: "Computing checksums: {percent} %",
+    saving: "Saving {count} of {total}…",
+    summary: {one: "1 recording", other: "{count} recordings"},
+    summary_parts: {repairable: "{count} to repair", repaired: "{count} repaired", finished: "{count} complete",
+        others: "{count} left as they are"},
+    ignored: {one: "1 other file was not looked at.", other: "{count} other files were not looked at."},
+    nothing: "There are no recordings here. They are called NAME.mp4, each with NAME.mp4.journal while it is recorded.",
+    repair: "Repair",
+    repair_all: "Repair all",
+    save: "Save…",
+    save_all: "Save all…",
+    saved: "Saved.",
+    not_saved: "It could not be saved: {why}",
+    play: "Play",
+    close: "Close",
+    inside: "Look inside",
+    cannot_play: "This browser cannot show this video ({codec}). The file is good all the same: save it, and open it in a video player.",
+    video_of: "Video: {name}",
+    named: "{action}: {name}",
+
+    badge: {looking: "looking", repairable: "can be repaired", repaired: "repaired", finished: "complete", empty: "empty",
+        not_ours: "not a recording", refused: "not repaired", failed: "not readable"},
+    result: {
+        repairable: "It was cut off. {duration} can be brought back.",
+        salvageable: "It was cut off and is damaged. {duration} can be brought back.",
+        repaired: "Repaired: {duration} of recording, ready to play and to save.",
+        finished: "It was finished properly and needs no repair.",
+        foreign: "The journal beside it belongs to another recording, or is damaged. It was not used.",
+        empty_removed: "The power failed before any of it was safe. There is nothing to bring back.",
+        not_ours: "It is no recording of this kind. It stays as it is.",
+        failed: "It could not be read. Copy the card again, or try another card reader.",
+    },
+    lost: {
+        nothing: "Nothing is lost.",
+        cut: "At its end {size} cannot be used: they were still being written when the power failed.",
+        added: "The last frame is incomplete: {size} of it are missing.",
+        bad: "{size} inside are damaged.",
+        journal: "{size} at the end of its journal cannot be used.",
+    },
+    protected: "Protected by the driver's button.",
+    reason: {
+        no_journal: "It was cut off, and its journal ({journal}) is missing. Without it nobody knows where the frames are. If you have the journal, choose both files together.",
+        no_samples: "Its journal lists no frame. It may belong to another recording.",
+        journal_damaged: "Its journal is damaged.",
+        media_damaged: "Parts of the recording are damaged.",
+        foreign_journal: "The journal beside it belongs to another recording, or the recording is damaged from its beginning.",
+        large_cut: "More than half of it would be cut off. That is unusual: is it the right journal?",
+        large_growth: "It would grow to more than twice its size. That is unusual: is the copy complete?",
+        no_frame_left: "Nothing would be left.",
+        too_large: "It is larger than a recording can be.",
+        cannot_replay: "Its journal contradicts itself.",
+        no_media: "This is the journal of a recording that is missing. Choose both files together.",
+        changed: "It changed while it was read. Is it still being recorded?",
+        system: "It could not be read. Copy the card again, or try another card reader.",
+    },
+    option: {can_salvage: "Keep what comes before the damage", can_keep_damaged: "Keep everything, damage included",
+        can_force: "Repair it anyway"},
+
+    track: {video: "{codec}, {width} × {height}", sound: "{codec}, {rate} kHz, {channels}"},
+    channels: {one: "mono", other: "{count} channels"},
+    stereo: "stereo",
+    size: {B: "{n} bytes", kB: "{n} kB", MB: "{n} MB", GB: "{n} GB"},
+    duration: {hours: "{h} h {m} min", minutes: "{m} min {s} s", seconds: "{s} s"},
+
+    time_line: "Time line",
+    video_track: "Video",
+    sound_track: "Sound",
+    legend: {frames: "frame sizes", key: "key frame", gap: "nothing recorded", cut: "cut off here"},
+    drawing: "{kind} ({codec}), {duration}: {samples} frames, {keys} of them key frames, the largest {largest}; {gaps}.",
+    gaps: {one: "1 gap", other: "{count} gaps"},
+    no_gap: "no gap",
+    gap: "from {begin} to {end} nothing was recorded",
+    cut_at: "The recording was cut off at {time}.",
+
+    report: "Report",
+    report_table: "What became of each recording",
+    checksums: "Add SHA-256 checksums (reads every recording once)",
+    print: "Print",
+    save_report: "Save report…",
+    stop: "Stop",
+    report_made: "Made on {date} with {program}. The recordings were read and not changed.",
+    column: {name: "Recording", what: "What it was", kept: "What is kept", lost: "What is lost", sums: "SHA-256"},
+    read_sum: "read: {sum}",
+    made_sum: "made: {sum}",
+    program: "libmediafiles {version}",
+    licences: "Licences",
+    file_name: "{stem}-recovered{ending}",
+    report_name: "repair-report.txt",
+};
+
+/** The text at a path such as "lost.cut", with its values. */
+export function text(path, values = {}) {
+    let found = path.split(".").reduce((at, key) => at?.[key], TEXTS);
+    if (found === undefined) throw new Error(`no text ${path}`);
+    if (typeof found === "object") found = found[new Intl.PluralRules(TEXTS.locale).select(values.count)] ?? found.other;
+    return found.replace(/\{(\w+)\}/g, (_, name) => values[name]);
+}
+
+export function number(value, digits = 0) {
+    return new Intl.NumberFormat(TEXTS.locale, {maximumFractionDigits: digits}).format(value);
+}
+
+export function size(bytes) {
+    const [unit, factor] = bytes < 1000 ? ["B", 1] : bytes < 1e6 ? ["kB", 1e3] : bytes < 1e9 ? ["MB", 1e6] : ["GB", 1e9];
+    return text(`size.${unit}`, {n: number(bytes / factor, bytes < 1e6 ? 0 : 1)});
+}
+
+export function duration(seconds) {
+    const whole = Math.round(seconds), [h, m, s] = [Math.floor(whole / 3600), Math.floor(whole / 60) % 60, whole % 60];
+    if (h) return text("duration.hours", {h, m});
+    return m ? text("duration.minutes", {m, s}) : text("duration.seconds", {s: number(seconds, 1)});
+}
+
+export function date(time) {
+    return new Intl.DateTimeFormat(TEXTS.locale, {dateStyle: "medium", timeStyle: "short"}).format(time);
+}

@@ -1,0 +1,84 @@
+/**
+ * What reads: it has the module, and reads files with FileReaderSync. Each message is {id, call, args}; the answer is
+ * {id, value} or {id, error}, and before it {id, progress}.
+ */
+import {Joined, Repair} from "./repair.js";
+
+/** A Blob as a source. */
+class BlobSource {
+    constructor(blob) {
+        this.blob = blob;
+        this.size = blob.size;
+        this.reader = new FileReaderSync();
+    }
+
+    read(offset, count) {
+        return new Uint8Array(this.reader.readAsArrayBuffer(this.blob.slice(offset, offset + count)));
+    }
+
+    /** What was read is not left for the next collection of garbage: of a long journal that would be 100 MB. */
+    done(bytes) {
+        drop(bytes);
+    }
+}
+
+/** Frees memory at once: sent to nobody. (A transfer within JavaScript leaves a share of it with the browser.) */
+function drop(bytes) {
+    nobody.postMessage(null, [bytes.buffer]);
+}
+
+const {port1: nobody, port2} = new MessageChannel();
+port2.close();
+
+let repair = null;
+
+const sourceOf = (file) => file && new BlobSource(file);
+
+/** The result, without a copy of the media: it is read from the card when somebody reads the Blob. */
+function blobOf(parts, media) {
+    const zeros = new Uint8Array(1 << 16);
+    const pieces = parts.flatMap((part) => {
+        if (part instanceof Uint8Array) return [part];
+        if (typeof part === "object") return [media.slice(part.begin, part.end)];
+        const whole = new Array(Math.floor(part / zeros.length)).fill(zeros);
+        return [...whole, zeros.subarray(0, part % zeros.length)];
+    });
+    const blob = new Blob(pieces, {type: "video/mp4"});
+    parts.filter((part) => part instanceof Uint8Array).forEach(drop);
+    return blob;
+}
+
+function planOf({media, journal, options}) {
+    const {error, ...found} = repair.plan(sourceOf(media), sourceOf(journal), options);
+    return found;
+}
+
+/** What is found, with the tracks as they are in the result, or in the file where it is finished. */
+function examine(args) {
+    const {parts, ...found} = planOf(args), media = sourceOf(args.media);
+    const whole = parts ? new Joined(parts, media) : found.result === "finished" ? media : null;
+    return {...found, tracks: whole ? repair.tracks(whole) : []};
+}
+
+const CALLS = {
+    begin: ({bytes}) => {
+        repair = new Repair(new WebAssembly.Module(bytes));
+    },
+    pair: ({names}) => repair.pair(names),
+    examine,
+    repair: (args) => {
+        const {parts} = planOf(args);
+        if (!parts) throw new Error("it has changed");
+        return blobOf(parts, args.media);
+    },
+    draw: ({file, columns, length}) => repair.draw(sourceOf(file), 0, length, columns),
+    hash: (args, progress) => repair.hashes(sourceOf(args.media), planOf(args).parts ?? null, progress),
+};
+
+onmessage = ({data: {id, call, args}}) => {
+    try {
+        postMessage({id, value: CALLS[call](args, (progress) => postMessage({id, progress}))});
+    } catch (error) {
+        postMessage({id, error: String(error)});
+    }
+};
