@@ -42,7 +42,7 @@ test:
 	node --test web/tests/module.test.mjs
 	$(MAKE) test-threads
 	$(MAKE) test-arm
-	tests/exchange_test.sh testdata out/test out/arm-neon
+	tests/exchange_test.sh testdata out/test out/arm-neon out/web
 	@scripts/counts check out/test
 
 # The page in Chromium, and its module with all hostile inputs.
@@ -127,17 +127,19 @@ device-docs:
 	device/run --page
 
 # Library and tests for 32-bit and 64-bit ARM, under emulation, and for 32-bit
-# x86; all write the same bytes as this machine, and repair each other's.
+# x86; these and WebAssembly write the same bytes as this machine, and repair
+# each other's.
 CROSS = arm-neon aarch64 i386
 test-cross:
 	scripts/install-packages build tools test arm aarch64 i386
+	$(MAKE) web
 	cmake --preset test
 	cmake --build out/test -j $(JOBS) --target example-record example-recover check-mp4
 	for target in $(CROSS); do \
 	    cmake --preset $$target && cmake --build out/$$target -j $(JOBS) && \
 	    ctest --test-dir out/$$target --output-on-failure -j $(JOBS) || exit 1; \
 	done
-	tests/exchange_test.sh testdata out/test $(addprefix out/,$(CROSS))
+	tests/exchange_test.sh testdata out/test $(addprefix out/,$(CROSS)) out/web
 
 # The tests under the sanitizers of clang; those of gcc are part of test.
 test-clang:

@@ -16,7 +16,7 @@ ulimit -c 0
 # Runs a program under the emulator that its processor needs; after the first build, under what is asked for.
 # shellcheck disable=SC2086
 run() {
-    case $(readelf -h "$1" | sed -n 's/ *Machine: *//p') in
+    case $(readelf -h "$1" 2>/dev/null | sed -n 's/ *Machine: *//p') in
     ARM) set -- qemu-arm -L /usr/arm-linux-gnueabihf "$@" ;;
     AArch64) set -- qemu-aarch64 -L /usr/aarch64-linux-gnu "$@" ;;
     *) [ "$n" = 1 ] || set -- ${UNDER:-} "$@" ;;

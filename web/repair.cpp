@@ -106,6 +106,7 @@ void say_plan(const mediafiles_plan_info &info)
     say_flag("can_keep_damaged", info.help & MEDIAFILES_KEEP_DAMAGED);
     say_flag("can_force", info.help & MEDIAFILES_FORCE);
     say_flag("foreign_journal", info.foreign != 0);
+    say_flag("journal_goes", info.journal == MEDIAFILES_JOURNAL_REMOVED);
     say_flag("protected", info.is_protected != 0);
     say_number("media_end", info.media_end);
     say_number("file_size", info.file_size);

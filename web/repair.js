@@ -42,14 +42,16 @@ export class Joined {
  * recording takes; when the module fails, the next one gets a new instance.
  */
 export class Repair {
-    constructor(module) {
+    /** print(bytes) gets what the core prints: a line for each track of a plan. */
+    constructor(module, print = () => {}) {
         this.module = module;
+        this.print = print;
     }
 
     /** The module's functions, with these files open. */
     open(...sources) {
         if (!this.functions) {
-            this.wasi = new Wasi();
+            this.wasi = new Wasi(this.print);
             const instance = new WebAssembly.Instance(this.module, {wasi_snapshot_preview1: this.wasi.imports});
             this.wasi.memory = instance.exports.memory;
             instance.exports._initialize();

@@ -10,6 +10,7 @@ const OK = 0, EBADF = 8, EIO = 29, ESPIPE = 70;
 const BLOCK = 64 << 10, AHEAD = 1 << 20; // bytes
 const KEPT = 4; // blocks of a file: its head and its end are asked for again
 const CHARACTER_DEVICE = 2, REGULAR_FILE = 4;
+const WRITE = 1n << 6n, ALL = (1n << 29n) - 1n; // rights
 const STDERR = 2, FIRST = 3, MADE = 5; // descriptors: two sources, and what takes the module's output
 
 /** A source of which reads near each other are one read. */
@@ -42,7 +43,9 @@ class Blocks {
 }
 
 export class Wasi {
-    constructor() {
+    /** print(bytes) gets what the core prints. */
+    constructor(print) {
+        this.print = print;
         this.memory = null; // of the module, once it is there
         this.open([]);
     }
@@ -93,13 +96,14 @@ export class Wasi {
         return OK;
     }
 
-    /** What the core prints goes nowhere. */
     write(fd, list, count, result) {
         const keeps = fd === MADE;
         if (!keeps && fd > STDERR) return EBADF;
         let done = 0;
         for (const [at, length] of this.vectors(list, count)) {
-            if (keeps) this.made.push(new Uint8Array(this.memory.buffer.slice(at, at + length)));
+            const bytes = new Uint8Array(this.memory.buffer.slice(at, at + length));
+            if (keeps) this.made.push(bytes);
+            else this.print(bytes);
             done += length;
         }
         this.view().setUint32(result, done, true);
@@ -109,10 +113,11 @@ export class Wasi {
     status(fd, result) {
         if (fd > MADE) return EBADF;
         const view = this.view();
-        view.setUint8(result, fd <= STDERR ? CHARACTER_DEVICE : REGULAR_FILE);
+        const terminal = fd <= STDERR; // libc hands its lines on at once
+        view.setUint8(result, terminal ? CHARACTER_DEVICE : REGULAR_FILE);
         view.setUint16(result + 2, 0, true);
-        view.setBigUint64(result + 8, 0xffffffffffffffffn, true); // rights
-        view.setBigUint64(result + 16, 0xffffffffffffffffn, true);
+        view.setBigUint64(result + 8, terminal ? WRITE : ALL, true); // rights
+        view.setBigUint64(result + 16, 0n, true);
         return OK;
     }
 

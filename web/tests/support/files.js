@@ -1,5 +1,6 @@
 /** Files for the tests of the module: sources as wasi.js wants them, and what a plan's parts amount to. */
 import {closeSync, fstatSync, openSync, readFileSync, readSync} from "node:fs";
+import {fileURLToPath} from "node:url";
 
 /** A file on disk, read where it is asked for; reads are counted. */
 export class FileSource {
@@ -41,5 +42,6 @@ export function assemble(parts, media) {
     }));
 }
 
-export const BUILD = process.env.BUILD ?? "out/test", PAGE = process.env.PAGE ?? "out/web";
+const OUT = fileURLToPath(new URL("../../../out", import.meta.url));
+export const BUILD = process.env.BUILD ?? `${OUT}/test`, PAGE = process.env.PAGE ?? `${OUT}/web`;
 export const loadModule = () => new WebAssembly.Module(readFileSync(`${PAGE}/web/mediafiles-repair.wasm`));
