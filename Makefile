@@ -194,6 +194,7 @@ size:
 	cmake --build out/size --target mediafiles-recorder --target mediafiles-repair -j $(JOBS)
 	cmake --preset size-arm
 	cmake --build out/size-arm --target mediafiles-recorder --target mediafiles-repair -j $(JOBS)
+	$(MAKE) web
 	scripts/size x86-64 out/size 32-bit-ARM out/size-arm
 
 cross-arm:
@@ -201,16 +202,17 @@ cross-arm:
 	cmake --preset arm
 	cmake --build out/arm -j $(JOBS)
 
-# Packages of library and command, and of the library for Debian's armhf.
+# Packages of library, command and page, and of the library for Debian's armhf.
 deb:
 	scripts/install-packages build tools gstreamer arm deb
+	$(MAKE) web
 	rm -rf out/packages
 	for target in deb deb-armhf; do \
 	    cmake --preset $$target && cmake --build out/$$target -j $(JOBS) && \
 	    cpack --config out/$$target/CPackConfig.cmake -B out/packages || exit 1; \
 	done
 	lintian --allow-root --fail-on error out/packages/*.deb
-	apt-get install --simulate -qq ./out/packages/*_amd64.deb
+	apt-get install --simulate -qq ./out/packages/*_amd64.deb ./out/packages/*_all.deb
 	tests/consumers_test.sh "$(CURDIR)" out/packages/*_amd64.deb
 
 install:

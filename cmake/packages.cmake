@@ -13,6 +13,11 @@ endif()
 if(TARGET mediafiles-gstreamer)
     list(APPEND CPACK_COMPONENTS_ALL gstreamer)
 endif()
+# The page is made by a build of its own (make web).
+set(MEDIAFILES_PAGE "" CACHE FILEPATH "The page that repairs in a browser, for its package")
+if(MEDIAFILES_PAGE)
+    list(APPEND CPACK_COMPONENTS_ALL page)
+endif()
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${library_package})
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME libmediafiles-dev)
 set(CPACK_DEBIAN_RECORDER_PACKAGE_NAME ${recorder_package})
@@ -20,6 +25,7 @@ set(CPACK_DEBIAN_RECORDER-DEV_PACKAGE_NAME libmediafiles-recorder-dev)
 set(CPACK_DEBIAN_REPAIR_PACKAGE_NAME mediafiles-repair)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME mediafiles-tools)
 set(CPACK_DEBIAN_GSTREAMER_PACKAGE_NAME gstreamer1.0-mediafiles)
+set(CPACK_DEBIAN_PAGE_PACKAGE_NAME mediafiles-repair-page)
 
 # What Debian requires beside the files: the licence in its format, the changelog and the manual page compressed.
 set(work ${PROJECT_BINARY_DIR}/packaging)
@@ -53,6 +59,17 @@ install(FILES docs/gstreamer.md COMPONENT gstreamer EXCLUDE_FROM_ALL
     DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/gstreamer1.0-mediafiles)
 install(FILES ${work}/mediafiles.1.gz COMPONENT tools EXCLUDE_FROM_ALL DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 install(FILES ${work}/mediafiles-repair.1.gz COMPONENT repair EXCLUDE_FROM_ALL DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+if(MEDIAFILES_PAGE)
+    install(FILES ${MEDIAFILES_PAGE} COMPONENT page EXCLUDE_FROM_ALL
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/mediafiles-repair-page)
+    set(page_doc ${CMAKE_INSTALL_DATADIR}/doc/mediafiles-repair-page)
+    install(FILES docs/browser.md COMPONENT page EXCLUDE_FROM_ALL DESTINATION ${page_doc})
+    # The licences of what is compiled into it.
+    foreach(part wasi-libc libc++-16-dev-wasm32)
+        install(FILES /usr/share/doc/${part}/copyright RENAME copyright.${part} COMPONENT page EXCLUDE_FROM_ALL
+            DESTINATION ${page_doc})
+    endforeach()
+endif()
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
@@ -84,6 +101,11 @@ This package has the command, which records what libavformat opens and\nrepairs 
 set(CPACK_COMPONENT_GSTREAMER_DESCRIPTION "GStreamer element that records MP4 files which survive a power cut\n\
 mediafilessink takes H.264, H.265 and AAC and makes a directory of MP4 files of\nthem. It stands where a pipeline has \
 splitmuxsink, and brings back what was cut\noff before.")
+set(CPACK_COMPONENT_PAGE_DESCRIPTION "page that repairs recordings in a browser\n\
+One HTML file that works from disk: a recording that was cut off, or a whole\ncard, is repaired, played and saved \
+without anything leaving the machine.\n.\nOpen /usr/share/mediafiles-repair-page/mediafiles-repair.html.")
+set(CPACK_DEBIAN_PAGE_PACKAGE_SECTION video)
+set(CPACK_DEBIAN_PAGE_PACKAGE_ARCHITECTURE all)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_RECORDER_PACKAGE_SECTION libs)

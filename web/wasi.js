@@ -7,7 +7,7 @@
  */
 
 const OK = 0, EBADF = 8, EIO = 29, ESPIPE = 70;
-const BLOCK = 64 << 10, AHEAD = 1 << 20; // bytes
+const BLOCK = 64 << 10, AHEAD = 256 << 10; // bytes
 const KEPT = 4; // blocks of a file: its head and its end are asked for again
 const CHARACTER_DEVICE = 2, REGULAR_FILE = 4;
 const WRITE = 1n << 6n, ALL = (1n << 29n) - 1n; // rights

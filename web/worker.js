@@ -27,6 +27,8 @@ function drop(bytes) {
     nobody.postMessage(null, [bytes.buffer]);
 }
 
+const dropAll = (parts) => parts.filter((part) => part instanceof Uint8Array).forEach(drop);
+
 const {port1: nobody, port2} = new MessageChannel();
 port2.close();
 
@@ -44,7 +46,7 @@ function blobOf(parts, media) {
         return [...whole, zeros.subarray(0, part % zeros.length)];
     });
     const blob = new Blob(pieces, {type: "video/mp4"});
-    parts.filter((part) => part instanceof Uint8Array).forEach(drop);
+    dropAll(parts);
     return blob;
 }
 
@@ -56,8 +58,10 @@ function planOf({media, journal, options}) {
 /** What is found, with the tracks as they are in the result, or in the file where it is finished. */
 function examine(args) {
     const {parts, ...found} = planOf(args), media = sourceOf(args.media);
-    const whole = parts ? new Joined(parts, media) : found.result === "finished" ? media : null;
-    return {...found, tracks: whole ? repair.tracks(whole) : []};
+    const whole = parts ? Object.assign(new Joined(parts, media), {done: drop}) : found.result === "finished" ? media : null;
+    const tracks = whole ? repair.tracks(whole) : [];
+    dropAll(parts ?? []);
+    return {...found, tracks};
 }
 
 const CALLS = {
