@@ -51,7 +51,7 @@ test-web: web
 	cmake --preset test
 	cmake --build out/test -j $(JOBS) --target mediafiles-command example-record power_cut_test write-plans
 	cd web && npm ci --no-progress
-	HOSTILE_EVERY=1 node --test web/tests
+	HOSTILE_EVERY=1 node --test web/tests/module.test.mjs web/tests/browser.test.mjs
 
 # The tests of the recorder and of the element for GStreamer under ThreadSanitizer.
 test-threads:

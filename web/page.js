@@ -32,12 +32,31 @@ async function filesOf(entry, depth = 0) {
     }
 }
 
+/** Likewise of a handle, which a page that comes from disk may read, too. */
+async function filesOfHandle(handle, path = handle.name, depth = 0) {
+    if (handle.kind === "file") return [[path, await handle.getFile()]];
+    const found = [];
+    if (depth > DEEPEST) return found;
+    for await (const each of handle.values()) found.push(...await filesOfHandle(each, `${path}/${each.name}`, depth + 1));
+    return found;
+}
+
+/** What an item of a drop holds is asked for at once, and read later. */
+function readerOf(item) {
+    const file = item.getAsFile(), entry = item.webkitGetAsEntry?.();
+    const handle = item.getAsFileSystemHandle?.().catch(() => null) ?? null;
+    return async () => {
+        if (entry && !entry.isDirectory) return file ? [[file.name, file]] : [];
+        const opened = await handle;
+        return opened ? filesOfHandle(opened) : entry ? filesOf(entry) : [];
+    };
+}
+
 async function takeDrop(event) {
     event.preventDefault();
     element("drop").classList.remove("over");
-    const entries = [...event.dataTransfer.items].map((each) => each.webkitGetAsEntry?.()).filter(Boolean);
-    const given = [];
-    for (const entry of entries) given.push(...await filesOf(entry));
+    const readers = [...event.dataTransfer.items].filter(({kind}) => kind === "file").map(readerOf), given = [];
+    for (const read of readers) given.push(...await read().catch(() => []));
     take(given);
 }
 

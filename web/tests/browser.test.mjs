@@ -116,6 +116,26 @@ test("what was repaired plays to its end", async () => {
     await page.close();
 });
 
+test("a folder that is dropped, then what was missing", async () => {
+    const {page, problems} = await openPage(browser), session = await page.createCDPSession();
+    const drop = async (...files) => {
+        const data = {items: [], files, dragOperationsMask: 1};
+        for (const type of ["dragEnter", "dragOver", "drop"])
+            await session.send("Input.dispatchDragEvent", {type, x: 500, y: 250, data});
+    };
+    await drop(join(card, "2026-11-20"));
+    await settled(page, 20);
+    const path = join(card, "2026-11-21/clip-0025.mp4");
+    await drop(path);
+    await settled(page, 21);
+    const state = async () => (await listOf(page))["clip-0025.mp4"].state;
+    assert.equal(await state(), "refused");
+    await drop(`${path}.journal`);
+    await page.waitForFunction(() => [...document.querySelectorAll("[data-state=repairable] h3")].some((name) => name.textContent === "clip-0025.mp4"));
+    assert.deepEqual(problems, []);
+    await page.close();
+});
+
 test("50 cases of the power-cut proof", async () => {
     const directory = join(work, "cases"), output = join(work, "repaired");
     dumpCases(directory, 1700);
@@ -209,7 +229,7 @@ const mediaOf = (path) => 24 + execFileSync("head", ["-c", "28", path]).readUInt
 test("accessible: by its names, by keyboard alone, in dark and light, on a phone", async () => {
     const {page, problems} = await openPage(browser);
     for (const scheme of ["light", "dark"]) {
-        await page.emulateMediaFeatures([{name: "prefers-color-scheme", value: scheme}]);
+        await page.emulateMediaFeatures([{name: "prefers-color-scheme", value: scheme}, {name: "prefers-reduced-motion", value: "reduce"}]);
         assert.deepEqual(await violations(page), [], scheme);
     }
     await give(page, card);
@@ -235,7 +255,7 @@ test("accessible: by its names, by keyboard alone, in dark and light, on a phone
     await page.$eval(".drawing", (svg) => svg.closest(".item").scrollIntoView({block: "center"}));
     await picture(page, "inside");
     for (const [scheme, width] of [["light", 1000], ["dark", 390]]) {
-        await page.emulateMediaFeatures([{name: "prefers-color-scheme", value: scheme}]);
+        await page.emulateMediaFeatures([{name: "prefers-color-scheme", value: scheme}, {name: "prefers-reduced-motion", value: "reduce"}]);
         await page.setViewport({width, height: 800});
         assert.deepEqual(await violations(page), [], scheme);
         assert.ok(await page.evaluate(() => document.documentElement.scrollWidth <= innerWidth), `wider than ${width}`);

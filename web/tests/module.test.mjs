@@ -1,7 +1,7 @@
 /**
  * The module and its WASI functions, held against the command, and against what the plan makes of hostile input.
  *
- *     [PAGE=out/web] [BUILD=out/test] [EVERY=200] [HOSTILE_EVERY=10] node --test web/tests
+ *     [PAGE=out/web] [BUILD=out/test] [EVERY=200] [HOSTILE_EVERY=10] node --test web/tests/module.test.mjs
  */
 import assert from "node:assert/strict";
 import {execFileSync, spawnSync} from "node:child_process";
