@@ -1,4 +1,8 @@
 /** The element mediafilessink: what comes is recorded, whatever happens to its pads, and nobody waits for a card. */
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
 #include <gtest/gtest.h>
 
 #include "support/gstreamer-harness.h"
@@ -381,6 +385,55 @@ TEST(GStreamer, NobodyWaitsForACard)
         return on.names().size() == 1;
     }));
     EXPECT_GE(found_frames(play(sink.on).samples[1], frames, true).size(), 10u);
+}
+
+/* A card that does not answer when its directory is opened. */
+class stalled_directory : public medium::watch {
+public:
+    int64_t carry_out(const medium::operation &of, medium::real_call call) override
+    {
+        if (of.what == medium::opening && of.name[0] == '/') opens.pass();
+        return call();
+    }
+    gate opens;
+};
+
+TEST(GStreamer, NobodyWaitsForACardAtTheBeginning)
+{
+    const stream frames = numbered(camera(3, 20'000));
+    sink_under_test sink("patience=100000000");
+    stalled_directory stalled;
+    stalled.opens.close();
+    GstHarness *const pad = sink.add_pad("video", h264_caps);
+    for (const frame &each : frames) EXPECT_EQ(sink.push(pad, each), GST_FLOW_OK);
+    gst_element_set_state(sink.element, GST_STATE_NULL);
+    EXPECT_EQ(sink.on.names().size(), 0u);
+    stalled.opens.open(); /* the thread that was left in the kernel stores what was held */
+    const int directory = open(sink.on.path().c_str(), O_RDONLY); /* it is unlocked at the very end */
+    EXPECT_TRUE(comes_true([&] { return sink.on.names() == std::vector<std::string>{"00000001.mp4"}; }));
+    EXPECT_TRUE(comes_true([&] { return flock(directory, LOCK_EX | LOCK_NB) == 0; }));
+    close(directory);
+    expect_all_samples(play(sink.on), {{h264(), frames}});
+}
+
+TEST(GStreamer, AnotherRecorderWaitsForTheOneThatStalls)
+{
+    const stream before = numbered(camera(2, 2'000)), hevc = load("h265_aud_sei_640x360_25", ".h265"),
+                 after = repeated(hevc, 1, before.back().time + 40 * millisecond);
+    sink_under_test sink("patience=100000000");
+    GstHarness *const pad = sink.add_pad("video", h264_caps);
+    for (const frame &each : before) sink.push(pad, each);
+    ASSERT_TRUE(comes_true([&] { return sink.statistic("safe", "video") > 0; }));
+    syncs.close();
+    gst_harness_set_src_caps_str(pad, h265_caps);
+    for (const frame &each : after) EXPECT_EQ(sink.push(pad, each), GST_FLOW_OK);
+    ASSERT_TRUE(sink.hears("warning"));
+    syncs.open();
+    sink.end_all();
+    EXPECT_EQ(sink.heard().count("error"), 0u);
+    size_t pictures = 0;
+    for (const mp4::file &file : play(sink.on).files) pictures += file.tracks.at(0).samples.size();
+    EXPECT_GE(pictures, after.size());
 }
 
 TEST(GStreamer, AFileWaitsForItsCard)
