@@ -413,7 +413,8 @@ TEST(GStreamer, NobodyWaitsForACardAtTheBeginning)
 {
     const stream frames = numbered(camera(3, 20'000));
     sink_under_test sink("patience=100000000");
-    stalled_directory stalled;
+    static stalled_directory stalled; // a thread that ends may look at it until it has ended
+    medium::watch::current = &stalled;
     stalled.opens.close();
     GstHarness *const pad = sink.add_pad("video", h264_caps);
     for (const frame &each : frames) EXPECT_EQ(sink.push(pad, each), GST_FLOW_OK);
@@ -424,6 +425,7 @@ TEST(GStreamer, NobodyWaitsForACardAtTheBeginning)
     EXPECT_TRUE(comes_true([&] { return sink.on.names() == std::vector<std::string>{"00000001.mp4"}; }));
     EXPECT_TRUE(comes_true([&] { return flock(directory, LOCK_EX | LOCK_NB) == 0; }));
     close(directory);
+    medium::watch::current = nullptr;
     expect_all_samples(play(sink.on), {{h264(), frames}});
 }
 
