@@ -112,13 +112,14 @@ TEST(Tree, EndsAtTheFirstFailure)
     const std::tuple<box_writer, box_writer, int> writers[] = {{mp4_atom_write, mp4_atom_ftyp_write, 8},
                                                                {mp4_atom_write, mp4_atom_mdat_write, 4},
                                                                {mp4_atom_write, mp4_atom_moov_write, 200},
-                                                               {mp4_atom_moov_write, nullptr, 200}};
+                                                               {mp4_atom_moov_write, nullptr, 200},
+                                                               {mp4_atom_trak_write, nullptr, 80}};
     for (const auto &[writer, body, least] : writers) {
         for (int n = 0, result = -1; result != 0; ++n) {
             fake_stream out;
             out.fail_at = n;
             out.fail_errno = 1000 + n;
-            mp4_atom box = {body, {'t', 'e', 's', 't'}, 0, film.movie, nullptr};
+            mp4_atom box = {body, {'t', 'e', 's', 't'}, 0, film.movie, film.video};
             result = writer(&box, &out);
             ASSERT_TRUE(result == -1 ? out.calls == n + 1 && errno == 1000 + n : out.calls == n && n > least) << n;
             for (array_stream *table : tables) ASSERT_EQ(1u, array_stream_seek(table, 0, 1)) << n;
