@@ -5,6 +5,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <new>
 #include <string_view>
 
 #include <fcntl.h>
@@ -262,8 +263,8 @@ void temporary_file::name(const char *name)
     throw system_failure();
 }
 
-void remove_stale_temporaries(int directory)
-{
+void remove_stale_temporaries(int directory) noexcept
+try {
     directory_reader names(directory);
     while (const dirent *entry = names.next()) {
         if (!is_temporary(entry->d_name)) continue;
@@ -274,6 +275,8 @@ void remove_stale_temporaries(int directory)
         } catch (const obstacle &) { // it stays
         }
     }
+} catch (const obstacle &) {       // all stay
+} catch (const std::bad_alloc &) { // likewise
 }
 
 directory_reader::directory_reader(int directory, int flags)

@@ -178,8 +178,11 @@ private:
     descriptor file_;
 };
 
-/** Removes temporary files that a recovery left when it was killed. */
-void remove_stale_temporaries(int directory);
+/**
+ * Removes temporary files that a recovery left when it was killed; they do no harm where that fails. To be called last:
+ * where a power cut has left one whose clusters are free, FAT and exFAT become read-only when it is removed.
+ */
+void remove_stale_temporaries(int directory) noexcept;
 
 /** Names in a directory, "." and ".." left out. */
 class directory_reader {

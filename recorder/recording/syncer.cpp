@@ -149,7 +149,7 @@ bool syncer::work()
     }
     if (shared_->is_abandoned) return false;
     if (!name.empty()) recover_file(name);
-    if (removes_stale) remove_temporaries();
+    if (removes_stale) recovery::remove_stale_temporaries(shared_->directory);
     for (job &each : taken_) {
         if (shared_->is_abandoned) break;
         try {
@@ -435,13 +435,6 @@ bool syncer::complete(shared_file &file)
     make_safe(file, file.last);
     if (file.error == 0 && file.files.finish(shared_->options.has(MEDIAFILES_KEEP_JOURNAL)) != 0) file.error = errno;
     return file.error == 0;
-}
-
-/* Last, as recovery does. */
-void syncer::remove_temporaries()
-try {
-    recovery::remove_stale_temporaries(shared_->directory);
-} catch (const recovery::obstacle &) { // they do no harm
 }
 
 /* Of files that another recorder or recovery uses nothing is said. */

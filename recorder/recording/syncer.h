@@ -85,7 +85,6 @@ private:
     void remove_surplus();
     void report_deleted(const kept_file &);
     void recover_file(const std::string &name);
-    void remove_temporaries();
     uint64_t room_to_finish() const;
     uint64_t lacking(uint64_t more);
     bool is_within_quota(uint64_t ending) const;

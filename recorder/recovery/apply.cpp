@@ -34,7 +34,6 @@
 #include <algorithm>
 #include <cstring>
 #include <memory>
-#include <new>
 #include <utility>
 
 #include <fcntl.h>
@@ -289,18 +288,11 @@ struct counted_sink {
     }
 };
 
-/* Of the temporary files that a repair left which was cut off. At its end: mediafiles_recover says why. */
+/* At the end of a repair. */
 struct cleaning {
     int directory;
 
-    ~cleaning()
-    {
-        try {
-            remove_stale_temporaries(directory);
-        } catch (const obstacle &) {       // they stay
-        } catch (const std::bad_alloc &) { // likewise
-        }
-    }
+    ~cleaning() { remove_stale_temporaries(directory); }
 };
 
 int pass(void *sink, const void *bytes, size_t count)

@@ -169,19 +169,17 @@ struct run {
         report(problem);
     }
 
-    /* What is to be cleaned at the end: the directories that are written to anyway. */
+    /* At the end, where it is written to anyway; so many directories are held open for that. */
     void will_clean(int directory)
     {
+        constexpr size_t most_cleaned = 64;
         const identity file = identity_of(status_of(directory));
+        if (cleaned.size() == most_cleaned) return;
         if (std::ranges::find(cleaned, file, &cleaned_directory::file) != cleaned.end()) return;
         descriptor opened = open_at(directory, ".", O_RDONLY | O_DIRECTORY);
         if (opened.is_open()) cleaned.push_back({file, std::move(opened)});
     }
 
-    /*
-     * Last: where a power cut has left a temporary file whose clusters are free, FAT and exFAT become read-only when
-     * it is removed, and nothing more can be recovered.
-     */
     void clean()
     {
         for (const cleaned_directory &each : cleaned) remove_stale_temporaries(each.opened);
