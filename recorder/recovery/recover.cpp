@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstring>
+#include <deque>
 #include <memory>
 #include <optional>
 #include <set>
@@ -169,20 +170,21 @@ struct run {
         report(problem);
     }
 
-    /* At the end, where it is written to anyway; so many directories are held open for that. */
+    /* At the end, where it is written to anyway; of many directories the first ones before, so that few are open. */
     void will_clean(int directory)
     {
-        constexpr size_t most_cleaned = 64;
+        constexpr size_t most_open = 64;
         const identity file = identity_of(status_of(directory));
-        if (cleaned.size() == most_cleaned) return;
-        if (std::ranges::find(cleaned, file, &cleaned_directory::file) != cleaned.end()) return;
+        if (std::ranges::find(to_clean, file, &open_directory::file) != to_clean.end()) return;
+        if (to_clean.size() == most_open) clean_first();
         descriptor opened = open_at(directory, ".", O_RDONLY | O_DIRECTORY);
-        if (opened.is_open()) cleaned.push_back({file, std::move(opened)});
+        if (opened.is_open()) to_clean.push_back({file, std::move(opened)});
     }
 
-    void clean()
+    void clean_first()
     {
-        for (const cleaned_directory &each : cleaned) remove_stale_temporaries(each.opened);
+        remove_stale_temporaries(to_clean.front().opened);
+        to_clean.pop_front();
     }
 
     const mediafiles_recover_options options;
@@ -193,11 +195,11 @@ struct run {
     search files;
     descriptor output;          // when there is one
     std::set<std::string> made; // below output; in a dry run, what would have been
-    struct cleaned_directory {
+    struct open_directory {
         identity file;
         descriptor opened;
     };
-    std::vector<cleaned_directory> cleaned;
+    std::deque<open_directory> to_clean;
 };
 
 /* One find, from opening it to its report. */
@@ -522,7 +524,7 @@ int recover_all(const char *const *paths, size_t count, const mediafiles_recover
     const std::vector<find> &finds = run.files.sorted();
     if (options.journal && (finds.size() != 1 || !finds[0].given || !finds[0].media)) throw system_failure(EINVAL);
     for (const find &found : finds) recording(run, found).recover();
-    run.clean();
+    while (!run.to_clean.empty()) run.clean_first();
     return run.files.error();
 }
 
