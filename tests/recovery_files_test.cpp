@@ -247,7 +247,8 @@ TEST(RecoveryFiles, AKillAmongManyPairsEndsInTheSameBytes)
     EXPECT_LE(due - 1, cuts); // a name of a temporary file may be tried twice
 }
 
-const std::string line_feed = "new\nline\x1b.mp4", foreign = ": it is a link, has several names, or is no regular file",
+const std::string line_feed = "new\nline\x1b.mp4",
+                  foreign = ": it is a link, has several hard links, or is not a regular file",
                   not_regular = "not ours" + foreign + " (ELOOP)";
 
 /** What stands on a hostile card, its journal, and what is reported; paths with two dots lead to another card. */
@@ -351,9 +352,9 @@ TEST(RecoveryFiles, DirectoriesThatCannotBeSearchedDoNotStopTheOthers)
     const lines reports = recover(on, {on / "nowhere", on / "link", on.path(), on / "a.mp4"}, {.error = ENOENT});
     ASSERT_EQ(reports.size(), 5u);
     EXPECT_EQ(reports[0], "nowhere: failed: a system call failed (ENOENT)");
-    EXPECT_EQ(reports[1], "link: refused: it is a link, has several names, or is no regular file (ELOOP)");
-    EXPECT_EQ(reports[2],
-              "deep/d/d/d/d/d/d/d/d: not ours: it is a link, has several names, or is no regular file (ENAMETOOLONG)");
+    EXPECT_EQ(reports[1], "link: refused: it is a link, has several hard links, or is not a regular file (ELOOP)");
+    EXPECT_EQ(reports[2], "deep/d/d/d/d/d/d/d/d: not ours: it is a link, has several hard links, or is not a regular "
+                          "file (ENAMETOOLONG)");
     EXPECT_EQ(reports[3], "a.mp4: repaired");
     EXPECT_EQ(reports[4], "deep/a.mp4: repaired");
     /* What removes it for the test does not know such depths. */

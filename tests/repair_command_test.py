@@ -102,7 +102,7 @@ class Repair(judge.Test):
         rows = (  # newest first: what is given, what is reported of it, and what is printed
             ("alone.mp4", (media,), ("refused", False, False, False), "there is no journal"),
             ("locked.mp4", (media, journal), ("refused", False, False, False), "another process is recording"),
-            ("damaged.mp4", (media, b"\5" + journal), ("refused", True, True, False), "byte 0 of"),
+            ("damaged.mp4", (media, b"\5" + journal), ("refused", True, True, False), "damaged from the start"),
             ("cut.mp4", (media, journal), ("repaired", True, False, True),
              "cut.mp4: repaired: 5.035 s, h264 100 frames 4.000 s, aac 236 frames 5.035 s; 0 bytes cut"),
             ("sub/closed.mp4", (data, journal), ("finished", True, False, False), "finished properly, left"),

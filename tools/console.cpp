@@ -1,6 +1,7 @@
 #include "tools/console.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 
 #include <fcntl.h>
@@ -9,6 +10,7 @@
 
 #include <mediafiles/support/io.h>
 
+#include "tools/failure.h"
 #include "tools/print.h"
 
 namespace tools {
@@ -27,8 +29,14 @@ void console::problem(const std::string &text)
 bool console::result(int descriptor, const std::string &text)
 {
     if (writen(descriptor, text.data(), text.size()) == static_cast<ssize_t>(text.size())) return true;
-    problem(result_lost);
+    lose_result();
     return false;
+}
+
+void console::lose_result()
+{
+    problem(failure("cannot write the report", "standard output", errno).what() +
+            std::string("; the files are not affected"));
 }
 
 void console::note(const std::string &text)

@@ -11,8 +11,6 @@
 
 namespace tools {
 
-inline constexpr const char *result_lost = "cannot write: standard output: the result is lost";
-
 class console {
 public:
     /**
@@ -29,6 +27,8 @@ public:
 
     /** The command's result. False, and a problem, when it cannot be written whole. */
     bool result(int descriptor, const std::string &text);
+    /** It could not be written: errno says why. */
+    void lose_result();
 
     /** Information, possibly of several lines. */
     void note(const std::string &text);

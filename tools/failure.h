@@ -1,19 +1,29 @@
-/** An error that ends a command, reported in one line as "WHAT: FILE: WHY". */
+/** An error that ends a command, reported in one line as "WHAT: FILE: WHY; WHAT HELPS". */
 #ifndef TOOLS_FAILURE_H
 #define TOOLS_FAILURE_H
 
+#include <cerrno>
 #include <cstring>
 #include <stdexcept>
 #include <string>
 
 namespace tools {
 
+/** What an error means, with what helps where that is not plain. */
+inline std::string words_of(int error)
+{
+    const std::string text = std::strerror(error);
+    if (error == EIO) return text + "; the card may be failing";
+    if (error == EFBIG) return text + ": a size limit of the system (ulimit -f) or of the file system; see --segment";
+    return text;
+}
+
 struct failure : std::runtime_error {
     failure(const std::string &what, const std::string &file, const std::string &why)
         : runtime_error(what + ": " + file + ": " + why)
     {
     }
-    failure(const std::string &what, const std::string &file, int error) : failure(what, file, std::strerror(error)) {}
+    failure(const std::string &what, const std::string &file, int error) : failure(what, file, words_of(error)) {}
 };
 
 } // namespace tools

@@ -3,6 +3,7 @@
 #define TOOLS_PRINT_H
 
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <string>
 
@@ -17,6 +18,12 @@ namespace tools {
     std::vsnprintf(text, sizeof text, format, values);
     va_end(values);
     return text;
+}
+
+/** "1 frame", "2 frames". */
+inline std::string counted(uint64_t count, const char *what)
+{
+    return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
 }
 
 /**

@@ -281,7 +281,7 @@ enum {
 
 /** The kind in English, such as "finished", for a log; static. */
 MEDIAFILES_API const char *mediafiles_event_text(uint32_t kind);
-/** Why a frame was refused in English, such as "it has no start code", for a log; static. */
+/** Why a frame was refused in English, such as "it is empty", for a log; static. */
 MEDIAFILES_API const char *mediafiles_refused_text(uint32_t reason);
 
 typedef struct mediafiles_recorder_event {

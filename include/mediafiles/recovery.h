@@ -178,7 +178,7 @@ typedef struct mediafiles_plan_info {
     uint32_t journal;      /* what becomes of it: MEDIAFILES_JOURNAL_ */
     uint32_t foreign;      /* 1: the journal beside a finished file is not its own, or is damaged */
     uint32_t ranges;       /* of media that are damaged or not kept: mediafiles_plan_range */
-    uint64_t media_end;    /* media is kept up to here */
+    uint64_t media_end;    /* media is kept up to here, or would be with MEDIAFILES_FORCE */
     uint64_t file_size;    /* of the result, bytes */
     uint64_t cut, added;   /* bytes of media that are left out; bytes of zeros that a last sample lacks */
     uint64_t journal_end;  /* bytes of the journal that are used */

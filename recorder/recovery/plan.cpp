@@ -458,6 +458,7 @@ void mediafiles_plan::decide_by_journal(journal_scan &scan, movie_header &header
     if (drop && !drop_last_frame(scan, chosen)) return;
     info.cut = limit > chosen.end ? limit - chosen.end : 0;
     info.added = chosen.end > limit ? chosen.end - limit : 0;
+    info.media_end = chosen.end;
     if ((drop || !begun) && is_too_much(limit)) return;
     if (!replay(scan, chosen)) return;
 
@@ -473,7 +474,6 @@ void mediafiles_plan::decide_by_journal(journal_scan &scan, movie_header &header
     info.result = damaged || unnamed || ranges.count() != 0 ? MEDIAFILES_SALVAGED : MEDIAFILES_REPAIRED;
     info.journal = MEDIAFILES_JOURNAL_REMOVED;
     info.journal_end = chosen.record_end;
-    info.media_end = chosen.end;
     info.samples = chosen.samples;
     info.info = tail.info();
     info.file_size = info.info.fileSize;
@@ -585,19 +585,19 @@ const char *mediafiles_reason_text(uint32_t reason)
     static constexpr const char *texts[] = {
         "",
         "it was cut off, and there is no journal that names its frames",
-        "the journal names no frame",
-        "the journal is damaged",
-        "the media is damaged",
-        "the journal is of another recording, or the media is damaged from its first frame on",
-        "more than half of the media would be cut off",
-        "the file would grow to more than twice its size",
+        "its journal lists no frame",
+        "its journal is damaged",
+        "its audio or video data is damaged",
+        "its journal is of another recording, or its data is damaged from the first frame on",
+        "its journal lists less than half of it",
+        "its journal lists more than twice what is there",
         "nothing would be left without the last frame",
         "it is larger than a recording can be (4 GiB)",
-        "no movie can be made of the frames that the journal names",
+        "no movie can be made of the frames that its journal lists",
         "another process is recording or repairing it",
         "the output exists already",
         "its media file is missing",
-        "it is a link, has several names, or is no regular file",
+        "it is a link, has several hard links, or is not a regular file",
         "a system call failed",
         "it changed while it was read",
         "stopped",

@@ -115,7 +115,7 @@ int run(const inspect_line &given, int result_descriptor)
     console console("inspect", false);
     std::FILE *const to = fdopen(result_descriptor, "w");
     if (!to) {
-        console.problem(failure("cannot write", "standard output", errno).what());
+        console.lose_result();
         return failed;
     }
     bool is_well = true;
@@ -130,8 +130,9 @@ int run(const inspect_line &given, int result_descriptor)
             is_well = false;
         }
     }
-    if (std::ferror(to) != 0 || std::fclose(to) != 0) {
-        console.problem(result_lost);
+    const bool is_lost = std::ferror(to) != 0;
+    if (std::fclose(to) != 0 || is_lost) {
+        console.lose_result();
         return failed;
     }
     return is_well ? done : failed;

@@ -175,9 +175,8 @@ std::string advice_for(const movie_view &movie, const open_file &file, const std
     return what +
            (beside ? journal + " stands beside it, but is no journal. "
                    : "There is no journal " + journal + " beside it. ") +
-           "Only a journal lists where the frames are: 'mediafiles repair " + path +
-           " --journal FILE' takes one "
-           "from elsewhere.";
+           "Only a journal lists where the frames are. If you have it elsewhere: 'mediafiles repair " + path +
+           " --journal FILE'.";
 }
 
 movie_view view(const open_file &file, const mp4::file &content)

@@ -43,10 +43,8 @@ std::string objection(std::span<const uint8_t> config, uint32_t rate, uint32_t c
     const uint32_t type = bits >> 11;
     if (type != low_complexity) return "audio object type " + std::to_string(type) + "; only AAC-LC can be recorded";
     if (announces_band_replication(config)) return "HE-AAC; only AAC-LC can be recorded";
-    if ((bits >> 7 & 0xF) != *index)
-        return "its AudioSpecificConfig states another sample rate, or one that is not standard";
-    if ((bits >> 3 & 0xF) != channels)
-        return "its AudioSpecificConfig states another channel layout, or one that is not standard";
+    if ((bits >> 7 & 0xF) != *index) return "its AudioSpecificConfig and the container disagree on the sample rate";
+    if ((bits >> 3 & 0xF) != channels) return "its AudioSpecificConfig and the container disagree on the channels";
     if ((bits & 0x4) != 0) return "frames of 960 samples; only 1024 can be recorded";
     return {};
 }

@@ -1,9 +1,12 @@
 #include "tools/record/event-message.h"
 
 #include <cerrno>
+#include <cstring>
+#include <filesystem>
 
 #include "tools/failure.h"
 #include "tools/print.h"
+#include "tools/record/output.h"
 #include "tools/seconds.h"
 
 namespace tools {
@@ -12,30 +15,49 @@ namespace {
 
 std::string frames(uint64_t count)
 {
-    return std::to_string(count) + (count == 1 ? " frame" : " frames");
+    return counted(count, "frame");
 }
 
-event_message lasting(const char *what, const std::string &path, int error)
+/* The options by which nothing more may be written, and what is free. */
+std::string no_room(const std::string &path, const record_options &options)
 {
-    return {weight::failure, failure(what, path, error).what()};
+    const std::string directory = std::filesystem::path(path).parent_path();
+    std::error_code ignored;
+    const auto free = std::filesystem::space(directory.empty() ? "." : directory, ignored).available;
+    const bool is_default = !options.keep_free && place_of(options.output).is_numbered;
+    std::string text = "no room";
+    if (is_default || options.keep_free.value_or(0) != 0) text += " beside --keep-free";
+    if (is_default) text += " (64M)";
+    if (options.quota != 0) text += ", within --quota";
+    return text + print(": %.1f MB are free; make room", static_cast<double>(free) / 1e6);
+}
+
+std::string no_directory(int error)
+{
+    if (error == ENOENT || error == ENODEV) return "the directory is gone; check that the card is inserted and mounted";
+    return words_of(error);
 }
 
 } // namespace
 
-event_message message_of(const mediafiles_recorder_event &event, const std::string &path, const std::string &stream)
+event_message message_of(const mediafiles_recorder_event &event, const event_context &context,
+                         const record_options &options)
 {
+    const auto &[path, stream, is_slow] = context;
     switch (event.kind) {
     case MEDIAFILES_EVENT_BEGUN:
         return {weight::note, "recording into " + path};
     case MEDIAFILES_EVENT_RECOVERED:
         return {weight::note, "completed: " + path + ": " + frames(event.count)};
-    case MEDIAFILES_EVENT_NOT_RECOVERED:
-        if (event.reason != 0 && event.reason != MEDIAFILES_REASON_SYSTEM)
-            return {weight::problem,
-                    failure("cannot complete", path,
-                            std::string(mediafiles_reason_text(event.reason)) + "; 'mediafiles repair' says what helps")
-                        .what()};
-        return {weight::problem, failure("cannot complete", path, event.error).what()};
+    case MEDIAFILES_EVENT_NOT_RECOVERED: {
+        const bool is_known = event.reason != 0 && event.reason != MEDIAFILES_REASON_SYSTEM;
+        const std::string why = is_known ? mediafiles_reason_text(event.reason) : std::strerror(event.error);
+        const std::string repair = "; 'mediafiles repair " + path + "'";
+        return {weight::problem,
+                place_of(options.output).is_numbered
+                    ? failure("cannot complete an earlier file", path, why + "; the new one goes on" + repair).what()
+                    : failure("cannot complete", path, why + repair).what()};
+    }
     case MEDIAFILES_EVENT_DELETED:
         return {weight::note, "deleted: " + path + print(": %ju bytes", uintmax_t{event.count})};
     case MEDIAFILES_EVENT_STALLED:
@@ -44,27 +66,29 @@ event_message message_of(const mediafiles_recorder_event &event, const std::stri
     case MEDIAFILES_EVENT_GOES_ON:
         return {weight::note, "the recording goes on: " + path};
     case MEDIAFILES_EVENT_CLOCK:
-        return {weight::note, "the time steps: " + stream + print(": by %.3f s", seconds(event.to - event.from))};
+        return {weight::note, "time jump: " + stream + print(": %.3f s", seconds(event.to - event.from))};
     case MEDIAFILES_EVENT_DROPPED:
-        return {weight::problem, frames(event.count) + " lost: " + stream + ": the medium did not take them in time"};
+        return {weight::problem,
+                frames(event.count) + " lost: " + stream +
+                    (is_slow ? ": the medium did not take them in time" : ": they could not be written")};
     case MEDIAFILES_EVENT_REFUSED:
         if (event.reason == MEDIAFILES_REFUSED_BEFORE_KEY)
             return {weight::note, "left out what comes before the first key frame: " + stream};
         return {weight::problem, "frame dropped: " + stream + ": " + mediafiles_refused_text(event.reason) + more};
     case MEDIAFILES_EVENT_FULL:
-        if (event.error != 0) return lasting("cannot write", path, event.error);
-        return {weight::failure, failure("cannot write", path,
-                                         "--keep-free and --quota leave no room, and nothing may be deleted; make room")
-                                     .what()};
+        return {
+            weight::failure,
+            failure("cannot write", path, event.error != 0 ? words_of(event.error) : no_room(path, options)).what()};
     case MEDIAFILES_EVENT_NO_MEDIUM:
-        return {weight::failure, failure("cannot record", path,
-                                         std::string("its directory cannot be used: ") + std::strerror(event.error))
-                                     .what()};
+        return {weight::failure, failure("cannot record", path, no_directory(event.error)).what()};
     case MEDIAFILES_EVENT_WRITE_ERROR:
         if (!event.path) return {weight::problem, failure("cannot begin another file", path, event.error).what()};
-        return lasting("cannot write", path, event.error);
+        return {weight::failure, failure("cannot write", path, event.error).what()};
     case MEDIAFILES_EVENT_PROTECTED:
-        if (event.error != 0) return {weight::problem, failure("cannot protect", path, event.error).what()};
+        if (event.error != 0)
+            return {weight::problem, failure("cannot protect", path,
+                                             words_of(event.error) + "; --quota may delete it: copy it to a safe place")
+                                         .what()};
         return {weight::note, "protected: " + path};
     default:
         return {};

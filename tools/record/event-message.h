@@ -6,10 +6,12 @@
 
 #include <mediafiles/recorder.h>
 
+#include "tools/record/record.h"
+
 namespace tools {
 
 /** Ends a message about a frame that stands for others. */
-inline constexpr const char *more = " (more of these are only counted)";
+inline constexpr const char *more = " (later ones are only counted)";
 
 enum class weight {
     none,    // nothing is said
@@ -23,11 +25,14 @@ struct event_message {
     std::string text = {};
 };
 
-/**
- * @param path    of the event's file, or of the recording
- * @param stream  the source of the event's track
- */
-event_message message_of(const mediafiles_recorder_event &event, const std::string &path, const std::string &stream);
+/** What is said with an event. */
+struct event_context {
+    std::string path;   // of its file; else where is recorded: a directory, which ends in a slash, or a file
+    std::string stream; // the source of its track
+    bool is_slow;       // of what goes wrong the latest that was reported is that the medium is slow
+};
+
+event_message message_of(const mediafiles_recorder_event &event, const event_context &, const record_options &);
 
 } // namespace tools
 

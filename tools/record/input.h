@@ -30,10 +30,6 @@ namespace tools {
 
 using steady = std::chrono::steady_clock;
 
-inline constexpr const char *no_stream =
-    "it has no stream that can be recorded, or --map, --no-audio and --no-video leave "
-    "none";
-
 struct input_options {
     std::string name;                           // as the user gave it; "-" is standard input
     const AVInputFormat *format = nullptr;      // or found out
@@ -151,6 +147,8 @@ public:
     input(const input_options &options, const source_name &name, patience &patience);
 
     const connection &facts() const { return facts_; }
+    /** Why none of its streams is recorded: those that are wanted cannot be, or none is wanted. */
+    std::string why_nothing() const;
 
     /** The next frame; nothing at the end of the source or when cancelled. Throws failure. */
     std::optional<frame> read();

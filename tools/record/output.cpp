@@ -40,7 +40,7 @@ std::string real_directory(const output_place &place)
         realpath(place.directory.empty() ? "." : place.directory.c_str(), nullptr), &std::free);
     if (!real)
         throw failure(cannot_record, place.directory + place.name,
-                      errno == ENOENT ? "its directory does not exist; make it first" : std::strerror(errno));
+                      errno == ENOENT ? "its directory does not exist; make it first" : words_of(errno));
     return real.get();
 }
 
@@ -48,18 +48,19 @@ std::string reason_of_start(const record_options &options, const output_place &p
 {
     struct stat status;
     if (place.is_numbered && error == EINVAL)
-        return "it is no pattern: the fields are {number} or {number:DIGITS} and %Y %m %d %H %M %S, the end is .mp4";
+        return "it is not a pattern; write {number} or {number:DIGITS}, %Y %m %d %H %M %S, and .mp4 at the end";
     if (place.is_numbered && error == EBUSY)
         return "another process records numbered files in this directory; choose another one";
-    if (place.is_numbered) return std::strerror(error);
-    if (error == EINVAL) return "it is not the name of a file: write DIRECTORY/NAME.mp4";
+    if (place.is_numbered) return words_of(error);
+    if (error == EINVAL) return "it is not the name of a file; write DIRECTORY/NAME.mp4";
     if (error == EBUSY) return "another process records it; choose another --output";
     if (error == EEXIST && options.overwrite)
-        return "it may not be written, or is no regular file: --overwrite does not replace it";
+        return "it is write-protected, or not a regular file; choose another --output";
     if (error == EEXIST && is_there(journal_of(options.output), status))
-        return "it exists with a journal, so it may have been cut off: repair it first; --overwrite replaces both";
-    if (error == EEXIST) return "it exists; --overwrite replaces it";
-    return std::strerror(error);
+        return "it exists with a journal, so it may have been cut off; repair it, or choose another --output; "
+               "--overwrite replaces both";
+    if (error == EEXIST) return "it exists; choose another --output; --overwrite replaces it";
+    return words_of(error);
 }
 
 [[noreturn]] void throw_start_failure(const record_options &options, const output_place &place, int error)
@@ -68,7 +69,7 @@ std::string reason_of_start(const record_options &options, const output_place &p
     if (!place.is_numbered && error == EEXIST && !options.overwrite && lstat(options.output.c_str(), &status) != 0)
         throw failure(
             cannot_record, journal_of(options.output),
-            "it exists, and a recording that was cut off may need it for its repair; --overwrite replaces it");
+            "it exists, and a repair may need it; move it, or choose another --output; --overwrite replaces it");
     throw failure(cannot_record, options.output, reason_of_start(options, place, error));
 }
 

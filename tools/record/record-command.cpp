@@ -17,7 +17,12 @@ namespace {
 
 constexpr int64_t longest_time = 1'000'000'000 * second;
 constexpr int64_t most_bytes = int64_t{1} << 62;
-constexpr const char *no_time = " is no time: write 90, 90s, 2m or 1:30";
+constexpr const char *a_time = "a time; write 90, 90s, 2m or 1:30";
+
+std::string is_not(const std::string &text, const char *what)
+{
+    return "'" + text + "' is not " + what;
+}
 
 /* The options as given on the command line. */
 struct record_line {
@@ -48,17 +53,13 @@ void refuse_former_options(CLI::App &line)
         const char *name, *instead;
         bool has_value;
     } former[] = {
-        {"--journal", "the journal is always OUT.mp4.journal: choose its place with --output", true},
-        {"--no-journal", "a recording always has a journal until it is finished; --sync makes syncs less frequent",
-         false},
-        {"--buffer",
-         "the write cache has a fixed size; --sync says how much a power cut may cost, --queue how much may wait in "
-         "memory",
-         true},
+        {"--journal", "the journal is always OUT.mp4.journal", true},
+        {"--no-journal", "there is a journal until the recording is finished; see --sync", false},
+        {"--buffer", "the write cache has a fixed size; see --sync and --queue", true},
     };
     for (const auto &each : former) {
         const auto refuse = [each](const std::string &) {
-            throw CLI::ValidationError(each.name, std::string("removed: ") + each.instead);
+            throw CLI::ValidationError(each.name, std::string("this option no longer exists; ") + each.instead);
         };
         if (each.has_value)
             line.add_option_function<std::string>(each.name, refuse)->group("");
@@ -77,10 +78,10 @@ void check_range(const std::string &option, const std::string &text, quantity ki
     const std::string shown = limit == 1               ? "more than 0"
                               : kind == quantity::time ? print("%.9g s", seconds(limit))
                                                        : print("%jd bytes", intmax_t{limit});
-    const char *what = limit == 1      ? " is too little: "
-                       : value < least ? " is too little: at least "
-                                       : " is too much: at most ";
-    throw CLI::ValidationError(option, text + what + shown);
+    const char *what = limit == 1      ? "' is too little; "
+                       : value < least ? "' is too little; at least "
+                                       : "' is too much; at most ";
+    throw CLI::ValidationError(option, "'" + text + what + shown);
 }
 
 /* An option whose value is a time or a size. */
@@ -94,7 +95,7 @@ CLI::Option *add_quantity(CLI::App &line, const char *name, Number &value, int64
         const auto given = Kind == quantity::time ? time_of(text) : size_of(text);
         if (!given)
             throw CLI::ValidationError(
-                name, text + (is_time ? no_time : " is no size: write 20000000, 512M, 500MB, 20GB or 512MiB"));
+                name, is_not(text, is_time ? a_time : "a size; write 20000000, 512M, 500MB, 20GB or 512MiB"));
         check_range(name, text, Kind, *given, least, most);
         value = *given;
     };
@@ -107,7 +108,7 @@ void take_segment(record_options &options, const std::vector<std::string> &given
     for (const std::string &text : given) {
         const auto time = time_of(text), size = size_of(text);
         const auto value = time ? time : size;
-        if (!value) throw CLI::ValidationError("--segment", text + " is neither a time (60s) nor a size (500MB)");
+        if (!value) throw CLI::ValidationError("--segment", is_not(text, "a time (60s) or a size (500MB)"));
         check_range("--segment", text, time ? quantity::time : quantity::size, *value, 1,
                     time ? longest_time : most_bytes);
         (time ? options.segment : options.segment_bytes) = *value;
@@ -157,7 +158,7 @@ void describe_inputs(CLI::App &line, record_line &given)
             "--retry",
             [&given](const std::string &when) {
                 if (when != "forever" && when != "never")
-                    throw CLI::ValidationError("--retry", when + " is neither forever nor never");
+                    throw CLI::ValidationError("--retry", is_not(when, "one of forever, never"));
                 given.options.retry = when == "forever";
             },
             "Whether sources that come and go are waited for and opened again (default: forever)")
@@ -209,7 +210,7 @@ const std::string *value_for(size_t input, size_t inputs, const std::vector<std:
     if (values.empty()) return nullptr;
     if (values.size() != 1 && values.size() != inputs)
         throw CLI::ValidationError(option,
-                                   print("%zu values for %zu %s: give it once for all, or once for each in turn",
+                                   print("%zu values for %zu %s; give it once for all, or once for each in turn",
                                          values.size(), inputs, inputs == 1 ? "input" : "inputs"));
     return &values[values.size() == 1 ? 0 : input];
 }
@@ -227,7 +228,7 @@ void take_input_option(input_options &options, const std::string &text)
 {
     const size_t equals = text.find('=');
     if (equals == std::string::npos || equals == 0)
-        throw CLI::ValidationError("--input-option", text + " is not KEY=VALUE, as in rtsp_flags=prefer_tcp");
+        throw CLI::ValidationError("--input-option", is_not(text, "KEY=VALUE; write it as rtsp_flags=prefer_tcp"));
     options.options[text.substr(0, equals)] = text.substr(equals + 1);
 }
 
@@ -236,14 +237,14 @@ void take_stream(input_options &options, const std::string &text)
     const bool is_kind = text == "v" || text == "a" || text.starts_with("v:") || text.starts_with("a:");
     const std::string number = !is_kind ? text : text.size() > 2 ? text.substr(2) : "0";
     if (number.empty() || number.find_first_not_of("0123456789") != std::string::npos)
-        throw CLI::ValidationError("--map", text + " names no stream: write its number, v, a, v:0 or a:0");
+        throw CLI::ValidationError("--map", is_not(text, "a stream; write its number, v, a, v:0 or a:0"));
     options.streams.push_back(text);
 }
 
 int64_t time_for(const std::string &text, const char *option, int64_t least)
 {
     const auto time = time_of(text);
-    if (!time) throw CLI::ValidationError(option, text + no_time);
+    if (!time) throw CLI::ValidationError(option, is_not(text, a_time));
     check_range(option, text, quantity::time, *time, least, longest_time);
     return *time;
 }
@@ -261,17 +262,17 @@ input_options input_of(const record_line &given, size_t index)
         result.format = av_find_input_format(format->c_str());
         if (!result.format)
             throw CLI::ValidationError(
-                "--format", *format + " is no input format of libavformat; examples: h264, hevc, aac, mpegts");
+                "--format", is_not(*format, "an input format of libavformat; examples: h264, hevc, aac, mpegts"));
     }
     if (const auto *text = value(given.frame_rates, "--fps")) {
         AVRational rate;
         if (av_parse_video_rate(&rate, text->c_str()) < 0)
-            throw CLI::ValidationError("--fps", *text + " is no frame rate: write 25, 29.97 or 30000/1001");
+            throw CLI::ValidationError("--fps", is_not(*text, "a frame rate; write 25, 29.97 or 30000/1001"));
         result.frame_rate = rational{rate.num, rate.den};
     }
     if (const auto *transport = value(given.transports, "--rtsp-transport")) {
         if (*transport != "tcp" && *transport != "udp" && *transport != "http")
-            throw CLI::ValidationError("--rtsp-transport", *transport + " is neither tcp, udp nor http");
+            throw CLI::ValidationError("--rtsp-transport", is_not(*transport, "one of tcp, udp, http"));
         if (result.name.starts_with("rtsp")) result.options["rtsp_transport"] = *transport;
     }
     if (const auto *text = value(given.timeouts, "--timeout"))
@@ -280,7 +281,7 @@ input_options input_of(const record_line &given, size_t index)
         result.offset = time_for(*text, "--input-offset", -longest_time);
     if (const auto *text = value(given.timestamps, "--timestamps")) {
         if (*text != "input" && *text != "arrival")
-            throw CLI::ValidationError("--timestamps", *text + " is neither input nor arrival");
+            throw CLI::ValidationError("--timestamps", is_not(*text, "one of input, arrival"));
         result.by_arrival = *text == "arrival";
     }
     for (const std::string &each : given.input_options)
@@ -294,16 +295,16 @@ record_options checked(const record_line &given)
 {
     record_options options = given.options;
     if (options.output == "-")
-        throw CLI::ValidationError("--output", "an MP4 file cannot be written to standard output: name a file");
+        throw CLI::ValidationError("--output", "an MP4 file cannot be written to standard output; name a file");
     if (std::ranges::count(given.inputs, "-") > 1)
         throw CLI::ValidationError("INPUT", "standard input (-) can be read by one input only");
     const bool is_numbered = place_of(options.output).is_numbered;
     if (options.quota != 0 && !is_numbered)
         throw CLI::ValidationError("--quota",
-                                   "only numbered files are deleted: write {number} into the name of --output");
+                                   "only numbered files are deleted; write {number} into the name of --output");
     if (options.overwrite && is_numbered)
         throw CLI::ValidationError(
-            "--overwrite", "numbered files never replace others: leave it out, or name one file without {number}");
+            "--overwrite", "numbered files never replace others; leave it out, or name one file without {number}");
     if (given.no_audio && given.no_video)
         throw CLI::ValidationError("--no-audio", "with --no-video as well nothing is left to record");
     for (size_t i = 0; i < given.inputs.size(); ++i) options.inputs.push_back(input_of(given, i));

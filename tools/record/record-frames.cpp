@@ -69,9 +69,9 @@ bool recording::add(const source_frame &next)
     if (!tracks_.all[track].recorded_as) return true;
     if (next.step) {
         ++summary_.sources[next.source].steps;
-        console_.problem(failure("the time steps", stream_of(track),
-                                 print("by %.3f s: the frames are joined on", seconds(*next.step)))
-                             .what());
+        console_.problem(
+            failure("time jump", stream_of(track), print("%.3f s: recorded without a gap", seconds(*next.step)))
+                .what());
         if (may_split(options_)) mediafiles_recorder_split(recorder_.get());
     }
     if (!is_within_duration(tracks_.all[track], content.time)) return true;
@@ -80,7 +80,7 @@ bool recording::add(const source_frame &next)
         return false;
     }
     if (!content.readable)
-        leave_out(track, "its framing is broken");
+        leave_out(track, "damaged (its framing is broken)");
     else if (content.packet->size == 0)
         leave_out(track, "it is empty");
     else if (!tracks_.all[track].can_wait || await_room(static_cast<size_t>(content.packet->size)))

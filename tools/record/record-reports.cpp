@@ -18,10 +18,8 @@ std::string recording::stream_of(size_t track) const
 
 std::string recording::reordering(const std::string &stream) const
 {
-    return "pictures are reordered: " + stream +
-           ": with B-frames the recording would play wrongly; encode without them " +
-           "(x264, x265: --bframes 0; ffmpeg: -bf 0), or make a file fit: ffmpeg -i IN -c:v libx264 -bf 0 -c:a copy "
-           "OUT";
+    return "cannot record: " + stream +
+           ": with B-frames it would play wrongly; encode without (x264, x265: --bframes 0; ffmpeg: -bf 0)";
 }
 
 void recording::report(const std::string &text)
@@ -129,10 +127,18 @@ void recording::heed(const mediafiles_recorder_event &event)
     const auto waits = [this](size_t track) { return tracks_.all[track].can_wait; };
     if (event.kind == MEDIAFILES_EVENT_STALLED && std::ranges::all_of(tracks_.recorded(), waits)) return;
     if (event.kind == MEDIAFILES_EVENT_GOES_ON && !std::exchange(is_held_up_, false)) return;
-    const std::string path = event.path ? files_.path_of(event) : options_.output;
+    const bool is_missing = is_held_up_ && trouble_ == MEDIAFILES_EVENT_NO_MEDIUM; // the cause of these
+    if (is_missing && (event.kind == MEDIAFILES_EVENT_STALLED || event.kind == MEDIAFILES_EVENT_WRITE_ERROR)) return;
+    const std::string place = !place_.is_numbered        ? options_.output
+                              : place_.directory.empty() ? "./"
+                                                         : place_.directory;
+    const std::string path = event.path ? files_.path_of(event) : place;
     if (event.kind == MEDIAFILES_EVENT_BEGUN && path == options_.output) return; // as it was asked for
 
-    const event_message message = message_of(event, path, stream_of(tracks_.in_recorder(event.track)));
+    const event_message message = message_of(
+        event, {path, stream_of(tracks_.in_recorder(event.track)), trouble_ == MEDIAFILES_EVENT_STALLED}, options_);
+    const bool is_slow = event.kind == MEDIAFILES_EVENT_STALLED && !is_held_up_;
+    if (message.is == weight::failure || is_slow) trouble_ = event.kind;
     switch (message.is) {
     case weight::none:
         break;

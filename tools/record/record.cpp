@@ -67,8 +67,10 @@ void recording::await_sources()
     const auto there = sources_->there();
     for (size_t i = 0; i < there.size(); ++i)
         if (there[i]) adopt(i, sources_->at(i).front()->from);
-    if (!is_stopped_ && tracks_.all.empty())
-        throw failure("nothing to record", sources_->at(0).name().shown, no_stream);
+    if (is_stopped_ || !tracks_.all.empty()) return;
+    const std::string why = sources_->at(0).error();
+    throw std::runtime_error(why.empty() ? "nothing to record: " + sources_->at(0).name().shown + ": it has no frame"
+                                         : why);
 }
 
 bool recording::are_sources_there(steady::time_point now)

@@ -31,8 +31,8 @@ std::string line(size_t index, const track_summary &track)
 {
     std::string text = print("  track %zu: ", index) + describe(track.description);
     text += ", from " + track.source + print(" stream %d: ", track.stream);
-    text += print("%ju frames, %ju key, %ju bytes", uintmax_t{track.frames}, uintmax_t{track.key_frames},
-                  uintmax_t{track.bytes});
+    text += counted(track.frames, "frame") + print(", %ju key, ", uintmax_t{track.key_frames}) +
+            counted(track.bytes, "byte");
     if (track.dropped != 0) text += print(", %ju dropped", uintmax_t{track.dropped});
     if (track.backwards != 0) text += print(", %ju backwards in time", uintmax_t{track.backwards});
     if (track.damaged != 0) text += print(", %ju damaged", uintmax_t{track.damaged});
@@ -63,9 +63,8 @@ ordered_json object(const recorded_file &file)
 std::string line(const source_summary &source)
 {
     if (source.connections < 2 && source.stalls == 0 && source.steps == 0) return {};
-    return "  " + source.name +
-           print(": opened %ju times, silent %ju times, %ju steps of its times\n", uintmax_t{source.connections},
-                 uintmax_t{source.stalls}, uintmax_t{source.steps});
+    return "  " + source.name + ": opened " + counted(source.connections, "time") + ", silent " +
+           counted(source.stalls, "time") + ", " + counted(source.steps, "time jump") + "\n";
 }
 
 ordered_json object(const source_summary &source)
@@ -96,7 +95,7 @@ std::string to_text(const recording_summary &summary)
                                               uintmax_t{bytes_of(summary)}, name(summary.stopped_by));
     for (size_t i = 0; i < summary.tracks.size(); ++i) text += line(i, summary.tracks[i]);
     for (const source_summary &each : summary.sources) text += line(each);
-    if (summary.lost != 0) text += print("  lost: %ju frames\n", uintmax_t{summary.lost});
+    if (summary.lost != 0) text += "  lost: " + counted(summary.lost, "frame") + "\n";
     if (summary.files.size() > 1)
         text += print("  %zu files: ", summary.files.size()) + summary.files.front().path + " to " +
                 summary.files.back().path + "\n";

@@ -97,6 +97,7 @@ private:
     bool is_stopped_ = false;                       // by a signal
     bool has_ended_ = false;                        // nothing more can be written
     bool is_held_up_ = false;                       // it was reported that frames wait, or that none can be written
+    uint32_t trouble_ = 0;                          // the event that said so last
     pace pace_;
 
     status_file status_file_;

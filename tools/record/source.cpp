@@ -132,13 +132,14 @@ source::outcome source::read_once()
         result.is_final |= !is_live;
         report_left_out(from.facts());
         if (from.facts().streams.empty()) {
-            if (is_live) throw failure("nothing to record", name_.shown, no_stream);
-            return {.is_final = true, .is_lost = false};
+            const failure nothing("nothing to record", name_.shown, from.why_nothing());
+            if (is_live) throw nothing;
+            return {.is_final = true, .is_lost = false, .why = nothing.what()};
         }
         set_state(source_state::reading);
         read_all(from);
         result.is_lost = is_live && name_.is_connection;
-        result.why = is_live ? failure("lost", name_.shown, "the sender has ended it").what() : "";
+        if (is_live) result.why = "connection closed by the sender: " + name_.shown;
     } catch (const permanent_failure &problem) {
         return {.is_final = true, .why = problem.what()};
     } catch (const silence &) {

@@ -52,7 +52,7 @@ public:
     const source_name &name() const { return name_; }
     source_state state() const;
     source_counts counts() const;
-    /** What ended it, in words; empty for its own end. */
+    /** What ended it, in words, or why none of its streams is recorded; empty for its own end. */
     std::string error() const;
     std::optional<source_notice> take_notice();
 

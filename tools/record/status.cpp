@@ -52,11 +52,11 @@ std::string write_to(const std::string &path, int descriptor, const std::string 
 }
 
 /* With the flags that a reader who is not there does not hold up. */
-std::string write_into(const std::string &path, int flags, const std::string &line)
+std::string write_into(const std::string &path, int flags, const std::string &line, const std::string &shown)
 {
     const int descriptor = open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NONBLOCK | flags, 0644);
-    if (descriptor < 0) return errno == ENXIO ? "" : failure(cannot_write, path, errno).what();
-    std::string why = write_to(path, descriptor, line);
+    if (descriptor < 0) return errno == ENXIO ? "" : failure(cannot_write, shown, errno).what();
+    std::string why = write_to(shown, descriptor, line);
     close(descriptor);
     return why;
 }
@@ -110,9 +110,9 @@ std::string status_file::write(const std::string &line) const
 {
     if (path_ == "-") return write_to("standard output", output_, line);
     struct stat status;
-    if (stat(path_.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) return write_into(path_, 0, line);
+    if (stat(path_.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) return write_into(path_, 0, line, path_);
     const std::string made = path_ + ".new";
-    if (std::string why = write_into(made, O_CREAT | O_TRUNC | O_NOFOLLOW, line); !why.empty()) return why;
+    if (std::string why = write_into(made, O_CREAT | O_TRUNC | O_NOFOLLOW, line, path_); !why.empty()) return why;
     return std::rename(made.c_str(), path_.c_str()) == 0 ? "" : failure(cannot_write, path_, errno).what();
 }
 

@@ -75,9 +75,9 @@ void check(const repair_line &given)
 {
     std::error_code ignored;
     if (!given.journal.empty() && (given.paths.size() != 1 || std::filesystem::is_directory(given.paths[0], ignored)))
-        throw CLI::ValidationError("--journal", "it is for one file: give one PATH, which is no directory");
+        throw CLI::ValidationError("--journal", "it is for one file; give one PATH, which is not a directory");
     if (!given.output.empty() && !std::filesystem::is_directory(given.output, ignored))
-        throw CLI::ValidationError("--output", given.output + " is no directory: make it first");
+        throw CLI::ValidationError("--output", "'" + given.output + "' is not a directory; make it first");
 }
 
 /* Set by a signal: the copy that is being made goes away, then the program ends. */

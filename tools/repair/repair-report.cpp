@@ -4,6 +4,8 @@
 #include <cstring>
 #include <span>
 
+#include <sys/stat.h>
+
 #include "tools/print.h"
 #include "tools/seconds.h"
 #include "tools/track-description.h"
@@ -43,60 +45,91 @@ ordered_json text_or_null(const char *text)
     return text ? ordered_json(text) : ordered_json(nullptr);
 }
 
-/* The options that would help. */
-std::string help_for(const mediafiles_report &report)
+/* With figures, and the one reason that applies of several. */
+std::string cause_of(const mediafiles_report &report, const char *file)
 {
-    struct {
-        uint32_t option;
-        const char *text;
-    } static constexpr helps[] = {
-        {MEDIAFILES_SALVAGE, "--salvage keeps what stands before that"},
-        {MEDIAFILES_KEEP_DAMAGED, "--keep-damaged keeps all that the journal names"},
-        {MEDIAFILES_FORCE, "--force does it all the same"},
-    };
-    std::string text;
-    if (report.plan)
-        for (const auto &each : helps)
-            if (report.plan->help & each.option) text += std::string("; ") + each.text;
+    const std::string text = mediafiles_reason_text(report.reason);
+    const mediafiles_plan_info plan = report.plan ? *report.plan : mediafiles_plan_info{};
+    const auto megabytes = [](uint64_t bytes) { return static_cast<double>(bytes) / 1e6; };
+    struct stat status;
     switch (report.reason) {
+    case MEDIAFILES_REASON_SYSTEM:
+        return std::strerror(report.error);
+    case MEDIAFILES_REASON_CANNOT_REPLAY:
+        return text + " (" + std::strerror(report.error) + ")";
     case MEDIAFILES_REASON_JOURNAL_DAMAGED:
-        return !text.empty() ? text : "; --journal FILE takes one from elsewhere";
+        if (!plan.damage) return text;
+        if (plan.journal_end == 0) return text + " from the start";
+        return text + print(" after %ju of %ju bytes", uintmax_t{plan.journal_end},
+                            uintmax_t{plan.journal_end + plan.journal_lost});
     case MEDIAFILES_REASON_MEDIA_DAMAGED:
-        return !text.empty() ? text : "; no frame that the journal names is left in it";
-    case MEDIAFILES_REASON_NO_JOURNAL:
-    case MEDIAFILES_REASON_NO_SAMPLES:
-    case MEDIAFILES_REASON_FOREIGN_JOURNAL:
-        return text + "; --journal FILE takes one from elsewhere";
-    case MEDIAFILES_REASON_NO_FRAME_LEFT:
-        return text + "; without --drop-last-frame all frames are kept";
-    case MEDIAFILES_REASON_IN_USE:
-    case MEDIAFILES_REASON_CHANGED:
-        return text + "; repeat when that has ended";
-    case MEDIAFILES_REASON_EXISTS:
-        return text + "; choose another directory, or remove it";
-    case MEDIAFILES_REASON_NO_MEDIA:
-        return text + "; put the two beside each other";
+        return plan.help != 0 ? text : "it ends before its first frame: nothing can be kept";
+    case MEDIAFILES_REASON_LARGE_CUT:
+        return text + print(": %.1f of %.1f MB", megabytes(plan.media_end), megabytes(plan.media_end + plan.cut));
+    case MEDIAFILES_REASON_LARGE_GROWTH:
+        return text + print(": %.1f, not %.1f MB", megabytes(plan.media_end), megabytes(plan.media_end - plan.added));
+    case MEDIAFILES_REASON_NOT_REGULAR:
+        if (lstat(file, &status) != 0) return text;
+        if (S_ISLNK(status.st_mode)) return "it is a link";
+        if (!S_ISREG(status.st_mode)) return "it is not a regular file";
+        return status.st_nlink > 1 ? "it has several hard links" : text;
     default:
         return text;
     }
 }
 
-/* What helps after a system call has failed. */
-std::string help_after(int error)
+const char *help_for(const mediafiles_report &report)
 {
-    if (error == ENOENT) return "";
-    if (error == EROFS || error == ENOSPC) return "; --output DIR repairs a copy on another medium";
-    if (error == EIO) return "; the medium fails: copy the file elsewhere, then repair the copy";
-    return "; repeat when that is mended";
+    const bool has_option = report.plan && report.plan->help != 0;
+    switch (report.reason) {
+    case MEDIAFILES_REASON_NO_JOURNAL:
+        return "; if you have its journal elsewhere: --journal FILE";
+    case MEDIAFILES_REASON_NO_SAMPLES:
+        return "; if you have a more complete one: --journal FILE";
+    case MEDIAFILES_REASON_JOURNAL_DAMAGED:
+        return has_option ? "; --salvage keeps what stands before that"
+                          : "; if you have an intact copy: --journal FILE";
+    case MEDIAFILES_REASON_MEDIA_DAMAGED:
+        return has_option ? "; --keep-damaged keeps all frames and lists the damaged ones; --salvage keeps what stands "
+                            "before the damage"
+                          : "; is there a copy?";
+    case MEDIAFILES_REASON_FOREIGN_JOURNAL:
+        return "; if you have its own elsewhere: --journal FILE; --keep-damaged keeps all frames that this one lists";
+    case MEDIAFILES_REASON_LARGE_CUT:
+        return "; --force cuts off the rest (try it with --output DIR first)";
+    case MEDIAFILES_REASON_LARGE_GROWTH:
+        return "; --force fills up with zeros (try it with --output DIR first)";
+    case MEDIAFILES_REASON_NO_FRAME_LEFT:
+        return "; without --drop-last-frame all frames are kept";
+    case MEDIAFILES_REASON_TOO_LARGE:
+        return "; is it the right file?";
+    case MEDIAFILES_REASON_IN_USE:
+    case MEDIAFILES_REASON_CHANGED:
+        return "; repeat when that has ended";
+    case MEDIAFILES_REASON_EXISTS:
+        return "; choose another directory, or remove it";
+    case MEDIAFILES_REASON_NO_MEDIA:
+        return "; put the two beside each other";
+    default:
+        return "";
+    }
 }
 
-/* Where and how a journal is damaged. */
-std::string place_of(const mediafiles_report &report)
+/* What helps after a system call has failed. */
+const char *help_after(int error)
 {
-    const mediafiles_plan_info *plan = report.plan;
-    if (report.reason != MEDIAFILES_REASON_JOURNAL_DAMAGED || !plan || !plan->damage) return "";
-    return print(" at byte %ju of %ju (%s)", uintmax_t{plan->journal_end},
-                 uintmax_t{plan->journal_end + plan->journal_lost}, plan->damage);
+    switch (error) {
+    case EROFS:
+    case ENOSPC:
+        return "; --output DIR repairs a copy on another medium";
+    case EIO:
+        return "; the card fails: copy the file and its .journal elsewhere, then repair the copy";
+    case EPERM:
+    case EACCES:
+        return "; check owner and write protection, or use --output DIR";
+    default:
+        return "";
+    }
 }
 
 ordered_json object(size_t index, const mp4_fix_track &track)
@@ -114,12 +147,8 @@ std::string problem_of(const mediafiles_report &report)
 {
     if (report.result != MEDIAFILES_REFUSED && report.result != MEDIAFILES_FAILED) return "";
     const char *file = report.problem_path ? report.problem_path : report.path;
-    const bool system = report.reason == MEDIAFILES_REASON_SYSTEM;
-    std::string text = std::string("cannot repair: ") + file + ": ";
-    text += system ? std::strerror(report.error) : mediafiles_reason_text(report.reason) + place_of(report);
-    if (report.reason == MEDIAFILES_REASON_CANNOT_REPLAY) text += std::string(" (") + std::strerror(report.error) + ")";
-    text += help_for(report);
-    return text + (report.result == MEDIAFILES_FAILED ? help_after(report.error) : "");
+    return std::string("cannot repair: ") + file + ": " + cause_of(report, file) + help_for(report) +
+           (report.result == MEDIAFILES_FAILED ? help_after(report.error) : "");
 }
 
 std::string to_text(const mediafiles_report &report, bool dry_run)
@@ -143,7 +172,6 @@ std::string to_text(const mediafiles_report &report, bool dry_run)
     if (const auto ranges = ranges_of(report); !ranges.empty())
         text += print("; damaged ranges: %zu, %ju bytes", ranges.size(), uintmax_t{bytes_of(ranges)});
     if (plan.journal_lost != 0) text += print("; %ju bytes of the journal lost", uintmax_t{plan.journal_lost});
-    if (plan.damage) text += std::string(" (") + plan.damage + ")";
     return text;
 }
 
@@ -175,6 +203,7 @@ ordered_json to_json(const mediafiles_report &report)
         {"output", text_or_null(report.output)},
         {"error", problem.empty() ? ordered_json(nullptr) : ordered_json(problem)},
         {"writers_known", report.lease_unknown == 0},
+        {"journal_damage", text_or_null(report.plan ? report.plan->damage : nullptr)},
     };
     if (report.result == MEDIAFILES_FINISHED) result["journal_foreign"] = report.plan && report.plan->foreign;
     if (!has_movie(report)) return result;
@@ -186,7 +215,6 @@ ordered_json to_json(const mediafiles_report &report)
     result["bytes"] = plan.file_size;
     result["cut_bytes"] = plan.cut;
     result["journal_lost_bytes"] = plan.journal_lost;
-    result["journal_damage"] = text_or_null(plan.damage);
     result["bad_ranges"] = ranges;
     result["tracks"] = tracks;
     if (report.hash_read) result["sha256_read"] = report.hash_read;
