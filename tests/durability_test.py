@@ -162,5 +162,8 @@ halves = [n + 1 for n, letter in enumerate(changes) if letter == "a"][1:-2:2]
 cut = [cut_short(f"{kind}={n}") for kind in ("bad", "gap") for n in (*halves[:2], halves[-1])]
 assert any(seen.torn and ended != seen.given_up for seen, ended in cut), "no append has ended inside a record"
 assert all((seen.cut(), seen.end) == (False, good.end) for seen, ended in cut if ended), "records are missing"
+if "record" in PROGRAM:  # the recorder: on exFAT the table, by way of the directory, before the media that has grown
+    syncs = re.sub("[^Ds]", "", record(LD_PRELOAD=SHIM, EXFAT="1")[1].order)
+    assert syncs.count("Ds") > 5, syncs  # without that it is twice
 order = re.sub("(w+)", "w", good.order)
 print(f"{len(faults)} failed syncs, {len(cut)} appends cut short; without a fault: {order[:20]}...{order[-10:]}")

@@ -27,7 +27,7 @@ Case = namedtuple("Case", "media journal open samples kept")  # kept: how many o
 NAMES = "clip.mp4", "clip.mp4.journal"
 PLAYED = re.compile("(avc|hevc|aac|hevc-aac-large|avc-aac-large)-[a-z]+-[0-9]")  # they begin where their streams do
 EXAMPLE = "by the example"  # instead of the command and its options
-ON_FAT = "on FAT"  # as it is done there
+ON_EXFAT = "on exFAT"  # as it is done there
 MADE = "repaired", "salvaged"
 AGE = 10**18  # the time of the recordings, in nanoseconds
 
@@ -87,9 +87,9 @@ class PowerCut(judge.Test):
         and the time must stay.
         """
         env = dict(os.environ, SNAPSHOTS=str(self.snapshots), ASAN_OPTIONS="verify_asan_link_order=0",
-                   **({"LD_PRELOAD": str(GIVEN.shim)} if shim or ON_FAT in options else {}),
-                   **({"CASES": str(shim)} if shim else {}), **({"FAT": "1"} if ON_FAT in options else {}))
-        options = [option for option in options if option != ON_FAT]
+                   **({"LD_PRELOAD": str(GIVEN.shim)} if shim or ON_EXFAT in options else {}),
+                   **({"CASES": str(shim)} if shim else {}), **({"EXFAT": "1"} if ON_EXFAT in options else {}))
+        options = [option for option in options if option != ON_EXFAT]
 
         def run(*more):
             line = (*prefix, GIVEN.tool, "repair", root or self.card, "--json", *options, *more)
@@ -171,7 +171,7 @@ class PowerCut(judge.Test):
             at = len(case.media) // 2
             cases[name] = case._replace(media=case.media[:at] + bytes(64) + case.media[at + 64:])
         for options in (("--salvage",), ("--keep-damaged", "--drop-last-frame"), ("--salvage", "--keep-journal"),
-                        (EXAMPLE,), ("--salvage", ON_FAT), ("--output", self.copies)):
+                        (EXAMPLE,), ("--salvage", ON_EXFAT), ("--output", self.copies)):
             made = self.copies if self.copies in options else self.card
             self.put(cases)
             self.repair(*options)
@@ -184,7 +184,7 @@ class PowerCut(judge.Test):
             again = {cut: cases[cut.split("@")[0]] for cut in cuts if made == self.copies}
             for name, final in whole.items():
                 steps = [cuts[f"{name}@{n}"].get(NAMES[1]) for n in range(1, 50) if f"{name}@{n}" in cuts]
-                if ON_FAT in options:  # there it becomes ready in steps
+                if ON_EXFAT in options:  # there it becomes ready in steps
                     steps.reverse()
                 ready = next((journal for journal in steps if journal not in (cases[name].journal, None)), None)
                 for n in range(6 if ready else 0):  # the new journal is durable, of the media's changes only some are

@@ -3,7 +3,7 @@
  * it makes to a directory's files, that is before the change and in the middle of a write, it copies the directory with
  * its times to $SNAPSHOTS/NAME@N. That is what a kill at this moment leaves. In a directory NAME~full=N the medium is full from the
  * Nth change on, in NAME~bad=N the Nth change alone fails, in NAME~gap=N that
- * and the next: a write comes out short, and its continuation fails. With $FAT the file system calls itself FAT.
+ * and the next: a write comes out short, and its continuation fails. With $EXFAT the file system is like exFAT.
  */
 #define _GNU_SOURCE
 #include <dirent.h>
@@ -11,7 +11,6 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
-#include <linux/magic.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -138,8 +137,14 @@ GUARDED(linkat, (int from, const char *a, int to, const char *b, int flags), (fr
 int fstatfs64(int fd, struct statfs64 *system)
 {
     const int result = REAL(fstatfs64)(fd, system);
-    if (getenv("FAT")) system->f_type = MSDOS_SUPER_MAGIC;
+    if (getenv("EXFAT")) system->f_type = 0x2011BAB0;
     return result;
+}
+
+int fallocate64(int fd, int mode, off64_t offset, off64_t length)
+{
+    errno = EOPNOTSUPP;
+    return getenv("EXFAT") ? -1 : REAL(fallocate64)(fd, mode, offset, length);
 }
 
 int openat64(int at, const char *name, int flags, ...)
