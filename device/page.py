@@ -27,9 +27,9 @@ def current(results):
 
 
 def writes(result):
-    if result["model"] not in REORDERED:
-        return "in order"
-    return f"any order, {result['unit']} bytes"
+    if result["model"] in REORDERED:
+        return f"any order, {result['unit']} bytes"
+    return f"in order, torn in {result['unit']}" if result["model"] == "torn" else "in order"
 
 
 def order(result):
