@@ -12,7 +12,7 @@ namespace tools {
 /** What an error means, with what helps where that is not plain. */
 inline std::string words_of(int error)
 {
-    const std::string text = std::strerror(error);
+    std::string text = std::strerror(error);
     if (error == EIO) return text + "; the card may be failing";
     if (error == EFBIG) return text + ": a size limit of the system (ulimit -f) or of the file system; see --segment";
     return text;

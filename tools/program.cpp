@@ -78,7 +78,7 @@ const CLI::App &chosen_line(const CLI::App &program)
 
 int complain(const CLI::App &program, const std::string &what)
 {
-    const std::string name = program.get_name(), command = chosen_line(program).get_name();
+    const std::string &name = program.get_name(), &command = chosen_line(program).get_name();
     const bool has_command = command != name;
     std::fprintf(stderr, "%s: %s\nTry '%s --help'.\n", (has_command ? name + ": " + command : name).c_str(),
                  printable(what).c_str(), (has_command ? name + " " + command : name).c_str());
@@ -94,7 +94,7 @@ std::string explain(const CLI::App &program, const CLI::ParseError &error)
         const std::string option = left.substr(0, left.find('='));
         return "there is no option " + option + "." + suggestion(option, options_of(line));
     }
-    const std::string what = error.what();
+    std::string what = error.what();
     const std::string subject = what.substr(0, what.find_first_of(": "));
     const CLI::Option *option = line.get_option_no_throw(subject);
     if (error.get_name() == "ArgumentMismatch" && option) return subject + " needs a value: " + option->get_type_name();

@@ -27,7 +27,7 @@ std::vector<std::string> card::names() const
 {
     std::vector<std::string> all;
     for (const auto &each : fs::recursive_directory_iterator(path_))
-        if (each.is_regular_file()) all.push_back(fs::relative(each.path(), path_).string());
+        if (each.is_regular_file()) all.push_back(each.path().lexically_relative(path_).string());
     std::ranges::sort(all);
     return all;
 }

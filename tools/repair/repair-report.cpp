@@ -48,7 +48,7 @@ ordered_json text_or_null(const char *text)
 /* With figures, and the one reason that applies of several. */
 std::string cause_of(const mediafiles_report &report, const char *file)
 {
-    const std::string text = mediafiles_reason_text(report.reason);
+    std::string text = mediafiles_reason_text(report.reason);
     const mediafiles_plan_info plan = report.plan ? *report.plan : mediafiles_plan_info{};
     const auto megabytes = [](uint64_t bytes) { return static_cast<double>(bytes) / 1e6; };
     struct stat status;
