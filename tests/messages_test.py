@@ -268,7 +268,7 @@ COMMANDS["mediafiles record"] = (
     ("camera.h264 -o {number}.mp4 --realtime -t 1 --protect-after 0.1", DONE, "cannot protect: 00000001.mp4: Operation "
      "not permitted; --quota may delete it: copy it to a safe place", "protects"),
     (f"{UDP} -o out.mp4 --format h264 --queue 60K --sync 0.05", DONE,
-     "the medium is slow: out.mp4: frames wait in memory; when --queue is full, they are lost\n"
+     "[the medium is slow: out.mp4: frames wait in memory; when --queue is full, they are lost]\n"
      f"[frame dropped: {UDP}: stream 0: damaged (it has no start code){MORE}]\n"
      f"[{{n}} frames lost: {UDP}: stream 0: the medium did not take them in time]", "slow"),
 )
