@@ -230,8 +230,9 @@ int segment::sync_table()
     if (fstat(media_, &media) != 0 || fstat(journal_, &journal) != 0) return -1;
     const blkcnt_t blocks = media.st_blocks + journal.st_blocks;
     if (blocks == synced_blocks_) return 0;
+    if (sync_names() != 0) return -1;
     synced_blocks_ = blocks;
-    return sync_names();
+    return 0;
 }
 
 int segment::sync(round &made, spare_file &spare)
