@@ -1,6 +1,7 @@
 /** The recorder on a card that is full, that goes away and that comes back: what is there can be played, and it goes on. */
 #include <algorithm>
 #include <cstring>
+#include <fstream>
 #include <list>
 
 #include <fcntl.h>
@@ -20,12 +21,14 @@ namespace fs = std::filesystem;
 /** A file system of its own, in a mount namespace of its own: nobody else sees it. */
 class mounted_card : public card {
 public:
-    explicit mounted_card(const std::string &type = "tmpfs") : aside_(path() + "-aside"), image_(path() + ".image")
+    explicit mounted_card(const std::string &type = "tmpfs", const char *size = "64M")
+        : aside_(path() + "-aside"), image_(path() + ".image")
     {
         fs::create_directory(aside_);
         if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return;
         is_mounted_ =
-            (type == "tmpfs" ? mount("none", aside_.c_str(), "tmpfs", 0, "size=64m") == 0 : mount_image(type)) &&
+            (type == "tmpfs" ? mount("none", aside_.c_str(), "tmpfs", 0, (std::string("size=") + size).c_str()) == 0
+                             : mount_image(type)) &&
             give_back();
     }
     ~mounted_card()
@@ -61,12 +64,12 @@ private:
 
 /** A recorder, its frames group by group, and its events as they come. */
 struct recording {
-    explicit recording(const card &on, int64_t quota = 0, const std::string &directory = "")
-        : recorder(start(on, {h264()}, [&](auto &o) {
+    explicit recording(const card &on, int64_t quota = 0, const std::string &directory = "", bool small = false)
+        : key_size(small ? 20'000 : 400'000), recorder(start(on, {h264()}, [&](auto &o) {
               if (!directory.empty()) o.directory = directory.c_str();
               o.segment_ns = 2 * second;
               o.sync_ns = 10 * millisecond;
-              o.keep_free_bytes = int64_t{4} << 20;
+              o.keep_free_bytes = small ? 300'000 : int64_t{4} << 20;
               o.quota_bytes = quota;
           }))
     {
@@ -76,7 +79,7 @@ struct recording {
     void record(int count)
     {
         for (; count > 0; --count, ++groups) {
-            for (const frame &each : camera(1, 400'000, groups * 400 * millisecond))
+            for (const frame &each : camera(1, key_size, groups * 400 * millisecond))
                 EXPECT_GE(push(recorder, 0, each), 0);
             usleep(10'000);
         }
@@ -104,6 +107,7 @@ struct recording {
     }
     void stop() { EXPECT_EQ(mediafiles_recorder_stop(recorder, -1), 0); }
 
+    const size_t key_size;
     const recorder_ptr recorder;
     int groups = 0;
     std::map<uint32_t, uint64_t> seen;
@@ -111,10 +115,10 @@ struct recording {
 };
 
 /** Each file is finished and sound, begins with a key frame, and each frame in it follows those that it needs. */
-void expect_playable(const card &on)
+void expect_playable(const card &on, size_t key_size = 400'000)
 {
     for (const std::string &name : on.names()) EXPECT_TRUE(name.ends_with(".mp4")) << name;
-    const stream group = camera(1, 400'000);
+    const stream group = camera(1, key_size);
     for (const mp4::file &file : play(on).files) {
         size_t next = 0;
         for (const mp4::sample &sample : file.tracks.at(0).samples) {
@@ -181,6 +185,27 @@ TEST_P(FullCard, IsShared)
     fs::remove(others);
     EXPECT_EQ(on.names().front(), "00000001.mp4") << "it is protected";
     expect_playable(on);
+}
+
+/* What is kept free before it goes on is small on a small card. */
+TEST(SmallCard, GoesOnOnceThereIsRoom)
+{
+    mounted_card on("tmpfs", "1M");
+    NEEDS_MOUNTED(on);
+    recording made(on, 0, "", true);
+    ASSERT_TRUE(made.goes_on_to(MEDIAFILES_EVENT_DELETED, 20));
+    {
+        std::ofstream(on / "others") << std::string(1 << 20, 7);
+    }
+    ASSERT_TRUE(made.goes_on_to(MEDIAFILES_EVENT_FULL));
+    made.record(50);
+    fs::remove(on / "others");
+    const uint64_t went_on = made.count(MEDIAFILES_EVENT_GOES_ON);
+    ASSERT_TRUE(made.goes_on_to(MEDIAFILES_EVENT_GOES_ON, went_on + 1));
+    const uint64_t finished = made.count(MEDIAFILES_EVENT_FINISHED);
+    ASSERT_TRUE(made.goes_on_to(MEDIAFILES_EVENT_FINISHED, finished + 10));
+    made.stop();
+    expect_playable(on, made.key_size);
 }
 
 TEST(FatCard, GivesAFileItsRoomFromTheBeginning)

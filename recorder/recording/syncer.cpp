@@ -230,6 +230,12 @@ void syncer::report_deleted(const kept_file &file)
     shared_->report({.kind = MEDIAFILES_EVENT_DELETED, .number = file.number, .count = file.bytes}, file.name);
 }
 
+/* What is kept free for it must be little of a small card, which would never be free enough. */
+uint64_t syncer::most_a_round() const
+{
+    return total_bytes(shared_->directory) / 16;
+}
+
 /*
  * So that the running files can grow for two rounds and be finished: a sample
  * takes 28 bytes of the journal until then, and up to 32 of the movie header.
@@ -245,7 +251,8 @@ uint64_t syncer::lacking(uint64_t more)
     const uint64_t free = free_bytes(shared_->directory);
     if (free == UINT64_MAX) return 0; // what is written next says why
     shared_->count.free_bytes = static_cast<int64_t>(free);
-    if (shared_->paused.why() == pause::full) more += std::max(room_to_go_on, 4 * round_bytes_);
+    if (shared_->paused.why() == pause::full)
+        more += std::max(std::min(room_to_go_on, most_a_round()), 4 * round_bytes_);
     const uint64_t due = static_cast<uint64_t>(shared_->options.keep_free) + room_to_finish() + more;
     return due > free ? due - free : 0;
 }
@@ -281,7 +288,8 @@ bool syncer::remove_oldest()
 void syncer::keep_room()
 {
     const uint64_t bytes = shared_->count.bytes_out;
-    if (bytes != bytes_before_) round_bytes_ = std::max(bytes - bytes_before_, round_bytes_ / 2);
+    if (bytes != bytes_before_)
+        round_bytes_ = std::min(std::max(bytes - bytes_before_, round_bytes_ / 2), most_a_round());
     bytes_before_ = bytes;
     if (shared_->paused.why() == pause::full) return end_full();
     if (shared_->paused.why() == pause::no_medium) return await_medium();

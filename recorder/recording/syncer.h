@@ -85,6 +85,7 @@ private:
     void remove_surplus();
     void report_deleted(const kept_file &);
     void recover_file(const std::string &name);
+    uint64_t most_a_round() const;
     uint64_t room_to_finish() const;
     uint64_t lacking(uint64_t more);
     bool is_within_quota(uint64_t ending) const;
