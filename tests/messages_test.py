@@ -269,7 +269,8 @@ COMMANDS["mediafiles record"] = (
      "not permitted; --quota may delete it: copy it to a safe place", "protects"),
     (f"{UDP} -o out.mp4 --format h264 --queue 60K --sync 0.05", DONE,
      "[the medium is slow: out.mp4: frames wait in memory; when --queue is full, they are lost]\n"
-     f"[frame dropped: {UDP}: stream 0: damaged (it has no start code){MORE}]\n"
+     f"[cannot read: {UDP}: no frame found in it; is it really h264, as --format says?; it is tried again until it is "
+     f"there]\n[frame dropped: {UDP}: stream 0: damaged (it has no start code){MORE}]\n"
      f"[{{n}} frames lost: {UDP}: stream 0: the medium did not take them in time]", "slow"),
 )
 COMMANDS["mediafiles repair"] = (
