@@ -99,6 +99,17 @@ TEST(Tree, NeedsNoTracks)
               dump(film{.tracks = false}.body(mp4_atom_moov_write)));
 }
 
+TEST(Tree, HasAllTracksWhereNoMoreFit)
+{
+    film film;
+    std::string iods = "00*4 10 8080804f 004fffff0f03ff";
+    for (int id = 1; id <= MP4_MAX_TRACKS; ++id) {
+        if (id > 2) film.add({MP4_TRACK_AAC, {{2, 16, 48000}}});
+        iods += "0e80808004 0000000" + std::to_string(id);
+    }
+    EXPECT_EQ(dump(iods), dump(film.body(mp4_atom_iods_write)));
+}
+
 TEST(Tree, EndsAtTheFirstFailure)
 {
     const film film;

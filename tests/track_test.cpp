@@ -70,6 +70,7 @@ const std::tuple<uint32_t, std::vector<step>, tables, int> table_cases[] = {
     {19, {one, one, gap}, {{2, 0}, {}, {1}, {1, 2, 1}, {9}, {0}}, 2},
     // samples as large as the cache, and larger; flushed in between, twice
     {9, {one, gap, {key, 4}, {key, 25}, {key, 1}}, {{4, 0}, {}, {0, 10}, {1, 1, 1, 2, 3, 1}, {9, 4, 25, 1}, {0}}, 4},
+    {9, {{key, 1}, {key, 25}}, {{2, 0}, {}, {0}, {1, 2, 1}, {1, 25}, {0}}, 1},
     {100, {one, {flush}, {flush}, gap, one}, {{2, 0}, {}, {0, 10}, {1, 1, 1}, {9}, {0}}, 3},
     // failures: of a sample; of one that the cache cannot take; of cache and sample, when the cache is tried again
     {0, {one, fails, small}, alone, 2},
