@@ -70,6 +70,7 @@ struct outcome {
     bool has_extra = false;                   // one file more was recorded, after the failure
     bool has_deleted = false;                 // files that were finished, to make room
     std::array<uint64_t, 2> safe_before = {}; // frames of each track that were safe before the failure
+    uint64_t dropped_before = 0;              // likewise
 };
 
 void take_events(mediafiles_recorder *recorder, outcome &seen)
@@ -107,7 +108,10 @@ outcome record(const card &on, const failing::plan &orders)
     size_t at = 0;
     for (const frame &each : sources[0].frames) {
         const mediafiles_recorder_stats stats = stats_of(recorder);
-        if (!faults.has_hit()) seen.safe_before = {stats.safe[0], stats.safe[1]};
+        if (!faults.has_hit()) {
+            seen.safe_before = {stats.safe[0], stats.safe[1]};
+            seen.dropped_before = stats.frames_dropped;
+        }
         for (; at < sources[1].frames.size() && sources[1].frames[at].time <= each.time; ++at)
             push(recorder, 1, sources[1].frames[at]);
         push(recorder, 0, each);
@@ -151,7 +155,10 @@ void judge(const card &on, const outcome &seen)
     const std::set<size_t> pictures = found_frames(all.samples[1], video, true),
                            sounds = found_frames(all.samples[2], sources[1].frames, false);
     if (seen.has_deleted) return;
-    for (size_t n = 0; n < seen.safe_before[0]; ++n) EXPECT_TRUE(pictures.contains(n)) << "picture " << n;
+    EXPECT_EQ(seen.dropped_before, 0u);
+    for (size_t n = 0; n < seen.safe_before[0]; ++n)
+        EXPECT_TRUE(pictures.contains(n)) << "picture " << n << " of " << testing::PrintToString(seen.safe_before)
+                                          << ", found " << testing::PrintToString(pictures);
     for (size_t n = 0; n < seen.safe_before[1]; ++n) EXPECT_TRUE(sounds.contains(n)) << "sound " << n;
     const size_t due = sources[0].frames.size() + sources[1].frames.size();
     is_whole &= pictures.size() + sounds.size() >= due + (seen.has_extra ? extra().size() : 0);
