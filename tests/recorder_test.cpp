@@ -443,6 +443,24 @@ TEST(Recorder, TheOldestFilesMakeRoomForEachThatIsFinished)
     EXPECT_EQ(on.names().size(), 3u);
 }
 
+/* The first file stays open for its sound; the second begins with a round of its own. */
+TEST(Recorder, MakesFramesSafeInTheirOrder)
+{
+    const card on;
+    const stream video = camera(2, 2'000);
+    const recorder_ptr recorder = start(on, {h264(), aac(48000)}, [](auto &o) {
+        o.sync_ns = o.longest_gap_ns = 3'600 * second;
+        o.segment_ns = 400 * millisecond;
+    });
+    push(recorder, 1, load("aac_lc_48000_2", ".aac").front());
+    for (const frame &each : video) {
+        push(recorder, 0, each);
+        usleep(1'000);
+    }
+    EXPECT_TRUE(comes_true([&] { return stats_of(recorder).safe[0] > 10; }));
+    EXPECT_LT(stats_of(recorder).unsafe_ns, 400 * millisecond);
+}
+
 TEST(Recorder, AFullCardEndsTheFileUntilThereIsRoom)
 {
     const card on;

@@ -232,7 +232,7 @@ typedef struct mediafiles_recorder_stats {
     uint64_t frames_refused;         /* that no file can hold, or before the first key frame */
     uint64_t frames_let_go;          /* event mode: that no file was made of */
     uint64_t bytes_in, bytes_out;    /* out: given to the kernel */
-    uint64_t safe[MP4_MAX_TRACKS];   /* samples of each track that survive a power cut now */
+    uint64_t safe[MP4_MAX_TRACKS];   /* samples of each track, its first ones, that survive a power cut now */
     int64_t unsafe_ns;               /* of media that would be lost now, what is queued included */
     int64_t made_up_ns;              /* in sum: successors that came late begin as much earlier or later than assumed */
     uint64_t queue_used, queue_most; /* bytes; in event mode with those that are kept for an event */

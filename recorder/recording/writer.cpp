@@ -260,7 +260,11 @@ void writer::count_running(const open_file *but)
     shared_->running_samples = samples;
 }
 
-/* @return whether all that was to be written is written */
+/*
+ * Frames become safe in their order: before a file's round, those before it have theirs.
+ *
+ * @return whether all that was to be written is written
+ */
 bool writer::make_rounds(clock::time_point now)
 {
     bool is_good = true;
@@ -270,11 +274,16 @@ bool writer::make_rounds(clock::time_point now)
     count_running();
     const bool is_awaited = seen_until_ >= round_at_;
     if (is_awaited) round_at_ = queue::everything;
-    for (const auto &each : files_) {
-        open_file &file = *each;
+    size_t due = 0; // files up to the last one whose round is due
+    for (size_t n = 0; n < files_.size(); ++n) {
+        open_file &file = *files_[n];
         if (is_awaited) file.had_round = false;
-        if (file.has_failed || file.shared->is_busy || !file.files().has_news()) continue;
-        if (file.had_round && now < later(file.last_round, options_.sync)) continue;
+        if (file.wants_round() && (!file.had_round || now >= later(file.last_round, options_.sync))) due = n + 1;
+    }
+    for (size_t n = 0; n < due; ++n) {
+        open_file &file = *files_[n];
+        if (!file.wants_round()) continue;
+        if (file.shared->is_busy) break;
         if (file.files().take_round(file.shared->pending) != 0) {
             file.shared->error = errno;
             is_good = false;
@@ -308,8 +317,11 @@ clock::time_point writer::deadline() const
     }
     for (const auto &each : files_) {
         if (each->has_end) first = std::min(first, later(each->ended, old_files_wait_));
-        if (!each->shared->is_busy && each->shared->files.has_news())
-            first = std::min(first, each->had_round ? later(each->last_round, options_.sync) : each->last_round);
+    }
+    for (const auto &each : files_) {
+        if (!each->wants_round()) continue;
+        if (each->shared->is_busy) break; // its end wakes
+        first = std::min(first, each->had_round ? later(each->last_round, options_.sync) : each->last_round);
     }
     return first;
 }

@@ -40,6 +40,7 @@ struct open_file {
     clock::time_point last_round = {}, ended = {};
 
     segment &files() { return shared->files; }
+    bool wants_round() const { return !has_failed && shared->files.has_news(); }
 };
 
 inline clock::time_point later(clock::time_point from, int64_t by)
