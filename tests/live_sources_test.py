@@ -167,7 +167,7 @@ class Streams(LiveTest):
         self.record(f"udp://127.0.0.1:{port}", output=self.clip)
         self.sender(*send).wait()
         self.sender(*send).wait()
-        self.until_said("recorded without a gap")
+        self.until_said("time jump: ")
         self.until_recorded(1)
         summary = self.end()
         self.assertEqual([summary["sources"][0][k] for k in ("connections", "steps")], [1, 1])
@@ -189,19 +189,23 @@ class Streams(LiveTest):
                 self.assertEqual([t["backwards"] for t in summary["tracks"]], [0, 0])
 
     def test_pauses_and_wraps(self):
-        """Times that rest for eight hours or come to the end of their 33 bits lose no frame and no time."""
-        pause = r"setts=ts=TS+gte(TS*TB\,2)*8*3600/TB"
+        """Times that rest for eight hours or come to the end of their 33 bits lose no frame and no time; 3 s are a gap."""
+        def pause(length):
+            bits = rf"setts=ts=TS+gte(TS*TB\,2)*{length}/TB"
+            return "-bsf:v", bits, "-bsf:a", bits
         whole = self.directory / "whole.mkv"
         judge.run("ffmpeg", "-v", "error", "-i", self.transport_stream(), "-c", "copy", whole)
-        for name, steps, options in (("mkv", 1, ("-bsf:v", pause, "-bsf:a", pause)),
-                                     ("ts", 0, ("-output_ts_offset", str(2**33 // 90000 - 2)))):
-            with self.subTest(name):
+        for name, steps, gap, options in (("mkv", 1, 0, pause(8 * 3600)), ("mkv", 0, 3, pause(3)),
+                                          ("ts", 0, 0, ("-output_ts_offset", str(2**33 // 90000 - 2)))):
+            with self.subTest(name, gap=gap):
                 given = self.directory / f"given.{name}"
-                judge.run("ffmpeg", "-v", "error", "-i", whole, "-c", "copy", *options, given)
+                judge.run("ffmpeg", "-v", "error", "-y", "-i", whole, "-c", "copy", *options, given)
                 self.record(given, "--overwrite", output=self.clip)
                 summary = self.end(by=None)
-                self.assertEqual((self.runs(summary), summary["sources"][0]["steps"]), ([100], steps))
-                self.assertAlmostEqual(summary["duration"], 5.04, delta=0.1)
+                source = summary["sources"][0]
+                self.assertEqual((self.runs(summary), source["steps"], source["gaps"]), ([100], steps, gap // 3))
+                self.assertAlmostEqual(source["gap_duration"], gap, delta=0.1)
+                self.assertAlmostEqual(summary["duration"], 5.04 + gap, delta=0.1)
 
     def test_transports(self):
         """A sender that is asked over TCP, one over SRT, and one that publishes over RTMP, beside each other."""

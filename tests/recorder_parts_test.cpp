@@ -369,13 +369,17 @@ const struct {
      nullptr},
     {"header cut", aac, "fff14c80", "fault: damaged (its ADTS header is cut, or states another length)", nullptr},
     {"another rate", aac, "fff1508001 3ffc 2100",
-     "fault: its ADTS header states another profile, rate or channel count, or two AAC blocks", nullptr},
+     "fault: its ADTS header has another profile, rate or channel count than the track, or several AAC blocks",
+     nullptr},
     {"one channel", aac, "fff14c4001 3ffc 2100",
-     "fault: its ADTS header states another profile, rate or channel count, or two AAC blocks", nullptr},
+     "fault: its ADTS header has another profile, rate or channel count than the track, or several AAC blocks",
+     nullptr},
     {"another profile", aac, "fff10c8001 3ffc 2100",
-     "fault: its ADTS header states another profile, rate or channel count, or two AAC blocks", nullptr},
+     "fault: its ADTS header has another profile, rate or channel count than the track, or several AAC blocks",
+     nullptr},
     {"two blocks", aac, "fff14c8001 3ffd 2100",
-     "fault: its ADTS header states another profile, rate or channel count, or two AAC blocks", nullptr},
+     "fault: its ADTS header has another profile, rate or channel count than the track, or several AAC blocks",
+     nullptr},
 };
 
 /* In one piece, in up to four, and in one for each byte. */

@@ -14,7 +14,8 @@ inline std::string words_of(int error)
 {
     std::string text = std::strerror(error);
     if (error == EIO) return text + "; the card may be failing";
-    if (error == EFBIG) return text + ": a size limit of the system (ulimit -f) or of the file system; see --segment";
+    if (error == EFBIG)
+        return text + ": a limit of the system (ulimit -f) or of the file system; --segment makes smaller files";
     return text;
 }
 

@@ -378,15 +378,15 @@ const char *mediafiles_refused_text(uint32_t reason)
     static constexpr const char *texts[] = {
         "",
         "it is empty",
-        "it is too large",
+        "it has 2 GiB or more",
         "damaged (it has no start code)",
         "damaged (a NAL unit header is cut off)",
         "damaged (a parameter set has no valid number)",
         "damaged (its ADTS header is cut, or states another length)",
-        "its ADTS header states another profile, rate or channel count, or two AAC blocks",
+        "its ADTS header has another profile, rate or channel count than the track, or several AAC blocks",
         "a file begins with a key frame",
-        "no parameter set says its size",
-        "its time is out of range",
+        "no parameter set (SPS) before it says its size",
+        "its time is more than 146 years from 0",
     };
     static_assert(std::size(texts) == MEDIAFILES_REFUSED_TIME + 1);
     return reason < std::size(texts) ? texts[reason] : "";

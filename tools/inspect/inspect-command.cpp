@@ -63,7 +63,7 @@ bool inspect(const std::string &path, inspect_form form, std::FILE *to)
     throw failure(cannot_read, path,
                   std::ranges::count(begin, 0) == static_cast<ptrdiff_t>(begin.size())
                       ? "it begins with zeros, as a file does that a power cut has emptied"
-                      : "it begins neither as an MP4 file nor as a journal");
+                      : "it begins neither as an MP4 file nor as a journal; is it the right file?");
 }
 
 void print_error(const std::string &path, const char *error, inspect_form form, std::FILE *to)

@@ -4,6 +4,8 @@
 #include <array>
 #include <optional>
 
+#include "tools/print.h"
+
 namespace tools {
 
 namespace {
@@ -43,8 +45,16 @@ std::string objection(std::span<const uint8_t> config, uint32_t rate, uint32_t c
     const uint32_t type = bits >> 11;
     if (type != low_complexity) return "audio object type " + std::to_string(type) + "; only AAC-LC can be recorded";
     if (announces_band_replication(config)) return "HE-AAC; only AAC-LC can be recorded";
-    if ((bits >> 7 & 0xF) != *index) return "its AudioSpecificConfig and the container disagree on the sample rate";
-    if ((bits >> 3 & 0xF) != channels) return "its AudioSpecificConfig and the container disagree on the channels";
+    const uint32_t own_index = bits >> 7 & 0xF, own_channels = bits >> 3 & 0xF;
+    if (own_index != *index)
+        return print(
+            "sampling frequency index %u in its AudioSpecificConfig, but %u (%u Hz) in the container; encode it "
+            "anew",
+            own_index, *index, rate);
+    if (own_channels != channels)
+        return print("channel configuration %u in its AudioSpecificConfig, but %u channels in the container; encode it "
+                     "anew",
+                     own_channels, channels);
     if ((bits & 0x4) != 0) return "frames of 960 samples; only 1024 can be recorded";
     return {};
 }

@@ -28,7 +28,7 @@ void append(const std::string &path, std::vector<std::string> &to)
         const size_t end = text[0] == '-' ? text.find_first_of(blank) : std::string::npos;
         const std::string name = text.substr(0, end);
         if (name == option || name.starts_with(std::string(option) + "="))
-            throw failure(cannot_read, path, "it names another one; only the command line may have --config");
+            throw failure(cannot_read, path, "--config stands in it; only the command line may have that");
         to.push_back(name);
         if (end != std::string::npos) to.push_back(trimmed(text.substr(end)));
     }

@@ -18,18 +18,19 @@ std::string frames(uint64_t count)
     return counted(count, "frame");
 }
 
-/* The options by which nothing more may be written, and what is free. */
+/* What is free, and the options by which no more may be used. */
 std::string no_room(const std::string &path, const record_options &options)
 {
+    const auto megabytes = [](auto bytes) { return print("%.1f MB", static_cast<double>(bytes) / 1e6); };
     const std::string directory = std::filesystem::path(path).parent_path();
     std::error_code ignored;
     const auto free = std::filesystem::space(directory.empty() ? "." : directory, ignored).available;
-    const bool is_default = !options.keep_free && place_of(options.output).is_numbered;
-    std::string text = "no room";
-    if (is_default || options.keep_free.value_or(0) != 0) text += " beside --keep-free";
-    if (is_default) text += " (64M)";
-    if (options.quota != 0) text += ", within --quota";
-    return text + print(": %.1f MB are free; make room", static_cast<double>(free) / 1e6);
+    const int64_t usually_kept = place_of(options.output).is_numbered ? 64 << 20 : 0;
+    const int64_t kept = options.keep_free.value_or(usually_kept);
+    std::string text = "no room: " + megabytes(free) + " are free";
+    if (kept != 0) text += ", " + megabytes(kept) + " stay free for --keep-free";
+    if (options.quota != 0) text += ", --quota allows files of " + megabytes(options.quota);
+    return text + "; delete files" + (kept != 0 || options.quota != 0 ? ", or change that" : "");
 }
 
 std::string no_directory(int error)
@@ -52,21 +53,22 @@ event_message message_of(const mediafiles_recorder_event &event, const event_con
     case MEDIAFILES_EVENT_NOT_RECOVERED: {
         const bool is_known = event.reason != 0 && event.reason != MEDIAFILES_REASON_SYSTEM;
         const std::string why = is_known ? mediafiles_reason_text(event.reason) : std::strerror(event.error);
-        const std::string repair = "; 'mediafiles repair " + path + "'";
+        const std::string repair = "; 'mediafiles repair " + path + "' says what helps";
         return {weight::problem,
                 place_of(options.output).is_numbered
-                    ? failure("cannot complete an earlier file", path, why + "; the new one goes on" + repair).what()
+                    ? failure("cannot complete an earlier file", path, why + "; the recording goes on" + repair).what()
                     : failure("cannot complete", path, why + repair).what()};
     }
     case MEDIAFILES_EVENT_DELETED:
         return {weight::note, "deleted: " + path + print(": %ju bytes", uintmax_t{event.count})};
     case MEDIAFILES_EVENT_STALLED:
-        return {weight::problem,
-                "the medium is slow: " + path + ": frames wait in memory; when --queue is full, they are lost"};
+        return {weight::problem, "the medium is slow: " + path +
+                                     ": frames wait in memory; when --queue is full, they are lost: a faster card "
+                                     "helps, or a larger --queue"};
     case MEDIAFILES_EVENT_GOES_ON:
         return {weight::note, "the recording goes on: " + path};
     case MEDIAFILES_EVENT_CLOCK:
-        return {weight::note, "time jump: " + stream + print(": %.3f s", seconds(event.to - event.from))};
+        return {weight::note, "gap: " + stream + print(": %.3f s", seconds(event.to - event.from))};
     case MEDIAFILES_EVENT_DROPPED:
         return {weight::problem,
                 frames(event.count) + " lost: " + stream +
@@ -86,9 +88,10 @@ event_message message_of(const mediafiles_recorder_event &event, const event_con
         return {weight::failure, failure("cannot write", path, event.error).what()};
     case MEDIAFILES_EVENT_PROTECTED:
         if (event.error != 0)
-            return {weight::problem, failure("cannot protect", path,
-                                             words_of(event.error) + "; --quota may delete it: copy it to a safe place")
-                                         .what()};
+            return {weight::problem,
+                    failure("cannot protect", path,
+                            words_of(event.error) + "; it may be deleted to make room: copy it to a safe place")
+                        .what()};
         return {weight::note, "protected: " + path};
     default:
         return {};

@@ -44,6 +44,19 @@ std::string real_directory(const output_place &place)
     return real.get();
 }
 
+/* What --overwrite does not replace. */
+std::string what_protects(const std::string &output)
+{
+    struct stat status;
+    for (const std::string &path : {output, journal_of(output)}) {
+        if (lstat(path.c_str(), &status) != 0) continue;
+        const std::string which = path == output ? "it" : "its journal";
+        if (!S_ISREG(status.st_mode)) return which + " is not a regular file";
+        if ((status.st_mode & (S_IWUSR | S_IWGRP | S_IWOTH)) == 0) return which + " is write-protected";
+    }
+    return "it exists";
+}
+
 std::string reason_of_start(const record_options &options, const output_place &place, int error)
 {
     struct stat status;
@@ -54,8 +67,7 @@ std::string reason_of_start(const record_options &options, const output_place &p
     if (place.is_numbered) return words_of(error);
     if (error == EINVAL) return "it is not the name of a file; write DIRECTORY/NAME.mp4";
     if (error == EBUSY) return "another process records it; choose another --output";
-    if (error == EEXIST && options.overwrite)
-        return "it is write-protected, or not a regular file; choose another --output";
+    if (error == EEXIST && options.overwrite) return what_protects(options.output) + "; choose another --output";
     if (error == EEXIST && is_there(journal_of(options.output), status))
         return "it exists with a journal, so it may have been cut off; repair it, or choose another --output; "
                "--overwrite replaces both";

@@ -54,8 +54,10 @@ void refuse_former_options(CLI::App &line)
         bool has_value;
     } former[] = {
         {"--journal", "the journal is always OUT.mp4.journal", true},
-        {"--no-journal", "there is a journal until the recording is finished; see --sync", false},
-        {"--buffer", "the write cache has a fixed size; see --sync and --queue", true},
+        {"--no-journal", "the journal is removed when the recording is finished; a longer --sync writes it less often",
+         false},
+        {"--buffer",
+         "its size is fixed; --queue sets the memory for frames that wait, --sync how much a power cut may cost", true},
     };
     for (const auto &each : former) {
         const auto refuse = [each](const std::string &) {
@@ -77,7 +79,7 @@ void check_range(const std::string &option, const std::string &text, quantity ki
     const int64_t limit = value < least ? least : most;
     const std::string shown = limit == 1               ? "more than 0"
                               : kind == quantity::time ? print("%.9g s", seconds(limit))
-                                                       : print("%jd bytes", intmax_t{limit});
+                                                       : print("%jdK", intmax_t{limit / 1024});
     const char *what = limit == 1      ? "' is too little; "
                        : value < least ? "' is too little; at least "
                                        : "' is too much; at most ";
@@ -106,7 +108,7 @@ CLI::Option *add_quantity(CLI::App &line, const char *name, Number &value, int64
 void take_segment(record_options &options, const std::vector<std::string> &given)
 {
     for (const std::string &text : given) {
-        const auto time = time_of(text), size = size_of(text);
+        const auto time = text.ends_with('M') ? std::nullopt : time_of(text), size = size_of(text); // 5m is a time
         const auto value = time ? time : size;
         if (!value) throw CLI::ValidationError("--segment", is_not(text, "a time (60s) or a size (500MB)"));
         check_range("--segment", text, time ? quantity::time : quantity::size, *value, 1,

@@ -29,6 +29,9 @@ constexpr int64_t duration_slack = 30 * second;
 /* By the clock a recording of live sources ends so long after its duration. */
 constexpr auto live_slack = 1s;
 
+/* What the summary counts as a gap; frames may come at odd times. */
+constexpr int64_t smallest_gap = second;
+
 /* How often a wait for room in the queue, which nothing interrupts, looks at what else happens. */
 constexpr auto poll_interval = 50ms;
 
@@ -67,13 +70,7 @@ bool recording::add(const source_frame &next)
     if (!tracks_.knows(next.source, content.from.get())) adopt(next.source, content.from);
     const size_t track = tracks_.of(next.source, content.stream);
     if (!tracks_.all[track].recorded_as) return true;
-    if (next.step) {
-        ++summary_.sources[next.source].steps;
-        console_.problem(
-            failure("time jump", stream_of(track), print("%.3f s: recorded without a gap", seconds(*next.step)))
-                .what());
-        if (may_split(options_)) mediafiles_recorder_split(recorder_.get());
-    }
+    note_times(next, track);
     if (!is_within_duration(tracks_.all[track], content.time)) return true;
     if (content.reordered) {
         fail(reordering(stream_of(track)));
@@ -86,6 +83,27 @@ bool recording::add(const source_frame &next)
     else if (!tracks_.all[track].can_wait || await_room(static_cast<size_t>(content.packet->size)))
         push(track, content);
     return true;
+}
+
+/* Where the source's times jump, and where it had nothing for a while. */
+void recording::note_times(const source_frame &next, size_t track)
+{
+    constexpr int64_t smallest_shown = second / 1000;
+    const auto &[time, step, gap] = next.time;
+    source_summary &source = summary_.sources[next.source];
+    if (gap > smallest_gap) {
+        ++source.gaps;
+        source.gap_time += gap;
+    }
+    if (!step) return;
+    ++source.steps;
+    std::string text = print("%.3f s: recorded ", seconds(*step));
+    text += gap < smallest_shown ? "without a gap" : print("after a gap of %.3f s", seconds(gap));
+    if (may_split(options_)) {
+        mediafiles_recorder_split(recorder_.get());
+        text += ", in a new file from the next key frame on";
+    }
+    console_.problem(failure("time jump", stream_of(track), text).what());
 }
 
 /* False when the recording has ended meanwhile. */
@@ -105,7 +123,7 @@ void recording::push(size_t track, const frame &content)
     const int result = mediafiles_recorder_push(recorder_.get(), *tracks_.all[track].recorded_as, packet->data,
                                                 static_cast<size_t>(packet->size), following(track, content.time), 0);
     if (result < 0 && errno == EMSGSIZE)
-        leave_out(track, "it does not fit into --queue");
+        leave_out(track, print("its %d bytes do not fit into --queue; make that larger", packet->size).c_str());
     else if (result < 0)
         end(failure("cannot write", options_.output, errno).what());
     else if (result == 0 && content.damaged)

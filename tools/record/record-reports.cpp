@@ -151,7 +151,8 @@ void recording::heed(const mediafiles_recorder_event &event)
         break;
     case weight::failure: // of numbered files the next one may succeed
         is_held_up_ = true;
-        place_.is_numbered ? report(message.text + "; the recording goes on as soon as it can") : end(message.text);
+        place_.is_numbered ? report(message.text + "; the recording goes on as soon as it can")
+                           : end(message.text + "; the recording ends");
         break;
     }
 }

@@ -4,6 +4,7 @@
 
 #include "tools/journal-name.h"
 #include "tools/print.h"
+#include "tools/seconds.h"
 #include "tools/track-description.h"
 
 namespace tools {
@@ -62,15 +63,19 @@ ordered_json object(const recorded_file &file)
 
 std::string line(const source_summary &source)
 {
-    if (source.connections < 2 && source.stalls == 0 && source.steps == 0) return {};
-    return "  " + source.name + ": opened " + counted(source.connections, "time") + ", silent " +
-           counted(source.stalls, "time") + ", " + counted(source.steps, "time jump") + "\n";
+    if (source.connections < 2 && source.stalls == 0 && source.steps == 0 && source.gaps == 0) return {};
+    std::string text = "  " + source.name + ": opened " + counted(source.connections, "time") + ", silent " +
+                       counted(source.stalls, "time") + ", " + counted(source.steps, "time jump");
+    if (source.gaps != 0)
+        text += ", " + counted(source.gaps, "gap") + print(" (%.3f s in all)", seconds(source.gap_time));
+    return text + "\n";
 }
 
 ordered_json object(const source_summary &source)
 {
-    return {
-        {"name", source.name}, {"connections", source.connections}, {"stalls", source.stalls}, {"steps", source.steps}};
+    return {{"name", source.name},     {"connections", source.connections},
+            {"stalls", source.stalls}, {"steps", source.steps},
+            {"gaps", source.gaps},     {"gap_duration", seconds(source.gap_time)}};
 }
 
 uint64_t bytes_of(const recording_summary &summary)
@@ -91,8 +96,9 @@ double duration_of(const recording_summary &summary)
 
 std::string to_text(const recording_summary &summary)
 {
-    std::string text = summary.output + print(": %.3f s, %ju bytes, stopped by: %s\n", duration_of(summary),
-                                              uintmax_t{bytes_of(summary)}, name(summary.stopped_by));
+    std::string text = summary.output + print(": %.3f s in ", duration_of(summary)) +
+                       counted(summary.files.size(), "file") +
+                       print(", %ju bytes, stopped by: %s\n", uintmax_t{bytes_of(summary)}, name(summary.stopped_by));
     for (size_t i = 0; i < summary.tracks.size(); ++i) text += line(i, summary.tracks[i]);
     for (const source_summary &each : summary.sources) text += line(each);
     if (summary.lost != 0) text += "  lost: " + counted(summary.lost, "frame") + "\n";

@@ -18,8 +18,10 @@ enum class stop_reason { end, lost, signal, duration, error };
 struct source_summary {
     std::string name;
     uint64_t connections = 0;
-    uint64_t stalls = 0; // no data for the timeout
-    uint64_t steps = 0;  // of its times, which were joined on
+    uint64_t stalls = 0;  // no data for the timeout
+    uint64_t steps = 0;   // of its times, which were joined on
+    uint64_t gaps = 0;    // more than a second without a frame of it
+    int64_t gap_time = 0; // ns: all of them
 };
 
 struct track_summary {

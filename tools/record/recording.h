@@ -61,6 +61,7 @@ private:
     recording_status status(steady::time_point now);
 
     bool add(const source_frame &next);
+    void note_times(const source_frame &next, size_t track);
     bool await_room(size_t bytes);
     void push(size_t track, const frame &content);
     void leave_out(size_t track, const char *why);

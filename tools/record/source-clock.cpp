@@ -108,6 +108,8 @@ bool source_clock::follows(const stream_times &stream, int64_t delta, const fram
 
 source_clock::mapped source_clock::map(const frame &next, const common_clock &common)
 {
+    const bool is_paced = std::ranges::any_of(streams_, [](const stream_times &each) { return each.usual > 0; });
+    const int64_t end = furthest();
     if (next.from != connection_) connect(next, common);
     stream_times &stream = streams_[next.stream];
     mapped result{};
@@ -132,6 +134,7 @@ source_clock::mapped source_clock::map(const frame &next, const common_clock &co
     result.time = stream.recorded = next.time + stream.offset;
     latest_ = std::max(latest_.value_or(result.time), result.time);
     latest_arrival_ = next.arrival;
+    if (is_paced) result.gap = std::max<int64_t>(result.time - end, 0);
     return result;
 }
 

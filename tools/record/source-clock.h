@@ -46,10 +46,10 @@ private:
 /** The clock of one source. */
 class source_clock {
 public:
-    /** By how much a source's times differ from what was expected; its frames were joined on. */
     struct mapped {
         int64_t time;
-        std::optional<int64_t> step = {};
+        std::optional<int64_t> step = {}; // by how much the source's times jump; they were joined on
+        int64_t gap = 0;                  // more than usual between the frames before and this one, in the recording
     };
 
     /** @param common  that has begun */

@@ -148,7 +148,9 @@ source::outcome source::read_once()
         result.why = problem.what();
     }
     if (result.was_silent)
-        result.why = no_data(options_.timeout, name_.shown, retries_ ? "it is opened again" : "it is given up");
+        result.why = no_data(options_.timeout, name_.shown,
+                             retries_ ? "it is opened again"
+                                      : "given up (--retry never); --timeout sets how long it is waited for");
     if (result.is_final && !result.is_lost) result.why.clear();
     return result;
 }
@@ -362,9 +364,9 @@ std::optional<steady::time_point> source::notice_silence(steady::time_point now)
     const bool is_open = state_ == source_state::reading;
     if (!is_open && lost_at_) return std::nullopt; // which was reported
     counts_.stalls += is_open;
-    notices_.push_back(
-        {true, no_data(options_.timeout, name_.shown,
-                       is_open || name_.is_connection ? "it is waited for" : "nothing is written to it")});
+    notices_.push_back({true, no_data(options_.timeout, name_.shown,
+                                      is_open || name_.is_connection ? "it is waited for; check that it sends"
+                                                                     : "nothing writes to it; it is waited for")});
     return std::nullopt;
 }
 

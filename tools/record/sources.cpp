@@ -52,9 +52,9 @@ const frame *sources::front(size_t index)
 {
     frame *first = sources_[index]->front();
     if (!first || fronts_[index].is_mapped) return first;
-    const auto [time, step] = clocks_[index].map(*first, common_);
-    first->time = time + options_[index].offset;
-    fronts_[index] = {true, step};
+    const source_clock::mapped time = clocks_[index].map(*first, common_);
+    first->time = time.time + options_[index].offset;
+    fronts_[index] = {true, time};
     return first;
 }
 
@@ -76,7 +76,7 @@ std::optional<source_frame> sources::take()
     }
     if (!earliest || due_ != steady::time_point::max()) return std::nullopt;
     const merged seen = std::exchange(fronts_[*earliest], {});
-    return source_frame{*earliest, sources_[*earliest]->take(), seen.step};
+    return source_frame{*earliest, sources_[*earliest]->take(), seen.time};
 }
 
 bool sources::ended()

@@ -18,8 +18,8 @@ namespace tools {
 
 struct source_frame {
     size_t source;
-    frame content;               // its time is the recording's
-    std::optional<int64_t> step; // ns: the source's times have stepped before it; they were joined on
+    frame content;             // its time is the recording's
+    source_clock::mapped time; // what its time was made of
 };
 
 class sources {
@@ -59,7 +59,7 @@ public:
 private:
     struct merged {
         bool is_mapped = false; // the front has its time on the recording's clock
-        std::optional<int64_t> step;
+        source_clock::mapped time = {};
     };
 
     const frame *front(size_t index);

@@ -147,7 +147,7 @@ int run(const repair_line &given, int result_descriptor)
     for (const std::string &path : given.paths) paths.push_back(path.c_str());
     const int error = mediafiles_recover(paths.data(), paths.size(), &options, take_report, &all) == 0 ? 0 : errno;
     if (stopped)
-        all.out.problem("stopped: it can be repeated; what was repaired stays so");
+        all.out.problem("stopped by a signal: it can be repeated; what was repaired stays so");
     else if (error == ENOMEM || (error != 0 && all.counts.troubled() == 0)) // others were reported
         all.out.problem(std::string("cannot search: ") + std::strerror(error));
 

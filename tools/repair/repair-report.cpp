@@ -70,9 +70,9 @@ std::string cause_of(const mediafiles_report &report, const char *file)
         return text + print(": %.1f, not %.1f MB", megabytes(plan.media_end), megabytes(plan.media_end - plan.added));
     case MEDIAFILES_REASON_NOT_REGULAR:
         if (lstat(file, &status) != 0) return text;
-        if (S_ISLNK(status.st_mode)) return "it is a link";
+        if (S_ISLNK(status.st_mode)) return "it is a link; give the file that it leads to";
         if (!S_ISREG(status.st_mode)) return "it is not a regular file";
-        return status.st_nlink > 1 ? "it has several hard links" : text;
+        return status.st_nlink > 1 ? "it has several hard links; give a copy of it" : text;
     default:
         return text;
     }
@@ -107,7 +107,9 @@ const char *help_for(const mediafiles_report &report)
     case MEDIAFILES_REASON_CHANGED:
         return "; repeat when that has ended";
     case MEDIAFILES_REASON_EXISTS:
-        return "; choose another directory, or remove it";
+        return "; choose another directory, or remove that file";
+    case MEDIAFILES_REASON_CANNOT_REPLAY:
+        return "; 'mediafiles inspect' shows its journal";
     case MEDIAFILES_REASON_NO_MEDIA:
         return "; put the two beside each other";
     default:
@@ -156,10 +158,16 @@ std::string to_text(const mediafiles_report &report, bool dry_run)
     const std::string path = report.path;
     if (report.result == MEDIAFILES_FINISHED)
         return path + ": finished properly, left as it is" +
-               (report.plan && report.plan->foreign ? "; the journal beside it is not its own" : "");
+               (report.plan && report.plan->foreign
+                    ? "; the journal beside it is of another recording, or damaged, and is kept"
+                    : "");
     if (report.result == MEDIAFILES_EMPTY_REMOVED)
         return path + (dry_run ? ": holds no frame, can be removed" : ": held no frame, removed");
-    if (report.result == MEDIAFILES_NOT_OURS) return path + ": no recording of this kind, left as it is";
+    if (report.result == MEDIAFILES_NOT_OURS && report.error == EXDEV)
+        return path + ": another file system, not searched; name it as a PATH";
+    if (report.result == MEDIAFILES_NOT_OURS && report.error == ENAMETOOLONG)
+        return path + ": more than 8 directories deep, not searched; name it as a PATH";
+    if (report.result == MEDIAFILES_NOT_OURS) return path + ": not a recording of libmediafiles, left as it is";
     if (!has_movie(report)) return "";
 
     const mediafiles_plan_info &plan = *report.plan;
