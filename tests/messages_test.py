@@ -81,7 +81,9 @@ def damaged_journal():
 
 FILES = {
     "camera.h264": BASE.read_bytes, "b-frames.h264": REORDERED.read_bytes,
-    "nested.conf": lambda: b"--config other.conf", "empty.ts": bytes, "empty.h264": bytes,
+    "nested.conf": lambda: b"--config other.conf", "one-line.conf": lambda: b"# a camera\ncamera.h264 -o out.mp4",
+    "remark.conf": lambda: b"-o out.mp4 # a card", "quotes.conf": lambda: b"-o \"out.mp4\"",
+    "empty.ts": bytes, "empty.h264": bytes,
     "zeros.mp4": lambda: bytes(5000), "text.ts": lambda: b"text, not media",
     "96000.aac": lambda: other_header(b"\x40"), "main.aac": lambda: other_header(b"\x0c"), "two-blocks.aac": two_blocks,
     "mono-config.mp4": lambda: sound((0x11, 0x88)), "960.mp4": lambda: sound((0x11, 0x94)),
@@ -117,14 +119,18 @@ COMMANDS = {}
 COMMANDS["mediafiles"] = (
     ("", USAGE, "a command is missing: record, repair or inspect"),
     ("recrod camera.h264 -o out.mp4", USAGE, "there is no command recrod. Did you mean record?"),
+    ("help recrod", USAGE, "there is no command recrod. Did you mean record?"),
     ("--verison", USAGE, "there is no option --verison. Did you mean --version?"),
 )
 COMMANDS["mediafiles record"] = (
     # the line
     ("-o out.mp4", USAGE, "INPUT is missing"),
+    ("camera.h264 -o out.mp4 -q", USAGE, "there is no option -q. Did you mean --quota?"),
     ("camera.h264", USAGE, "--output is missing"),
     ("camera.h264 -o", USAGE, "--output needs a value: OUT.mp4"),
     ("camera.h264 -o out.mp4 --segmnt 5", USAGE, "there is no option --segmnt. Did you mean --segment?"),
+    ("camera.h264 -o %Y.mp4", USAGE,
+     "--output: '%Y.mp4' has %Y, but no {number}; fields are for numbered files"),
     ("camera.h264 -o -", USAGE, "--output: an MP4 file cannot be written to standard output; name a file"),
     ("- - -o out.mp4", USAGE, "INPUT: standard input (-) can be read by one input only"),
     ("camera.h264 -o out.mp4 --no-audio --no-video", USAGE,
@@ -159,13 +165,20 @@ COMMANDS["mediafiles record"] = (
     ("camera.h264 -o out.mp4 --input-option fast", USAGE,
      "--input-option: 'fast' is not KEY=VALUE; write it as rtsp_flags=prefer_tcp"),
     ("camera.h264 -o out.mp4 --map x", USAGE, "--map: 'x' is not a stream; write its number, v, a, v:0 or a:0"),
+    ("camera.h264 -o out.mp4 --map 3:v", USAGE, "--map: '3:v' is for input 3; the last one is 0"),
     ("--config none.conf", FAILED, "cannot read the configuration: none.conf: No such file or directory"),
-    ("--config nested.conf", FAILED,
-     "cannot read the configuration: nested.conf: --config stands in it; only the command line may have that"),
+    ("--config nested.conf", USAGE,
+     "wrong configuration: nested.conf: line 1: --config stands in it; only the command line may have that"),
+    ("--config one-line.conf", USAGE,
+     "wrong configuration: one-line.conf: line 2: each option needs a line of its own"),
+    ("--config remark.conf", USAGE,
+     "wrong configuration: remark.conf: line 1: a comment needs a line of its own"),
+    ("--config quotes.conf", USAGE, "wrong configuration: quotes.conf: line 1: values stand without quotes"),
     # sources that cannot be opened or recorded
     ("none.h264 -o out.mp4", FAILED, "cannot open: none.h264: No such file or directory"),
     ("foo://host -o out.mp4", FAILED,
-     "cannot open: foo://host: there is no protocol of this name; check what stands before the colon"),
+     "cannot open: foo://host: there is no protocol of this name; write an address as rtsp://HOST/..., a file as "
+     "./NAME"),
     ("camera.h264 -o out.mp4 --input-option fast=1", FAILED,
      "cannot open: camera.h264: it takes no option fast; check --input-option"),
     ("text.ts -o out.mp4", FAILED, "cannot open: text.ts: no known format; raw streams need --format"),
@@ -190,6 +203,9 @@ COMMANDS["mediafiles record"] = (
      "left out: 7.1.mp4: stream 0 (audio, aac): 8 channels; only 1 to 6 can be recorded"),
     ("camera.h264 scalable.mp4 -o out.mp4", DONE,
      "left out: scalable.mp4: stream 0 (audio, aac): audio object type 6; only AAC-LC can be recorded"),
+    ("camera.h264 -o out.mp4 --format aac", FAILED,
+     "left out: camera.h264: stream 0 (audio, aac): no AAC frame found in it\n"
+     "nothing to record: camera.h264: none of its streams can be recorded"),
     ("b-frames.h264 -o out.mp4", FAILED, "cannot record: b-frames.h264: stream 0: with B-frames it would play wrongly; "
      "encode without (x264, x265: --bframes 0; ffmpeg: -bf 0)"),
     (f"{URL}/401 -o out.mp4 --retry never", FAILED, f"cannot open: {URL}/401: the server wants a user and password, "
@@ -245,6 +261,7 @@ COMMANDS["mediafiles record"] = (
      "time jump: joined.ts: stream 0: -0.760 s: recorded without a gap, in a new file from the next key frame on"),
     # the output
     ("camera.h264 -o no/out.mp4", FAILED, "cannot record: no/out.mp4: its directory does not exist; make it first"),
+    ("camera.h264 -o /tmp", FAILED, "cannot record: /tmp: it is a directory; write DIRECTORY/NAME.mp4"),
     ("camera.h264 -o .", FAILED, "cannot record: .: it is not the name of a file; write DIRECTORY/NAME.mp4"),
     ("camera.h264 -o %T{number}.mp4", FAILED, "cannot record: %T{number}.mp4: it is not a pattern; "
      "write {number} or {number:DIGITS}, %Y %m %d %H %M %S, and .mp4 at the end"),
@@ -346,8 +363,9 @@ COMMANDS["mediafiles inspect"] = (
 UNCAUSED = {
     "only information": (
         ": holds no frame, can be removed", ": held no frame, removed",
-        ": not a recording of libmediafiles, left as it is", ": another file system, not searched; name it as a PATH",
-        ": more than 8 directories deep, not searched; name it as a PATH", ": finished properly, left as it is",
+        "; left as it is", "not a recording of libmediafiles, or its beginning is lost",
+        "it is on another file system; name it as a PATH to search it",
+        "it is more than 8 directories deep; name it as a PATH to search it", ": finished properly, left as it is",
         "; the journal beside it is of another recording, or damaged, and is kept",
         "left out what comes before the first key frame: ", "the recording goes on: ",
         "Make recordings that were cut off play again"),

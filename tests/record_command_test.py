@@ -168,7 +168,7 @@ class Record(judge.Test):
     def test_units(self):
         """Times and sizes as people write them: each comes to the same files."""
         times = ("2", "2s", "2000ms", "0:02", "00:00:02.0")
-        sizes = ("50K", "50KiB", "51.2KB", "51200B")
+        sizes = ("50K", "50KiB", "51.2KB", "51200B", "0.048828125M")
         for options in (times, sizes):
             found = set()
             for text in options:

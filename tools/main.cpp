@@ -14,11 +14,17 @@ int main(int argc, char **argv)
     const tools::command commands[] = {tools::add_record_command(program), tools::add_repair_command(program),
                                        tools::add_inspect_command(program)};
     std::vector<std::string> line = tools::arguments_of(argc, argv);
+    const auto end = [](const tools::failure &cause, int result) {
+        std::fprintf(stderr, "mediafiles: record: %s\n%s", tools::printable(cause.what()).c_str(),
+                     result == tools::wrong_usage ? "Try 'mediafiles record --help'.\n" : "");
+        return result;
+    };
     try {
         line = tools::with_config(line);
+    } catch (const tools::wrong_line &cause) {
+        return end(cause, tools::wrong_usage);
     } catch (const tools::failure &cause) {
-        std::fprintf(stderr, "mediafiles: record: %s\n", tools::printable(cause.what()).c_str());
-        return tools::failed;
+        return end(cause, tools::failed);
     }
     return tools::run_program(program, commands, std::move(line));
 }

@@ -52,12 +52,15 @@ size_t distance(std::string_view from, std::string_view to)
     return row.back();
 }
 
-/* " Did you mean X?", or nothing when none is near. */
+/* " Did you mean X?", or nothing when none is near. A letter stands for the first option that begins with it. */
 std::string suggestion(const std::string &given, const std::vector<std::string> &known)
 {
     const auto far = [&](const std::string &each) { return distance(given, each); };
-    const auto nearest = std::ranges::min_element(known, {}, far);
-    const bool is_near = nearest != known.end() && far(*nearest) <= 1 + given.size() / 4;
+    const auto begins = [&](const std::string &each) { return given.size() == 2 && each.starts_with('-' + given); };
+    auto nearest = std::ranges::find_if(known, begins);
+    const bool is_letter = nearest != known.end();
+    if (!is_letter) nearest = std::ranges::min_element(known, {}, far);
+    const bool is_near = is_letter || (nearest != known.end() && far(*nearest) <= 1 + given.size() / 4);
     return is_near ? " Did you mean " + *nearest + "?" : "";
 }
 
@@ -119,11 +122,11 @@ int run_program(CLI::App &program, std::span<const command> commands, std::vecto
 {
     fill_standard_descriptors();
     program.set_version_flag("--version", program.get_name() + " " MEDIAFILES_VERSION);
-    if (const std::string what = unknown_command(program, line); !what.empty()) return complain(program, what);
     if (!line.empty() && line[0] == "help" && program.get_require_subcommand_min() > 0) {
         line.erase(line.begin());
         line.emplace_back("--help");
     }
+    if (const std::string what = unknown_command(program, line); !what.empty()) return complain(program, what);
     try {
         std::ranges::reverse(line); // as it is taken
         program.parse(line);

@@ -123,7 +123,9 @@ int run(const inspect_line &given, int result_descriptor)
     const bool several = given.paths.size() > 1 || std::filesystem::is_directory(given.paths.front(), error);
     for (const std::string &path : given.paths) {
         try {
-            for (const std::string &file : files_of(path))
+            const std::vector<std::string> files = files_of(path);
+            if (files.empty()) console.note(path + ": no MP4 file and no journal in it");
+            for (const std::string &file : files)
                 is_well &= show(file, {given.json, several}, given.check, console, to);
         } catch (const failure &cause) {
             console.problem(cause.what());

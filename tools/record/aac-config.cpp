@@ -36,7 +36,8 @@ std::optional<uint32_t> frequency_index(uint32_t rate)
 
 std::string objection(std::span<const uint8_t> config, uint32_t rate, uint32_t channels)
 {
-    if (channels < 1 || channels > 6) return std::to_string(channels) + " channels; only 1 to 6 can be recorded";
+    if (channels == 0 || rate == 0) return "no AAC frame found in it";
+    if (channels > 6) return std::to_string(channels) + " channels; only 1 to 6 can be recorded";
     const auto index = frequency_index(rate);
     if (!index) return std::to_string(rate) + " Hz; only 7350 to 64000 Hz can be recorded";
     if (config.size() < 2) return {};

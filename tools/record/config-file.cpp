@@ -2,8 +2,6 @@
 
 #include <fstream>
 
-#include "tools/failure.h"
-
 namespace tools {
 
 namespace {
@@ -18,19 +16,42 @@ std::string trimmed(const std::string &text)
     return begin == std::string::npos ? "" : text.substr(begin, text.find_last_not_of(blank) + 1 - begin);
 }
 
+/* " --" or " -o " in it: names of files may have a minus sign, too. */
+bool has_option(const std::string &text)
+{
+    const std::string words = text + " ";
+    for (size_t at = 0; (at = words.find(" -", at)) != std::string::npos; at += 2)
+        if (words[at + 2] != ' ' && (words[at + 2] == '-' || words[at + 3] == ' ')) return true;
+    return false;
+}
+
+/* Why a line that holds something cannot be meant as it stands; empty for the others. */
+std::string objection_to(const std::string &line, const std::string &name, const std::string &value)
+{
+    if (name == option || name.starts_with(std::string(option) + "="))
+        return "--config stands in it; only the command line may have that";
+    if (line.find(" # ") != std::string::npos) return "a comment needs a line of its own";
+    if (has_option(value.empty() ? line : value)) return "each option needs a line of its own";
+    if (value.starts_with('"') || value.starts_with('\'')) return "values stand without quotes";
+    return {};
+}
+
 void append(const std::string &path, std::vector<std::string> &to)
 {
     std::ifstream file(path);
     if (!file) throw failure(cannot_read, path, errno);
+    unsigned number = 0;
     for (std::string text; std::getline(file, text);) {
+        ++number;
         text = trimmed(text);
         if (text.empty() || text[0] == '#') continue;
         const size_t end = text[0] == '-' ? text.find_first_of(blank) : std::string::npos;
         const std::string name = text.substr(0, end);
-        if (name == option || name.starts_with(std::string(option) + "="))
-            throw failure(cannot_read, path, "--config stands in it; only the command line may have that");
+        const std::string value = end != std::string::npos ? trimmed(text.substr(end)) : "";
+        if (const std::string why = objection_to(text, name, value); !why.empty())
+            throw wrong_line("wrong configuration", path, "line " + std::to_string(number) + ": " + why);
         to.push_back(name);
-        if (end != std::string::npos) to.push_back(trimmed(text.substr(end)));
+        if (end != std::string::npos) to.push_back(value);
     }
     if (file.bad()) throw failure(cannot_read, path, errno);
 }

@@ -9,9 +9,16 @@
 #include <string>
 #include <vector>
 
+#include "tools/failure.h"
+
 namespace tools {
 
-/** The command line with the lines of each "--config FILE" in its place. Throws failure. */
+/** What a line of the file holds is wrong usage, and stays so. */
+struct wrong_line : failure {
+    using failure::failure;
+};
+
+/** The command line with the lines of each "--config FILE" in its place. Throws failure where it cannot be read. */
 std::vector<std::string> with_config(const std::vector<std::string> &line);
 
 } // namespace tools

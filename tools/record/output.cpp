@@ -67,6 +67,8 @@ std::string reason_of_start(const record_options &options, const output_place &p
     if (place.is_numbered) return words_of(error);
     if (error == EINVAL) return "it is not the name of a file; write DIRECTORY/NAME.mp4";
     if (error == EBUSY) return "another process records it; choose another --output";
+    if (error == EEXIST && is_there(options.output, status) && S_ISDIR(status.st_mode))
+        return "it is a directory; write DIRECTORY/NAME.mp4";
     if (error == EEXIST && options.overwrite) return what_protects(options.output) + "; choose another --output";
     if (error == EEXIST && is_there(journal_of(options.output), status))
         return "it exists with a journal, so it may have been cut off; repair it, or choose another --output; "

@@ -217,13 +217,38 @@ const std::string *value_for(size_t input, size_t inputs, const std::vector<std:
     return &values[values.size() == 1 ? 0 : input];
 }
 
-/* "2:VALUE" is for the input 2. A value for all begins with a letter, or has no colon. */
-std::optional<std::string> if_for(size_t input, const std::string &value)
+/* "2:VALUE" is for the input 2: how many digits that number has. A value for all begins with a letter, or has no colon. */
+size_t digits_of_input(const std::string &value)
 {
     const size_t digits = value.find_first_not_of("0123456789");
-    if (digits == 0 || digits == std::string::npos || value[digits] != ':') return value;
+    return digits == std::string::npos || value[digits] != ':' ? 0 : digits;
+}
+
+std::optional<std::string> if_for(size_t input, const std::string &value)
+{
+    const size_t digits = digits_of_input(value);
+    if (digits == 0) return value;
     if (value.substr(0, digits) != std::to_string(input)) return std::nullopt;
     return value.substr(digits + 1);
+}
+
+void check_inputs_of(const char *option, const std::vector<std::string> &values, size_t inputs)
+{
+    for (const std::string &value : values) {
+        const std::string number = value.substr(0, digits_of_input(value));
+        if (!number.empty() && (number.size() > 4 || std::stoul(number) >= inputs))
+            throw CLI::ValidationError(option, "'" + value + "' is for input " + number + "; the last one is " +
+                                                   std::to_string(inputs - 1));
+    }
+}
+
+/* A field that is not replaced would stand in the file's name. */
+void check_fields(const std::string &output)
+{
+    for (const char *field : {"%Y", "%m", "%d", "%H", "%M", "%S", "{n", "{N"})
+        if (output.find(field) != std::string::npos)
+            throw CLI::ValidationError("--output", "'" + output + "' has " + field + (field[0] == '{' ? "...}" : "") +
+                                                       ", but no {number}; fields are for numbered files");
 }
 
 void take_input_option(input_options &options, const std::string &text)
@@ -307,6 +332,9 @@ record_options checked(const record_line &given)
     if (options.overwrite && is_numbered)
         throw CLI::ValidationError(
             "--overwrite", "numbered files never replace others; leave it out, or name one file without {number}");
+    if (!is_numbered) check_fields(options.output);
+    check_inputs_of("--input-option", given.input_options, given.inputs.size());
+    check_inputs_of("--map", given.streams, given.inputs.size());
     if (given.no_audio && given.no_video)
         throw CLI::ValidationError("--no-audio", "with --no-video as well nothing is left to record");
     for (size_t i = 0; i < given.inputs.size(); ++i) options.inputs.push_back(input_of(given, i));

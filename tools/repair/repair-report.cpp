@@ -45,13 +45,30 @@ ordered_json text_or_null(const char *text)
     return text ? ordered_json(text) : ordered_json(nullptr);
 }
 
+/* What a file is that is left alone for it; empty for a plain file. */
+std::string special_kind(const char *file)
+{
+    struct stat status;
+    if (lstat(file, &status) != 0) return {};
+    if (S_ISLNK(status.st_mode)) return "it is a link; give the file that it leads to";
+    if (!S_ISREG(status.st_mode)) return "it is not a regular file";
+    return status.st_nlink > 1 ? "it has several hard links; give a copy of it" : "";
+}
+
+std::string why_not_ours(const mediafiles_report &report)
+{
+    if (report.error == EXDEV) return "it is on another file system; name it as a PATH to search it";
+    if (report.error == ENAMETOOLONG) return "it is more than 8 directories deep; name it as a PATH to search it";
+    const std::string kind = report.reason == MEDIAFILES_REASON_NOT_REGULAR ? special_kind(report.path) : "";
+    return kind.empty() ? "not a recording of libmediafiles, or its beginning is lost" : kind;
+}
+
 /* With figures, and the one reason that applies of several. */
 std::string cause_of(const mediafiles_report &report, const char *file)
 {
     std::string text = mediafiles_reason_text(report.reason);
     const mediafiles_plan_info plan = report.plan ? *report.plan : mediafiles_plan_info{};
     const auto megabytes = [](uint64_t bytes) { return static_cast<double>(bytes) / 1e6; };
-    struct stat status;
     switch (report.reason) {
     case MEDIAFILES_REASON_SYSTEM:
         return std::strerror(report.error);
@@ -68,11 +85,10 @@ std::string cause_of(const mediafiles_report &report, const char *file)
         return text + print(": %.1f of %.1f MB", megabytes(plan.media_end), megabytes(plan.media_end + plan.cut));
     case MEDIAFILES_REASON_LARGE_GROWTH:
         return text + print(": %.1f, not %.1f MB", megabytes(plan.media_end), megabytes(plan.media_end - plan.added));
-    case MEDIAFILES_REASON_NOT_REGULAR:
-        if (lstat(file, &status) != 0) return text;
-        if (S_ISLNK(status.st_mode)) return "it is a link; give the file that it leads to";
-        if (!S_ISREG(status.st_mode)) return "it is not a regular file";
-        return status.st_nlink > 1 ? "it has several hard links; give a copy of it" : text;
+    case MEDIAFILES_REASON_NOT_REGULAR: {
+        const std::string kind = special_kind(file);
+        return kind.empty() ? text : kind;
+    }
     default:
         return text;
     }
@@ -163,11 +179,7 @@ std::string to_text(const mediafiles_report &report, bool dry_run)
                     : "");
     if (report.result == MEDIAFILES_EMPTY_REMOVED)
         return path + (dry_run ? ": holds no frame, can be removed" : ": held no frame, removed");
-    if (report.result == MEDIAFILES_NOT_OURS && report.error == EXDEV)
-        return path + ": another file system, not searched; name it as a PATH";
-    if (report.result == MEDIAFILES_NOT_OURS && report.error == ENAMETOOLONG)
-        return path + ": more than 8 directories deep, not searched; name it as a PATH";
-    if (report.result == MEDIAFILES_NOT_OURS) return path + ": not a recording of libmediafiles, left as it is";
+    if (report.result == MEDIAFILES_NOT_OURS) return path + ": " + why_not_ours(report) + "; left as it is";
     if (!has_movie(report)) return "";
 
     const mediafiles_plan_info &plan = *report.plan;
