@@ -62,7 +62,7 @@ bool inspect(const std::string &path, inspect_form form, std::FILE *to)
     if (begins_mp4(begin)) return inspect_mp4(file, form, to);
     throw failure(cannot_read, path,
                   std::ranges::count(begin, 0) == static_cast<ptrdiff_t>(begin.size())
-                      ? "it begins with zeros, as a file does that a power cut has emptied"
+                      ? "it begins with zeros, as a file does that a power cut has emptied; is there a copy?"
                       : "it begins neither as an MP4 file nor as a journal; is it the right file?");
 }
 

@@ -28,8 +28,8 @@ std::string no_room(const std::string &path, const record_options &options)
     const int64_t usually_kept = place_of(options.output).is_numbered ? 64 << 20 : 0;
     const int64_t kept = options.keep_free.value_or(usually_kept);
     std::string text = "no room: " + megabytes(free) + " are free";
-    if (kept != 0) text += ", " + megabytes(kept) + " stay free for --keep-free";
-    if (options.quota != 0) text += ", --quota allows files of " + megabytes(options.quota);
+    if (kept != 0) text += ", --keep-free is " + megabytes(kept);
+    if (options.quota != 0) text += ", --quota is " + megabytes(options.quota);
     return text + "; delete files" + (kept != 0 || options.quota != 0 ? ", or change that" : "");
 }
 

@@ -57,7 +57,9 @@ void refuse_former_options(CLI::App &line)
         {"--no-journal", "the journal is removed when the recording is finished; a longer --sync writes it less often",
          false},
         {"--buffer",
-         "its size is fixed; --queue sets the memory for frames that wait, --sync how much a power cut may cost", true},
+         "the write cache has a fixed size; --queue sets the memory for frames that wait, --sync how much a power cut "
+         "may cost",
+         true},
     };
     for (const auto &each : former) {
         const auto refuse = [each](const std::string &) {

@@ -33,7 +33,7 @@ constexpr auto time_to_look_ahead = 1s;
 /* A source that is away for longer has no say any more in where files begin. */
 constexpr auto longest_absence = 10s;
 
-constexpr const char *stopped = "stopped by a signal";
+constexpr const char *stopped_by_signal = "stopped by a signal";
 constexpr const char *nothing_yet = "no frame had been recorded yet, so there is no file";
 
 } // namespace
@@ -46,7 +46,7 @@ void recording::run()
     service_manager::notify("READY=1"); // whatever is away: it is waited for
     await_sources();
     look_ahead();
-    if (is_stopped_) throw failure(stopped, options_.output, nothing_yet);
+    if (is_stopped_) throw failure(stopped_by_signal, options_.output, nothing_yet);
 
     sources_->begin();
     begin_recorder();
@@ -235,7 +235,7 @@ void recording::finish()
     summary_.files = files_.list();
     const bool nothing = std::ranges::all_of(summary_.tracks, [](auto &each) { return each.frames == 0; });
     if (!nothing || summary_.error || options_.pre_event > 0) return;
-    if (summary_.stopped_by == stop_reason::signal) throw failure(stopped, options_.output, nothing_yet);
+    if (summary_.stopped_by == stop_reason::signal) throw failure(stopped_by_signal, options_.output, nothing_yet);
     throw failure("nothing was recorded", options_.output, "no frame could be used, so there is no file");
 }
 
