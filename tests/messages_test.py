@@ -149,7 +149,7 @@ COMMANDS["mediafiles record"] = (
      "that wait, --sync how much a power cut may cost"),
     ("camera.h264 -o out.mp4 --duration 1:70", USAGE, "--duration: '1:70' is not a time; write 90, 90s, 2m or 1:30"),
     ("camera.h264 -o out.mp4 --sync=-1", USAGE, "--sync: '-1' is too little; at least 0 s"),
-    ("camera.h264 -o out.mp4 --queue 1T", USAGE, "--queue: '1T' is too much; at most 1048576K"),
+    ("camera.h264 -o out.mp4 --queue 1T", USAGE, "--queue: '1T' is too much; at most 1024M"),
     ("camera.h264 -o out.mp4 --segment soon", USAGE, "--segment: 'soon' is not a time (60s) or a size (500MB)"),
     ("camera.h264 -o out.mp4 --segment 0", USAGE, "--segment: '0' is too little; more than 0"),
     ("camera.h264 -o out.mp4 --segment-bytes 1X", USAGE,
@@ -337,7 +337,7 @@ COMMANDS["mediafiles repair"] = (
      "cannot repair: other/cut.mp4: the output exists already; choose another directory, or remove that file", "there"),
     ("orphan.mp4.journal", FAILED,
      "cannot repair: orphan.mp4.journal: its media file is missing; put the two beside each other"),
-    ("link", FAILED, "cannot repair: link: it is a link; give the file that it leads to", "linked"),
+    ("link", FAILED, "cannot repair: link: it is a link; give what it leads to", "linked"),
     ("cut.mp4", FAILED, "cannot repair: cut.mp4: Input/output error; the card fails: copy the file and its .journal "
      "elsewhere, then repair the copy", "strace cut.mp4 pread64:error=EIO"),
     ("cut.mp4", FAILED,

@@ -16,6 +16,7 @@ namespace tools {
 namespace {
 
 constexpr int64_t longest_time = 1'000'000'000 * second;
+constexpr int64_t mebibyte = 1 << 20;
 constexpr int64_t most_bytes = int64_t{1} << 62;
 constexpr const char *a_time = "a time; write 90, 90s, 2m or 1:30";
 
@@ -74,6 +75,12 @@ void refuse_former_options(CLI::App &line)
 
 enum class quantity { time, size };
 
+/* Of a limit, which is a whole number of KiB, as an option takes it. */
+std::string size_text(int64_t bytes)
+{
+    return bytes % mebibyte == 0 ? print("%jdM", intmax_t{bytes / mebibyte}) : print("%jdK", intmax_t{bytes / 1024});
+}
+
 void check_range(const std::string &option, const std::string &text, quantity kind, int64_t value, int64_t least,
                  int64_t most)
 {
@@ -81,7 +88,7 @@ void check_range(const std::string &option, const std::string &text, quantity ki
     const int64_t limit = value < least ? least : most;
     const std::string shown = limit == 1               ? "more than 0"
                               : kind == quantity::time ? print("%.9g s", seconds(limit))
-                                                       : print("%jdK", intmax_t{limit / 1024});
+                                                       : size_text(limit);
     const char *what = limit == 1      ? "' is too little; "
                        : value < least ? "' is too little; at least "
                                        : "' is too much; at most ";

@@ -50,7 +50,7 @@ std::string special_kind(const char *file)
 {
     struct stat status;
     if (lstat(file, &status) != 0) return {};
-    if (S_ISLNK(status.st_mode)) return "it is a link; give the file that it leads to";
+    if (S_ISLNK(status.st_mode)) return "it is a link; give what it leads to";
     if (!S_ISREG(status.st_mode)) return "it is not a regular file";
     return status.st_nlink > 1 ? "it has several hard links; give a copy of it" : "";
 }
