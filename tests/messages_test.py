@@ -184,6 +184,8 @@ COMMANDS["mediafiles record"] = (
     ("text.ts -o out.mp4", FAILED, "cannot open: text.ts: no known format; raw streams need --format"),
     ("text.ts -o out.mp4 --format mpegts", FAILED,
      "cannot read: text.ts: no frame found in it; --format mpegts may be wrong"),
+    ("rtsp://host/cam -o out.mp4 --format h264", FAILED,
+     "cannot open: rtsp://host/cam: this protocol cannot be read with --format; leave that out"),
     ("empty.h264 -o out.mp4", FAILED, "cannot read: empty.h264: it is empty"),
     ("camera.h264 -o out.mp4 --map 7", FAILED,
      "nothing to record: camera.h264: --map 7 leaves none of its streams (0: video, h264)"),

@@ -219,7 +219,9 @@ std::string reason(int result, const source_name &name)
 /* What does not look like the format that was asked for. */
 std::string reason(int result, const source_name &name, const input_options &options)
 {
-    if ((result != AVERROR_INVALIDDATA && result != AVERROR_EOF) || !options.format) return reason(result, name);
+    if (!options.format) return reason(result, name);
+    if (result == AVERROR_PROTOCOL_NOT_FOUND) return "this protocol cannot be read with --format; leave that out";
+    if (result != AVERROR_INVALIDDATA && result != AVERROR_EOF) return reason(result, name);
     return std::string("no frame found in it; --format ") + options.format->name + " may be wrong";
 }
 

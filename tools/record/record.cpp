@@ -234,6 +234,8 @@ void recording::finish()
     end_recorder();
     summary_.files = files_.list();
     const bool nothing = std::ranges::all_of(summary_.tracks, [](auto &each) { return each.frames == 0; });
+    if (options_.pre_event > 0 && summary_.files.empty())
+        console_.note(options_.output + ": no event (SIGUSR1) has made a file");
     if (!nothing || summary_.error || options_.pre_event > 0) return;
     if (summary_.stopped_by == stop_reason::signal) throw failure(stopped_by_signal, options_.output, nothing_yet);
     throw failure("nothing was recorded", options_.output, "no frame could be used, so there is no file");
