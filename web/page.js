@@ -3,9 +3,9 @@ import {Helper} from "./helper.js";
 import {LICENCES, VERSION} from "./inlined.js";
 import {TEXTS, date, duration, number, size, text} from "./texts.js";
 import {drawing} from "./drawing.js";
+import {assertReadable, saveAs, saveInto} from "./saving.js";
 
 const COLUMNS = 400; // of a drawing
-const DOWNLOAD_PAUSE = 150; // ms: Chromium drops what is more than ten in a second
 const DEEPEST = 8; // folders, as the command goes
 const OPTION = {can_salvage: 2, can_keep_damaged: 4, can_force: 8}; // as recovery.h has them
 
@@ -110,7 +110,7 @@ async function examineAll(given) {
 /** @param options  of the plan, which the person has chosen */
 async function examine(item, options) {
     item.options = options;
-    item.blob = null;
+    item.blob = item.borrowed = null;
     const {media, journal} = item;
     if (!media) item.found = {result: "refused", reason: "no_media", tracks: []};
     else item.found = await helper.call("examine", {media, journal, options}).catch(() => ({result: "failed", reason: "system", tracks: []}));
@@ -241,7 +241,7 @@ function count() {
 async function repair(item) {
     const {media, journal, options} = item;
     try {
-        item.blob = await helper.call("repair", {media, journal, options});
+        Object.assign(item, await helper.call("repair", {media, journal, options}));
     } catch {
         item.found = {result: "failed", reason: "system", tracks: []};
     }
@@ -292,52 +292,48 @@ function newName(path) {
     return text("file_name", {stem, ending});
 }
 
-async function write(handle, blob) {
-    await blob.stream().pipeTo(await handle.createWritable());
-}
-
-function download(name, blob) {
-    const link = document.createElement("a");
-    link.href = URL.createObjectURL(blob);
-    link.download = name;
-    link.click();
-    setTimeout(() => URL.revokeObjectURL(link.href), 600000);
-}
-
-/** As a new file that the person chooses, where the browser has that; else as a download. */
-async function saveAs(name, blob) {
-    if (!window.showSaveFilePicker) return download(name, blob);
+/** Whether the card is still there; says so where it is not. */
+async function isThere(item) {
+    const file = fileOf(item);
     try {
-        await write(await window.showSaveFilePicker({suggestedName: name}), blob);
-        show("status", text("saved"));
-    } catch (error) {
-        if (error.name !== "AbortError") show("status", text("not_saved", {why: error.message}));
+        await assertReadable(file, item.borrowed ?? [[0, file.size]]);
+        return true;
+    } catch {
+        show("status", text("gone", {name: item.path}));
+        return false;
     }
 }
 
-const save = (item) => saveAs(newName(item.path), item.blob);
+async function saveFile(name, blob) {
+    try {
+        const done = await saveAs(name, blob);
+        if (done) show("status", text(done.key, done));
+    } catch (error) {
+        show("status", text("not_saved", {name, why: error.message}));
+    }
+}
+
+async function save(item) {
+    if (await isThere(item)) await saveFile(newName(item.path), item.blob);
+}
 
 /** Into a folder that the person chooses; names that two recordings share get a number. */
 async function saveAll() {
     const made = [...items.values()].filter((item) => item.blob), names = new Set();
+    let name = "";
     try {
         const folder = await window.showDirectoryPicker?.({mode: "readwrite"});
         for (const [index, item] of made.entries()) {
             working("saving", index, made.length);
-            let name = newName(item.path);
+            name = newName(item.path);
             for (let n = 2; names.has(name); n++) name = newName(item.path).replace(/(\.[^.]*)?$/, `-${n}$1`);
             names.add(name);
-            if (folder) await write(await folder.getFileHandle(name, {create: true}), item.blob);
-            else {
-                download(name, item.blob);
-                await new Promise((resolve) => setTimeout(resolve, DOWNLOAD_PAUSE));
-            }
+            if (!await isThere(item)) return working(null, text("gone", {name: item.path}));
+            await saveInto(folder, name, item.blob);
         }
-        working(null);
-        show("status", text("saved"));
+        working(null, text(folder ? "all_saved" : "downloads_started", {count: made.length}));
     } catch (error) {
-        working(null);
-        if (error.name !== "AbortError") show("status", text("not_saved", {why: error.message}));
+        working(null, error.name === "AbortError" ? "" : text("not_saved", {name, why: error.message}));
     }
 }
 
@@ -347,7 +343,7 @@ async function lookInside(item, at) {
     const lines = item.node.querySelector(".lines"), length = lengthOf(item), {tracks} = item.found;
     close(item, ".player");
     const {media, journal, options} = item;
-    const file = fileOf(item) ?? await helper.call("repair", {media, journal, options}).catch(() => new Blob());
+    const file = fileOf(item) ?? await helper.call("repair", {media, journal, options}).then(({blob}) => blob, () => new Blob());
     const drawn = await helper.call("draw", {file, columns: COLUMNS, length: length * 1.0001 || 1}).catch(() => []);
     const cut = item.found.result !== "finished";
     lines.replaceChildren(heading(text("time_line")),
@@ -447,7 +443,7 @@ async function addSums() {
 function saveReport() {
     const lines = rows().map((row) => row.filter(Boolean).join("\n  ").replaceAll("\n", "\n  "));
     const words = [text("report"), element("report-made").textContent, ...lines].join("\n\n");
-    saveAs(text("report_name"), new Blob([words + "\n"], {type: "text/plain"}));
+    saveFile(text("report_name"), new Blob([words + "\n"], {type: "text/plain"}));
 }
 
 /* ---- What happens now ------------------------------------------------- */
@@ -462,10 +458,10 @@ function progress(words, part) {
     if (part !== null) element("progress").value = part;
 }
 
-/** At so many of a total; null: nothing any more. */
+/** At so many of a total; null: nothing any more, and what came of it. */
 function working(key, index, total) {
     if (key) progress(text(key, {count: index + 1, total}), index / total);
-    else progress("", null);
+    else progress(index ?? "", null);
 }
 
 function begin() {

@@ -36,9 +36,14 @@ let repair = null;
 
 const sourceOf = (file) => file && new BlobSource(file);
 
-/** The result, without a copy of the media: it is read from the card when somebody reads the Blob. */
+/**
+ * The result, without a copy of the media: it is read from the card when somebody reads the Blob. `borrowed` is where in the
+ * Blob: [begin, end] of each such part.
+ */
 function blobOf(parts, media) {
     const zeros = new Uint8Array(1 << 16);
+    const borrowed = new Joined(parts, null).parts.filter(({part}) => part.begin !== undefined)
+        .map(({at, length}) => [at, at + length]);
     const pieces = parts.flatMap((part) => {
         if (part instanceof Uint8Array) return [part];
         if (typeof part === "object") return [media.slice(part.begin, part.end)];
@@ -47,7 +52,7 @@ function blobOf(parts, media) {
     });
     const blob = new Blob(pieces, {type: "video/mp4"});
     dropAll(parts);
-    return blob;
+    return {blob, borrowed};
 }
 
 function planOf({media, journal, options}) {

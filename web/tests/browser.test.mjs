@@ -6,7 +6,7 @@
 import assert from "node:assert/strict";
 import {execFileSync} from "node:child_process";
 import {createHash} from "node:crypto";
-import {mkdirSync, mkdtempSync, readFileSync, readdirSync, rmSync, statSync, writeFileSync} from "node:fs";
+import {cpSync, mkdirSync, mkdtempSync, readFileSync, readdirSync, rmSync, statSync, writeFileSync} from "node:fs";
 import {createRequire} from "node:module";
 import {tmpdir} from "node:os";
 import {basename, join, relative} from "node:path";
@@ -133,6 +133,50 @@ test("a folder that is dropped, then what was missing", async () => {
     await drop(`${path}.journal`);
     await page.waitForFunction(() => [...document.querySelectorAll("[data-state=repairable] h3")].some((name) => name.textContent === "clip-0025.mp4"));
     assert.deepEqual(problems, []);
+    await page.close();
+});
+
+const statusOf = (page) => page.$eval("#status", (status) => status.textContent);
+const waitForStatus = (page, words) => page.waitForFunction((wanted) =>
+    document.getElementById("status").textContent.startsWith(wanted), {}, words);
+
+/** A page with copies of some recordings of the card, repaired. */
+async function openRepaired(names, downloads) {
+    const directory = mkdtempSync(join(work, "given-"));
+    for (const name of names)
+        for (const each of [name, `${name}.journal`]) cpSync(join(card, "2026-11-20", each), join(directory, each));
+    const opened = await openPage(browser, downloads);
+    await give(opened.page, directory);
+    await settled(opened.page, names.length);
+    await press(opened.page, "Repair all");
+    await opened.page.waitForSelector("[data-state=repairable]", {hidden: true});
+    return {...opened, directory};
+}
+
+test("saved is said of what is saved", async () => {
+    const {page, directory} = await openRepaired(["clip-0009.mp4"], join(work, "one"));
+    const save = async (words) => {
+        await page.click(".item .buttons button:nth-child(2)");
+        await waitForStatus(page, words);
+    };
+    await save("Download started: clip-0009-recovered.mp4.");
+    await page.evaluate(() => { // where the browser can write files
+        window.written = 0;
+        window.showSaveFilePicker = async ({suggestedName: name}) => ({name, getFile: async () => ({size: window.written}),
+            createWritable: async () => new WritableStream({
+                write: ({length}) => void (window.written += length),
+                close: () => new Promise((resolve) => (window.finish = resolve)),
+            })});
+    });
+    await page.click(".item .buttons button:nth-child(2)");
+    await page.waitForFunction(() => window.finish);
+    assert.doesNotMatch(await statusOf(page), /^Saved/);
+    await page.evaluate(() => window.finish());
+    await waitForStatus(page, "Saved: clip-0009-recovered.mp4");
+    rmSync(join(directory, "clip-0009.mp4"));
+    await save(`${basename(directory)}/clip-0009.mp4 can no longer be read`);
+    await press(page, "Save all…");
+    await waitForStatus(page, `${basename(directory)}/clip-0009.mp4 can no longer be read`);
     await page.close();
 });
 
