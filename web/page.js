@@ -3,7 +3,7 @@ import {Helper} from "./helper.js";
 import {LICENCES, VERSION} from "./inlined.js";
 import {TEXTS, date, duration, number, size, text} from "./texts.js";
 import {drawing} from "./drawing.js";
-import {assertReadable, saveAs, saveInto} from "./saving.js";
+import {Target, assertReadable, saveAs} from "./saving.js";
 
 const COLUMNS = 400; // of a drawing
 const DEEPEST = 8; // folders, as the command goes
@@ -66,7 +66,7 @@ function takeInput({target}) {
 }
 
 function take(given) {
-    queue = queue.then(() => examineAll(given)).catch((error) => show("status", String(error)));
+    queue = queue.then(() => examineAll(given)).catch((error) => tell(String(error)));
 }
 
 const folderOf = (path) => path.slice(0, path.lastIndexOf("/") + 1);
@@ -104,7 +104,7 @@ async function examineAll(given) {
         await examine(add(each), 0);
     }
     working(null);
-    if (items.size === 0) show("status", text("nothing"));
+    if (items.size === 0) tell(text("nothing"));
 }
 
 /** @param options  of the plan, which the person has chosen */
@@ -292,49 +292,51 @@ function newName(path) {
     return text("file_name", {stem, ending});
 }
 
-/** Whether the card is still there; says so where it is not. */
-async function isThere(item) {
+/** Throws what a person can read unless the card is still there. */
+async function assertThere(item) {
     const file = fileOf(item);
-    try {
-        await assertReadable(file, item.borrowed ?? [[0, file.size]]);
-        return true;
-    } catch {
-        show("status", text("gone", {name: item.path}));
-        return false;
-    }
+    await assertReadable(file, item.borrowed ?? [[0, file.size]]).catch(() => {
+        throw new Error(text("gone"));
+    });
 }
+
+const notSaved = (name, {message: why}) => text("not_saved", {name, why});
 
 async function saveFile(name, blob) {
     try {
         const done = await saveAs(name, blob);
-        if (done) show("status", text(done.key, done));
+        if (done) tell(text(done.key, done));
+        return done?.name;
     } catch (error) {
-        show("status", text("not_saved", {name, why: error.message}));
+        tell(notSaved(name, error));
     }
 }
 
 async function save(item) {
-    if (await isThere(item)) await saveFile(newName(item.path), item.blob);
+    try {
+        await assertThere(item);
+        item.saved = await saveFile(newName(item.path), item.blob) ?? item.saved;
+    } catch (error) {
+        tell(notSaved(item.path, error));
+    }
 }
 
-/** Into a folder that the person chooses; names that two recordings share get a number. */
+/** What cannot be saved does not stop the others. */
 async function saveAll() {
-    const made = [...items.values()].filter((item) => item.blob), names = new Set();
-    let name = "";
-    try {
-        const folder = await window.showDirectoryPicker?.({mode: "readwrite"});
-        for (const [index, item] of made.entries()) {
-            working("saving", index, made.length);
-            name = newName(item.path);
-            for (let n = 2; names.has(name); n++) name = newName(item.path).replace(/(\.[^.]*)?$/, `-${n}$1`);
-            names.add(name);
-            if (!await isThere(item)) return working(null, text("gone", {name: item.path}));
-            await saveInto(folder, name, item.blob);
+    const made = [...items.values()].filter((item) => item.blob), failed = [];
+    const target = await Target.choose().catch((error) => tell(notSaved("", error)));
+    if (!target) return;
+    for (const [index, item] of made.entries()) {
+        working("saving", index, made.length);
+        try {
+            await assertThere(item);
+            item.saved = await target.save(newName(item.path), item.blob);
+        } catch (error) {
+            failed.push(notSaved(item.path, error));
         }
-        working(null, text(folder ? "all_saved" : "downloads_started", {count: made.length}));
-    } catch (error) {
-        working(null, error.name === "AbortError" ? "" : text("not_saved", {name, why: error.message}));
     }
+    working(null);
+    tell(text(target.isFolder ? "all_saved" : "downloads_started", {count: made.length - failed.length}), failed);
 }
 
 /* ---- Look inside ------------------------------------------------------ */
@@ -452,16 +454,22 @@ function show(id, words) {
     element(id).textContent = words;
 }
 
-function progress(words, part) {
+/** What came of it, and what went wrong, one by one. */
+function tell(words, troubles = []) {
     show("status", words);
+    element("troubles").replaceChildren(...troubles.map((trouble) => node("li", trouble)));
+}
+
+function progress(words, part) {
+    tell(words);
     element("progress").hidden = part === null;
     if (part !== null) element("progress").value = part;
 }
 
-/** At so many of a total; null: nothing any more, and what came of it. */
+/** At so many of a total; null: nothing any more. */
 function working(key, index, total) {
     if (key) progress(text(key, {count: index + 1, total}), index / total);
-    else progress(index ?? "", null);
+    else progress("", null);
 }
 
 function begin() {

@@ -41,8 +41,71 @@ export async function saveAs(name, blob) {
     return {key: "saved", name: handle.name};
 }
 
-export async function saveInto(folder, name, blob) {
-    if (folder) return write(await folder.getFileHandle(name, {create: true}), blob);
-    download(name, blob);
-    return new Promise((resolve) => setTimeout(resolve, DOWNLOAD_PAUSE));
+/** clip.mp4 becomes clip-2.mp4 */
+const numbered = (name, n) => n < 2 ? name : name.replace(/(\.[^.]*)?$/, `-${n}$1`);
+
+/** Whether a folder has nothing of that name. */
+async function isFree(folder, name) {
+    try {
+        await folder.getFileHandle(name);
+        return false;
+    } catch (error) {
+        if (error.name === "NotFoundError") return true;
+        if (error.name === "TypeMismatchError") return false; // a folder
+        throw error;
+    }
+}
+
+/** Many results: into a folder that the person chooses, where the browser has that; else as downloads. */
+export class Target {
+    /** null when the person has chosen none. */
+    static async choose() {
+        try {
+            return new Target(await window.showDirectoryPicker?.({mode: "readwrite"}));
+        } catch (error) {
+            if (error.name === "AbortError") return null;
+            throw error;
+        }
+    }
+
+    constructor(folder) {
+        this.folder = folder;
+        this.names = new Set(); // given so far, without difference of case
+    }
+
+    get isFolder() {
+        return Boolean(this.folder);
+    }
+
+    /** The name under which it was saved: what is there stays, and another gets a number. */
+    async save(wanted, blob) {
+        const name = await this.freeName(wanted);
+        if (this.folder) {
+            await this.write(name, blob);
+        } else {
+            download(name, blob);
+            await new Promise((resolve) => setTimeout(resolve, DOWNLOAD_PAUSE));
+        }
+        return name;
+    }
+
+    async freeName(wanted) {
+        for (let n = 1;; n++) {
+            const name = numbered(wanted, n), key = name.toLowerCase();
+            if (this.names.has(key) || (this.folder && !await isFree(this.folder, name))) continue;
+            this.names.add(key);
+            return name;
+        }
+    }
+
+    /** A file that was not completed does not stay. */
+    async write(name, blob) {
+        const handle = await this.folder.getFileHandle(name, {create: true});
+        try {
+            await write(handle, blob);
+        } catch (error) {
+            await this.folder.removeEntry(name).catch(() => {});
+            throw error;
+        }
+    }
 }

@@ -174,9 +174,43 @@ test("saved is said of what is saved", async () => {
     await page.evaluate(() => window.finish());
     await waitForStatus(page, "Saved: clip-0009-recovered.mp4");
     rmSync(join(directory, "clip-0009.mp4"));
-    await save(`${basename(directory)}/clip-0009.mp4 can no longer be read`);
+    await save(`Not saved: ${basename(directory)}/clip-0009.mp4. The original can no longer be read`);
+    await page.close();
+});
+
+/** A folder that the page may write to: {name: size}; fails says which names cannot be written. */
+function makeFolder(files, fails) {
+    const error = (name) => Object.assign(new Error(`no ${name}`), {name});
+    window.folder = files;
+    window.showDirectoryPicker = async () => ({
+        removeEntry: async (name) => void delete files[name],
+        getFileHandle: async (name, {create = false} = {}) => {
+            if (files[name] === "folder") throw error("TypeMismatchError");
+            if (!(name in files) && !create) throw error("NotFoundError");
+            files[name] ??= 0;
+            return {getFile: async () => ({size: files[name]}), createWritable: async () => new WritableStream({
+                start: () => void (files[name] = 0),
+                write: ({length}) => {
+                    if (name === fails) throw error("QuotaExceededError");
+                    files[name] += length;
+                },
+            })};
+        },
+    });
+}
+
+test("save all: no file is overwritten, and one that fails does not stop the others", async () => {
+    const names = ["clip-0009.mp4", "clip-0011.mp4", "clip-0012.mp4", "clip-0014.mp4"], made = (name) => name.replace(".", "-recovered.");
+    const {page, directory} = await openRepaired(names);
+    await page.evaluate(makeFolder, {[made(names[0])]: 7, "clip-0009-recovered-2.mp4": "folder"}, made(names[1]));
+    rmSync(join(directory, names[3]));
     await press(page, "Save all…");
-    await waitForStatus(page, `${basename(directory)}/clip-0009.mp4 can no longer be read`);
+    await waitForStatus(page, "2 recordings were saved.");
+    const {[made(names[0])]: first, ...others} = await page.evaluate(() => window.folder);
+    assert.equal(first, 7);
+    assert.deepEqual(Object.keys(others).sort(), ["clip-0009-recovered-2.mp4", "clip-0009-recovered-3.mp4", made(names[2])]);
+    const troubles = await page.$$eval("#troubles li", (all) => all.map((each) => each.textContent));
+    assert.deepEqual(troubles.map((trouble) => /clip-\d+/.exec(trouble)[0]).sort(), ["clip-0011", "clip-0014"]);
     await page.close();
 });
 
