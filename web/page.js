@@ -138,11 +138,18 @@ function whatOf(item) {
     return text(`result.${result}`) + (foreign ? ` ${text("result.foreign")}` : "");
 }
 
+function leftOutOf({video, sound, video_seconds: seen, sound_seconds: heard, is_beyond: beyond} = {}) {
+    if (!video && !sound) return [];
+    const values = {count: video || sound, duration: duration(video ? seen : heard)};
+    return [text(`lost.${beyond ? "beyond" : "left_out"}_${video ? "video" : "sound"}`, values)];
+}
+
 function lostOf(item) {
     const found = item.found, lost = [];
     if (!["repaired", "salvaged"].includes(found.result)) return "";
     if (found.cut) lost.push(text("lost.cut", {size: size(found.cut)}));
     if (found.added) lost.push(text("lost.added", {size: size(found.added)}));
+    lost.push(...leftOutOf(found.left_out));
     if (found.bad_bytes) lost.push(text("lost.bad", {size: size(found.bad_bytes)}));
     if (found.journal_lost) lost.push(text("lost.journal", {size: size(found.journal_lost)}));
     return lost.join(" ") || text("lost.nothing");

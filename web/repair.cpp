@@ -19,6 +19,7 @@
 
 #include <mediafiles/recovery.h>
 
+#include "left-out.h"
 #include "recovery/listing.h"
 #include "recovery/movie-header.h"
 #include "recovery/sha256.h"
@@ -99,6 +100,17 @@ struct opened_movie {
 };
 std::unique_ptr<opened_movie> movie;
 
+// Of a repaired or salvaged file.
+void say_left_out(const web::left_out &left_out)
+{
+    say(",\"left_out\":{\"video\":%llu,\"video_seconds\":%.6f", static_cast<unsigned long long>(left_out.video.samples),
+        left_out.video.seconds);
+    say(",\"sound\":%llu,\"sound_seconds\":%.6f", static_cast<unsigned long long>(left_out.sound.samples),
+        left_out.sound.seconds);
+    say_flag("is_beyond", left_out.is_beyond);
+    answer += "}";
+}
+
 void say_plan(const mediafiles_plan_info &info)
 {
     say("{\"result\":\"%s\",\"reason\":\"%s\"", results[info.result], reasons[info.reason]);
@@ -131,7 +143,6 @@ void say_plan(const mediafiles_plan_info &info)
     say_number("bad_bytes", bad);
     answer += ",\"ranges\":[" + listed + "]";
     if (info.damage) say(",\"damage\":\"%s\"", info.damage);
-    answer += "}";
 }
 
 uint32_t number_at(uint64_t offset, uint32_t width)
@@ -194,6 +205,9 @@ EXPORT(plan) const char *plan_recording(double media_size, double journal_size, 
     mediafiles_plan_get(current.get(), &info);
     answer.clear();
     say_plan(info);
+    const bool kept = info.result == MEDIAFILES_REPAIRED || info.result == MEDIAFILES_SALVAGED;
+    if (kept && journal_size >= 0) say_left_out(web::left_out_of(journal, info, media.size));
+    answer += "}";
     return answer.c_str();
 }
 

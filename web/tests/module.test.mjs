@@ -119,6 +119,18 @@ test("a file that cannot be read to its end is kept up to there", () => {
     assert.ok(found.parts[1].end <= end && found.parts[1].end < parts[1].end);
 });
 
+test("what the journal names beyond the end of the media", () => {
+    const {media, journal} = recording(), all = repair.plan(media, journal);
+    const lengths = (found, bytes) => repair.tracks(new Joined(found.parts, bytes)).map(({duration, samples}) => [duration, samples]);
+    const [[length, video], [, sound]] = lengths(all, media);
+    for (const part of [0.3, 0.6, 1]) {
+        const cut = new ByteSource(media.bytes.subarray(0, media.size * part)), found = repair.plan(cut, journal);
+        const {left_out: lost} = found, [[rest, frames], [, sounds]] = lengths(found, cut);
+        assert.deepEqual([lost.video, lost.sound, lost.is_beyond], [video - frames, sound - sounds, part < 1]);
+        assert.ok(Math.abs(length - rest - lost.video_seconds) < 0.001, `${lost.video_seconds} s at ${part}`);
+    }
+});
+
 test("hashes are those of what was read and made", () => {
     const {media, journal} = recording();
     const sha256 = (bytes) => createHash("sha256").update(bytes).digest("hex");
