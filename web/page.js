@@ -152,7 +152,7 @@ function lostOf(item) {
     lost.push(...leftOutOf(found.left_out));
     if (found.bad_bytes) lost.push(text("lost.bad", {size: size(found.bad_bytes)}));
     if (found.journal_lost) lost.push(text("lost.journal", {size: size(found.journal_lost)}));
-    return lost.join(" ") || text("lost.nothing");
+    return lost.join(" ") || text(found.samples ? "lost.nothing" : "lost.size_alone");
 }
 
 function trackText({video, codec, width, height, rate, channels}) {
