@@ -134,7 +134,9 @@ function whatOf(item) {
     if (item.blob) return text("result.repaired", values);
     if (result === "repaired") return text("result.repairable", values);
     if (result === "salvaged") return text("result.salvageable", values);
-    if (result === "refused") return text(`reason.${reason}`, {journal: `${nameOf(item.path)}.journal`});
+    if (item.media) values.size = size(item.media.size);
+    if (result === "empty_removed") return text(item.media.size ? "result.empty" : "result.nothing", values);
+    if (result === "refused") return text(`reason.${reason}`, {...values, journal: `${nameOf(item.path)}.journal`});
     return text(`result.${result}`) + (foreign ? ` ${text("result.foreign")}` : "");
 }
 

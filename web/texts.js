@@ -39,7 +39,7 @@ export const TEXTS = {
     video_of: "Video: {name}",
     named: "{action}: {name}",
 
-    badge: {looking: "looking", repairable: "can be repaired", repaired: "repaired", finished: "complete", empty: "empty",
+    badge: {looking: "looking", repairable: "can be repaired", repaired: "repaired", finished: "complete", empty: "no list of frames",
         not_ours: "not a recording", refused: "not repaired", failed: "not readable"},
     result: {
         repairable: "It was cut off. {duration} can be brought back.",
@@ -47,7 +47,8 @@ export const TEXTS = {
         repaired: "Repaired: {duration} of recording, ready to play and to save.",
         finished: "It is complete and needs no repair.",
         foreign: "The journal beside it belongs to another recording, or is damaged. It was not used.",
-        empty_removed: "The power failed before any of it was safe. There is nothing to bring back.",
+        empty: "No list of frames was written: its media, {size}, cannot be put in order. The original stays as it is.",
+        nothing: "Nothing was written to it, and no list of frames. The original stays as it is.",
         not_ours: "It is no recording of this kind. It stays as it is.",
         failed: "It could not be read. Copy the card again, or try another card reader.",
     },
@@ -70,7 +71,7 @@ export const TEXTS = {
     protected: "Its journal marks it as protected.",
     reason: {
         no_journal: "It was cut off, and its journal ({journal}) is missing. Without it nobody knows where the frames are. If you have the journal, choose both files together.",
-        no_samples: "Its journal lists no frame. It may belong to another recording.",
+        no_samples: "Its journal lists no frame: its media, {size}, cannot be put in order. The original stays as it is.",
         journal_damaged: "Its journal is damaged.",
         media_damaged: "Parts of the recording are damaged.",
         foreign_journal: "The journal beside it belongs to another recording, or the recording is damaged from its beginning.",
