@@ -1,4 +1,5 @@
 /** The page: what was dropped or chosen, the list of recordings, repair, saving, report. */
+import {Given, filesOfDrop, filesOfInput, nameOf} from "./given.js";
 import {Helper} from "./helper.js";
 import {LICENCES, VERSION} from "./inlined.js";
 import {TEXTS, date, duration, number, size, text} from "./texts.js";
@@ -6,99 +7,41 @@ import {drawing} from "./drawing.js";
 import {Target, assertReadable, saveAs} from "./saving.js";
 
 const COLUMNS = 400; // of a drawing
-const DEEPEST = 8; // folders, as the command goes
 const OPTION = {can_salvage: 2, can_keep_damaged: 4, can_force: 8}; // as recovery.h has them
 
 const element = (id) => document.getElementById(id);
 const helper = new Helper();
-const files = new Map(); // path: File
+const given = new Given();
 const items = new Map(); // path of the media, or of a journal without it: item
 let queue = Promise.resolve(); // what was given is looked at one after the other
 
 /* ---- What was given --------------------------------------------------- */
 
-/** [path, File] of all files of an entry of a drop. */
-async function filesOf(entry, depth = 0) {
-    if (entry.isFile) {
-        const file = await new Promise((resolve) => entry.file(resolve, () => resolve(null)));
-        return file ? [[entry.fullPath.slice(1), file]] : [];
-    }
-    if (depth > DEEPEST) return [];
-    const reader = entry.createReader(), found = [];
-    for (;;) {
-        const some = await new Promise((resolve) => reader.readEntries(resolve, () => resolve([])));
-        if (some.length === 0) return found;
-        for (const each of some) found.push(...await filesOf(each, depth + 1));
-    }
-}
-
-/** Likewise of a handle, which a page that comes from disk may read, too. */
-async function filesOfHandle(handle, path = handle.name, depth = 0) {
-    if (handle.kind === "file") return [[path, await handle.getFile()]];
-    const found = [];
-    if (depth > DEEPEST) return found;
-    for await (const each of handle.values()) found.push(...await filesOfHandle(each, `${path}/${each.name}`, depth + 1));
-    return found;
-}
-
-/** What an item of a drop holds is asked for at once, and read later. */
-function readerOf(item) {
-    const file = item.getAsFile(), entry = item.webkitGetAsEntry?.();
-    const handle = item.getAsFileSystemHandle?.().catch(() => null) ?? null;
-    return async () => {
-        if (entry && !entry.isDirectory) return file ? [[file.name, file]] : [];
-        const opened = await handle;
-        return opened ? filesOfHandle(opened) : entry ? filesOf(entry) : [];
-    };
-}
-
 async function takeDrop(event) {
     event.preventDefault();
     element("drop").classList.remove("over");
-    const readers = [...event.dataTransfer.items].filter(({kind}) => kind === "file").map(readerOf), given = [];
-    for (const read of readers) given.push(...await read().catch(() => []));
-    take(given);
+    take(await filesOfDrop(event.dataTransfer));
 }
 
 function takeInput({target}) {
-    take([...target.files].map((file) => [file.webkitRelativePath || file.name, file]));
+    take(filesOfInput(target));
     target.value = ""; // so that the same can be chosen again
 }
 
-function take(given) {
-    queue = queue.then(() => examineAll(given)).catch((error) => tell(String(error)));
-}
-
-const folderOf = (path) => path.slice(0, path.lastIndexOf("/") + 1);
-const nameOf = (path) => path.slice(path.lastIndexOf("/") + 1);
-
-/** The recordings among all files so far: path, media and journal of each. */
-async function findRecordings() {
-    const folders = Map.groupBy?.(files.keys(), folderOf) ?? [...files.keys()].reduce((map, path) =>
-        map.set(folderOf(path), [...(map.get(folderOf(path)) ?? []), path]), new Map());
-    const found = [];
-    for (const [folder, paths] of folders) {
-        const names = paths.map(nameOf), pairs = await helper.call("pair", {names});
-        const used = new Set(pairs.flatMap(({media, journal}) => [media, journal]));
-        const others = folder ? [] : names.filter((name) => !used.has(name)).map((media) => ({media, journal: null}));
-        for (const {media, journal} of [...pairs, ...others]) {
-            const get = (name) => name && files.get(folder + name);
-            found.push({path: folder + (media ?? journal), media: get(media), journal: get(journal)});
-        }
-    }
-    return found;
+function take(files) {
+    queue = queue.then(() => examineAll(files)).catch((error) => tell(String(error)));
 }
 
 /** Looks at what is new, the newest first. */
-async function examineAll(given) {
-    for (const [path, file] of given) files.set(path, file);
-    const found = await findRecordings();
+async function examineAll(files) {
+    given.add(files);
+    const found = await given.recordings((names) => helper.call("pair", {names}));
     const paths = new Set(found.map(({path}) => path));
     for (const item of items.values()) if (!paths.has(item.path)) remove(item);
     const fresh = found.filter(({path, media, journal}) => items.get(path)?.journal !== journal || items.get(path)?.media !== media);
     fresh.sort((a, b) => (b.media ?? b.journal).lastModified - (a.media ?? a.journal).lastModified);
     const used = found.reduce((sum, {media, journal}) => sum + Boolean(media) + Boolean(journal), 0);
-    show("ignored", files.size > used ? text("ignored", {count: files.size - used}) : "");
+    show("ignored", given.files.size > used ? text("ignored", {count: given.files.size - used}) : "");
     for (const [index, each] of fresh.entries()) {
         working("looking", index, fresh.length);
         await examine(add(each), 0);

@@ -11,6 +11,8 @@ export const TEXTS = {
     choose_folder: "Choose a card or folder…",
     drop_hint: "A recording that was cut off has two files: clip.mp4 and its journal, clip.mp4.journal. Give both.",
     recordings: "Recordings",
+    another: "{name} ({n})",
+    single_files: "files",
     looking: "Looking at {count} of {total}…",
     repairing: "Repairing {count} of {total}…",
     hashing: "Computing checksums: {percent} %",

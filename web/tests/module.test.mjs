@@ -11,6 +11,7 @@ import {tmpdir} from "node:os";
 import {join} from "node:path";
 import {after, test} from "node:test";
 
+import {Given} from "../given.js";
 import {FORCE, Joined, KEEP_DAMAGED, Repair, SALVAGE} from "../repair.js";
 import {BUILD, ByteSource, FileSource, assemble, loadModule} from "./support/files.js";
 
@@ -150,6 +151,22 @@ test("names: which journal belongs to which file", () => {
         ["b.MP4", "b.mp4.journal"], ["two\nlines.mp4", null], ["x.mov", "x.mov.journal"], ["\u00e4.mp4", null],
         [null, "lost.mp4.journal"]]);
     assert.deepEqual(repair.pair([]), []);
+});
+
+test("folders of one name are kept apart unless they are the same", () => {
+    const file = (path, size = 1) => [path, {size, lastModified: 7}];
+    const cases = [ // what is given, one after the other; the paths then
+        ["the same card again", [[file("C/a.mp4")], [file("C/a.mp4"), file("C/b.mp4")]], ["C/a.mp4", "C/b.mp4"]],
+        ["another card", [[file("C/a.mp4")], [file("C/a.mp4", 2), file("C/b.mp4")]], ["C (2)/a.mp4", "C (2)/b.mp4", "C/a.mp4"]],
+        ["nothing in common", [[file("C/a.mp4")], [file("C/b.mp4")]], ["C (2)/b.mp4", "C/a.mp4"]],
+        ["two at once", [[file("C/a.mp4"), file("C/a.mp4")]], ["C (2)/a.mp4", "C/a.mp4"]],
+        ["single files", [[file("a.mp4")], [file("a.mp4.journal")], [file("a.mp4", 2)]], ["a.mp4", "a.mp4.journal", "files (2)/a.mp4"]],
+    ];
+    for (const [what, sets, paths] of cases) {
+        const given = new Given();
+        for (const set of sets) given.add(set);
+        assert.deepEqual([...given.files.keys()].sort(), paths, what);
+    }
 });
 
 test("the time line has every sample in its place", () => {
