@@ -3,57 +3,63 @@ import {text} from "./texts.js";
 
 const DEEPEST = 8; // folders, as the command goes
 
-/** [path, File] of all files of an entry of a drop. */
-async function filesOf(entry, depth = 0) {
+/** Adds all below an entry of a drop: [path, File] to found.files, the path of what cannot be read to found.failed. */
+async function addEntry(entry, found, depth = 0) {
+    const path = entry.fullPath.slice(1), failed = () => void found.failed.push(path);
     if (entry.isFile) {
-        const file = await new Promise((resolve) => entry.file(resolve, () => resolve(null)));
-        return file ? [[entry.fullPath.slice(1), file]] : [];
+        return new Promise((resolve, reject) => entry.file(resolve, reject))
+            .then((file) => void found.files.push([path, file]), failed);
     }
-    if (depth > DEEPEST) return [];
-    const reader = entry.createReader(), found = [];
+    if (depth > DEEPEST) return;
+    const reader = entry.createReader();
     for (;;) {
-        const some = await new Promise((resolve) => reader.readEntries(resolve, () => resolve([])));
-        if (some.length === 0) return found;
-        for (const each of some) for (const file of await filesOf(each, depth + 1)) found.push(file);
+        const some = await new Promise((resolve) => reader.readEntries(resolve, () => (failed(), resolve([]))));
+        if (some.length === 0) return;
+        for (const each of some) await addEntry(each, found, depth + 1);
     }
 }
 
-/** Likewise of a handle, which a page that comes from disk may read, too. */
-async function filesOfHandle(handle, path = handle.name, depth = 0) {
-    if (handle.kind === "file") return [[path, await handle.getFile()]];
-    const found = [];
-    if (depth > DEEPEST) return found;
-    for await (const each of handle.values())
-        for (const file of await filesOfHandle(each, `${path}/${each.name}`, depth + 1)) found.push(file);
-    return found;
+/** Likewise below a handle, which a page that comes from disk may read, too. A name that is no Unicode is empty there. */
+async function addHandle(handle, found, path = handle.name, depth = 0) {
+    try {
+        if (handle.kind === "file") {
+            if (!handle.name) throw new Error("no name");
+            found.files.push([path, await handle.getFile()]);
+        } else if (depth <= DEEPEST) {
+            for await (const each of handle.values()) await addHandle(each, found, `${path}/${each.name}`, depth + 1);
+        }
+    } catch {
+        found.failed.push(path);
+    }
 }
 
 /** What an item of a drop holds is asked for at once, and read later. */
 function readerOf(item) {
     const file = item.getAsFile(), entry = item.webkitGetAsEntry?.();
     const handle = item.getAsFileSystemHandle?.().catch(() => null) ?? null;
-    return async () => {
-        if (entry && !entry.isDirectory) return file ? [[file.name, file]] : [];
+    return async (found) => {
+        if (entry && !entry.isDirectory) return file && found.files.push([file.name, file]);
         const opened = await handle;
-        return opened ? filesOfHandle(opened) : entry ? filesOf(entry) : [];
+        return opened ? addHandle(opened, found) : entry && addEntry(entry, found);
     };
 }
 
-/** [path, File] of all that was dropped. */
+/** All that was dropped: {files: [path, File], failed: paths of what cannot be read}. */
 export async function filesOfDrop({items}) {
-    const readers = [...items].filter(({kind}) => kind === "file").map(readerOf), found = [];
-    for (const read of readers) for (const each of await read().catch(() => [])) found.push(each);
+    const readers = [...items].filter(({kind}) => kind === "file").map(readerOf), found = {files: [], failed: []};
+    for (const read of readers) await read(found);
     return found;
 }
 
-export const filesOfInput = ({files}) => [...files].map((file) => [file.webkitRelativePath || file.name, file]);
+export const filesOfInput = ({files}) => ({files: [...files].map((file) => [file.webkitRelativePath || file.name, file]), failed: []});
 
 export const folderOf = (path) => path.slice(0, path.lastIndexOf("/") + 1);
 export const nameOf = (path) => path.slice(path.lastIndexOf("/") + 1);
 
 const isSame = (a, b) => a.size === b.size && a.lastModified === b.lastModified;
 
-function groups(list, keyOf) {
+/** Map of the lists of those with the same key. */
+export function groups(list, keyOf) {
     const found = new Map();
     for (const each of list) {
         const key = keyOf(each);

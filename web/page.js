@@ -1,9 +1,10 @@
 /** The page: what was dropped or chosen, the list of recordings, repair, saving, report. */
-import {Given, filesOfDrop, filesOfInput, nameOf} from "./given.js";
+import {Given, filesOfDrop, filesOfInput, folderOf, groups, nameOf} from "./given.js";
 import {Helper} from "./helper.js";
 import {LICENCES, VERSION} from "./inlined.js";
 import {TEXTS, date, duration, number, size, text} from "./texts.js";
 import {drawing} from "./drawing.js";
+import {isolated, plain, shown} from "./names.js";
 import {Target, assertReadable, saveAs} from "./saving.js";
 
 const COLUMNS = 400; // of a drawing
@@ -28,12 +29,12 @@ function takeInput({target}) {
     target.value = ""; // so that the same can be chosen again
 }
 
-function take(files) {
-    queue = queue.then(() => examineAll(files)).catch((error) => tell(String(error)));
+function take(found) {
+    queue = queue.then(() => examineAll(found)).catch((error) => tell(String(error)));
 }
 
 /** Looks at what is new, the newest first. */
-async function examineAll(files) {
+async function examineAll({files, failed}) {
     given.add(files);
     const found = await given.recordings((names) => helper.call("pair", {names}));
     const paths = new Set(found.map(({path}) => path));
@@ -47,7 +48,8 @@ async function examineAll(files) {
         await examine(add(each), 0);
     }
     working(null);
-    if (items.size === 0) tell(text("nothing"));
+    const unread = [...groups(failed, folderOf)].map(([folder, list]) => text("unread", {count: list.length, folder: isolated(folder)}));
+    tell(items.size ? "" : text("nothing"), unread);
 }
 
 /** @param options  of the plan, which the person has chosen */
@@ -79,7 +81,7 @@ function whatOf(item) {
     if (result === "salvaged") return text("result.salvageable", values);
     if (item.media) values.size = size(item.media.size);
     if (result === "empty_removed") return text(item.media.size ? "result.empty" : "result.nothing", values);
-    if (result === "refused") return text(`reason.${reason}`, {...values, journal: `${nameOf(item.path)}.journal`});
+    if (result === "refused") return text(`reason.${reason}`, {...values, journal: isolated(`${nameOf(item.path)}.journal`)});
     return text(`result.${result}`) + (foreign ? ` ${text("result.foreign")}` : "");
 }
 
@@ -118,7 +120,7 @@ function add(each) {
     const node = old?.node ?? element("item").content.firstElementChild.cloneNode(true);
     const item = {...each, node};
     items.set(each.path, item);
-    node.querySelector("h3").textContent = each.path;
+    node.querySelector("h3 bdi").textContent = shown(each.path);
     badge(node, "looking");
     if (!old) element("list").append(node);
     return item;
@@ -141,7 +143,7 @@ function button(key, item, run, name = "") {
     const made = document.createElement("button");
     made.textContent = text(key);
     made.className = name;
-    made.setAttribute("aria-label", text("named", {action: text(key), name: item.path}));
+    made.setAttribute("aria-label", text("named", {action: text(key), name: shown(item.path)}));
     made.addEventListener("click", () => run(made));
     return made;
 }
@@ -215,7 +217,7 @@ function play(item) {
     close(item, ".lines");
     const note = document.createElement("p");
     video.controls = true;
-    video.setAttribute("aria-label", text("video_of", {name: item.path}));
+    video.setAttribute("aria-label", text("video_of", {name: shown(item.path)}));
     video.src = URL.createObjectURL(fileOf(item));
     video.addEventListener("error", () => {
         note.textContent = text("cannot_play", {codec: item.found.tracks.map(({codec}) => codec).join(", ")});
@@ -239,7 +241,7 @@ function close(item, which = ".player, .lines") {
 }
 
 function newName(path) {
-    const name = nameOf(path), point = name.lastIndexOf(".");
+    const name = plain(nameOf(path)), point = name.lastIndexOf(".");
     const [stem, ending] = point > 0 ? [name.slice(0, point), name.slice(point)] : [name, ""];
     return text("file_name", {stem, ending});
 }
@@ -269,7 +271,7 @@ async function save(item) {
         await assertThere(item);
         item.saved = await saveFile(newName(item.path), item.blob) ?? item.saved;
     } catch (error) {
-        tell(notSaved(item.path, error));
+        tell(notSaved(isolated(item.path), error));
     }
 }
 
@@ -284,7 +286,7 @@ async function saveAll() {
             await assertThere(item);
             item.saved = await target.save(newName(item.path), item.blob);
         } catch (error) {
-            failed.push(notSaved(item.path, error));
+            failed.push(notSaved(isolated(item.path), error));
         }
     }
     working(null);
@@ -357,7 +359,7 @@ function rows() {
         const kept = item.blob || item.found.result === "finished" ? metaOf(item).slice(1).join(", ") : "";
         const sums = [...(item.sums?.read ? [text("read_sum", {sum: item.sums.read})] : []),
             ...(item.sums?.made ? [text("made_sum", {sum: item.sums.made})] : [])];
-        return [item.path, whatOf(item), kept, lostOf(item), sums.join("\n")];
+        return [shown(item.path), whatOf(item), kept, lostOf(item), sums.join("\n")];
     });
 }
 

@@ -1,6 +1,7 @@
 /**
  * The module's functions for JavaScript. Files are sources (see wasi.js): nothing here knows where they come from.
  */
+import {wellFormed} from "./names.js";
 import {Wasi} from "./wasi.js";
 
 /** Options of a plan, as recovery.h has them. */
@@ -122,11 +123,12 @@ export class Repair {
     /** Of the names in a folder: [{media, journal}], each null where there is none. */
     pair(names) {
         this.open();
-        const bytes = new TextEncoder().encode(names.map((name) => name + "\0").join(""));
-        const found = this.lend(bytes, (at) => this.text(this.functions.pair(at, bytes.length)));
-        const fields = found.split("/");
-        return Array.from({length: (fields.length - 1) / 2}, (_, i) => ({media: fields[2 * i] || null,
-            journal: fields[2 * i + 1] || null}));
+        const given = new Map(names.map((name) => [wellFormed(name), name]));
+        const bytes = new TextEncoder().encode([...given.keys()].map((name) => name + "\0").join(""));
+        const fields = this.lend(bytes, (at) => this.text(this.functions.pair(at, bytes.length))).split("/");
+        const get = (field) => given.get(field) ?? null;
+        return Array.from({length: (fields.length - 1) / 2}, (_, i) => ({media: get(fields[2 * i]),
+            journal: get(fields[2 * i + 1])}));
     }
 
     /**

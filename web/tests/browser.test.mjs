@@ -118,13 +118,18 @@ test("what was repaired plays to its end", async () => {
     await page.close();
 });
 
-test("a folder that is dropped, then what was missing", async () => {
-    const {page, problems} = await openPage(browser), session = await page.createCDPSession();
+async function openDropping() {
+    const opened = await openPage(browser), session = await opened.page.createCDPSession();
     const drop = async (...files) => {
         const data = {items: [], files, dragOperationsMask: 1};
         for (const type of ["dragEnter", "dragOver", "drop"])
             await session.send("Input.dispatchDragEvent", {type, x: 500, y: 250, data});
     };
+    return {...opened, drop};
+}
+
+test("a folder that is dropped, then what was missing", async () => {
+    const {page, problems, drop} = await openDropping();
     await drop(join(card, "2026-11-20"));
     await settled(page, 20);
     const path = join(card, "2026-11-21/clip-0025.mp4");
@@ -213,6 +218,21 @@ test("save all: no file is overwritten, and one that fails does not stop the oth
     assert.deepEqual(Object.keys(others).sort(), ["clip-0009-recovered-2.mp4", "clip-0009-recovered-3.mp4", made(names[2])]);
     const troubles = await page.$$eval("#troubles li", (all) => all.map((each) => each.textContent));
     assert.deepEqual(troubles.map((trouble) => /clip-\d+/.exec(trouble)[0]).sort(), ["clip-0011", "clip-0014"]);
+    await page.close();
+});
+
+test("names that hide something, or that no browser can read", async () => {
+    const directory = mkdirOf(join(work, "NAMES")), {page, drop} = await openDropping();
+    const put = (name) => ["", ".journal"].forEach((ending) => writeFileSync(
+        Buffer.concat([Buffer.from(`${directory}/`), name, Buffer.from(`.mp4${ending}`)]),
+        readFileSync(join(card, `2026-11-20/clip-0009.mp4${ending}`))));
+    put(Buffer.from([0x63, 0xff]));
+    await drop(directory);
+    await page.waitForFunction(() => document.getElementById("troubles").textContent.startsWith("2 files in \u2068NAMES/\u2069 cannot"));
+    put(Buffer.from("a\u202e4pm.exe\u0007"));
+    await give(page, directory); // dropped, Chromium would keep this name from the page
+    await settled(page, 1);
+    assert.deepEqual(Object.keys(await listOf(page)), ["NAMES/a\\u{202E}4pm.exe\\u{7}.mp4"]);
     await page.close();
 });
 

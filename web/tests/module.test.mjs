@@ -146,10 +146,10 @@ test("hashes are those of what was read and made", () => {
 
 test("names: which journal belongs to which file", () => {
     const names = ["b.MP4", "b.mp4.journal", "a.mp4", "a.mp4.JOURNAL", "notes.txt", "lost.mp4.journal", "x.mov", "x.mov.journal",
-        "two\nlines.mp4", "\u00e4.mp4"];
+        "two\nlines.mp4", "\u00e4.mp4", "\ud800.mp4", "\ud801.mp4", "\ud801.mp4.journal"];
     assert.deepEqual(repair.pair(names).map(({media, journal}) => [media, journal]), [["a.mp4", "a.mp4.JOURNAL"],
         ["b.MP4", "b.mp4.journal"], ["two\nlines.mp4", null], ["x.mov", "x.mov.journal"], ["\u00e4.mp4", null],
-        [null, "lost.mp4.journal"]]);
+        ["\ud800.mp4", null], ["\ud801.mp4", "\ud801.mp4.journal"], [null, "lost.mp4.journal"]]);
     assert.deepEqual(repair.pair([]), []);
 });
 
