@@ -9,46 +9,51 @@ export class Helper {
         this.number = 0;
     }
 
-    /** The value; throws what went wrong. progress is called with what the worker says meanwhile. */
-    call(name, args = {}, progress = () => {}) {
-        const result = this.calls.then(() => this.run(name, args, progress));
+    /**
+     * The value; throws what went wrong. progress is called with what the worker says meanwhile; signal (of an
+     * AbortController) ends the call.
+     */
+    call(name, args = {}, {progress = () => {}, signal} = {}) {
+        const result = this.calls.then(() => this.run(name, args, progress, signal));
         this.calls = result.catch(() => {});
         return result;
     }
 
-    /** Ends what runs now: its call fails. */
-    stop() {
-        this.fail?.(new Error("stopped"));
-    }
-
-    async run(name, args, progress) {
+    async run(name, args, progress, signal) {
+        signal?.throwIfAborted();
+        this.module ??= await WebAssembly.compile(Uint8Array.from(atob(MODULE), (c) => c.charCodeAt(0)));
         if (!this.worker) {
             this.worker = new Worker(URL.createObjectURL(new Blob([WORKER], {type: "text/javascript"})));
-            await this.ask("begin", {bytes: Uint8Array.from(atob(MODULE), (c) => c.charCodeAt(0))});
+            await this.ask("begin", {module: this.module}, progress, signal);
         }
-        return this.ask(name, args, progress);
+        return this.ask(name, args, progress, signal);
     }
 
-    ask(name, args, progress) {
+    ask(name, args, progress, signal) {
         return new Promise((resolve, reject) => {
             const id = ++this.number;
             let timer;
-            const wait = () => {
+            const end = () => {
                 clearTimeout(timer);
-                timer = setTimeout(() => this.fail(new Error("no answer")), PATIENCE);
+                signal?.removeEventListener("abort", stop);
             };
-            this.fail = (error) => {
-                clearTimeout(timer);
+            const fail = (error) => { // what runs in the worker cannot be ended otherwise
+                end();
                 this.worker?.terminate();
-                this.worker = this.fail = null;
+                this.worker = null;
                 reject(error);
             };
-            this.worker.onerror = (event) => this.fail(new Error(event.message));
+            const stop = () => fail(signal.reason);
+            const wait = () => {
+                clearTimeout(timer);
+                timer = setTimeout(() => fail(new Error("no answer")), PATIENCE);
+            };
+            signal?.addEventListener("abort", stop);
+            this.worker.onerror = (event) => fail(new Error(event.message));
             this.worker.onmessage = ({data}) => {
                 if (data.id !== id) return;
                 if ("progress" in data) return wait(), progress(data.progress);
-                clearTimeout(timer);
-                this.fail = null;
+                end();
                 if ("error" in data) reject(new Error(data.error));
                 else resolve(data.value);
             };

@@ -14,7 +14,9 @@ const element = (id) => document.getElementById(id);
 const helper = new Helper();
 const given = new Given();
 const items = new Map(); // path of the media, or of a journal without it: item
-let queue = Promise.resolve(); // what was given is looked at one after the other
+const tally = {}; // state: how many recordings
+let queue = Promise.resolve(); // work on many recordings, one after the other
+let job = null; // AbortController of that work
 
 /* ---- What was given --------------------------------------------------- */
 
@@ -29,9 +31,8 @@ function takeInput({target}) {
     target.value = ""; // so that the same can be chosen again
 }
 
-function take(found) {
-    queue = queue.then(() => examineAll(found)).catch((error) => tell(String(error)));
-}
+const enqueue = (run) => queue = queue.then(run).catch((error) => tell(String(error)));
+const take = (found) => enqueue(() => examineAll(found));
 
 /** Looks at what is new, the newest first. */
 async function examineAll({files, failed}) {
@@ -43,23 +44,51 @@ async function examineAll({files, failed}) {
     fresh.sort((a, b) => (b.media ?? b.journal).lastModified - (a.media ?? a.journal).lastModified);
     const used = found.reduce((sum, {media, journal}) => sum + Boolean(media) + Boolean(journal), 0);
     show("ignored", given.files.size > used ? text("ignored", {count: given.files.size - used}) : "");
-    for (const [index, each] of fresh.entries()) {
-        working("looking", index, fresh.length);
-        await examine(add(each), 0);
-    }
-    working(null);
+    const done = await forAll("looking", fresh, async (each, signal) => {
+        const item = add(each);
+        await examine(item, 0, signal);
+        if (signal.aborted) remove(item);
+    });
+    element("go-on").hidden = done === fresh.length;
     const unread = [...groups(failed, folderOf)].map(([folder, list]) => text("unread", {count: list.length, folder: isolated(folder)}));
-    tell(items.size ? "" : text("nothing"), unread);
+    const words = done < fresh.length ? text("stopped_looking", {count: fresh.length - done}) : items.size ? "" : text("nothing");
+    tell(words, unread);
+}
+
+/**
+ * Does run(item, signal, advance) for all of a list, unless it is stopped; how many were done. An item has a weight; of a
+ * heavy one run says with advance(weight) how far it is.
+ */
+async function forAll(key, list, run, weightOf = () => 1) {
+    const {signal} = job = new AbortController(), whole = list.reduce((sum, item) => sum + weightOf(item), 0);
+    let done = 0, passed = 0;
+    busy(true);
+    try {
+        for (const item of list) {
+            let within = passed;
+            progress(text(key, {count: done + 1, total: list.length}), passed / whole);
+            await run(item, signal, (weight) => {
+                element("progress").value = (within += weight) / whole;
+            });
+            if (signal.aborted) break;
+            passed += weightOf(item);
+            done++;
+        }
+    } finally {
+        job = null;
+        busy(false);
+    }
+    return done;
 }
 
 /** @param options  of the plan, which the person has chosen */
-async function examine(item, options) {
+async function examine(item, options, signal) {
     item.options = options;
     item.blob = item.borrowed = null;
     const {media, journal} = item;
     if (!media) item.found = {result: "refused", reason: "no_media", tracks: []};
-    else item.found = await helper.call("examine", {media, journal, options}).catch(() => ({result: "failed", reason: "system", tracks: []}));
-    render(item);
+    else item.found = await helper.call("examine", {media, journal, options}, {signal}).catch(() => ({result: "failed", reason: "system", tracks: []}));
+    if (!signal?.aborted) render(item);
 }
 
 /* ---- A recording ------------------------------------------------------ */
@@ -118,17 +147,22 @@ function metaOf(item) {
 function add(each) {
     const old = items.get(each.path);
     const node = old?.node ?? element("item").content.firstElementChild.cloneNode(true);
-    const item = {...each, node};
+    const item = {...each, node, row: old?.row ?? document.createElement("tr"), state: old?.state};
     items.set(each.path, item);
     node.querySelector("h3 bdi").textContent = shown(each.path);
     badge(node, "looking");
-    if (!old) element("list").append(node);
+    if (!old) {
+        element("list").append(node);
+        element("rows").append(item.row);
+    }
     return item;
 }
 
 function remove(item) {
     close(item);
     item.node.remove();
+    item.row.remove();
+    setState(item, undefined);
     items.delete(item.path);
 }
 
@@ -151,7 +185,8 @@ function button(key, item, run, name = "") {
 function render(item) {
     const {node, found} = item;
     close(item);
-    badge(node, stateOf(item));
+    setState(item, stateOf(item));
+    badge(node, item.state);
     const put = (name, words) => {
         node.querySelector(name).textContent = words;
         node.querySelector(name).hidden = words === "";
@@ -168,7 +203,7 @@ function render(item) {
     if (item.blob) buttons.push(button("save", item, (at) => save(item, at)));
     if (found.tracks.length) buttons.push(button("inside", item, (at) => lookInside(item, at)));
     node.querySelector(".buttons").replaceChildren(...buttons);
-    count();
+    writeRow(item);
 }
 
 /** The button that had the focus is gone. */
@@ -176,27 +211,33 @@ function focus(item) {
     item.node.querySelector(".buttons button")?.focus();
 }
 
+/** One after the other is counted, so that a card with thousands takes no longer for each. */
+function setState(item, state) {
+    if (item.state) tally[item.state]--;
+    if (state) tally[state] = (tally[state] ?? 0) + 1;
+    item.state = state;
+    count();
+}
+
 function count() {
-    const all = [...items.values()].filter((item) => item.found), states = all.map(stateOf);
-    const of = (...some) => states.filter((state) => some.includes(state)).length;
-    const numbers = {repairable: of("repairable"), repaired: of("repaired"), finished: of("finished")};
-    numbers.others = states.length - numbers.repairable - numbers.repaired - numbers.finished;
+    const {repairable = 0, repaired = 0, finished = 0, ...rest} = tally;
+    const numbers = {repairable, repaired, finished, others: Object.values(rest).reduce((sum, n) => sum + n, 0)};
+    const all = Object.values(numbers).reduce((sum, n) => sum + n);
     const parts = Object.entries(numbers).filter(([, n]) => n).map(([key, n]) => text(`summary_parts.${key}`, {count: n}));
-    show("summary", [text("summary", {count: all.length}), ...parts].join(" · "));
-    element("card").hidden = all.length === 0;
-    element("repair-all").hidden = numbers.repairable === 0;
-    element("save-all").hidden = numbers.repaired === 0;
-    element("report").hidden = numbers.repaired === 0;
-    if (numbers.repaired) writeReport();
+    show("summary", [text("summary", {count: all}), ...parts].join(" · "));
+    element("card").hidden = element("report").hidden = all === 0;
+    element("repair-all").hidden = repairable === 0;
+    element("save-all").hidden = repaired === 0;
 }
 
 /* ---- Repair, play, save ----------------------------------------------- */
 
-async function repair(item) {
+async function repair(item, signal) {
     const {media, journal, options} = item;
     try {
-        Object.assign(item, await helper.call("repair", {media, journal, options}));
+        Object.assign(item, await helper.call("repair", {media, journal, options}, {signal}));
     } catch {
+        if (signal?.aborted) return;
         item.found = {result: "failed", reason: "system", tracks: []};
     }
     render(item);
@@ -204,12 +245,9 @@ async function repair(item) {
 
 async function repairAll() {
     const waiting = [...items.values()].filter((item) => item.found && isRepairable(item));
-    for (const [index, item] of waiting.entries()) {
-        working("repairing", index, waiting.length);
-        await repair(item);
-    }
-    working(null);
-    element("save-all").focus();
+    const done = await forAll("repairing", waiting, repair);
+    tell(text(done < waiting.length ? "stopped_repairing" : "all_repaired", {count: done, total: waiting.length}));
+    element(done < waiting.length ? "repair-all" : "save-all").focus();
 }
 
 function play(item) {
@@ -275,22 +313,23 @@ async function save(item) {
     }
 }
 
-/** What cannot be saved does not stop the others. */
 async function saveAll() {
-    const made = [...items.values()].filter((item) => item.blob), failed = [];
     const target = await Target.choose().catch((error) => tell(notSaved("", error)));
-    if (!target) return;
-    for (const [index, item] of made.entries()) {
-        working("saving", index, made.length);
+    if (target) enqueue(() => saveAllInto(target));
+}
+
+/** What cannot be saved does not stop the others. */
+async function saveAllInto(target) {
+    const made = [...items.values()].filter((item) => item.blob), failed = [];
+    const done = await forAll("saving", made, async (item) => {
         try {
             await assertThere(item);
             item.saved = await target.save(newName(item.path), item.blob);
         } catch (error) {
             failed.push(notSaved(isolated(item.path), error));
         }
-    }
-    working(null);
-    tell(text(target.isFolder ? "all_saved" : "downloads_started", {count: made.length - failed.length}), failed);
+    });
+    tell(text(target.isFolder ? "all_saved" : "downloads_started", {count: done - failed.length}), failed);
 }
 
 /* ---- Look inside ------------------------------------------------------ */
@@ -353,51 +392,30 @@ function words(item, length, cut) {
 
 /* ---- Report ----------------------------------------------------------- */
 
-/** The rows of the report: name, what it was, kept, lost, sums. */
-function rows() {
-    return [...items.values()].filter((item) => item.found).map((item) => {
-        const kept = item.blob || item.found.result === "finished" ? metaOf(item).slice(1).join(", ") : "";
-        const sums = [...(item.sums?.read ? [text("read_sum", {sum: item.sums.read})] : []),
-            ...(item.sums?.made ? [text("made_sum", {sum: item.sums.made})] : [])];
-        return [shown(item.path), whatOf(item), kept, lostOf(item), sums.join("\n")];
-    });
+/** The row of the report: name, what it was, kept, lost, sums. */
+function rowOf(item) {
+    const kept = item.blob || item.found.result === "finished" ? metaOf(item).slice(1).join(", ") : "";
+    const sums = [...(item.sums?.read ? [text("read_sum", {sum: item.sums.read})] : []),
+        ...(item.sums?.made ? [text("made_sum", {sum: item.sums.made})] : [])];
+    return [shown(item.path), whatOf(item), kept, lostOf(item), sums.join("\n")];
 }
 
-function writeReport() {
-    const table = element("report").querySelector("table");
-    const cell = (kind, words) => node(kind, words);
-    table.tHead.rows[0].replaceChildren(...Object.values(TEXTS.column).map((words) => Object.assign(cell("th", words), {scope: "col"})));
-    table.tBodies[0].replaceChildren(...rows().map((row) => {
-        const made = document.createElement("tr");
-        made.append(...row.map((words) => cell("td", words)));
-        return made;
-    }));
-    show("report-made", text("report_made", {date: date(Date.now()), program: text("program", {version: VERSION})}));
+function writeRow(item) {
+    item.row.replaceChildren(...rowOf(item).map((words) => node("td", words)));
 }
 
 async function addSums() {
     const all = [...items.values()].filter((item) => fileOf(item) && !item.sums);
-    const total = all.reduce((sum, item) => sum + item.media.size, 0) || 1;
-    let done = 0;
-    element("stop").hidden = false;
-    for (const item of all) {
+    await forAll("hashing", all, async (item, signal, progress) => {
         const {media, journal, options} = item;
-        try {
-            item.sums = await helper.call("hash", {media, journal, options}, (bytes) => {
-                done += bytes;
-                progress(text("hashing", {percent: Math.floor(100 * done / total)}), done / total);
-            });
-        } catch {
-            break; // it was stopped, or the card is gone
-        }
-    }
-    element("stop").hidden = true;
-    working(null);
-    writeReport();
+        item.sums = await helper.call("hash", {media, journal, options}, {progress, signal}).catch(() => undefined);
+        writeRow(item);
+    }, (item) => item.media.size);
 }
 
 function saveReport() {
-    const lines = rows().map((row) => row.filter(Boolean).join("\n  ").replaceAll("\n", "\n  "));
+    const lines = [...items.values()].filter((item) => item.found).map(rowOf).map((row) => row.filter(Boolean).join("\n  ").replaceAll("\n", "\n  "));
+    writeMade();
     const words = [text("report"), element("report-made").textContent, ...lines].join("\n\n");
     saveFile(text("report_name"), new Blob([words + "\n"], {type: "text/plain"}));
 }
@@ -415,15 +433,20 @@ function tell(words, troubles = []) {
 }
 
 function progress(words, part) {
-    tell(words);
-    element("progress").hidden = part === null;
-    if (part !== null) element("progress").value = part;
+    show("doing", words);
+    element("progress").value = part;
 }
 
-/** At so many of a total; null: nothing any more. */
-function working(key, index, total) {
-    if (key) progress(text(key, {count: index + 1, total}), index / total);
-    else progress("", null);
+/** While there is work on many recordings no other can begin. */
+function busy(is) {
+    element("work").hidden = !is;
+    element("table").hidden = is; // a table is laid out anew, as a whole, for each row
+    if (is) element("go-on").hidden = true;
+    for (const id of ["repair-all", "save-all", "add-sums"]) element(id).setAttribute("aria-disabled", is);
+}
+
+function writeMade() {
+    show("report-made", text("report_made", {date: date(Date.now()), program: text("program", {version: VERSION})}));
 }
 
 function begin() {
@@ -433,15 +456,18 @@ function begin() {
     show("program", text("program", {version: VERSION}));
     show("licences", LICENCES);
     element("table").setAttribute("aria-label", text("report_table"));
-    element("progress").setAttribute("aria-labelledby", "status");
+    element("column-names").append(...Object.values(TEXTS.column).map((words) => Object.assign(node("th", words), {scope: "col"})));
     const press = (id, run) => element(id).addEventListener("click", run);
+    const work = (id, run) => press(id, () => job ?? run());
     press("choose-files", () => element("files").click());
     press("choose-folder", () => element("folder").click());
-    press("repair-all", repairAll);
-    press("save-all", saveAll);
-    press("add-sums", addSums);
-    press("stop", () => helper.stop());
+    press("stop", () => job?.abort());
+    press("go-on", () => take({files: [], failed: []}));
+    work("repair-all", () => enqueue(repairAll));
+    work("save-all", saveAll);
+    work("add-sums", () => enqueue(addSums));
     press("print", () => window.print());
+    addEventListener("beforeprint", writeMade);
     press("save-report", saveReport);
     element("files").addEventListener("change", takeInput);
     element("folder").addEventListener("change", takeInput);

@@ -70,8 +70,8 @@ function examine(args) {
 }
 
 const CALLS = {
-    begin: ({bytes}) => {
-        repair = new Repair(new WebAssembly.Module(bytes));
+    begin: ({module}) => {
+        repair = new Repair(module);
     },
     pair: ({names}) => repair.pair(names),
     examine,

@@ -6,7 +6,7 @@
 import assert from "node:assert/strict";
 import {execFileSync} from "node:child_process";
 import {createHash} from "node:crypto";
-import {cpSync, mkdirSync, mkdtempSync, readFileSync, readdirSync, rmSync, statSync, writeFileSync} from "node:fs";
+import {cpSync, linkSync, mkdirSync, mkdtempSync, readFileSync, readdirSync, rmSync, statSync, writeFileSync} from "node:fs";
 import {createRequire} from "node:module";
 import {tmpdir} from "node:os";
 import {basename, join, relative} from "node:path";
@@ -82,7 +82,7 @@ test("a card: results, downloads and checksums are the command's", async () => {
         const saved = join(downloads, basename(path).replace(".mp4", "-recovered.mp4"));
         assert.ok(readFileSync(saved).equals(readFileSync(path)), path);
     }
-    await page.click("#add-sums");
+    await press(page, "Add SHA-256 checksums (reads every recording once)");
     await page.waitForFunction((n) => document.querySelector("tbody").textContent.split("made: ").length === n + 1, {}, made.length);
     const table = await page.$eval("tbody", (all) => all.textContent);
     for (const {output: path, path: read} of made) {
@@ -156,7 +156,7 @@ async function openRepaired(names, downloads) {
     await give(opened.page, directory);
     await settled(opened.page, names.length);
     await press(opened.page, "Repair all");
-    await opened.page.waitForSelector("[data-state=repairable]", {hidden: true});
+    await opened.page.waitForSelector("#work", {hidden: true});
     return {...opened, directory};
 }
 
@@ -181,7 +181,7 @@ test("saved is said of what is saved", async () => {
     await page.evaluate(() => window.finish());
     await waitForStatus(page, "Saved: clip-0009-recovered.mp4");
     rmSync(join(directory, "clip-0009.mp4"));
-    await save(`Not saved: ${basename(directory)}/clip-0009.mp4. The original can no longer be read`);
+    await save(`Not saved: \u2068${basename(directory)}/clip-0009.mp4\u2069. The original can no longer be read`);
     await page.close();
 });
 
@@ -218,6 +218,29 @@ test("save all: no file is overwritten, and one that fails does not stop the oth
     assert.deepEqual(Object.keys(others).sort(), ["clip-0009-recovered-2.mp4", "clip-0009-recovered-3.mp4", made(names[2])]);
     const troubles = await page.$$eval("#troubles li", (all) => all.map((each) => each.textContent));
     assert.deepEqual(troubles.map((trouble) => /clip-\d+/.exec(trouble)[0]).sort(), ["clip-0011", "clip-0014"]);
+    await page.close();
+});
+
+test("what takes long is stopped, and goes on", async () => {
+    const directory = mkdirOf(join(work, "MANY")), COUNT = 400, path = join(card, "2026-11-20/clip-0009.mp4");
+    for (let i = 0; i < COUNT; i++) for (const ending of ["", ".journal"]) linkSync(path + ending, join(directory, `${i}.mp4${ending}`));
+    const {page, problems} = await openPage(browser), states = async () => Object.values(await listOf(page)).map(({state}) => state);
+    const stopAfter = async (selector) => {
+        await page.waitForSelector(selector);
+        await press(page, "Stop");
+        await page.waitForSelector("#work", {hidden: true});
+        return Number(/\d+/.exec(await statusOf(page))[0]);
+    };
+    await give(page, directory);
+    const left = await stopAfter(".item:nth-child(5) .buttons button");
+    assert.ok(left > 0 && (await states()).length === COUNT - left);
+    await press(page, "Look at the others");
+    await settled(page, COUNT);
+    await press(page, "Repair all");
+    const done = await stopAfter("[data-state=repaired]");
+    assert.ok(done < COUNT && (await states()).filter((state) => state === "repaired").length === done);
+    assert.match(await page.$eval("#summary", (summary) => summary.textContent), new RegExp(`${COUNT - done} to repair · ${done} rep`));
+    assert.deepEqual(problems, []);
     await page.close();
 });
 

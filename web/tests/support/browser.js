@@ -44,7 +44,7 @@ export async function openPage(browser, downloads) {
 /** Waits until nothing is being looked at or repaired. */
 export function settled(page, count) {
     return page.waitForFunction((n) => document.querySelectorAll(".item").length >= n &&
-        !document.querySelector("[data-state=looking]") && document.getElementById("progress").hidden, {timeout: SETTLED}, count);
+        !document.querySelector("[data-state=looking]") && document.getElementById("work").hidden, {timeout: SETTLED}, count);
 }
 
 /** What the list says: {path: {state, what, lost}}. */
@@ -53,7 +53,9 @@ export function listOf(page) {
         {state: item.dataset.state, what: item.querySelector(".what").textContent}])));
 }
 
+/** Presses a button once nothing is done with many recordings; Stop at once. */
 export async function press(page, name) {
+    if (name !== "Stop") await page.waitForSelector("#work", {hidden: true});
     const found = await page.$(`::-p-aria(${name})`);
     if (!found) throw new Error(`no button ${name}`);
     await found.click();
