@@ -1,14 +1,15 @@
 /** The page: what was dropped or chosen, the list of recordings, repair, saving, report. */
 import {Given, filesOfDrop, filesOfInput, folderOf, groups, nameOf} from "./given.js";
 import {Helper} from "./helper.js";
-import {LICENCES, VERSION} from "./inlined.js";
-import {TEXTS, date, duration, number, size, text} from "./texts.js";
+import {LICENCES, PAGE, VERSION} from "./inlined.js";
+import {TEXTS, duration, exactDate, text} from "./texts.js";
 import {drawing} from "./drawing.js";
 import {isolated, plain, shown} from "./names.js";
+import {OPTION, fileOf, isRepairable, lengthOf, lostOf, metaOf, stateOf, trackText, whatOf} from "./recording.js";
+import {rowOf} from "./report.js";
 import {Target, assertReadable, saveAs} from "./saving.js";
 
 const COLUMNS = 400; // of a drawing
-const OPTION = {can_salvage: 2, can_keep_damaged: 4, can_force: 8}; // as recovery.h has them
 
 const element = (id) => document.getElementById(id);
 const helper = new Helper();
@@ -78,68 +79,18 @@ async function forAll(key, list, run, weightOf = () => 1) {
         job = null;
         busy(false);
     }
+    await writeMade();
     return done;
 }
 
 /** @param options  of the plan, which the person has chosen */
 async function examine(item, options, signal) {
     item.options = options;
-    item.blob = item.borrowed = null;
+    item.blob = item.borrowed = item.sums = item.saved = null;
     const {media, journal} = item;
     if (!media) item.found = {result: "refused", reason: "no_media", tracks: []};
     else item.found = await helper.call("examine", {media, journal, options}, {signal}).catch(() => ({result: "failed", reason: "system", tracks: []}));
     if (!signal?.aborted) render(item);
-}
-
-/* ---- A recording ------------------------------------------------------ */
-
-const isRepairable = (item) => ["repaired", "salvaged"].includes(item.found.result) && !item.blob;
-const fileOf = (item) => item.blob ?? (item.found.result === "finished" ? item.media : null);
-const lengthOf = (item) => Math.max(0, ...item.found.tracks.map((track) => track.duration));
-
-function stateOf(item) {
-    if (item.blob) return "repaired";
-    const states = {repaired: "repairable", salvaged: "repairable", finished: "finished", empty_removed: "empty"};
-    return states[item.found.result] ?? item.found.result;
-}
-
-function whatOf(item) {
-    const {result, reason, foreign_journal: foreign} = item.found, values = {duration: duration(lengthOf(item))};
-    if (item.blob) return text("result.repaired", values);
-    if (result === "repaired") return text("result.repairable", values);
-    if (result === "salvaged") return text("result.salvageable", values);
-    if (item.media) values.size = size(item.media.size);
-    if (result === "empty_removed") return text(item.media.size ? "result.empty" : "result.nothing", values);
-    if (result === "refused") return text(`reason.${reason}`, {...values, journal: isolated(`${nameOf(item.path)}.journal`)});
-    return text(`result.${result}`) + (foreign ? ` ${text("result.foreign")}` : "");
-}
-
-function leftOutOf({video, sound, video_seconds: seen, sound_seconds: heard, is_beyond: beyond} = {}) {
-    if (!video && !sound) return [];
-    const values = {count: video || sound, duration: duration(video ? seen : heard)};
-    return [text(`lost.${beyond ? "beyond" : "left_out"}_${video ? "video" : "sound"}`, values)];
-}
-
-function lostOf(item) {
-    const found = item.found, lost = [];
-    if (!["repaired", "salvaged"].includes(found.result)) return "";
-    if (found.cut) lost.push(text("lost.cut", {size: size(found.cut)}));
-    if (found.added) lost.push(text("lost.added", {size: size(found.added)}));
-    lost.push(...leftOutOf(found.left_out));
-    if (found.bad_bytes) lost.push(text("lost.bad", {size: size(found.bad_bytes)}));
-    if (found.journal_lost) lost.push(text("lost.journal", {size: size(found.journal_lost)}));
-    return lost.join(" ") || text(found.samples ? "lost.nothing" : "lost.size_alone");
-}
-
-function trackText({video, codec, width, height, rate, channels}) {
-    if (video) return text("track.video", {codec, width, height});
-    const sound = channels === 2 ? text("stereo") : text("channels", {count: channels});
-    return text("track.sound", {codec, rate: number(rate / 1000, 1), channels: sound});
-}
-
-function metaOf(item) {
-    const length = lengthOf(item), file = item.media ?? item.journal;
-    return [date(file.lastModified), ...(length ? [duration(length)] : []), size(file.size), ...item.found.tracks.map(trackText)];
 }
 
 /* ---- The list --------------------------------------------------------- */
@@ -235,7 +186,7 @@ function count() {
 async function repair(item, signal) {
     const {media, journal, options} = item;
     try {
-        Object.assign(item, await helper.call("repair", {media, journal, options}, {signal}));
+        Object.assign(item, {sums: null}, await helper.call("repair", {media, journal, options}, {signal}));
     } catch {
         if (signal?.aborted) return;
         item.found = {result: "failed", reason: "system", tracks: []};
@@ -297,8 +248,8 @@ const notSaved = (name, {message: why}) => text("not_saved", {name, why});
 async function saveFile(name, blob) {
     try {
         const done = await saveAs(name, blob);
-        if (done) tell(text(done.key, done));
-        return done?.name;
+        if (done) tell(text(done.key, {name: isolated(done.name)}));
+        return done;
     } catch (error) {
         tell(notSaved(name, error));
     }
@@ -308,6 +259,7 @@ async function save(item) {
     try {
         await assertThere(item);
         item.saved = await saveFile(newName(item.path), item.blob) ?? item.saved;
+        writeRow(item);
     } catch (error) {
         tell(notSaved(isolated(item.path), error));
     }
@@ -325,6 +277,7 @@ async function saveAllInto(target) {
         try {
             await assertThere(item);
             item.saved = await target.save(newName(item.path), item.blob);
+            writeRow(item);
         } catch (error) {
             failed.push(notSaved(isolated(item.path), error));
         }
@@ -392,32 +345,54 @@ function words(item, length, cut) {
 
 /* ---- Report ----------------------------------------------------------- */
 
-/** The row of the report: name, what it was, kept, lost, sums. */
-function rowOf(item) {
-    const kept = item.blob || item.found.result === "finished" ? metaOf(item).slice(1).join(", ") : "";
-    const sums = [...(item.sums?.read ? [text("read_sum", {sum: item.sums.read})] : []),
-        ...(item.sums?.made ? [text("made_sum", {sum: item.sums.made})] : [])];
-    return [shown(item.path), whatOf(item), kept, lostOf(item), sums.join("\n")];
-}
-
 function writeRow(item) {
-    item.row.replaceChildren(...rowOf(item).map((words) => node("td", words)));
+    const [name, ...others] = rowOf(item).map((words, i) => node(i ? "td" : "th", i ? words : ""));
+    name.scope = "row";
+    name.append(node("bdi", shown(item.path)));
+    item.row.replaceChildren(name, ...others);
 }
 
+/** Of all that was given, what was refused included. */
 async function addSums() {
-    const all = [...items.values()].filter((item) => fileOf(item) && !item.sums);
-    await forAll("hashing", all, async (item, signal, progress) => {
-        const {media, journal, options} = item;
-        item.sums = await helper.call("hash", {media, journal, options}, {progress, signal}).catch(() => undefined);
+    const weightOf = ({media, journal}) => (media?.size ?? 0) + (journal?.size ?? 0);
+    const all = [...items.values()].filter(({found, sums}) => found && !(sums && !sums.failed)), failed = [];
+    const done = await forAll("hashing", all, async (item, signal, progress) => {
+        const {media, journal, options, blob} = item;
+        try {
+            item.sums = await helper.call("hash", {media, journal, options, made: blob?.size ?? null}, {progress, signal});
+        } catch {
+            if (signal.aborted) return;
+            item.sums = {failed: true};
+            failed.push(notSummed(item));
+        }
         writeRow(item);
-    }, (item) => item.media.size);
+    }, weightOf);
+    tell(text("hashed", {count: done - failed.length}), failed);
 }
 
-function saveReport() {
-    const lines = [...items.values()].filter((item) => item.found).map(rowOf).map((row) => row.filter(Boolean).join("\n  ").replaceAll("\n", "\n  "));
-    writeMade();
-    const words = [text("report"), element("report-made").textContent, ...lines].join("\n\n");
+const notSummed = (item) => text("not_hashed", {name: isolated(item.path)});
+
+async function saveReport() {
+    await writeMade();
+    const rows = [...items.values()].filter((item) => item.found).map(rowOf);
+    const words = [text("report"), element("report-made").textContent,
+        ...rows.map((row) => row.filter(Boolean).join("\n").replaceAll("\n", "\n  "))].join("\n\n");
     saveFile(text("report_name"), new Blob([words + "\n"], {type: "text/plain"}));
+}
+
+/** The text of the file that this page is: policy, style and script are what the browser has checked and runs. */
+function ownText() {
+    const part = (selector) => document.querySelector(selector);
+    return PAGE.replace("@POLICY@", () => part("meta[http-equiv]").content)
+        .replace("@STYLE@", () => part("style").textContent)
+        .replace("@SCRIPT@", () => part("script").textContent);
+}
+
+let ownSum = null;
+
+async function writeMade() {
+    ownSum ??= await helper.call("sum", {file: new Blob([ownText()])});
+    show("report-made", text("report_made", {date: exactDate(Date.now()), program: text("program", {version: VERSION}), sum: ownSum}));
 }
 
 /* ---- What happens now ------------------------------------------------- */
@@ -445,10 +420,6 @@ function busy(is) {
     for (const id of ["repair-all", "save-all", "add-sums"]) element(id).setAttribute("aria-disabled", is);
 }
 
-function writeMade() {
-    show("report-made", text("report_made", {date: date(Date.now()), program: text("program", {version: VERSION})}));
-}
-
 function begin() {
     document.documentElement.lang = TEXTS.locale;
     document.title = text("title");
@@ -467,7 +438,6 @@ function begin() {
     work("save-all", saveAll);
     work("add-sums", () => enqueue(addSums));
     press("print", () => window.print());
-    addEventListener("beforeprint", writeMade);
     press("save-report", saveReport);
     element("files").addEventListener("change", takeInput);
     element("folder").addEventListener("change", takeInput);

@@ -77,7 +77,7 @@ export class Target {
         return Boolean(this.folder);
     }
 
-    /** The name under which it was saved: what is there stays, and another gets a number. */
+    /** What became of it, as of saveAs: what is there stays, and another of its name gets a number. */
     async save(wanted, blob) {
         const name = await this.freeName(wanted);
         if (this.folder) {
@@ -86,7 +86,7 @@ export class Target {
             download(name, blob);
             await new Promise((resolve) => setTimeout(resolve, DOWNLOAD_PAUSE));
         }
-        return name;
+        return {key: this.folder ? "saved" : "download_started", name};
     }
 
     async freeName(wanted) {

@@ -118,10 +118,21 @@ export const TEXTS = {
     print: "Print",
     save_report: "Save report…",
     stop: "Stop",
-    report_made: "Made on {date} with {program}. The recordings were read and not changed.",
-    column: {name: "Recording", what: "What it was", kept: "What is kept", lost: "What is lost", sums: "SHA-256"},
-    read_sum: "read: {sum}",
-    made_sum: "made: {sum}",
+    hashed: {one: "Checksums of 1 recording were computed.", other: "Checksums of {count} recordings were computed."},
+    not_hashed: "No checksum: {name} cannot be read to its end, or has changed.",
+    report_made: "Made on {date} with {program}; SHA-256 of this page: {sum}. The recordings were read and not changed.",
+    column: {name: "Recording", what: "What it is", tracks: "Tracks", lost: "What is lost", files: "Files"},
+    report_track: "{track}: {samples} frames, {seconds} s",
+    report_file: {
+        media: "Recording: {name}, {bytes} bytes, changed {date}",
+        journal: "Journal: {name}, {bytes} bytes, changed {date}",
+        made: "Result: {bytes} bytes",
+        sum: "SHA-256: {sum}",
+        failed: "No checksum: not readable to the end, or changed",
+        options: "Chosen: {options}",
+        saved: "Saved as {name}",
+        download_started: "Download started as {name}",
+    },
     program: "libmediafiles {version}",
     licences: "Licences",
     file_name: "{stem}-recovered{ending}",
@@ -153,4 +164,9 @@ export function duration(seconds) {
 
 export function date(time) {
     return new Intl.DateTimeFormat(TEXTS.locale, {dateStyle: "medium", timeStyle: "short"}).format(time);
+}
+
+/** To the second, with the time zone. */
+export function exactDate(time) {
+    return new Intl.DateTimeFormat(TEXTS.locale, {dateStyle: "medium", timeStyle: "long"}).format(time);
 }

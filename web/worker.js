@@ -69,6 +69,14 @@ function examine(args) {
     return {...found, tracks};
 }
 
+/** SHA-256 of the recording, of its journal, and of the result of that size; null for what there is none of. */
+function hash(args, progress) {
+    const {media, journal, made} = args, parts = made === null ? null : planOf(args).parts;
+    if (parts === undefined || (parts && new Joined(parts, null).size !== made)) throw new Error("it has changed");
+    const sums = media ? repair.hashes(sourceOf(media), parts, progress) : {read: null, made: null};
+    return {...sums, journal: journal ? repair.hashes(sourceOf(journal), null, progress).read : null};
+}
+
 const CALLS = {
     begin: ({module}) => {
         repair = new Repair(module);
@@ -81,7 +89,8 @@ const CALLS = {
         return blobOf(parts, args.media);
     },
     draw: ({file, columns, length}) => repair.draw(sourceOf(file), 0, length, columns),
-    hash: (args, progress) => repair.hashes(sourceOf(args.media), planOf(args).parts ?? null, progress),
+    hash,
+    sum: ({file}) => repair.hashes(sourceOf(file), null).read,
 };
 
 onmessage = ({data: {id, call, args}}) => {

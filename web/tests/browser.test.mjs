@@ -12,7 +12,7 @@ import {tmpdir} from "node:os";
 import {basename, join, relative} from "node:path";
 import {after, before, test} from "node:test";
 
-import {listOf, openBrowser, openPage, press, settled} from "./support/browser.js";
+import {listOf, openBrowser, openPage, pagePath, press, settled} from "./support/browser.js";
 import {dumpCases, makeCard, makeLarge, repairByCommand} from "./support/card.js";
 import {BUILD} from "./support/files.js";
 
@@ -83,12 +83,16 @@ test("a card: results, downloads and checksums are the command's", async () => {
         assert.ok(readFileSync(saved).equals(readFileSync(path)), path);
     }
     await press(page, "Add SHA-256 checksums (reads every recording once)");
-    await page.waitForFunction((n) => document.querySelector("tbody").textContent.split("made: ").length === n + 1, {}, made.length);
-    const table = await page.$eval("tbody", (all) => all.textContent);
-    for (const {output: path, path: read} of made) {
-        assert.ok(table.includes(`made: ${sha256(path)}`), path);
-        assert.ok(table.includes(`read: ${sha256(read)}`), read);
+    await page.waitForFunction(() => document.getElementById("status").textContent.startsWith("Checksums of 40"));
+    const rows = await page.$$eval("tbody tr", (all) => all.map((row) => [row.cells[0].textContent, row.cells[4].textContent]));
+    const files = Object.fromEntries(rows), bytes = (path) => `${statSync(path).size.toLocaleString("en")} bytes`;
+    for (const {output: path, path: read, journal} of reports) {
+        const lines = files[`DASHCAM/${relative(card, read)}`].split("\n"), wanted = [read, journal, path].filter(Boolean);
+        assert.deepEqual(lines.filter((line) => line.startsWith("SHA")), wanted.map((each) => `SHA-256: ${sha256(each)}`));
+        for (const each of wanted) assert.ok(lines.some((line) => line.includes(bytes(each))), `${lines} have no ${bytes(each)}`);
     }
+    assert.match(rows[0][1], /changed Nov 2\d, 2026, \d+:\d+:\d+ [AP]M [A-Z]/);
+    assert.match(await page.$eval("#report-made", (made) => made.textContent), new RegExp(`page: ${sha256(pagePath)}`));
     assert.ok(made.length >= 15 && new Set(reports.map(({result}) => result)).size >= 5);
     assert.deepEqual([requests, problems], [[], []]);
     await page.close();
@@ -166,7 +170,7 @@ test("saved is said of what is saved", async () => {
         await page.click(".item .buttons button:nth-child(2)");
         await waitForStatus(page, words);
     };
-    await save("Download started: clip-0009-recovered.mp4.");
+    await save("Download started: \u2068clip-0009-recovered.mp4\u2069.");
     await page.evaluate(() => { // where the browser can write files
         window.written = 0;
         window.showSaveFilePicker = async ({suggestedName: name}) => ({name, getFile: async () => ({size: window.written}),
@@ -179,7 +183,7 @@ test("saved is said of what is saved", async () => {
     await page.waitForFunction(() => window.finish);
     assert.doesNotMatch(await statusOf(page), /^Saved/);
     await page.evaluate(() => window.finish());
-    await waitForStatus(page, "Saved: clip-0009-recovered.mp4");
+    await waitForStatus(page, "Saved: \u2068clip-0009-recovered.mp4\u2069");
     rmSync(join(directory, "clip-0009.mp4"));
     await save(`Not saved: \u2068${basename(directory)}/clip-0009.mp4\u2069. The original can no longer be read`);
     await page.close();

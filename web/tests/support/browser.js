@@ -5,6 +5,7 @@ import puppeteer from "puppeteer-core";
 
 import {PAGE} from "./files.js";
 
+export const pagePath = `${resolve(PAGE)}/mediafiles-repair.html`;
 const SETTLED = 60000; // ms
 
 /** Notes each Blob that the page shows or saves, and that there is no dialog for saving: downloads are looked at. */
@@ -37,7 +38,7 @@ export async function openPage(browser, downloads) {
     }
     await page.evaluateOnNewDocument(watch);
     await page.setViewport({width: 1000, height: 900});
-    await page.goto(`file://${resolve(PAGE)}/mediafiles-repair.html`);
+    await page.goto(`file://${pagePath}`);
     return {page, requests, problems};
 }
 
