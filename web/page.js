@@ -203,13 +203,14 @@ async function repairAll() {
 
 function play(item) {
     const player = item.node.querySelector(".player"), video = document.createElement("video");
-    close(item, ".lines");
+    close(item);
     const note = document.createElement("p");
     video.controls = true;
     video.setAttribute("aria-label", text("video_of", {name: shown(item.path)}));
     video.src = URL.createObjectURL(fileOf(item));
-    video.addEventListener("error", () => {
-        note.textContent = text("cannot_play", {codec: item.found.tracks.map(({codec}) => codec).join(", ")});
+    video.addEventListener("error", async () => {
+        const codec = item.found.tracks.map((track) => track.codec).join(", ");
+        note.textContent = await assertThere(item).then(() => text("cannot_play", {codec}), (error) => error.message);
         video.hidden = true;
     });
     note.setAttribute("role", "status");
@@ -287,16 +288,25 @@ async function saveAllInto(target) {
 
 /* ---- Look inside ------------------------------------------------------ */
 
+/** The drawings, made of what the file holds now. Throws what a person can read. */
+async function drawingsOf(item, length, cut) {
+    const {media, journal, options, found: {tracks}} = item;
+    const file = fileOf(item) ?? (await helper.call("repair", {media, journal, options})).blob;
+    const drawn = file ? await helper.call("draw", {file, columns: COLUMNS, length: length * 1.0001 || 1}) : [];
+    if (drawn.length !== tracks.length) throw new Error(text("gone"));
+    return drawn.flatMap((columns, index) => columns ? [trackDrawing(tracks[index], columns, cut)] : []);
+}
+
 async function lookInside(item, at) {
-    const lines = item.node.querySelector(".lines"), length = lengthOf(item), {tracks} = item.found;
-    close(item, ".player");
-    const {media, journal, options} = item;
-    const file = fileOf(item) ?? await helper.call("repair", {media, journal, options}).then(({blob}) => blob, () => new Blob());
-    const drawn = await helper.call("draw", {file, columns: COLUMNS, length: length * 1.0001 || 1}).catch(() => []);
-    const cut = item.found.result !== "finished";
-    lines.replaceChildren(heading(text("time_line")),
-        ...drawn.flatMap((columns, index) => columns ? [trackDrawing(tracks[index], columns, cut)] : []), axis(length), legend(cut),
-        words(item, length, cut), button("close", item, () => (close(item), at.focus())));
+    const lines = item.node.querySelector(".lines"), length = lengthOf(item), cut = item.found.result !== "finished";
+    close(item);
+    const shut = button("close", item, () => (close(item), at.focus()));
+    try {
+        const drawings = await drawingsOf(item, length, cut);
+        lines.replaceChildren(heading(text("time_line")), ...drawings, axis(length), legend(cut), words(item, length, cut), shut);
+    } catch (error) {
+        lines.replaceChildren(node("p", error.message), shut);
+    }
     lines.hidden = false;
 }
 

@@ -24,6 +24,7 @@ export function whatOf(item) {
     if (item.media) values.size = size(item.media.size);
     if (result === "empty_removed") return text(item.media.size ? "result.empty" : "result.nothing", values);
     if (result === "refused") return text(`reason.${reason}`, {...values, journal: isolated(`${nameOf(item.path)}.journal`)});
+    if (result === "failed") return text(reason === "gone" ? "gone" : "result.failed");
     return text(`result.${result}`) + (foreign ? ` ${text("result.foreign")}` : "");
 }
 

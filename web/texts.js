@@ -59,7 +59,7 @@ export const TEXTS = {
         empty: "No list of frames was written: its media, {size}, cannot be put in order. The original stays as it is.",
         nothing: "Nothing was written to it, and no list of frames. The original stays as it is.",
         not_ours: "It is no recording of this kind. It stays as it is.",
-        failed: "It could not be read. Copy the card again, or try another card reader.",
+        failed: "It could not be examined. Load this page again, and give this recording alone.",
     },
     lost: {
         nothing: "Every frame that its journal lists is kept.",
@@ -91,7 +91,6 @@ export const TEXTS = {
         cannot_replay: "Its journal contradicts itself.",
         no_media: "This is the journal of a recording that is missing. Choose both files together.",
         changed: "It changed while it was read. Is it still being recorded, or copied?",
-        system: "It could not be read. Copy the card again, or try another card reader.",
     },
     option: {can_salvage: "Keep what comes before the damage", can_keep_damaged: "Keep everything, damage included",
         can_force: "Repair it anyway"},

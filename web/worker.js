@@ -13,7 +13,21 @@ class BlobSource {
     }
 
     read(offset, count) {
-        return new Uint8Array(this.reader.readAsArrayBuffer(this.blob.slice(offset, offset + count)));
+        try {
+            return new Uint8Array(this.reader.readAsArrayBuffer(this.blob.slice(offset, offset + count)));
+        } catch (error) {
+            this.hasFailed = true;
+            throw error;
+        }
+    }
+
+    /** Whether nothing of it can be read any more. */
+    get isGone() {
+        try {
+            return this.hasFailed && this.read(0, 1).length === 0;
+        } catch {
+            return true;
+        }
     }
 
     /** What was read is not left for the next collection of garbage: of a long journal that would be 100 MB. */
@@ -56,8 +70,9 @@ function blobOf(parts, media) {
 }
 
 function planOf({media, journal, options}) {
-    const {error, ...found} = repair.plan(sourceOf(media), sourceOf(journal), options);
-    return found;
+    const sources = [sourceOf(media), sourceOf(journal)];
+    const {error, ...found} = repair.plan(...sources, options);
+    return sources.some((source) => source?.isGone) ? {result: "failed", reason: "gone"} : found;
 }
 
 /** What is found, with the tracks as they are in the result, or in the file where it is finished. */
@@ -84,9 +99,8 @@ const CALLS = {
     pair: ({names}) => repair.pair(names),
     examine,
     repair: (args) => {
-        const {parts} = planOf(args);
-        if (!parts) throw new Error("it has changed");
-        return blobOf(parts, args.media);
+        const {parts, ...found} = planOf(args);
+        return parts ? blobOf(parts, args.media) : {found: {...found, tracks: []}};
     },
     draw: ({file, columns, length}) => repair.draw(sourceOf(file), 0, length, columns),
     hash,

@@ -210,6 +210,24 @@ function makeFolder(files, fails) {
     });
 }
 
+test("an original that is gone is said to be gone", async () => {
+    const {page, directory} = await openRepaired(["clip-0009.mp4"]), name = (clip) => `${basename(directory)}/${clip}.mp4`;
+    const other = ["", ".journal"].map((ending) => `clip-0011.mp4${ending}`);
+    for (const each of other) cpSync(join(card, "2026-11-20", each), join(directory, each));
+    await give(page, other.map((each) => join(directory, each)), "#files");
+    await settled(page, 2);
+    for (const clip of ["clip-0009", "clip-0011"]) writeFileSync(join(directory, `${clip}.mp4`), "It is another one.");
+    for (const [button, place] of [[`Play: ${name("clip-0009")}`, ".player [role=status]"], ["Look inside: clip-0011.mp4", ".lines p"],
+        ["Repair: clip-0011.mp4", "[data-state=failed] .what"]]) {
+        await press(page, button);
+        await page.waitForFunction((at) => document.querySelector(at)?.textContent.startsWith("The original can no longer be read"), {}, place);
+    }
+    await press(page, "Add SHA-256 checksums (reads every recording once)");
+    await waitForStatus(page, "Checksums of 0");
+    assert.equal(await page.$$eval("#troubles li", (all) => all.length), 2);
+    await page.close();
+});
+
 test("save all: no file is overwritten, and one that fails does not stop the others", async () => {
     const names = ["clip-0009.mp4", "clip-0011.mp4", "clip-0012.mp4", "clip-0014.mp4"], made = (name) => name.replace(".", "-recovered.");
     const {page, directory} = await openRepaired(names);
