@@ -104,17 +104,21 @@ export class Given {
         return isLoose || !this.folders.has(folder) || old.some(Boolean);
     }
 
-    /** The recordings, by what pair(names) says of a folder: path, media and journal of each. Single files all count. */
+    /**
+     * The recordings, by what pair(names) says of a folder: path, media and journal of each; and the folders that have other
+     * files alone. Single files all count.
+     */
     async recordings(pair) {
-        const found = [];
+        const found = [], without = [];
         for (const [folder, paths] of groups(this.files.keys(), folderOf)) {
             const names = paths.map(nameOf), pairs = await pair(names);
             const used = new Set(pairs.flatMap(({media, journal}) => [media, journal]));
             const others = this.loose.has(folder) ? names.filter((name) => !used.has(name)) : [];
             const get = (name) => name && this.files.get(folder + name);
+            if (pairs.length + others.length === 0) without.push(folder);
             for (const {media, journal} of [...pairs, ...others.map((name) => ({media: name, journal: null}))])
                 found.push({path: folder + (media ?? journal), media: get(media), journal: get(journal)});
         }
-        return found;
+        return {found, without};
     }
 }

@@ -10,6 +10,7 @@ import {rowOf} from "./report.js";
 import {Target, assertReadable, saveAs} from "./saving.js";
 
 const COLUMNS = 400; // of a drawing
+const MOST_NAMED = 10; // folders
 
 const element = (id) => document.getElementById(id);
 const helper = new Helper();
@@ -38,13 +39,15 @@ const take = (found) => enqueue(() => examineAll(found));
 /** Looks at what is new, the newest first. */
 async function examineAll({files, failed}) {
     given.add(files);
-    const found = await given.recordings((names) => helper.call("pair", {names}));
+    const {found, without} = await given.recordings((names) => helper.call("pair", {names}));
     const paths = new Set(found.map(({path}) => path));
     for (const item of items.values()) if (!paths.has(item.path)) remove(item);
     const fresh = found.filter(({path, media, journal}) => items.get(path)?.journal !== journal || items.get(path)?.media !== media);
     fresh.sort((a, b) => (b.media ?? b.journal).lastModified - (a.media ?? a.journal).lastModified);
     const used = found.reduce((sum, {media, journal}) => sum + Boolean(media) + Boolean(journal), 0);
-    show("ignored", given.files.size > used ? text("ignored", {count: given.files.size - used}) : "");
+    const list = without.slice(0, MOST_NAMED).map(isolated).join(", ") + (without.length > MOST_NAMED ? ", …" : "");
+    show("ignored", [...(given.files.size > used ? [text("ignored", {count: given.files.size - used})] : []),
+        ...(without.length ? [text("without", {count: without.length, list})] : [])].join(" "));
     const done = await forAll("looking", fresh, async (each, signal) => {
         const item = add(each);
         await examine(item, 0, signal);
@@ -52,7 +55,7 @@ async function examineAll({files, failed}) {
     });
     element("go-on").hidden = done === fresh.length;
     const unread = [...groups(failed, folderOf)].map(([folder, list]) => text("unread", {count: list.length, folder: isolated(folder)}));
-    const words = done < fresh.length ? text("stopped_looking", {count: fresh.length - done}) : items.size ? "" : text("nothing");
+    const words = done < fresh.length ? text("stopped_looking", {count: fresh.length - done}) : items.size ? "" : text("nothing", {count: given.files.size});
     tell(words, unread);
 }
 

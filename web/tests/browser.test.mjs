@@ -266,11 +266,15 @@ test("what takes long is stopped, and goes on", async () => {
     await page.close();
 });
 
-test("names that hide something, or that no browser can read", async () => {
+test("photos, names that hide something, and names that no browser can read", async () => {
     const directory = mkdirOf(join(work, "NAMES")), {page, drop} = await openDropping();
     const put = (name) => ["", ".journal"].forEach((ending) => writeFileSync(
         Buffer.concat([Buffer.from(`${directory}/`), name, Buffer.from(`.mp4${ending}`)]),
         readFileSync(join(card, `2026-11-20/clip-0009.mp4${ending}`))));
+    mkdirOf(join(directory, "PHOTOS"));
+    writeFileSync(join(directory, "PHOTOS/1.jpg"), "a photo");
+    await give(page, join(directory, "PHOTOS"));
+    await waitForStatus(page, "The file that you gave is no recording.");
     put(Buffer.from([0x63, 0xff]));
     await drop(directory);
     await page.waitForFunction(() => document.getElementById("troubles").textContent.startsWith("2 files in \u2068NAMES/\u2069 cannot"));
@@ -278,6 +282,7 @@ test("names that hide something, or that no browser can read", async () => {
     await give(page, directory); // dropped, Chromium would keep this name from the page
     await settled(page, 1);
     assert.deepEqual(Object.keys(await listOf(page)), ["NAMES/a\\u{202E}4pm.exe\\u{7}.mp4"]);
+    assert.match(await page.$eval("#ignored", (words) => words.textContent), /2 other files .* \u2068NAMES\/PHOTOS\/\u2069/);
     await page.close();
 });
 
