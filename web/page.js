@@ -54,8 +54,9 @@ async function examineAll({files, failed}) {
         if (signal.aborted) remove(item);
     });
     element("go-on").hidden = done === fresh.length;
+    if (done < fresh.length) element("go-on").focus();
     const unread = [...groups(failed, folderOf)].map(([folder, list]) => text("unread", {count: list.length, folder: isolated(folder)}));
-    const words = done < fresh.length ? text("stopped_looking", {count: fresh.length - done}) : items.size ? "" : text("nothing", {count: given.files.size});
+    const words = done < fresh.length ? text("stopped_looking", {count: fresh.length - done}) : items.size ? element("summary").textContent : text("nothing", {count: given.files.size});
     tell(words, unread);
 }
 
@@ -66,6 +67,7 @@ async function examineAll({files, failed}) {
 async function forAll(key, list, run, weightOf = () => 1) {
     const {signal} = job = new AbortController(), whole = list.reduce((sum, item) => sum + weightOf(item), 0);
     let done = 0, passed = 0;
+    const from = document.activeElement;
     busy(true);
     try {
         for (const item of list) {
@@ -81,6 +83,7 @@ async function forAll(key, list, run, weightOf = () => 1) {
     } finally {
         job = null;
         busy(false);
+        if ([element("stop"), document.body, null].includes(document.activeElement)) from.focus(); // Stop is gone
     }
     await writeMade();
     return done;
@@ -136,6 +139,12 @@ function button(key, item, run, name = "") {
     return made;
 }
 
+function opener(key, item, open, name) {
+    const made = button(key, item, () => open(item, made), name);
+    made.setAttribute("aria-expanded", "false");
+    return made;
+}
+
 function render(item) {
     const {node, found} = item;
     close(item);
@@ -153,9 +162,9 @@ function render(item) {
     for (const [name, value] of Object.entries(OPTION)) {
         if (found[name]) buttons.push(button(`option.${name}`, item, () => examine(item, item.options | value).then(() => focus(item))));
     }
-    if (fileOf(item)) buttons.push(button("play", item, () => play(item), item.blob ? "main" : ""));
+    if (fileOf(item)) buttons.push(opener("play", item, play, item.blob ? "main" : ""));
     if (item.blob) buttons.push(button("save", item, (at) => save(item, at)));
-    if (found.tracks.length) buttons.push(button("inside", item, (at) => lookInside(item, at)));
+    if (found.tracks.length) buttons.push(opener("inside", item, lookInside));
     node.querySelector(".buttons").replaceChildren(...buttons);
     writeRow(item);
 }
@@ -204,10 +213,9 @@ async function repairAll() {
     element(done < waiting.length ? "repair-all" : "save-all").focus();
 }
 
-function play(item) {
-    const player = item.node.querySelector(".player"), video = document.createElement("video");
-    close(item);
-    const note = document.createElement("p");
+function play(item, at) {
+    if (!opens(item, at)) return;
+    const player = item.node.querySelector(".player"), video = document.createElement("video"), note = document.createElement("p");
     video.controls = true;
     video.setAttribute("aria-label", text("video_of", {name: shown(item.path)}));
     video.src = URL.createObjectURL(fileOf(item));
@@ -217,15 +225,28 @@ function play(item) {
         video.hidden = true;
     });
     note.setAttribute("role", "status");
-    player.replaceChildren(video, note, button("close", item, () => close(item)));
+    player.replaceChildren(video, note, closer(item, at));
     player.hidden = false;
     video.focus();
     video.play().catch(() => {}); // the person can start it
 }
 
+/** Opens below a recording what its button is for; or closes it, where it is open. false then. */
+function opens(item, at) {
+    const isOpen = at.getAttribute("aria-expanded") === "true";
+    close(item);
+    item.opener = at;
+    at.setAttribute("aria-expanded", String(!isOpen));
+    return !isOpen;
+}
+
+/** The button that closes what another one has opened, which gets the focus back. */
+const closer = (item, at) => button("close", item, () => (close(item), at.focus()));
+
 /** What is open below a recording goes. */
-function close(item, which = ".player, .lines") {
-    for (const part of item.node.querySelectorAll(which)) {
+function close(item) {
+    item.opener?.setAttribute("aria-expanded", "false");
+    for (const part of item.node.querySelectorAll(".player, .lines")) {
         const video = part.querySelector("video");
         if (video) URL.revokeObjectURL(video.src);
         part.replaceChildren();
@@ -302,8 +323,8 @@ async function drawingsOf(item, length, cut) {
 
 async function lookInside(item, at) {
     const lines = item.node.querySelector(".lines"), length = lengthOf(item), cut = item.found.result !== "finished";
-    close(item);
-    const shut = button("close", item, () => (close(item), at.focus()));
+    if (!opens(item, at)) return;
+    const shut = closer(item, at);
     try {
         const drawings = await drawingsOf(item, length, cut);
         lines.replaceChildren(heading(text("time_line")), ...drawings, axis(length), legend(cut), words(item, length, cut), shut);

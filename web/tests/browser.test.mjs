@@ -50,6 +50,23 @@ async function violations(page) {
     return found.violations.flatMap(({id, nodes}) => nodes.map(({html}) => `${id}: ${html}`));
 }
 
+/** Of what is drawn and not text, such as edges: [name, ground, contrast] by WCAG 2.2, 1.4.11, from the variables of the style. */
+function contrasts(page) {
+    return page.evaluate(() => {
+        const style = getComputedStyle(document.documentElement), colour = (name) => {
+            const probe = document.body.appendChild(document.createElement("i"));
+            probe.style.color = style.getPropertyValue(`--${name}`);
+            const parts = getComputedStyle(probe).color.match(/\d+/g).map((n) => n / 255);
+            probe.remove();
+            return parts.map((c) => c <= 0.04045 ? c / 12.92 : ((c + 0.055) / 1.055) ** 2.4);
+        };
+        const light = (name) => [0.2126, 0.7152, 0.0722].reduce((sum, factor, i) => sum + factor * colour(name)[i], 0);
+        const pairs = [["edge", "panel"], ["edge", "ground"], ["accent", "panel"], ["frames", "soft-ground"], ["key", "soft-ground"],
+            ["key", "frames"], ["gap", "soft-ground"], ["cut", "panel"]];
+        return pairs.map(([a, b]) => [a, b, (Math.max(light(a), light(b)) + 0.05) / (Math.min(light(a), light(b)) + 0.05)]);
+    });
+}
+
 async function waitForFiles(directory, count) {
     for (let i = 0; i < 300; i++) {
         const done = readdirSync(directory).filter((name) => !name.endsWith(".crdownload") && !name.startsWith("."));
@@ -384,6 +401,7 @@ test("accessible: by its names, by keyboard alone, in dark and light, on a phone
     }
     await give(page, card);
     await settled(page, 40);
+    await waitForStatus(page, "40 recordings · "); // is announced
     const focused = () => page.evaluate(() => document.activeElement.getAttribute("aria-label") ?? document.activeElement.textContent);
     const go = async (name) => { // by the tabulator
         for (let i = 0; i < 300 && !(await focused()).startsWith(name); i++) await page.keyboard.press("Tab");
@@ -394,6 +412,12 @@ test("accessible: by its names, by keyboard alone, in dark and light, on a phone
     await go("Repair all");
     await page.waitForSelector("[data-state=repairable]", {hidden: true});
     await page.waitForFunction(() => document.activeElement.id === "save-all");
+    await go("Play: ");
+    await page.waitForSelector("video");
+    assert.equal(await page.$$eval("[aria-expanded=true]", (all) => all.length), 1);
+    await go("Close: ");
+    assert.match(await focused(), /^Play: /);
+    assert.deepEqual(await page.$$eval("[aria-expanded=true], video", (all) => all.length), 0);
     await go("Look inside: ");
     await page.waitForSelector(".drawing");
     assert.match(await page.$eval(".drawing", (svg) => svg.getAttribute("aria-label")), /\d+ frames, \d+ of them key frames/);
@@ -408,6 +432,7 @@ test("accessible: by its names, by keyboard alone, in dark and light, on a phone
         await page.emulateMediaFeatures([{name: "prefers-color-scheme", value: scheme}, {name: "prefers-reduced-motion", value: "reduce"}]);
         await page.setViewport({width, height: 800});
         assert.deepEqual(await violations(page), [], scheme);
+        assert.deepEqual((await contrasts(page)).filter(([, , contrast]) => contrast < 3), [], scheme);
         assert.ok(await page.evaluate(() => document.documentElement.scrollWidth <= innerWidth), `wider than ${width}`);
     }
     await picture(page, "phone");
