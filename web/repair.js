@@ -80,6 +80,7 @@ export class Repair {
         return this.guarded(() => {
             const functions = this.open(media, journal);
             const answer = this.text(functions.plan(media.size, journal ? journal.size : -1, options));
+            journal?.forget?.(); // nothing more is read of it
             if (!answer) return {...BROKEN};
             const found = JSON.parse(answer);
             if (found.result === "repaired" || found.result === "salvaged") found.parts = this.partsOf(found);

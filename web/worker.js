@@ -36,6 +36,34 @@ class BlobSource {
     }
 }
 
+const WHOLE = 32 << 20; // bytes, of a journal that is read at once
+
+/** Likewise of a journal: a plan goes through it five times, so all of it stays in memory until the plan is made. */
+class JournalSource extends BlobSource {
+    read(offset, count) {
+        this.bytes ??= this.readWhole();
+        return this.bytes.length ? this.bytes.subarray(offset, offset + count) : super.read(offset, count);
+    }
+
+    /** Nothing where a part cannot be read: then the others are read one by one. */
+    readWhole() {
+        try {
+            return this.size <= WHOLE ? super.read(0, this.size) : new Uint8Array();
+        } catch {
+            return new Uint8Array();
+        }
+    }
+
+    done(bytes) {
+        if (!this.bytes.length) drop(bytes);
+    }
+
+    forget() {
+        if (this.bytes?.length) drop(this.bytes);
+        this.bytes = null;
+    }
+}
+
 /** Frees memory at once: sent to nobody. (A transfer within JavaScript leaves a share of it with the browser.) */
 function drop(bytes) {
     nobody.postMessage(null, [bytes.buffer]);
@@ -70,7 +98,7 @@ function blobOf(parts, media) {
 }
 
 function planOf({media, journal, options}) {
-    const sources = [sourceOf(media), sourceOf(journal)];
+    const sources = [sourceOf(media), journal && new JournalSource(journal)];
     const {error, ...found} = repair.plan(...sources, options);
     return sources.some((source) => source?.isGone) ? {result: "failed", reason: "gone"} : found;
 }
