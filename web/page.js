@@ -50,19 +50,21 @@ async function examineAll({files, failed}) {
         ...(without.length ? [text("without", {count: without.length, list})] : [])].join(" "));
     const done = await forAll("looking", fresh, async (each, signal) => {
         const item = add(each);
-        await examine(item, 0, signal);
-        if (signal.aborted) remove(item);
+        if (await examine(item, 0, signal)) return true;
+        remove(item);
+        return false;
     });
-    element("go-on").hidden = done === fresh.length;
-    if (done < fresh.length) element("go-on").focus();
-    const unread = [...groups(failed, folderOf)].map(([folder, list]) => text("unread", {count: list.length, folder: isolated(folder)}));
-    const words = done < fresh.length ? text("stopped_looking", {count: fresh.length - done}) : items.size ? element("summary").textContent : text("nothing", {count: given.files.size});
-    tell(words, unread);
+    const left = fresh.length - done;
+    element("go-on").hidden = left === 0;
+    if (left) element("go-on").focus();
+    const unread = [...groups(failed, folderOf)].map(([folder, paths]) => text("unread", {count: paths.length, folder: isolated(folder)}));
+    const words = items.size ? element("summary").textContent : text("nothing", {count: given.files.size});
+    tell(left ? text("stopped_looking", {count: left}) : words, unread);
 }
 
 /**
- * Does run(item, signal, advance) for all of a list, unless it is stopped; how many were done. An item has a weight; of a
- * heavy one run says with advance(weight) how far it is.
+ * Does run(item, signal, advance) for all of a list, unless it is stopped; how many were done. run gives false when it was
+ * cut off. An item has a weight; of a heavy one run says with advance(weight) how far it is.
  */
 async function forAll(key, list, run, weightOf = () => 1) {
     const {signal} = job = new AbortController(), whole = list.reduce((sum, item) => sum + weightOf(item), 0);
@@ -73,12 +75,12 @@ async function forAll(key, list, run, weightOf = () => 1) {
         for (const item of list) {
             let within = passed;
             progress(text(key, {count: done + 1, total: list.length}), passed / whole);
-            await run(item, signal, (weight) => {
+            const isDone = await run(item, signal, (weight) => {
                 element("progress").value = (within += weight) / whole;
             });
-            if (signal.aborted) break;
+            if (isDone) done++;
+            if (!isDone || signal.aborted) break;
             passed += weightOf(item);
-            done++;
         }
     } finally {
         job = null;
@@ -89,14 +91,16 @@ async function forAll(key, list, run, weightOf = () => 1) {
     return done;
 }
 
-/** @param options  of the plan, which the person has chosen */
+/** false when it was stopped. @param options  of the plan, which the person has chosen */
 async function examine(item, options, signal) {
     item.options = options;
     item.blob = item.borrowed = item.sums = item.saved = null;
     const {media, journal} = item;
     if (!media) item.found = {result: "refused", reason: "no_media", tracks: []};
     else item.found = await helper.call("examine", {media, journal, options}, {signal}).catch(() => ({result: "failed", reason: "system", tracks: []}));
-    if (!signal?.aborted) render(item);
+    if (signal?.aborted) return false;
+    render(item);
+    return true;
 }
 
 /* ---- The list --------------------------------------------------------- */
@@ -104,7 +108,7 @@ async function examine(item, options, signal) {
 function add(each) {
     const old = items.get(each.path);
     const node = old?.node ?? element("item").content.firstElementChild.cloneNode(true);
-    const item = {...each, node, row: old?.row ?? document.createElement("tr"), state: old?.state};
+    const item = {...each, node, row: old?.row ?? document.createElement("tbody"), state: old?.state};
     items.set(each.path, item);
     node.querySelector("h3 bdi").textContent = shown(each.path);
     badge(node, "looking");
@@ -200,10 +204,11 @@ async function repair(item, signal) {
     try {
         Object.assign(item, {sums: null}, await helper.call("repair", {media, journal, options}, {signal}));
     } catch {
-        if (signal?.aborted) return;
+        if (signal?.aborted) return false;
         item.found = {result: "failed", reason: "system", tracks: []};
     }
     render(item);
+    return true;
 }
 
 async function repairAll() {
@@ -298,16 +303,19 @@ async function saveAll() {
 /** What cannot be saved does not stop the others. */
 async function saveAllInto(target) {
     const made = [...items.values()].filter((item) => item.blob), failed = [];
-    const done = await forAll("saving", made, async (item) => {
+    const done = await forAll("saving", made, async (item, signal) => {
         try {
             await assertThere(item);
-            item.saved = await target.save(newName(item.path), item.blob);
+            item.saved = await target.save(newName(item.path), item.blob, signal);
             writeRow(item);
         } catch (error) {
+            if (signal.aborted) return false;
             failed.push(notSaved(isolated(item.path), error));
         }
+        return true;
     });
-    tell(text(target.isFolder ? "all_saved" : "downloads_started", {count: done - failed.length}), failed);
+    const left = made.length - done, troubles = left ? [text("stopped_saving", {count: left}), ...failed] : failed;
+    tell(text(target.isFolder ? "all_saved" : "downloads_started", {count: done - failed.length}), troubles);
 }
 
 /* ---- Look inside ------------------------------------------------------ */
@@ -379,11 +387,18 @@ function words(item, length, cut) {
 
 /* ---- Report ----------------------------------------------------------- */
 
+/** Its part of the table: two rows, the files in the second one. */
 function writeRow(item) {
-    const [name, ...others] = rowOf(item).map((words, i) => node(i ? "td" : "th", i ? words : ""));
-    name.scope = "row";
-    name.append(node("bdi", shown(item.path)));
-    item.row.replaceChildren(name, ...others);
+    const [path, ...others] = rowOf(item), cells = others.map((words) => node("td", words)), files = cells.pop();
+    const name = Object.assign(node("th", ""), {scope: "rowgroup", rowSpan: 2});
+    name.append(node("bdi", path));
+    files.colSpan = cells.length;
+    const rows = [[name, ...cells], [files]].map((list) => {
+        const row = node("tr", "");
+        row.append(...list);
+        return row;
+    });
+    item.row.replaceChildren(...rows);
 }
 
 /** Of all that was given, what was refused included. */
@@ -395,16 +410,15 @@ async function addSums() {
         try {
             item.sums = await helper.call("hash", {media, journal, options, made: blob?.size ?? null}, {progress, signal});
         } catch {
-            if (signal.aborted) return;
+            if (signal.aborted) return false;
             item.sums = {failed: true};
-            failed.push(notSummed(item));
+            failed.push(text("not_hashed", {name: isolated(item.path)}));
         }
         writeRow(item);
+        return true;
     }, weightOf);
     tell(text("hashed", {count: done - failed.length}), failed);
 }
-
-const notSummed = (item) => text("not_hashed", {name: isolated(item.path)});
 
 async function saveReport() {
     await writeMade();
@@ -425,8 +439,8 @@ function ownText() {
 let ownSum = null;
 
 async function writeMade() {
-    ownSum ??= await helper.call("sum", {file: new Blob([ownText()])});
-    show("report-made", text("report_made", {date: exactDate(Date.now()), program: text("program", {version: VERSION}), sum: ownSum}));
+    ownSum ??= await helper.call("sum", {file: new Blob([ownText()])}).catch(() => null);
+    show("report-made", text("report_made", {date: exactDate(Date.now()), program: text("program", {version: VERSION}), sum: ownSum ?? "?"}));
 }
 
 /* ---- What happens now ------------------------------------------------- */
@@ -438,6 +452,7 @@ function show(id, words) {
 /** What came of it, and what went wrong, one by one. */
 function tell(words, troubles = []) {
     show("status", words);
+    element("status").classList.toggle("heard", words === element("summary").textContent); // who sees it reads it there
     element("troubles").replaceChildren(...troubles.map((trouble) => node("li", trouble)));
 }
 
@@ -450,6 +465,7 @@ function progress(words, part) {
 function busy(is) {
     element("work").hidden = !is;
     element("table").hidden = is; // a table is laid out anew, as a whole, for each row
+    element("list").classList.toggle("busy", is);
     if (is) element("go-on").hidden = true;
     for (const id of ["repair-all", "save-all", "add-sums"]) element(id).setAttribute("aria-disabled", is);
 }

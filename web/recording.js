@@ -17,7 +17,8 @@ export function stateOf(item) {
 }
 
 export function whatOf(item) {
-    const {result, reason, foreign_journal: foreign} = item.found, values = {duration: duration(lengthOf(item))};
+    const {result, reason, foreign_journal: foreign} = item.found, length = lengthOf(item);
+    const values = {duration: length < 0.05 ? text("moment") : duration(length)};
     if (item.blob) return text("result.repaired", values);
     if (result === "repaired") return text("result.repairable", values);
     if (result === "salvaged") return text("result.salvageable", values);

@@ -20,7 +20,7 @@ function filesOf({media, journal, blob, saved, options = 0, sums}) {
 
 /** Its row: the name, what it is, its tracks, what is lost, files; each may have several lines. */
 export function rowOf(item) {
-    const tracks = item.found.tracks.map((track) => text("report_track", {track: trackText(track), samples: number(track.samples),
+    const tracks = item.found.tracks.map((track) => text("report_track", {count: track.samples, track: trackText(track), samples: number(track.samples),
         seconds: number(track.duration, 3)}));
     return [shown(item.path), whatOf(item), tracks.join("\n"), lostOf(item), filesOf(item).join("\n")];
 }

@@ -19,8 +19,8 @@ function download(name, blob) {
 }
 
 /** Ends when all of it is in the file. */
-async function write(handle, blob) {
-    await blob.stream().pipeTo(await handle.createWritable());
+async function write(handle, blob, signal) {
+    await blob.stream().pipeTo(await handle.createWritable(), {signal});
     if ((await handle.getFile()).size !== blob.size) throw new Error(text("incomplete"));
 }
 
@@ -78,10 +78,10 @@ export class Target {
     }
 
     /** What became of it, as of saveAs: what is there stays, and another of its name gets a number. */
-    async save(wanted, blob) {
+    async save(wanted, blob, signal) {
         const name = await this.freeName(wanted);
         if (this.folder) {
-            await this.write(name, blob);
+            await this.write(name, blob, signal);
         } else {
             download(name, blob);
             await new Promise((resolve) => setTimeout(resolve, DOWNLOAD_PAUSE));
@@ -99,10 +99,10 @@ export class Target {
     }
 
     /** A file that was not completed does not stay. */
-    async write(name, blob) {
+    async write(name, blob, signal) {
         const handle = await this.folder.getFileHandle(name, {create: true});
         try {
-            await write(handle, blob);
+            await write(handle, blob, signal);
         } catch (error) {
             await this.folder.removeEntry(name).catch(() => {});
             throw error;

@@ -38,6 +38,7 @@ export const TEXTS = {
     save_all: "Save all…",
     saved: "Saved: {name}",
     all_saved: {one: "1 recording was saved.", other: "{count} recordings were saved."},
+    stopped_saving: {one: "Stopped: 1 recording was not saved.", other: "Stopped: {count} recordings were not saved."},
     download_started: "Download started: {name}. It is saved when your browser says so.",
     downloads_started: {one: "1 download started. It is saved when your browser says so.",
         other: "{count} downloads started. Look at your browser's list of downloads: what is not in it was not saved."},
@@ -102,6 +103,7 @@ export const TEXTS = {
     channels: {one: "mono", other: "{count} channels"},
     stereo: "stereo",
     size: {B: "{n} bytes", kB: "{n} kB", MB: "{n} MB", GB: "{n} GB"},
+    moment: "less than 0.1 s",
     duration: {hours: "{h} h {m} min", minutes: "{m} min {s} s", seconds: "{s} s"},
 
     time_line: "Time line",
@@ -123,8 +125,8 @@ export const TEXTS = {
     hashed: {one: "Checksums of 1 recording were computed.", other: "Checksums of {count} recordings were computed."},
     not_hashed: "No checksum: {name} cannot be read to its end, or has changed.",
     report_made: "Made on {date} with {program}; SHA-256 of this page: {sum}. The recordings were read and not changed.",
-    column: {name: "Recording", what: "What it is", tracks: "Tracks", lost: "What is lost", files: "Files"},
-    report_track: "{track}: {samples} frames, {seconds} s",
+    column: {name: "Recording", what: "What it is, and its files", tracks: "Tracks", lost: "What is lost"},
+    report_track: {one: "{track}: 1 frame", other: "{track}: {samples} frames, {seconds} s"},
     report_file: {
         media: "Recording: {name}, {bytes} bytes, changed {date}",
         journal: "Journal: {name}, {bytes} bytes, changed {date}",

@@ -101,7 +101,7 @@ test("a card: results, downloads and checksums are the command's", async () => {
     }
     await press(page, "Add SHA-256 checksums (reads every recording once)");
     await page.waitForFunction(() => document.getElementById("status").textContent.startsWith("Checksums of 40"));
-    const rows = await page.$$eval("tbody tr", (all) => all.map((row) => [row.cells[0].textContent, row.cells[4].textContent]));
+    const rows = await page.$$eval("tbody", (all) => all.map(({rows: [first, second]}) => [first.cells[0].textContent, second.textContent]));
     const files = Object.fromEntries(rows), bytes = (path) => `${statSync(path).size.toLocaleString("en")} bytes`;
     for (const {output: path, path: read, journal} of reports) {
         const lines = files[`DASHCAM/${relative(card, read)}`].split("\n"), wanted = [read, journal, path].filter(Boolean);
@@ -267,7 +267,7 @@ test("what takes long is stopped, and goes on", async () => {
     const stopAfter = async (selector) => {
         await page.waitForSelector(selector);
         await press(page, "Stop");
-        await page.waitForSelector("#work", {hidden: true});
+        await waitForStatus(page, "Stopped");
         return Number(/\d+/.exec(await statusOf(page))[0]);
     };
     await give(page, directory);
@@ -402,6 +402,9 @@ test("accessible: by its names, by keyboard alone, in dark and light, on a phone
     await give(page, card);
     await settled(page, 40);
     await waitForStatus(page, "40 recordings · "); // is announced
+    const {nodes} = await (await page.createCDPSession()).send("Accessibility.getFullAXTree");
+    const names = nodes.filter(({role, ignored}) => role?.value === "heading" && !ignored).map(({name}) => name.value);
+    assert.equal(names.filter((name) => name.endsWith(".mp4")).length, 40); // those below the window, too
     const focused = () => page.evaluate(() => document.activeElement.getAttribute("aria-label") ?? document.activeElement.textContent);
     const go = async (name) => { // by the tabulator
         for (let i = 0; i < 300 && !(await focused()).startsWith(name); i++) await page.keyboard.press("Tab");

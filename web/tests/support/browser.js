@@ -59,5 +59,6 @@ export async function press(page, name) {
     if (name !== "Stop") await page.waitForSelector("#work", {hidden: true});
     const found = await page.$(`::-p-aria(${name})`);
     if (!found) throw new Error(`no button ${name}`);
-    await found.click();
+    await found.focus(); // by the keyboard: what is done meanwhile may move a button away from the mouse
+    await page.keyboard.press("Enter");
 }
