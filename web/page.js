@@ -159,7 +159,7 @@ function render(item) {
         node.querySelector(name).hidden = words === "";
     };
     put(".meta", metaOf(item).join(" · "));
-    put(".what", whatOf(item) + (found.protected ? ` ${text("protected")}` : ""));
+    put(".what", whatOf(item));
     put(".lost", lostOf(item));
     const buttons = [];
     if (isRepairable(item)) buttons.push(button("repair", item, () => repair(item).then(() => focus(item)), "main"));

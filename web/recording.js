@@ -17,6 +17,10 @@ export function stateOf(item) {
 }
 
 export function whatOf(item) {
+    return resultOf(item) + (item.found.protected ? ` ${text("protected")}` : "");
+}
+
+function resultOf(item) {
     const {result, reason, foreign_journal: foreign} = item.found, length = lengthOf(item);
     const values = {duration: length < 0.05 ? text("moment") : duration(length)};
     if (item.blob) return text("result.repaired", values);
