@@ -11,7 +11,9 @@ export function shown(name) {
     return name.replaceAll("\\", "\\\\").replace(UNSEEN, escaped);
 }
 
-/** Likewise inside a sentence, which it does not reorder. */
+export const ISOLATES = /[\u2068\u2069]/g;
+
+/** Likewise inside a sentence, which it does not reorder: between two ISOLATES. */
 export const isolated = (name) => `\u2068${shown(name)}\u2069`;
 
 /** A name that every file system takes, for what is saved. */

@@ -4,7 +4,7 @@ import {Helper} from "./helper.js";
 import {LICENCES, PAGE, VERSION} from "./inlined.js";
 import {TEXTS, duration, exactDate, text} from "./texts.js";
 import {drawing} from "./drawing.js";
-import {isolated, plain, shown} from "./names.js";
+import {ISOLATES, isolated, plain, shown} from "./names.js";
 import {OPTION, fileOf, isRepairable, lengthOf, lostOf, metaOf, stateOf, trackText, whatOf} from "./recording.js";
 import {rowOf} from "./report.js";
 import {Target, assertReadable, saveAs} from "./saving.js";
@@ -67,7 +67,7 @@ async function examineAll({files, failed}) {
  * cut off. An item has a weight; of a heavy one run says with advance(weight) how far it is.
  */
 async function forAll(key, list, run, weightOf = () => 1) {
-    const {signal} = job = new AbortController(), whole = list.reduce((sum, item) => sum + weightOf(item), 0);
+    const {signal} = job = new AbortController(), whole = list.reduce((sum, item) => sum + weightOf(item), 0) || 1;
     let done = 0, passed = 0;
     const from = document.activeElement;
     busy(true);
@@ -275,6 +275,13 @@ async function assertThere(item) {
 
 const notSaved = (name, {message: why}) => text("not_saved", {name, why});
 
+/** The name may be another one than what was wanted. */
+function noteSaved(item, saved) {
+    item.saved = saved;
+    if (saved) item.node.querySelector(".what").textContent = `${whatOf(item)} ${text(saved.key, {name: isolated(saved.name)})}`;
+    writeRow(item);
+}
+
 async function saveFile(name, blob) {
     try {
         const done = await saveAs(name, blob);
@@ -288,8 +295,7 @@ async function saveFile(name, blob) {
 async function save(item) {
     try {
         await assertThere(item);
-        item.saved = await saveFile(newName(item.path), item.blob) ?? item.saved;
-        writeRow(item);
+        noteSaved(item, await saveFile(newName(item.path), item.blob) ?? item.saved);
     } catch (error) {
         tell(notSaved(isolated(item.path), error));
     }
@@ -306,8 +312,7 @@ async function saveAllInto(target) {
     const done = await forAll("saving", made, async (item, signal) => {
         try {
             await assertThere(item);
-            item.saved = await target.save(newName(item.path), item.blob, signal);
-            writeRow(item);
+            noteSaved(item, await target.save(newName(item.path), item.blob, signal));
         } catch (error) {
             if (signal.aborted) return false;
             failed.push(notSaved(isolated(item.path), error));
@@ -424,7 +429,7 @@ async function saveReport() {
     await writeMade();
     const rows = [...items.values()].filter((item) => item.found).map(rowOf);
     const words = [text("report"), element("report-made").textContent,
-        ...rows.map((row) => row.filter(Boolean).join("\n").replaceAll("\n", "\n  "))].join("\n\n");
+        ...rows.map((row) => row.filter(Boolean).join("\n").replaceAll("\n", "\n  "))].join("\n\n").replace(ISOLATES, "");
     saveFile(text("report_name"), new Blob([words + "\n"], {type: "text/plain"}));
 }
 

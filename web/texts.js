@@ -102,7 +102,7 @@ export const TEXTS = {
     track: {video: "{codec}, {width} × {height}", sound: "{codec}, {rate} kHz, {channels}"},
     channels: {one: "mono", other: "{count} channels"},
     stereo: "stereo",
-    size: {B: "{n} bytes", kB: "{n} kB", MB: "{n} MB", GB: "{n} GB"},
+    size: {B: {one: "1 byte", other: "{n} bytes"}, kB: "{n} kB", MB: "{n} MB", GB: "{n} GB"},
     moment: "less than 0.1 s",
     duration: {hours: "{h} h {m} min", minutes: "{m} min {s} s", seconds: "{s} s"},
 
@@ -157,7 +157,7 @@ export function number(value, digits = 0) {
 
 export function size(bytes) {
     const [unit, factor] = bytes < 1000 ? ["B", 1] : bytes < 1e6 ? ["kB", 1e3] : bytes < 1e9 ? ["MB", 1e6] : ["GB", 1e9];
-    return text(`size.${unit}`, {n: number(bytes / factor, bytes < 1e6 ? 0 : 1)});
+    return text(`size.${unit}`, {n: number(bytes / factor, bytes < 1e6 ? 0 : 1), count: bytes});
 }
 
 export function duration(seconds) {

@@ -1,7 +1,7 @@
 /**
  * The functions of WASI (snapshot preview1) that the module calls, over files that somebody else has: a source is
  * {size, read(offset, count)}, which gives a Uint8Array, shorter only at the end, and throws where reading fails. With
- * done(bytes) it gets back what it gave.
+ * done(bytes) it gets back what it gave; with forget() it may give up what it keeps, since a plan is made.
  *
  * More is read than what is asked for, since a read of a Blob costs about a millisecond.
  */

@@ -255,6 +255,7 @@ test("save all: no file is overwritten, and one that fails does not stop the oth
     const {[made(names[0])]: first, ...others} = await page.evaluate(() => window.folder);
     assert.equal(first, 7);
     assert.deepEqual(Object.keys(others).sort(), ["clip-0009-recovered-2.mp4", "clip-0009-recovered-3.mp4", made(names[2])]);
+    assert.ok((await listOf(page))[`${basename(directory)}/${names[0]}`].what.includes("Saved: \u2068clip-0009-recovered-3.mp4\u2069"));
     const troubles = await page.$$eval("#troubles li", (all) => all.map((each) => each.textContent));
     assert.deepEqual(troubles.map((trouble) => /clip-\d+/.exec(trouble)[0]).sort(), ["clip-0011", "clip-0014"]);
     await page.close();
