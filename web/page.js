@@ -422,7 +422,7 @@ async function addSums() {
         writeRow(item);
         return true;
     }, weightOf);
-    tell(text("hashed", {count: done - failed.length}), failed);
+    tell(text(done < all.length ? "stopped_hashing" : "hashed", {count: done - failed.length, total: all.length}), failed);
 }
 
 async function saveReport() {

@@ -123,6 +123,7 @@ export const TEXTS = {
     save_report: "Save report…",
     stop: "Stop",
     hashed: {one: "Checksums of 1 recording were computed.", other: "Checksums of {count} recordings were computed."},
+    stopped_hashing: "Stopped: checksums of {count} of {total} recordings were computed.",
     not_hashed: "No checksum: {name} cannot be read to its end, or has changed.",
     report_made: "Made on {date} with {program}; SHA-256 of this page: {sum}. The recordings were read and not changed.",
     column: {name: "Recording", what: "What it is, and its files", tracks: "Tracks", lost: "What is lost"},

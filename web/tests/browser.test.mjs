@@ -265,20 +265,25 @@ test("what takes long is stopped, and goes on", async () => {
     const directory = mkdirOf(join(work, "MANY")), COUNT = 400, path = join(card, "2026-11-20/clip-0009.mp4");
     for (let i = 0; i < COUNT; i++) for (const ending of ["", ".journal"]) linkSync(path + ending, join(directory, `${i}.mp4${ending}`));
     const {page, problems} = await openPage(browser), states = async () => Object.values(await listOf(page)).map(({state}) => state);
-    const stopAfter = async (selector) => {
+    const stopAfter = async (selector, words) => {
         await page.waitForSelector(selector);
         await press(page, "Stop");
-        await waitForStatus(page, "Stopped");
-        return Number(/\d+/.exec(await statusOf(page))[0]);
+        const status = await page.waitForFunction((wanted) => { // what is done, or left
+            const {textContent: now} = document.getElementById("status");
+            return now.startsWith("Stopped") && now.includes(wanted) && now;
+        }, {}, words);
+        return Number(/\d+/.exec(await status.jsonValue())[0]);
     };
     await give(page, directory);
-    const left = await stopAfter(".item:nth-child(5) .buttons button");
+    const left = await stopAfter(".item:nth-child(5) .buttons button", "looked at");
     assert.ok(left > 0 && (await states()).length === COUNT - left);
     await press(page, "Look at the others");
     await settled(page, COUNT);
     await press(page, "Repair all");
-    const done = await stopAfter("[data-state=repaired]");
+    const done = await stopAfter("[data-state=repaired]", "repaired");
     assert.ok(done < COUNT && (await states()).filter((state) => state === "repaired").length === done);
+    await press(page, "Add SHA-256 checksums (reads every recording once)");
+    assert.ok(await stopAfter("#work:not([hidden])", "checksums") < COUNT);
     assert.match(await page.$eval("#summary", (summary) => summary.textContent), new RegExp(`${COUNT - done} to repair · ${done} rep`));
     assert.deepEqual(problems, []);
     await page.close();
