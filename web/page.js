@@ -214,8 +214,10 @@ async function repair(item, signal) {
 async function repairAll() {
     const waiting = [...items.values()].filter((item) => item.found && isRepairable(item));
     const done = await forAll("repairing", waiting, repair);
-    tell(text(done < waiting.length ? "stopped_repairing" : "all_repaired", {count: done, total: waiting.length}));
-    element(done < waiting.length ? "repair-all" : "save-all").focus();
+    const isStopped = done < waiting.length, failed = waiting.slice(0, done).filter((item) => !item.blob);
+    tell(text(isStopped ? "stopped_repairing" : "all_repaired", {count: done - failed.length, total: waiting.length}),
+        failed.map((item) => text("not_repaired", {name: isolated(item.path), why: whatOf(item)})));
+    element(isStopped ? "repair-all" : "save-all").focus();
 }
 
 function play(item, at) {
@@ -302,7 +304,7 @@ async function save(item) {
 }
 
 async function saveAll() {
-    const target = await Target.choose().catch((error) => tell(notSaved("", error)));
+    const target = await Target.choose().catch((error) => tell(notSaved(text("recordings"), error)));
     if (target) enqueue(() => saveAllInto(target));
 }
 
@@ -340,6 +342,7 @@ async function lookInside(item, at) {
     const shut = closer(item, at);
     try {
         const drawings = await drawingsOf(item, length, cut);
+        if (at.getAttribute("aria-expanded") !== "true") return; // it was closed meanwhile
         lines.replaceChildren(heading(text("time_line")), ...drawings, axis(length), legend(cut), words(item, length, cut), shut);
     } catch (error) {
         lines.replaceChildren(node("p", error.message), shut);

@@ -235,10 +235,12 @@ test("an original that is gone is said to be gone", async () => {
     await settled(page, 2);
     for (const clip of ["clip-0009", "clip-0011"]) writeFileSync(join(directory, `${clip}.mp4`), "It is another one.");
     for (const [button, place] of [[`Play: ${name("clip-0009")}`, ".player [role=status]"], ["Look inside: clip-0011.mp4", ".lines p"],
-        ["Repair: clip-0011.mp4", "[data-state=failed] .what"]]) {
+        ["Repair all", "[data-state=failed] .what"]]) {
         await press(page, button);
         await page.waitForFunction((at) => document.querySelector(at)?.textContent.startsWith("The original can no longer be read"), {}, place);
     }
+    await waitForStatus(page, "0 recordings were repaired.");
+    assert.match(await page.$eval("#troubles", (list) => list.textContent), /^Not repaired: \u2068clip-0011.mp4\u2069. The original/);
     await press(page, "Add SHA-256 checksums (reads every recording once)");
     await waitForStatus(page, "Checksums of 0");
     assert.equal(await page.$$eval("#troubles li", (all) => all.length), 2);
