@@ -3,8 +3,8 @@
 #include <cstdint>
 #include <span>
 #include <stdexcept>
+#include <string>
 
-#include "owners.h"
 #include "tools/record/aac-config.h"
 
 namespace mediafiles::gstreamer {
@@ -12,21 +12,6 @@ namespace mediafiles::gstreamer {
 namespace {
 
 constexpr uint32_t sample_bits = 16;
-
-/* Fields with another value are another stream. */
-constexpr const char *detail_fields[] = {"width", "height", "profile", "rate", "channels", "codec_data"};
-
-std::string details_of(const GstStructure *structure)
-{
-    std::string details;
-    for (const char *field : detail_fields) {
-        const GValue *value = gst_structure_get_value(structure, field);
-        const text_ptr text(value ? gst_value_serialize(value) : nullptr);
-        details += text ? text.get() : "";
-        details += ';';
-    }
-    return details;
-}
 
 /* Without an AudioSpecificConfig, which ADTS has not, its headers say it again. */
 std::string objection_to(const GstStructure *structure, uint32_t rate, uint32_t channels)
@@ -70,7 +55,6 @@ format format_of(const GstCaps *caps)
         made.track = aac_of(structure);
     else
         made.track.type = gst_structure_has_name(structure, "video/x-h265") ? MP4_TRACK_H265 : MP4_TRACK_H264;
-    made.details = details_of(structure);
     return made;
 }
 

@@ -1,8 +1,6 @@
 /** What the caps of a pad say of its track. */
 #pragma once
 
-#include <string>
-
 #include <gst/gst.h>
 
 #include <mediafiles/movie.h>
@@ -11,7 +9,6 @@ namespace mediafiles::gstreamer {
 
 struct format {
     mp4_track_desc track = {}; // video of size 0: its parameter sets have it
-    std::string details;       // a file has frames of the same details alone
 
     bool is_video() const { return track.type != MP4_TRACK_AAC; }
     /** Whether the frames of both can go to the same track. */

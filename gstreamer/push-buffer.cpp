@@ -47,10 +47,10 @@ private:
 
 } // namespace
 
-int push_buffer(mediafiles_recorder *to, uint32_t track, GstBuffer *buffer, int64_t time, uint32_t flags)
+int push_buffer(mediafiles_recorder *to, uint32_t track, GstBuffer *buffer, int64_t time)
 {
     const mapped_buffer mapped(buffer);
-    if (mapped.is_whole()) return mediafiles_recorder_pushv(to, track, mapped.pieces(), mapped.count(), time, flags);
+    if (mapped.is_whole()) return mediafiles_recorder_pushv(to, track, mapped.pieces(), mapped.count(), time, 0);
     errno = EIO;
     return -1;
 }

@@ -10,6 +10,6 @@
 namespace mediafiles::gstreamer {
 
 /** As mediafiles_recorder_push; EIO: its memory cannot be read. Memories of a buffer are not joined for it. */
-int push_buffer(mediafiles_recorder *to, uint32_t track, GstBuffer *buffer, int64_t time, uint32_t flags);
+int push_buffer(mediafiles_recorder *to, uint32_t track, GstBuffer *buffer, int64_t time);
 
 } // namespace mediafiles::gstreamer

@@ -168,7 +168,7 @@ void recording::hand_over(guard &locked)
         const bool waits = first.can_wait;
         locked.unlock();
         while (waits && !is_ending_ && mediafiles_recorder_await_room(recorder.get(), size, poll_interval) == 0) {}
-        const int result = push_buffer(recorder.get(), track, next.buffer.get(), next.time, next.flags);
+        const int result = push_buffer(recorder.get(), track, next.buffer.get(), next.time);
         locked.lock();
         if (result < 0) drop(*next.from);
     }

@@ -93,11 +93,10 @@ void recording::remove(const input_ptr &from)
     wake();
 }
 
-void recording::describe(input &from, format carries)
+void recording::describe(input &from, const format &carries)
 {
     const guard locked(lock_);
-    if (!from.carries || !from.carries->fits(carries))
-        from.carries = std::make_shared<const format>(std::move(carries));
+    if (!from.carries || !from.carries->fits(carries)) from.carries = std::make_shared<const format>(carries);
     wake();
 }
 
@@ -167,7 +166,7 @@ void recording::await_others(guard &locked, const input &from, int64_t time)
     while (!stops(from) && is_ahead(from, time)) moved_.wait_for(locked, 100ms);
 }
 
-GstFlowReturn recording::push(input &from, GstBuffer *buffer, int64_t time, uint32_t flags)
+GstFlowReturn recording::push(input &from, GstBuffer *buffer, int64_t time)
 {
     guard locked(lock_);
     moved_.wait(locked, [&] { return is_playing_ || stops(from); });
@@ -179,9 +178,9 @@ GstFlowReturn recording::push(input &from, GstBuffer *buffer, int64_t time, uint
             drop(from);
             taken = true;
         } else if (is_direct_ && from.recorded_as && from.recorded_format == from.carries) {
-            taken = give(locked, from, buffer, time, flags);
+            taken = give(locked, from, buffer, time);
         } else {
-            taken = !(from.can_wait && is_handing_over_) && hold(from, buffer, time, flags);
+            taken = !(from.can_wait && is_handing_over_) && hold(from, buffer, time);
             if (!taken) moved_.wait(locked);
         }
     }
@@ -189,7 +188,7 @@ GstFlowReturn recording::push(input &from, GstBuffer *buffer, int64_t time, uint
 }
 
 /* False when it has to be tried again. */
-bool recording::give(guard &locked, input &from, GstBuffer *buffer, int64_t time, uint32_t flags)
+bool recording::give(guard &locked, input &from, GstBuffer *buffer, int64_t time)
 {
     if (from.is_incomplete) end_gap(from);
     const recorder_ptr recorder = recorder_;
@@ -204,7 +203,7 @@ bool recording::give(guard &locked, input &from, GstBuffer *buffer, int64_t time
     int result = -1;
     const size_t size = gst_buffer_get_size(buffer);
     const bool has_room = !waits || mediafiles_recorder_await_room(recorder.get(), size, poll_interval) != 0;
-    if (has_room) result = push_buffer(recorder.get(), track, buffer, time, flags);
+    if (has_room) result = push_buffer(recorder.get(), track, buffer, time);
     const int error = errno;
     locked.lock();
     if (waits) {
@@ -222,7 +221,7 @@ bool recording::give(guard &locked, input &from, GstBuffer *buffer, int64_t time
 }
 
 /* False when there is no room for what can wait. */
-bool recording::hold(input &from, GstBuffer *buffer, int64_t time, uint32_t flags)
+bool recording::hold(input &from, GstBuffer *buffer, int64_t time)
 {
     const uint64_t size = gst_buffer_get_size(buffer);
     if (held_bytes_ + size > options_.queue_bytes / 2 && !held_.empty()) {
@@ -237,7 +236,7 @@ bool recording::hold(input &from, GstBuffer *buffer, int64_t time, uint32_t flag
         first_held_ = steady::now();
         wake();
     }
-    held_.push_back({from.shared_from_this(), from.carries, owner<GstBuffer>(own), time, flags});
+    held_.push_back({from.shared_from_this(), from.carries, owner<GstBuffer>(own), time});
     held_bytes_ += size;
     return true;
 }

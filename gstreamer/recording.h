@@ -51,7 +51,7 @@ public:
 
     void add(const input_ptr &from);
     void remove(const input_ptr &from);
-    void describe(input &from, format carries);
+    void describe(input &from, const format &carries);
     void flush(input &from, bool begins);
     void start_stream(input &from);
     /** Whether its source is not live. */
@@ -60,7 +60,7 @@ public:
     /** Nothing comes up to then. */
     void move_on(input &from, int64_t time);
 
-    GstFlowReturn push(input &from, GstBuffer *buffer, int64_t time, uint32_t flags);
+    GstFlowReturn push(input &from, GstBuffer *buffer, int64_t time);
 
     /** False when nothing is recorded, or there are no events. */
     bool split(bool at_once);
@@ -76,7 +76,6 @@ private:
         format_ptr carries;
         owner<GstBuffer> buffer;
         int64_t time;
-        uint32_t flags;
     };
     enum class over { no, reached, posted };
 
@@ -86,10 +85,10 @@ private:
     bool is_ahead(const input &from, int64_t time) const;
     void await_others(guard &locked, const input &from, int64_t time);
     void note_time(input &from, int64_t time);
-    bool hold(input &from, GstBuffer *buffer, int64_t time, uint32_t flags);
+    bool hold(input &from, GstBuffer *buffer, int64_t time);
     void drop(input &from);
     void end_gap(input &from);
-    bool give(guard &locked, input &from, GstBuffer *buffer, int64_t time, uint32_t flags);
+    bool give(guard &locked, input &from, GstBuffer *buffer, int64_t time);
     recorder_ptr running();
     static void ask_for_key(input &from);
     void wake();

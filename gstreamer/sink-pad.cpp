@@ -17,8 +17,6 @@ struct stream : input {
     using input::input;
 
     buffer_times times;
-    std::string details;        // of what the frames are, by the caps
-    bool steps = false;         // the next frame does not continue those before
     bool knows_liveness = true; // of the source
     bool was_refused = false;   // an error has been posted
 };
@@ -75,10 +73,7 @@ bool take_caps(const part_of_recording &part, GstObject *element, GstEvent *even
     GstCaps *caps = nullptr;
     gst_event_parse_caps(event, &caps);
     try {
-        format carries = format_of(caps);
-        from.steps = from.steps || (!from.details.empty() && from.details != carries.details);
-        from.details = carries.details;
-        part.to->describe(from, std::move(carries));
+        part.to->describe(from, format_of(caps));
         return true;
     } catch (const std::invalid_argument &why) {
         refuse(element, from, why.what(), "its caps are not supported");
@@ -132,7 +127,6 @@ gboolean take_event(GstPad *pad, GstObject *element, GstEvent *event)
         return TRUE;
     case GST_EVENT_FLUSH_STOP:
         from.times.reset();
-        from.steps = true;
         part.to->flush(from, false);
         return TRUE;
     default: /* tags, a table of contents: a recording has no place for them */
@@ -147,7 +141,7 @@ GstFlowReturn take_buffer(GstPad *pad, GstObject *element, GstBuffer *buffer)
     if (!part.to) return GST_FLOW_FLUSHING;
     stream &from = *part.as;
     if (from.was_refused) return GST_FLOW_ERROR;
-    if (from.details.empty()) return GST_FLOW_NOT_NEGOTIATED;
+    if (!from.carries) return GST_FLOW_NOT_NEGOTIATED;
     if (gst_buffer_get_size(buffer) == 0) return GST_FLOW_OK;
     if (!from.knows_liveness) part.to->set_can_wait(from, !is_live(pad));
     from.knows_liveness = true;
@@ -163,9 +157,7 @@ GstFlowReturn take_buffer(GstPad *pad, GstObject *element, GstBuffer *buffer)
                       "The stream has no times: take it from a container, from RTP, or from a live source with "
                       "do-timestamp=true.",
                       "a buffer has neither a presentation nor a decoding time");
-    const uint32_t flags = from.steps ? MEDIAFILES_DISC : 0;
-    from.steps = false;
-    return part.to->push(from, buffer, *time, flags);
+    return part.to->push(from, buffer, *time);
 }
 
 } // namespace

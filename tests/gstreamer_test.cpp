@@ -230,13 +230,43 @@ TEST(GStreamer, AnotherFormatBeginsAFile)
     }
 }
 
+size_t samples_in(const mp4::file &file, const char *handler)
+{
+    size_t count = 0;
+    for (const mp4::track &track : file.tracks)
+        if (track.handler == handler) count += track.samples.size();
+    return count;
+}
+
 size_t samples_in(const played &all, const char *handler)
 {
     size_t count = 0;
-    for (const mp4::file &file : all.files)
-        for (const mp4::track &track : file.tracks)
-            if (track.handler == handler) count += track.samples.size();
+    for (const mp4::file &file : all.files) count += samples_in(file, handler);
     return count;
+}
+
+TEST(GStreamer, SoundFollowsPicturesOfAnotherSize)
+{
+    const stream base = load("h264_base_640x360_25", ".h264"), sound = load("aac_lc_48000_2", ".aac"),
+                 small = repeated(load("ext_MPS_MW_A_176x144_30", ".h264"), 1, base.back().time + 40 * millisecond);
+    sink_under_test sink;
+    GstHarness *const pictures = sink.add_pad("video", h264_caps), *const other = sink.add_pad("audio_0", adts_caps);
+    auto next = sound.begin();
+    const auto feed = [&](const stream &frames) {
+        for (const frame &each : frames) {
+            while (next != sound.end() && next->time <= each.time) EXPECT_EQ(sink.push(other, *next++), GST_FLOW_OK);
+            EXPECT_EQ(sink.push(pictures, each), GST_FLOW_OK);
+        }
+    };
+    feed(base);
+    gst_harness_set_src_caps_str(pictures,
+                                 "video/x-h264, stream-format=byte-stream, alignment=au, width=176, height=144");
+    feed(small);
+    sink.end_all();
+    const played all = play(sink.on);
+    ASSERT_EQ(all.files.size(), 2u);
+    EXPECT_GT(samples_in(all.files[1], "soun"), 40u);
+    EXPECT_EQ(samples_in(all, "soun"), sound.size());
 }
 
 TEST(GStreamer, PadsComeAndGo)
@@ -317,7 +347,7 @@ TEST(GStreamer, FlushesGapsAndSteps)
     const std::tuple<const char *, std::function<void(GstHarness *)>, GstBufferFlags, size_t> cases[] = {
         {"packets were lost", [](GstHarness *) {}, GST_BUFFER_FLAG_DISCONT, 1},
         {"a gap", push_gap, GstBufferFlags(0), 1},
-        {"a flush", flush, GST_BUFFER_FLAG_DISCONT, 2},
+        {"a flush, times go on", flush, GST_BUFFER_FLAG_DISCONT, 1},
         {"a segment whose running time is a minute on", [](GstHarness *pad) { push_segment(pad, 60 * GST_SECOND); },
          GstBufferFlags(0), 2},
     };
