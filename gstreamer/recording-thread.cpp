@@ -47,7 +47,8 @@ bool recording::step(guard &locked)
         return false;
     } else if (has_all_ended() && held_.empty() && stream_is_ == over::no && !has_failed_) {
         stop_recorder(locked);
-        stream_is_ = over::reached;
+        if (!has_begun_ && trouble_ != 0) fail(locked, trouble_);
+        if (!has_failed_) stream_is_ = over::reached;
     } else if (stream_is_ == over::reached && is_playing_) {
         post_end(locked);
     } else if (has_left_) {
@@ -239,20 +240,27 @@ void recording::with_element(guard &locked, const std::function<void(GstElement 
     locked.lock();
 }
 
+/* Without a medium at the beginning nothing is recorded; a recording that has begun goes on when the medium is back. */
 void recording::take_events(guard &locked, const recorder_ptr &recorder)
 {
     const std::vector<input_ptr> tracks = tracks_;
+    bool is_missing = false;
     const auto report = [&](GstElement *element) {
         mediafiles_recorder_event event = {};
         event.size = sizeof event;
         while (mediafiles_recorder_next_event(recorder.get(), &event, 0) == 1) {
             const input_ptr from = event.track < tracks.size() ? tracks[event.track] : nullptr;
             gst_element_post_message(element, message_of(element, event, directory_, from ? from->name : ""));
+            has_begun_ |= event.kind == MEDIAFILES_EVENT_BEGUN;
+            is_missing |= event.kind == MEDIAFILES_EVENT_NO_MEDIUM;
+            if (event.kind == MEDIAFILES_EVENT_FULL) trouble_ = ENOSPC;
+            if (event.kind == MEDIAFILES_EVENT_NO_MEDIUM) trouble_ = event.error;
             if (event.kind == MEDIAFILES_EVENT_KEY_WANTED && from && options_.send_keyframe_requests)
                 ask_for_key(*from);
         }
     };
     with_element(locked, report);
+    if (is_missing && !has_begun_ && options_.pre_event == 0) fail(locked, trouble_);
 }
 
 void recording::post_end(guard &locked)

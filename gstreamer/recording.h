@@ -138,7 +138,9 @@ private:
     uint64_t held_bytes_ = 0, dropped_ = 0;
     steady::time_point first_held_ = {};
     steady::time_point not_before_ = {}; // another recorder is tried
-    std::string directory_;              // of the recorder; its own thread's
+    std::string directory_;              // of the recorder; this and the next two are its own thread's
+    bool has_begun_ = false;             // a file
+    int trouble_ = 0;                    // errno: why nothing could be recorded last
 
     mediafiles_recorder_stats before_ = {}; // of recorders that have ended
 };

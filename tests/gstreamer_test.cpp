@@ -1,4 +1,6 @@
 /** The element mediafilessink: what comes is recorded, whatever happens to its pads, and nobody waits for a card. */
+#include <cerrno>
+
 #include <fcntl.h>
 #include <sys/file.h>
 #include <unistd.h>
@@ -163,6 +165,51 @@ TEST(GStreamer, WhatCannotBeRecordedIsAnErrorWithItsReason)
         if (!at_once) sink.push(sink.add_pad("video", h264_caps), camera(1, 1'000)[0]);
         expect_error(sink, text);
     }
+}
+
+/* A card on which no file can be made. */
+class read_only_card : public medium::watch {
+public:
+    int64_t carry_out(const medium::operation &of, medium::real_call call) override
+    {
+        if (of.what != medium::opening || !of.makes) return call();
+        errno = EROFS;
+        return -1;
+    }
+};
+
+TEST(GStreamer, ACardThatIsReadOnlyAtTheBeginningIsAnError)
+{
+    for (const bool is_live : {true, false}) {
+        read_only_card watched;
+        sink_under_test sink;
+        GstHarness *const pad = sink.add_pad("video", h264_caps, is_live);
+        for (const frame &each : camera(1, 1'000)) sink.push(pad, each);
+        gst_harness_push_event(pad, gst_event_new_eos());
+        expect_error(sink, "Read-only file system");
+        gst_element_set_state(sink.element, GST_STATE_NULL);
+        EXPECT_EQ(sink.heard().count("eos"), 0u);
+    }
+}
+
+TEST(GStreamer, ACardThatIsGoneForAWhileIsNoError)
+{
+    const stream frames = camera(9, 1'000);
+    sink_under_test sink("max-size-time=400000000");
+    GstHarness *const pad = sink.add_pad("video", h264_caps);
+    const auto feed = [&](size_t from, size_t to) {
+        for (size_t n = from; n < to; ++n) EXPECT_EQ(sink.push(pad, frames[n]), GST_FLOW_OK);
+    };
+    feed(0, 5);
+    ASSERT_TRUE(sink.hears("mediafiles-begun"));
+    std::filesystem::rename(sink.on.path(), sink.on.path() + "-out");
+    feed(5, 50);
+    EXPECT_TRUE(sink.hears("mediafiles-no-medium"));
+    std::filesystem::rename(sink.on.path() + "-out", sink.on.path());
+    EXPECT_TRUE(sink.hears("mediafiles-goes-on"));
+    feed(50, frames.size());
+    sink.end_all();
+    EXPECT_EQ(sink.heard().count("error"), 0u);
 }
 
 TEST(GStreamer, WhatDoesNotFitIsRefused)
