@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <utility>
 
 #include <poll.h>
 
@@ -18,9 +19,14 @@ using namespace std::chrono_literals;
 
 /* So long after the first buffer pads that have said nothing are waited for. Later they get another recorder. */
 constexpr auto patience_with_pads = 1s;
-/* How often a directory is tried again whose lock a recorder before this one holds: its medium does not answer. */
+/* How often a directory is tried again. */
 constexpr auto retry_interval = 200ms;
 constexpr int64_t poll_interval = 50 * GST_MSECOND;
+
+const std::string &place_in(const settings &given)
+{
+    return given.location.empty() ? given.pattern : given.location;
+}
 
 } // namespace
 
@@ -140,10 +146,25 @@ void recording::start_recorder(guard &locked)
         return;
     }
     forget_tracks();
-    if (error == EBUSY && was_impatient_)
-        not_before_ = steady::now() + retry_interval;
-    else
-        fail(locked, error);
+    if (!may_succeed_later(error)) return fail(locked, error);
+    not_before_ = steady::now() + retry_interval;
+    if (std::exchange(trouble_, error) == error) return;
+    with_element(locked, [&](GstElement *element) {
+        GST_ELEMENT_WARNING(
+            element, RESOURCE, OPEN_WRITE,
+            ("Cannot record yet: %s: %s", place_in(options_).c_str(), reason_of_start(options_, error).c_str()),
+            ("it is tried again"));
+    });
+}
+
+/*
+ * A medium that a recording has begun on comes back. And a recorder that has ended holds the lock of its directory as long
+ * as its medium does not answer, that of another element, too.
+ */
+bool recording::may_succeed_later(int error) const
+{
+    if (error == EINVAL || error == ENOTSUP || error == EEXIST) return false;
+    return has_begun_ || (error == EBUSY && steady::now() < first_held_ + std::chrono::nanoseconds(options_.patience));
 }
 
 /*
@@ -205,7 +226,6 @@ void recording::stop_recorder(guard &locked)
     recorder_.reset();
     forget_tracks();
     if (has_stopped) return;
-    was_impatient_ = true;
     with_element(locked, [](GstElement *element) {
         GST_ELEMENT_WARNING(element, RESOURCE, WRITE, ("The medium does not answer."),
                             ("the files are completed when the directory is recorded into again"));
@@ -251,10 +271,11 @@ void recording::take_events(guard &locked, const recorder_ptr &recorder)
         while (mediafiles_recorder_next_event(recorder.get(), &event, 0) == 1) {
             const input_ptr from = event.track < tracks.size() ? tracks[event.track] : nullptr;
             gst_element_post_message(element, message_of(element, event, directory_, from ? from->name : ""));
-            has_begun_ |= event.kind == MEDIAFILES_EVENT_BEGUN;
             is_missing |= event.kind == MEDIAFILES_EVENT_NO_MEDIUM;
             if (event.kind == MEDIAFILES_EVENT_FULL) trouble_ = ENOSPC;
             if (event.kind == MEDIAFILES_EVENT_NO_MEDIUM) trouble_ = event.error;
+            if (event.kind == MEDIAFILES_EVENT_BEGUN) trouble_ = 0;
+            has_begun_ |= event.kind == MEDIAFILES_EVENT_BEGUN;
             if (event.kind == MEDIAFILES_EVENT_KEY_WANTED && from && options_.send_keyframe_requests)
                 ask_for_key(*from);
         }
@@ -281,8 +302,7 @@ void recording::fail(guard &locked, int error)
     held_.clear();
     held_bytes_ = 0;
     moved_.notify_all();
-    const std::string place = options_.location.empty() ? options_.pattern : options_.location;
-    const std::string reason = reason_of_start(options_, error);
+    const std::string place = place_in(options_), reason = reason_of_start(options_, error);
     with_element(locked, [&](GstElement *element) {
         GST_ELEMENT_ERROR(element, RESOURCE, OPEN_WRITE, ("Cannot record: %s: %s", place.c_str(), reason.c_str()),
                           (nullptr));

@@ -101,6 +101,7 @@ private:
     bool needs_a_recorder() const;
     bool is_outdated() const;
     void start_recorder(guard &locked);
+    bool may_succeed_later(int error) const;
     std::vector<input_ptr> candidates() const;
     std::vector<mp4_track_desc> choose_tracks();
     format_ptr held_format(const input_ptr &from) const;
@@ -128,7 +129,6 @@ private:
     bool has_left_ = false;         // one of its tracks
     bool is_giving_ = false;        // a stream that can wait pushes
     bool is_handing_over_ = false;  // what is held; what can wait comes after it
-    bool was_impatient_ = false;    // a recorder was stopped whose medium did not answer
     bool is_playing_ = false, has_failed_ = false, has_ended_ = false;
     std::atomic<bool> is_ending_ = false;
     over stream_is_ = over::no;
@@ -140,7 +140,7 @@ private:
     steady::time_point not_before_ = {}; // another recorder is tried
     std::string directory_;              // of the recorder; this and the next two are its own thread's
     bool has_begun_ = false;             // a file
-    int trouble_ = 0;                    // errno: why nothing could be recorded last
+    int trouble_ = 0;                    // errno: why nothing can be recorded
 
     mediafiles_recorder_stats before_ = {}; // of recorders that have ended
 };

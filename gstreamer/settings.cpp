@@ -78,7 +78,8 @@ std::string reason_of_start(const settings &given, int error)
     if (error == EINVAL)
         return "not a pattern: its fields are {number} or {number:DIGITS} and %Y %m %d %H %M %S, its end is .mp4; "
                "quota needs {number}";
-    if (error == EBUSY) return "another recorder numbers files in this directory";
+    if (error == EBUSY)
+        return "another recorder numbers files in this directory, or one that has ended waits for its medium";
     if (error == EEXIST) return "it is there already";
     return std::strerror(error);
 }

@@ -142,7 +142,8 @@ TEST(GStreamer, WhatCannotBeRecordedIsAnErrorWithItsReason)
     sink_under_test other;
     other.push(other.add_pad("video", h264_caps), camera(1, 1'000)[0]);
     ASSERT_TRUE(other.hears("mediafiles-begun"));
-    const std::string in = "location=" + taken.path() + "/", busy = "location=" + other.on.path() + "/%d.mp4";
+    const std::string in = "location=" + taken.path() + "/",
+                      busy = "patience=0 location=" + other.on.path() + "/%d.mp4";
     const std::tuple<std::string, const char *, bool> cases[] = {
         // a part of the text; whether nothing has to come for it
         {in + "file.mp4", "exactly one field", true},
@@ -165,6 +166,21 @@ TEST(GStreamer, WhatCannotBeRecordedIsAnErrorWithItsReason)
         if (!at_once) sink.push(sink.add_pad("video", h264_caps), camera(1, 1'000)[0]);
         expect_error(sink, text);
     }
+}
+
+size_t samples_in(const mp4::file &file, const char *handler)
+{
+    size_t count = 0;
+    for (const mp4::track &track : file.tracks)
+        if (track.handler == handler) count += track.samples.size();
+    return count;
+}
+
+size_t samples_in(const played &all, const char *handler)
+{
+    size_t count = 0;
+    for (const mp4::file &file : all.files) count += samples_in(file, handler);
+    return count;
 }
 
 /* A card on which no file can be made. */
@@ -192,9 +208,9 @@ TEST(GStreamer, ACardThatIsReadOnlyAtTheBeginningIsAnError)
     }
 }
 
-TEST(GStreamer, ACardThatIsGoneForAWhileIsNoError)
+void expect_that_it_goes_on_after_an_absence(bool with_another_pad)
 {
-    const stream frames = camera(9, 1'000);
+    const stream frames = camera(9, 1'000), sound = load("aac_lc_48000_2", ".aac");
     sink_under_test sink("max-size-time=400000000");
     GstHarness *const pad = sink.add_pad("video", h264_caps);
     const auto feed = [&](size_t from, size_t to) {
@@ -205,11 +221,22 @@ TEST(GStreamer, ACardThatIsGoneForAWhileIsNoError)
     std::filesystem::rename(sink.on.path(), sink.on.path() + "-out");
     feed(5, 50);
     EXPECT_TRUE(sink.hears("mediafiles-no-medium"));
+    if (with_another_pad) {
+        sink.push(sink.add_pad("audio_0", adts_caps), sound[0]);
+        std::this_thread::sleep_for(std::chrono::milliseconds(100)); // another recorder is tried, in vain
+    }
     std::filesystem::rename(sink.on.path() + "-out", sink.on.path());
-    EXPECT_TRUE(sink.hears("mediafiles-goes-on"));
+    EXPECT_TRUE(with_another_pad || sink.hears("mediafiles-goes-on"));
     feed(50, frames.size());
     sink.end_all();
     EXPECT_EQ(sink.heard().count("error"), 0u);
+    EXPECT_GE(samples_in(play(sink.on), "vide"), frames.size() - 50);
+}
+
+TEST(GStreamer, ACardThatIsGoneForAWhileIsNoError)
+{
+    expect_that_it_goes_on_after_an_absence(false);
+    expect_that_it_goes_on_after_an_absence(true);
 }
 
 TEST(GStreamer, WhatDoesNotFitIsRefused)
@@ -275,21 +302,6 @@ TEST(GStreamer, AnotherFormatBeginsAFile)
         both.insert(both.end(), second.begin(), second.end());
         expect_all_samples(all, {{c.is_video ? h264() : aac(48000), both}});
     }
-}
-
-size_t samples_in(const mp4::file &file, const char *handler)
-{
-    size_t count = 0;
-    for (const mp4::track &track : file.tracks)
-        if (track.handler == handler) count += track.samples.size();
-    return count;
-}
-
-size_t samples_in(const played &all, const char *handler)
-{
-    size_t count = 0;
-    for (const mp4::file &file : all.files) count += samples_in(file, handler);
-    return count;
 }
 
 TEST(GStreamer, SoundFollowsPicturesOfAnotherSize)
@@ -522,6 +534,26 @@ TEST(GStreamer, AnotherRecorderWaitsForTheOneThatStalls)
     sink.end_all();
     EXPECT_EQ(sink.heard().count("error"), 0u);
     EXPECT_GE(samples_in(play(sink.on), "vide"), after.size());
+}
+
+TEST(GStreamer, AnotherPipelineWaitsForTheOneThatStalls)
+{
+    const stream frames = numbered(camera(2, 2'000));
+    auto before = std::make_unique<sink_under_test>("patience=100000000");
+    const card &on = before->on;
+    GstHarness *const pad = before->add_pad("video", h264_caps);
+    for (const frame &each : frames) before->push(pad, each);
+    ASSERT_TRUE(comes_true([&] { return before->statistic("safe", "video") > 0; }));
+    syncs.close();
+    gst_element_set_state(before->element, GST_STATE_NULL);
+    sink_under_test after("location=" + on / "%08d.mp4");
+    GstHarness *const next = after.add_pad("video", h264_caps);
+    for (const frame &each : frames) EXPECT_EQ(after.push(next, each), GST_FLOW_OK);
+    EXPECT_TRUE(after.hears("warning"));
+    syncs.open();
+    after.end_all();
+    EXPECT_EQ(after.heard().count("error"), 0u);
+    EXPECT_GT(samples_in(play(on), "vide"), frames.size());
 }
 
 TEST(GStreamer, AFileWaitsForItsCard)
