@@ -19,6 +19,12 @@ using steady = std::chrono::steady_clock;
 
 using format_ptr = std::shared_ptr<const format>;
 
+/* Frames that were dropped while no recorder could take them. */
+struct gap {
+    uint64_t count = 0;
+    int64_t from = 0, to = 0; // their times
+};
+
 struct input : std::enable_shared_from_this<input> {
     explicit input(GstPad *pad) : name(GST_PAD_NAME(pad)) { g_weak_ref_init(&pad_, pad); }
     ~input() { g_weak_ref_clear(&pad_); }
@@ -33,8 +39,7 @@ struct input : std::enable_shared_from_this<input> {
     bool is_flushing = false;            // nothing waits
     bool has_ended = false;              // until another stream starts
     bool can_wait = false;               // its source is not live
-    bool is_incomplete = false;          // what was held back was dropped, up to the next key frame
-    uint64_t dropped = 0;                // frames, since then
+    gap missing = {};                    // that goes on up to the next key frame
     std::optional<uint32_t> recorded_as; // the track, in the recorder that runs
     format_ptr recorded_format;          // of that
 

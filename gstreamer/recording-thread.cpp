@@ -34,6 +34,10 @@ void recording::run()
 {
     guard locked(lock_);
     while (step(locked)) {}
+    for (const held_buffer &each : held_) drop(*each.from, each.time);
+    for (const held_buffer &each : held_) end_gap(*each.from);
+    for (const input_ptr &each : inputs_) end_gap(*each);
+    report_gaps(locked);
     held_.clear();
     tracks_.clear();
     inputs_.clear();
@@ -44,7 +48,9 @@ void recording::run()
 /* False when it is over. */
 bool recording::step(guard &locked)
 {
-    if (needs_a_recorder()) {
+    if (!gaps_.empty()) {
+        report_gaps(locked);
+    } else if (needs_a_recorder()) {
         stop_recorder(locked);
         start_recorder(locked);
         hand_over(locked);
@@ -192,7 +198,7 @@ void recording::hand_over(guard &locked)
         while (waits && !is_ending_ && mediafiles_recorder_await_room(recorder.get(), size, poll_interval) == 0) {}
         const int result = push_buffer(recorder.get(), track, next.buffer.get(), next.time);
         locked.lock();
-        if (result < 0) drop(*next.from);
+        if (result < 0) drop(*next.from, next.time);
     }
     is_handing_over_ = false;
     is_direct_ = held_.empty();
@@ -282,6 +288,21 @@ void recording::take_events(guard &locked, const recorder_ptr &recorder)
     };
     with_element(locked, report);
     if (is_missing && !has_begun_ && options_.pre_event == 0) fail(locked, trouble_);
+}
+
+void recording::report_gaps(guard &locked)
+{
+    const auto gaps = std::exchange(gaps_, {});
+    with_element(locked, [&](GstElement *element) {
+        for (const auto &[pad, missing] : gaps) {
+            mediafiles_recorder_event event = {};
+            event.kind = MEDIAFILES_EVENT_DROPPED;
+            event.count = missing.count;
+            event.from = missing.from;
+            event.to = missing.to;
+            gst_element_post_message(element, message_of(element, event, directory_, pad));
+        }
+    });
 }
 
 void recording::post_end(guard &locked)

@@ -3,10 +3,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <utility>
 
 #include <gst/video/video.h>
 
-#include "debug.h"
 #include "messages.h"
 #include "push-buffer.h"
 
@@ -89,6 +89,7 @@ void recording::remove(const input_ptr &from)
     const guard locked(lock_);
     from->is_flushing = true;
     has_left_ = has_left_ || from->recorded_as;
+    end_gap(*from);
     std::erase(inputs_, from);
     wake();
 }
@@ -132,6 +133,7 @@ void recording::end_stream(input &from, uint32_t sequence)
     const guard locked(lock_);
     from.has_ended = true;
     end_sequence_ = sequence;
+    end_gap(from);
     wake();
 }
 
@@ -174,8 +176,8 @@ GstFlowReturn recording::push(input &from, GstBuffer *buffer, int64_t time)
     if (from.can_wait) await_others(locked, from, time);
     for (bool taken = false; !taken;) {
         if (stops(from)) return why_stopped();
-        if (from.is_incomplete && from.carries->is_video() && is_delta(buffer)) {
-            drop(from);
+        if (from.missing.count != 0 && from.carries->is_video() && is_delta(buffer)) {
+            drop(from, time);
             taken = true;
         } else if (is_direct_ && from.recorded_as && from.recorded_format == from.carries) {
             taken = give(locked, from, buffer, time);
@@ -190,7 +192,7 @@ GstFlowReturn recording::push(input &from, GstBuffer *buffer, int64_t time)
 /* False when it has to be tried again. */
 bool recording::give(guard &locked, input &from, GstBuffer *buffer, int64_t time)
 {
-    if (from.is_incomplete) end_gap(from);
+    end_gap(from);
     const recorder_ptr recorder = recorder_;
     const uint32_t track = *from.recorded_as;
     const bool waits = from.can_wait;
@@ -226,10 +228,10 @@ bool recording::hold(input &from, GstBuffer *buffer, int64_t time)
     const uint64_t size = gst_buffer_get_size(buffer);
     if (held_bytes_ + size > options_.queue_bytes / 2 && !held_.empty()) {
         if (from.can_wait) return false;
-        drop(from);
+        drop(from, time);
         return true;
     }
-    if (from.is_incomplete) end_gap(from);
+    end_gap(from);
     /* A buffer of a pool goes back to it: the source may have few. */
     GstBuffer *const own = buffer->pool ? gst_buffer_copy_deep(buffer) : gst_buffer_ref(buffer);
     if (held_.empty()) {
@@ -241,18 +243,18 @@ bool recording::hold(input &from, GstBuffer *buffer, int64_t time)
     return true;
 }
 
-void recording::drop(input &from)
+void recording::drop(input &from, int64_t time)
 {
-    from.is_incomplete = true;
-    ++from.dropped;
+    if (from.missing.count++ == 0) from.missing.from = time;
+    from.missing.to = time;
     ++dropped_;
 }
 
 void recording::end_gap(input &from)
 {
-    GST_WARNING("%s: %ju frames dropped while no recorder took them", from.name.c_str(), uintmax_t{from.dropped});
-    from.is_incomplete = false;
-    from.dropped = 0;
+    if (from.missing.count == 0) return;
+    gaps_.emplace_back(from.name, std::exchange(from.missing, {}));
+    wake();
 }
 
 /* ---- What an application asks for ---- */

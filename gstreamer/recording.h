@@ -86,7 +86,7 @@ private:
     void await_others(guard &locked, const input &from, int64_t time);
     void note_time(input &from, int64_t time);
     bool hold(input &from, GstBuffer *buffer, int64_t time);
-    void drop(input &from);
+    void drop(input &from, int64_t time);
     void end_gap(input &from);
     bool give(guard &locked, input &from, GstBuffer *buffer, int64_t time);
     recorder_ptr running();
@@ -110,6 +110,7 @@ private:
     void forget_tracks();
     void wait(guard &locked);
     void take_events(guard &locked, const recorder_ptr &recorder);
+    void report_gaps(guard &locked);
     void fail(guard &locked, int error);
     void post_end(guard &locked);
     void warn_too_large(guard &locked, const input &from, size_t size);
@@ -136,6 +137,7 @@ private:
 
     std::deque<held_buffer> held_;
     uint64_t held_bytes_ = 0, dropped_ = 0;
+    std::vector<std::pair<std::string, gap>> gaps_; // of pads, to be reported
     steady::time_point first_held_ = {};
     steady::time_point not_before_ = {}; // another recorder is tried
     std::string directory_;              // of the recorder; this and the next two are its own thread's

@@ -498,13 +498,40 @@ public:
     gate opens;
 };
 
+stalled_directory &stall()
+{
+    static stalled_directory stalled; // a thread that ends may look at it until it has ended
+    medium::watch::current = &stalled;
+    stalled.opens.close();
+    return stalled;
+}
+
+TEST(GStreamer, WhatIsDroppedWhileNoRecorderRunsIsReported)
+{
+    const stream frames = numbered(camera(10, 20'000));
+    sink_under_test sink("queue-bytes=100000");
+    stalled_directory &stalled = stall();
+    GstHarness *const pad = sink.add_pad("video", h264_caps);
+    for (size_t n = 0; n < 80; ++n) EXPECT_EQ(sink.push(pad, frames[n]), GST_FLOW_OK);
+    EXPECT_EQ(sink.statistic("frames-dropped"), 70u);
+    stalled.opens.open();
+    EXPECT_TRUE(comes_true([&] { return sink.statistic("frames-out") > 5; }));
+    for (size_t n = 80; n < frames.size(); ++n) EXPECT_EQ(sink.push(pad, frames[n]), GST_FLOW_OK);
+    sink.end_all();
+    medium::watch::current = nullptr;
+    const std::string text = sink.heard().text("mediafiles-frames-dropped");
+    EXPECT_NE(text.find("running-time=(gint64)400000000, running-time-end=(gint64)3160000000, count=(guint64)70, "
+                        "pad=(string)video"),
+              text.npos)
+        << text;
+    EXPECT_EQ(found_frames(play(sink.on).samples[1], frames, true).size(), 30u);
+}
+
 TEST(GStreamer, NobodyWaitsForACardAtTheBeginning)
 {
     const stream frames = numbered(camera(3, 20'000));
     sink_under_test sink("patience=100000000");
-    static stalled_directory stalled; // a thread that ends may look at it until it has ended
-    medium::watch::current = &stalled;
-    stalled.opens.close();
+    stalled_directory &stalled = stall();
     GstHarness *const pad = sink.add_pad("video", h264_caps);
     for (const frame &each : frames) EXPECT_EQ(sink.push(pad, each), GST_FLOW_OK);
     gst_element_set_state(sink.element, GST_STATE_NULL);
