@@ -19,6 +19,11 @@ using steady = std::chrono::steady_clock;
 
 using format_ptr = std::shared_ptr<const format>;
 
+inline bool is_delta(GstBuffer *buffer)
+{
+    return GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DELTA_UNIT);
+}
+
 /* Frames that were dropped while no recorder could take them. */
 struct gap {
     uint64_t count = 0;

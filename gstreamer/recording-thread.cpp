@@ -19,6 +19,8 @@ using namespace std::chrono_literals;
 
 /* So long after the first buffer pads that have said nothing are waited for. Later they get another recorder. */
 constexpr auto patience_with_pads = 1s;
+/* So long a recorder that lacks a track goes on where no key frame comes. */
+constexpr auto patience_with_key_frame = 10s;
 /* How often a directory is tried again. */
 constexpr auto retry_interval = 200ms;
 constexpr int64_t poll_interval = 50 * GST_MSECOND;
@@ -57,13 +59,15 @@ bool recording::step(guard &locked)
     } else if (is_ending_) {
         stop_recorder(locked);
         return false;
+    } else if (recorder_ && is_outdated() && awaited_ != next_leader()) {
+        await_key(locked);
     } else if (has_all_ended() && held_.empty() && stream_is_ == over::no && !has_failed_) {
         stop_recorder(locked);
         if (!has_begun_ && trouble_ != 0) fail(locked, trouble_);
         if (!has_failed_) stream_is_ = over::reached;
     } else if (stream_is_ == over::reached && is_playing_) {
         post_end(locked);
-    } else if (has_left_) {
+    } else if (has_left_ && !is_outdated()) {
         stop_recorder(locked);
     } else {
         wait(locked);
@@ -85,10 +89,42 @@ bool recording::is_outdated() const
     return !held_.empty();
 }
 
+/* Whether the one that follows can begin: it has the key frame of its leader, or none will come. */
+bool recording::may_change() const
+{
+    if (!is_direct_ || is_ending_ || has_all_ended()) return true;
+    const input_ptr leader = next_leader();
+    if (!leader || leader->has_ended || leader->is_flushing) return true;
+    const bool has_key = std::ranges::any_of(
+        held_, [&](const held_buffer &each) { return each.from == leader && !is_delta(each.buffer.get()); });
+    return has_key || (awaited_ && steady::now() - awaited_since_ >= patience_with_key_frame);
+}
+
+/* The first track of the recorder that follows which has pictures; NULL: none has. */
+input_ptr recording::next_leader() const
+{
+    const std::vector<input_ptr> all = candidates();
+    const auto found = std::ranges::find_if(all, [this](const input_ptr &each) {
+        const format_ptr held = held_format(each);
+        return (held ? held : each->carries)->is_video();
+    });
+    return found == all.end() ? nullptr : *found;
+}
+
+void recording::await_key(guard &locked)
+{
+    if (!awaited_) awaited_since_ = steady::now();
+    const input_ptr from = awaited_ = next_leader();
+    if (!from) return;
+    locked.unlock();
+    ask_for_key(*from);
+    locked.lock();
+}
+
 bool recording::needs_a_recorder() const
 {
     if (has_failed_ || steady::now() < not_before_) return false;
-    if (recorder_) return is_outdated();
+    if (recorder_) return is_outdated() && may_change();
     if (held_.empty()) return false;
     const bool is_complete =
         std::ranges::all_of(inputs_, [](const input_ptr &each) { return each->carries || each->has_ended; });
@@ -215,6 +251,7 @@ void recording::stop_recorder(guard &locked)
 {
     is_direct_ = false;
     has_left_ = false;
+    awaited_.reset();
     if (!recorder_) return;
     const recorder_ptr old = recorder_;
     locked.unlock();
@@ -244,8 +281,10 @@ void recording::wait(guard &locked)
     const recorder_ptr recorder = recorder_;
     if (recorder && !has_failed_) waits[1].fd = mediafiles_recorder_event_descriptor(recorder.get());
     int timeout = -1;
-    if (!recorder && !held_.empty() && !has_failed_) {
-        const auto left = std::max(first_held_ + patience_with_pads, not_before_) - steady::now();
+    if ((awaited_ || (!recorder && !held_.empty())) && !has_failed_) {
+        const auto until = awaited_ ? awaited_since_ + patience_with_key_frame
+                                    : std::max(first_held_ + patience_with_pads, not_before_);
+        const auto left = until - steady::now();
         timeout =
             static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(std::max(left, steady::duration{})).count());
     }

@@ -22,11 +22,6 @@ constexpr auto longest_wait = 1s;
 /* How often a wait for room in the recorder's queue, which nothing interrupts, looks at what else happens. */
 constexpr int64_t poll_interval = 50 * GST_MSECOND;
 
-bool is_delta(GstBuffer *buffer)
-{
-    return GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DELTA_UNIT);
-}
-
 } // namespace
 
 recording::recording(GstElement *element, settings options) : options_(std::move(options)), element_(element)
@@ -176,6 +171,7 @@ GstFlowReturn recording::push(input &from, GstBuffer *buffer, int64_t time)
     if (from.can_wait) await_others(locked, from, time);
     for (bool taken = false; !taken;) {
         if (stops(from)) return why_stopped();
+        if (begins_next(from, buffer)) is_direct_ = false;
         if (from.missing.count != 0 && from.carries->is_video() && is_delta(buffer)) {
             drop(from, time);
             taken = true;
@@ -222,11 +218,16 @@ bool recording::give(guard &locked, input &from, GstBuffer *buffer, int64_t time
     return true;
 }
 
+bool recording::begins_next(const input &from, GstBuffer *buffer) const
+{
+    return awaited_.get() == &from && !is_delta(buffer);
+}
+
 /* False when there is no room for what can wait. */
 bool recording::hold(input &from, GstBuffer *buffer, int64_t time)
 {
     const uint64_t size = gst_buffer_get_size(buffer);
-    if (held_bytes_ + size > options_.queue_bytes / 2 && !held_.empty()) {
+    if (held_bytes_ + size > options_.queue_bytes / 2 && !held_.empty() && !begins_next(from, buffer)) {
         if (from.can_wait) return false;
         drop(from, time);
         return true;
@@ -234,10 +235,8 @@ bool recording::hold(input &from, GstBuffer *buffer, int64_t time)
     end_gap(from);
     /* A buffer of a pool goes back to it: the source may have few. */
     GstBuffer *const own = buffer->pool ? gst_buffer_copy_deep(buffer) : gst_buffer_ref(buffer);
-    if (held_.empty()) {
-        first_held_ = steady::now();
-        wake();
-    }
+    if (held_.empty()) first_held_ = steady::now();
+    if (held_.empty() || !is_delta(buffer)) wake();
     held_.push_back({from.shared_from_this(), from.carries, owner<GstBuffer>(own), time});
     held_bytes_ += size;
     return true;

@@ -4,9 +4,14 @@
  *
  * The tracks of a recorder are fixed when it starts. So it starts when all pads
  * have said what they bring, and another one follows when that changes: a pad
- * has come or gone, or carries something else. Starting and stopping wait for
- * the medium. A thread of the recording's own does both, and reads the events;
- * meanwhile the buffers are held here, as many as the recorder's queue would.
+ * has come or gone, or carries something else. A recorder begins with a key
+ * frame of its leader, the first of its tracks that has pictures. So the
+ * one before it goes on until that key frame has come, which is asked for;
+ * what it has no track for is held.
+ *
+ * Starting and stopping wait for the medium. A thread of the recording's own
+ * does both, and reads the events; meanwhile the buffers are held here, as
+ * many as half of the recorder's queue would.
  *
  * A streaming thread never waits for the medium. That of a source which can
  * wait, like a file, waits while the recorder's queue is half full, and for
@@ -85,6 +90,7 @@ private:
     bool is_ahead(const input &from, int64_t time) const;
     void await_others(guard &locked, const input &from, int64_t time);
     void note_time(input &from, int64_t time);
+    bool begins_next(const input &from, GstBuffer *buffer) const;
     bool hold(input &from, GstBuffer *buffer, int64_t time);
     void drop(input &from, int64_t time);
     void end_gap(input &from);
@@ -100,6 +106,9 @@ private:
     bool has_all_ended() const;
     bool needs_a_recorder() const;
     bool is_outdated() const;
+    bool may_change() const;
+    input_ptr next_leader() const;
+    void await_key(guard &locked);
     void start_recorder(guard &locked);
     bool may_succeed_later(int error) const;
     std::vector<input_ptr> candidates() const;
@@ -128,8 +137,10 @@ private:
     std::vector<input_ptr> tracks_; // of the recorder, by index
     bool is_direct_ = false;        // streaming threads push into the recorder
     bool has_left_ = false;         // one of its tracks
-    bool is_giving_ = false;        // a stream that can wait pushes
-    bool is_handing_over_ = false;  // what is held; what can wait comes after it
+    input_ptr awaited_;             // its key frame begins the next recorder; NULL: none is needed
+    steady::time_point awaited_since_ = {};
+    bool is_giving_ = false;       // a stream that can wait pushes
+    bool is_handing_over_ = false; // what is held; what can wait comes after it
     bool is_playing_ = false, has_failed_ = false, has_ended_ = false;
     std::atomic<bool> is_ending_ = false;
     over stream_is_ = over::no;

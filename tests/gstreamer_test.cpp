@@ -361,6 +361,40 @@ TEST(GStreamer, PadsComeAndGo)
     EXPECT_GE(samples_in(all, "soun") + 3, sound.size()); // what came before a file's first picture is in none
 }
 
+/* How many of its events ask for a key frame. */
+size_t key_requests(GstHarness *pad)
+{
+    size_t asked = 0;
+    while (GstEvent *const event = gst_harness_try_pull_upstream_event(pad)) {
+        asked += gst_event_has_name(event, "GstForceKeyUnit") ? 1 : 0;
+        gst_event_unref(event);
+    }
+    return asked;
+}
+
+/* Sound comes and goes in the middle of a group; the next key frame comes because it is asked for. */
+TEST(GStreamer, NoPictureIsLostWhenSoundComesAndGoes)
+{
+    const stream frames = numbered(camera(9, 2'000)), sound = load("aac_lc_48000_2", ".aac");
+    sink_under_test sink;
+    GstHarness *const pictures = sink.add_pad("video", h264_caps), *other = nullptr;
+    for (size_t n = 0; n < frames.size(); ++n) {
+        EXPECT_TRUE(n != 25 || comes_true([&] { return sink.statistic("frames-out") > 20; }));
+        if (n == 25) other = sink.add_pad("audio_0", adts_caps);
+        if (n == 55) sink.remove_pad(std::exchange(other, nullptr));
+        EXPECT_EQ(sink.push(pictures, frames[n]), GST_FLOW_OK);
+        for (const frame &each : sound)
+            if (other && each.time >= frames[n].time && each.time < frames[n].time + 40 * millisecond)
+                sink.push(other, each);
+        EXPECT_TRUE((n != 26 && n != 56) || comes_true([&] { return key_requests(pictures) == 1; }));
+    }
+    sink.end_all();
+    const played all = play(sink.on);
+    ASSERT_EQ(all.files.size(), 3u);
+    for (const mp4::file &each : all.files) EXPECT_EQ(samples_in(each, "vide"), 30u);
+    EXPECT_GT(samples_in(all.files[1], "soun"), 40u);
+}
+
 TEST(GStreamer, TakesEightPads)
 {
     sink_under_test sink;
@@ -613,12 +647,7 @@ TEST(GStreamer, ObeysAnApplication)
     EXPECT_FALSE(done); // without pre-event
     sink.end_all();
     EXPECT_EQ(sink.heard().count("mediafiles-protected"), 1u);
-    size_t asked = 0;
-    while (GstEvent *const event = gst_harness_try_pull_upstream_event(pad)) {
-        asked += gst_event_has_name(event, "GstForceKeyUnit") ? 1 : 0;
-        gst_event_unref(event);
-    }
-    EXPECT_EQ(asked, 1u);
+    EXPECT_EQ(key_requests(pad), 1u);
     const played all = play(sink.on);
     EXPECT_EQ(all.files.size(), 3u);
     expect_all_samples(all, {{h264(), frames}});
