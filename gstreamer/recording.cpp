@@ -19,6 +19,8 @@ using namespace std::chrono_literals;
 /* So far a stream runs ahead of another one that can wait, too; one that has not moved for so long is not waited for. */
 constexpr int64_t longest_lead = 500 * GST_MSECOND;
 constexpr auto longest_wait = 1s;
+/* Sound that goes on for so long when the pictures have ended gets files of its own. */
+constexpr int64_t longest_sound_after = GST_SECOND;
 /* How often a wait for room in the recorder's queue, which nothing interrupts, looks at what else happens. */
 constexpr int64_t poll_interval = 50 * GST_MSECOND;
 
@@ -172,6 +174,10 @@ GstFlowReturn recording::push(input &from, GstBuffer *buffer, int64_t time)
     for (bool taken = false; !taken;) {
         if (stops(from)) return why_stopped();
         if (begins_next(from, buffer)) is_direct_ = false;
+        if (outlasts_leader(from, time)) {
+            has_left_ = true;
+            wake();
+        }
         if (from.missing.count != 0 && from.carries->is_video() && is_delta(buffer)) {
             drop(from, time);
             taken = true;
@@ -216,6 +222,21 @@ bool recording::give(guard &locked, input &from, GstBuffer *buffer, int64_t time
     else
         fail(locked, error == ESHUTDOWN ? ENOMEM : error);
     return true;
+}
+
+/* Of the recorder that runs: without its key frames no file begins. NULL: it goes on. */
+const input *recording::ended_leader() const
+{
+    const auto found =
+        std::ranges::find_if(tracks_, [](const input_ptr &each) { return each->recorded_format->is_video(); });
+    return found == tracks_.end() || !(*found)->has_ended ? nullptr : found->get();
+}
+
+bool recording::outlasts_leader(const input &from, int64_t time) const
+{
+    if (has_left_ || !from.recorded_as || (options_.max_size_time == 0 && options_.max_size_bytes == 0)) return false;
+    const input *const leader = ended_leader();
+    return leader && leader->latest && time > *leader->latest + longest_sound_after;
 }
 
 bool recording::begins_next(const input &from, GstBuffer *buffer) const
@@ -270,6 +291,10 @@ bool recording::split(bool at_once)
     {
         const guard locked(lock_);
         if (!recorder_ || mediafiles_recorder_split(recorder_.get()) != 0) return false;
+        if (ended_leader()) {
+            has_left_ = true;
+            wake();
+        }
         if (at_once)
             std::ranges::copy_if(tracks_, std::back_inserter(video),
                                  [](const input_ptr &each) { return each->carries->is_video(); });

@@ -90,6 +90,8 @@ private:
     bool is_ahead(const input &from, int64_t time) const;
     void await_others(guard &locked, const input &from, int64_t time);
     void note_time(input &from, int64_t time);
+    const input *ended_leader() const;
+    bool outlasts_leader(const input &from, int64_t time) const;
     bool begins_next(const input &from, GstBuffer *buffer) const;
     bool hold(input &from, GstBuffer *buffer, int64_t time);
     void drop(input &from, int64_t time);
@@ -136,7 +138,7 @@ private:
     recorder_ptr recorder_;
     std::vector<input_ptr> tracks_; // of the recorder, by index
     bool is_direct_ = false;        // streaming threads push into the recorder
-    bool has_left_ = false;         // one of its tracks
+    bool has_left_ = false;         // one of its tracks, or its leader has ended and files are to begin without it
     input_ptr awaited_;             // its key frame begins the next recorder; NULL: none is needed
     steady::time_point awaited_since_ = {};
     bool is_giving_ = false;       // a stream that can wait pushes

@@ -395,6 +395,29 @@ TEST(GStreamer, NoPictureIsLostWhenSoundComesAndGoes)
     EXPECT_GT(samples_in(all.files[1], "soun"), 40u);
 }
 
+TEST(GStreamer, FilesGoOnToBeginWhenPicturesHaveEnded)
+{
+    const stream frames = camera(2, 2'000), sound = load("aac_lc_48000_2", ".aac");
+    for (const char *properties : {"max-size-time=1000000000", ""}) {
+        SCOPED_TRACE(properties);
+        sink_under_test sink(properties);
+        GstHarness *const pictures = sink.add_pad("video", h264_caps), *const other =
+                                                                           sink.add_pad("audio_0", adts_caps);
+        for (const frame &each : frames) EXPECT_EQ(sink.push(pictures, each), GST_FLOW_OK);
+        gst_harness_push_event(pictures, gst_event_new_eos());
+        for (size_t n = 0; n < sound.size(); ++n) {
+            EXPECT_EQ(sink.push(other, sound[n]), GST_FLOW_OK);
+            EXPECT_TRUE(n != 60 || comes_true([&] { return sink.statistic("frames-out") > n; }));
+            if (n == 60 && !*properties) g_signal_emit_by_name(sink.element, "split-after");
+            EXPECT_TRUE(n != 100 || sink.hears("mediafiles-finished"));
+        }
+        sink.end_all();
+        const played all = play(sink.on);
+        EXPECT_GE(all.files.size(), *properties ? 3u : 2u);
+        EXPECT_EQ(samples_in(all, "soun"), sound.size());
+    }
+}
+
 TEST(GStreamer, TakesEightPads)
 {
     sink_under_test sink;
