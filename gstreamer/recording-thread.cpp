@@ -17,8 +17,11 @@ namespace {
 
 using namespace std::chrono_literals;
 
-/* So long after the first buffer pads that have said nothing are waited for. Later they get another recorder. */
-constexpr auto patience_with_pads = 1s;
+/*
+ * So long after the first buffer pads that have brought none are waited for: encoders that look ahead take seconds, and
+ * without the first picture there is no file for sound. Later they get another recorder.
+ */
+constexpr auto patience_with_pads = 3s;
 /* So long a recorder that lacks a track goes on where no key frame comes. */
 constexpr auto patience_with_key_frame = 10s;
 /* How often a directory is tried again. */
@@ -127,7 +130,7 @@ bool recording::needs_a_recorder() const
     if (recorder_) return is_outdated() && may_change();
     if (held_.empty()) return false;
     const bool is_complete =
-        std::ranges::all_of(inputs_, [](const input_ptr &each) { return each->carries || each->has_ended; });
+        std::ranges::all_of(inputs_, [this](const input_ptr &each) { return held_format(each) || each->has_ended; });
     return is_complete || is_ending_ || steady::now() - first_held_ >= patience_with_pads;
 }
 
@@ -282,9 +285,11 @@ void recording::wait(guard &locked)
     if (recorder && !has_failed_) waits[1].fd = mediafiles_recorder_event_descriptor(recorder.get());
     int timeout = -1;
     if ((awaited_ || (!recorder && !held_.empty())) && !has_failed_) {
-        const auto until = awaited_ ? awaited_since_ + patience_with_key_frame
-                                    : std::max(first_held_ + patience_with_pads, not_before_);
-        const auto left = until - steady::now();
+        const auto now = steady::now();
+        const auto until = awaited_            ? awaited_since_ + patience_with_key_frame
+                           : not_before_ > now ? not_before_
+                                               : first_held_ + patience_with_pads;
+        const auto left = until - now;
         timeout =
             static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(std::max(left, steady::duration{})).count());
     }

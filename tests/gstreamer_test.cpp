@@ -129,6 +129,36 @@ TEST(GStreamer, RecordsPipelines)
     }
 }
 
+size_t samples_in(const mp4::file &file, const char *handler)
+{
+    size_t count = 0;
+    for (const mp4::track &track : file.tracks)
+        if (track.handler == handler) count += track.samples.size();
+    return count;
+}
+
+size_t samples_in(const played &all, const char *handler)
+{
+    size_t count = 0;
+    for (const mp4::file &file : all.files) count += samples_in(file, handler);
+    return count;
+}
+
+/* An encoder that looks ahead: sound comes long before the first picture, of the same time. */
+TEST(GStreamer, SoundWaitsForTheFirstPicture)
+{
+    const stream frames = camera(3, 2'000), sound = load("aac_lc_48000_2", ".aac");
+    sink_under_test sink;
+    GstHarness *const pictures = sink.add_pad("video", h264_caps), *const other = sink.add_pad("audio_0", adts_caps);
+    for (size_t n = 0; n < 50; ++n) EXPECT_EQ(sink.push(other, sound[n]), GST_FLOW_OK);
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+    for (const frame &each : frames) EXPECT_EQ(sink.push(pictures, each), GST_FLOW_OK);
+    sink.end_all();
+    const played all = play(sink.on);
+    EXPECT_EQ(all.files.size(), 1u);
+    EXPECT_EQ(samples_in(all, "soun"), 50u);
+}
+
 void expect_error(sink_under_test &sink, const char *text)
 {
     ASSERT_TRUE(sink.hears("error"));
@@ -166,21 +196,6 @@ TEST(GStreamer, WhatCannotBeRecordedIsAnErrorWithItsReason)
         if (!at_once) sink.push(sink.add_pad("video", h264_caps), camera(1, 1'000)[0]);
         expect_error(sink, text);
     }
-}
-
-size_t samples_in(const mp4::file &file, const char *handler)
-{
-    size_t count = 0;
-    for (const mp4::track &track : file.tracks)
-        if (track.handler == handler) count += track.samples.size();
-    return count;
-}
-
-size_t samples_in(const played &all, const char *handler)
-{
-    size_t count = 0;
-    for (const mp4::file &file : all.files) count += samples_in(file, handler);
-    return count;
 }
 
 /* A card on which no file can be made. */
