@@ -148,8 +148,8 @@ GstFlowReturn take_buffer(GstPad *pad, GstObject *element, GstBuffer *buffer)
     if (from.times.goes_back(buffer))
         return refuse(
             element, from,
-            "B-frames cannot be recorded: set the encoder so that it makes none, "
-            "x264enc with bframes=0 or tune=zerolatency.",
+            "B-frames cannot be recorded: set the encoder so that it makes none, for example x264enc bframes=0, "
+            "x265enc option-string=\"bframes=0\".",
             "a picture came that is shown before an earlier one; a recording keeps one time for each picture");
     const auto time = from.times.time_of(buffer);
     if (!time)
