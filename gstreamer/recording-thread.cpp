@@ -183,7 +183,7 @@ void recording::start_recorder(guard &locked)
     directory_ = directory_of(options_);
     recorder_ptr made;
     if (!directory_.empty())
-        made.reset(gstreamer::start_recorder(options_, directory_, tracks), mediafiles_recorder_destroy);
+        made.reset(gstreamer::start_recorder(options_, directory_, tracks, before_.files), mediafiles_recorder_destroy);
     if (!made) error = errno;
     locked.lock();
     if (error == 0) {

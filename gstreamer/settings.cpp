@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <stdexcept>
+#include <string_view>
 
 #include "owners.h"
 #include "place.h"
@@ -12,6 +13,8 @@
 namespace mediafiles::gstreamer {
 
 namespace {
+
+constexpr std::string_view extension = ".mp4"; // of every pattern, in any case
 
 place place_of(const settings &given)
 {
@@ -34,7 +37,7 @@ std::string objection_to(const settings &given)
     const mp4_track_desc any_track = {.type = MP4_TRACK_H264, .video = {}};
     try {
         /* What is wrong with the options is found before the directory is opened, and none has an empty name. */
-        if (start_recorder(given, "", {&any_track, 1}) != nullptr || errno != EINVAL) return {};
+        if (start_recorder(given, "", {&any_track, 1}, 0) != nullptr || errno != EINVAL) return {};
     } catch (const std::invalid_argument &wrong) {
         return wrong.what();
     }
@@ -49,9 +52,11 @@ std::string directory_of(const settings &given)
 }
 
 mediafiles_recorder *start_recorder(const settings &given, const std::string &directory,
-                                    std::span<const mp4_track_desc> tracks)
+                                    std::span<const mp4_track_desc> tracks, uint32_t files)
 {
-    const std::string pattern = place_of(given).pattern;
+    std::string pattern = place_of(given).pattern;
+    if (files != 0 && pattern.find("{number") == pattern.npos)
+        pattern.insert(pattern.size() - extension.size(), std::to_string(files + 1).insert(0, 1, '-'));
     mediafiles_recorder_options options = {};
     options.size = sizeof options;
     options.track_count = static_cast<uint32_t>(tracks.size());

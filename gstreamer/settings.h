@@ -32,9 +32,13 @@ std::string objection_to(const settings &given);
 /** The directory of the files, links followed. Waits for the medium. Empty with errno when it is not there. */
 std::string directory_of(const settings &given);
 
-/** NULL with errno. Waits for the medium. */
+/**
+ * NULL with errno. Waits for the medium.
+ *
+ * @param files  that recorders before it have begun. Without {number} it goes on with the name after theirs
+ */
 mediafiles_recorder *start_recorder(const settings &given, const std::string &directory,
-                                    std::span<const mp4_track_desc> tracks);
+                                    std::span<const mp4_track_desc> tracks, uint32_t files);
 
 /** Why it was NULL. */
 std::string reason_of_start(const settings &given, int error);

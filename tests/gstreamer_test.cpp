@@ -319,6 +319,20 @@ TEST(GStreamer, AnotherFormatBeginsAFile)
     }
 }
 
+TEST(GStreamer, OneRecordingGoesOnUnderItsName)
+{
+    const card on;
+    const stream base = load("h264_base_640x360_25", ".h264"), hevc = load("h265_aud_sei_640x360_25", ".h265");
+    sink_under_test sink("max-size-time=2000000000 pattern=" + on / "clip.mp4");
+    GstHarness *const pad = sink.add_pad("video", h264_caps);
+    for (const frame &each : base) EXPECT_EQ(sink.push(pad, each), GST_FLOW_OK);
+    gst_harness_set_src_caps_str(pad, h265_caps);
+    const stream second = repeated(hevc, 1, base.back().time + 40 * millisecond);
+    sink.record({{pad, &second}});
+    EXPECT_EQ(sink.heard().count("error"), 0u) << sink.heard().text("error");
+    EXPECT_EQ(on.names(), (std::vector<std::string>{"clip-2.mp4", "clip-3-2.mp4", "clip-3.mp4", "clip.mp4"}));
+}
+
 TEST(GStreamer, SoundFollowsPicturesOfAnotherSize)
 {
     const stream base = load("h264_base_640x360_25", ".h264"), sound = load("aac_lc_48000_2", ".aac"),
