@@ -104,12 +104,14 @@ const struct number_property {
      G_MAXINT64, &settings::max_size_bytes},
     {quota, "quota", "Quota",
      "For all files of the location or pattern together, in bytes: the oldest finished ones that are not protected are "
-     "deleted, by their number. It stands where splitmuxsink has max-files. 0: none",
+     "deleted, by their number. It stands where splitmuxsink has max-files. 0: as many as the file system holds, see "
+     "keep-free",
      0, G_MAXINT64, &settings::quota},
     {keep_free, "keep-free", "Room for others",
-     "Room that is left free on the file system, in bytes: the oldest finished files that are not protected are "
-     "deleted, "
-     "by their number, and when none can go the running file is finished. 0: none",
+     "Room that is left free on the file system, in bytes: where there is less, the oldest finished files of the "
+     "location or pattern that are not protected are deleted, by their number, and when none can go the running file "
+     "is finished. 0: no room for others; when the file system is full the oldest files are deleted all the same. "
+     "Files of a pattern without {number} are never deleted",
      0, G_MAXINT64, &settings::keep_free},
     {sync_interval, "sync-interval", "Time between syncs",
      "Time between two rounds of syncs, in nanoseconds. What was recorded before the last round survives a power cut, "
