@@ -236,8 +236,12 @@ void recording::hand_over(guard &locked)
         locked.unlock();
         while (waits && !is_ending_ && mediafiles_recorder_await_room(recorder.get(), size, poll_interval) == 0) {}
         const int result = push_buffer(recorder.get(), track, next.buffer.get(), next.time);
+        const int error = errno;
         locked.lock();
-        if (result < 0) drop(*next.from, next.time);
+        if (result < 0 && error == EMSGSIZE)
+            drop_too_large(locked, *next.from, size, next.time);
+        else if (result < 0)
+            drop(*next.from, next.time);
     }
     is_handing_over_ = false;
     is_direct_ = held_.empty();
@@ -374,8 +378,9 @@ void recording::fail(guard &locked, int error)
     });
 }
 
-void recording::warn_too_large(guard &locked, const input &from, size_t size)
+void recording::drop_too_large(guard &locked, input &from, size_t size, int64_t time)
 {
+    drop(from, time);
     with_element(locked, [&](GstElement *element) {
         GST_ELEMENT_WARNING(element, RESOURCE, WRITE, ("A frame of %zu bytes is larger than queue-bytes allows.", size),
                             ("%s: raise queue-bytes", from.name.c_str()));

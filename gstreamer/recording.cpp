@@ -218,7 +218,7 @@ bool recording::give(guard &locked, input &from, GstBuffer *buffer, int64_t time
     if (result >= 0) return true;
     if (error == ESHUTDOWN && (recorder != recorder_ || !is_direct_)) return false;
     if (error == EMSGSIZE)
-        warn_too_large(locked, from, size);
+        drop_too_large(locked, from, size, time);
     else
         fail(locked, error == ESHUTDOWN ? ENOMEM : error);
     return true;

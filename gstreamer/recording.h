@@ -124,7 +124,7 @@ private:
     void report_gaps(guard &locked);
     void fail(guard &locked, int error);
     void post_end(guard &locked);
-    void warn_too_large(guard &locked, const input &from, size_t size);
+    void drop_too_large(guard &locked, input &from, size_t size, int64_t time);
     void with_element(guard &locked, const std::function<void(GstElement *)> &use);
 
     const settings options_;

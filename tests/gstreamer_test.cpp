@@ -679,6 +679,19 @@ TEST(GStreamer, AFileWaitsForItsCard)
     EXPECT_EQ(sink.statistic("frames-dropped"), 0u);
 }
 
+TEST(GStreamer, AFrameThatIsTooLargeTakesItsGroupAlong)
+{
+    stream frames = numbered(camera(4, 2'000));
+    frames[20] = numbered(camera(1, 40'000, frames[20].time), 20)[0];
+    sink_under_test sink("queue-bytes=30000");
+    sink.record({{sink.add_pad("video", h264_caps, false), &frames}});
+    EXPECT_EQ(sink.heard().count("warning"), 1u);
+    EXPECT_EQ(sink.statistic("frames-dropped"), 10u);
+    const std::set<size_t> found = found_frames(play(sink.on).samples[1], frames, true);
+    EXPECT_EQ(found.size(), 30u);
+    EXPECT_EQ(found.count(25), 0u);
+}
+
 TEST(GStreamer, ObeysAnApplication)
 {
     const stream frames = numbered(camera(8, 2'000));
