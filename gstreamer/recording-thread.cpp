@@ -57,7 +57,7 @@ bool recording::step(guard &locked)
         report_gaps(locked);
     } else if (needs_a_recorder()) {
         stop_recorder(locked);
-        start_recorder(locked);
+        if (!has_failed_) start_recorder(locked);
         hand_over(locked);
     } else if (is_ending_) {
         stop_recorder(locked);
@@ -130,7 +130,7 @@ bool recording::needs_a_recorder() const
     if (recorder_) return is_outdated() && may_change();
     if (held_.empty()) return false;
     const bool is_complete =
-        std::ranges::all_of(inputs_, [this](const input_ptr &each) { return held_format(each) || each->has_ended; });
+        std::ranges::all_of(inputs_, [](const input_ptr &each) { return each->latest || each->has_ended; });
     return is_complete || is_ending_ || steady::now() - first_held_ >= patience_with_pads;
 }
 
@@ -193,13 +193,7 @@ void recording::start_recorder(guard &locked)
     forget_tracks();
     if (!may_succeed_later(error)) return fail(locked, error);
     not_before_ = steady::now() + retry_interval;
-    if (std::exchange(trouble_, error) == error) return;
-    with_element(locked, [&](GstElement *element) {
-        GST_ELEMENT_WARNING(
-            element, RESOURCE, OPEN_WRITE,
-            ("Cannot record yet: %s: %s", place_in(options_).c_str(), reason_of_start(options_, error).c_str()),
-            ("it is tried again"));
-    });
+    warn(locked, error);
 }
 
 /*
@@ -318,6 +312,7 @@ void recording::with_element(guard &locked, const std::function<void(GstElement 
 void recording::take_events(guard &locked, const recorder_ptr &recorder)
 {
     const std::vector<input_ptr> tracks = tracks_;
+    int error = 0;
     bool is_missing = false;
     const auto report = [&](GstElement *element) {
         mediafiles_recorder_event event = {};
@@ -326,16 +321,20 @@ void recording::take_events(guard &locked, const recorder_ptr &recorder)
             const input_ptr from = event.track < tracks.size() ? tracks[event.track] : nullptr;
             gst_element_post_message(element, message_of(element, event, directory_, from ? from->name : ""));
             is_missing |= event.kind == MEDIAFILES_EVENT_NO_MEDIUM;
-            if (event.kind == MEDIAFILES_EVENT_FULL) trouble_ = ENOSPC;
-            if (event.kind == MEDIAFILES_EVENT_NO_MEDIUM) trouble_ = event.error;
-            if (event.kind == MEDIAFILES_EVENT_BEGUN) trouble_ = 0;
+            if (event.kind == MEDIAFILES_EVENT_NO_MEDIUM) error = event.error;
+            if (event.kind == MEDIAFILES_EVENT_FULL) error = ENOSPC;
+            if (event.kind == MEDIAFILES_EVENT_BEGUN || event.kind == MEDIAFILES_EVENT_GOES_ON) trouble_ = error = 0;
             has_begun_ |= event.kind == MEDIAFILES_EVENT_BEGUN;
             if (event.kind == MEDIAFILES_EVENT_KEY_WANTED && from && options_.send_keyframe_requests)
                 ask_for_key(*from);
         }
     };
     with_element(locked, report);
-    if (is_missing && !has_begun_ && options_.pre_event == 0) fail(locked, trouble_);
+    if (error == 0) return;
+    if (is_missing && !has_begun_ && options_.pre_event == 0)
+        fail(locked, error);
+    else
+        warn(locked, error);
 }
 
 void recording::report_gaps(guard &locked)
@@ -361,6 +360,18 @@ void recording::post_end(guard &locked)
         GstMessage *const message = gst_message_new_eos(GST_OBJECT_CAST(element));
         gst_message_set_seqnum(message, sequence);
         gst_element_post_message(element, message);
+    });
+}
+
+/* Once for each reason, until the recording goes on. */
+void recording::warn(guard &locked, int error)
+{
+    if (std::exchange(trouble_, error) == error) return;
+    with_element(locked, [&](GstElement *element) {
+        GST_ELEMENT_WARNING(
+            element, RESOURCE, OPEN_WRITE,
+            ("Cannot record now: %s: %s", place_in(options_).c_str(), reason_of_start(options_, error).c_str()),
+            ("it is tried again"));
     });
 }
 

@@ -122,6 +122,7 @@ private:
     void wait(guard &locked);
     void take_events(guard &locked, const recorder_ptr &recorder);
     void report_gaps(guard &locked);
+    void warn(guard &locked, int error);
     void fail(guard &locked, int error);
     void post_end(guard &locked);
     void drop_too_large(guard &locked, input &from, size_t size, int64_t time);

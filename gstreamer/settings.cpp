@@ -86,6 +86,8 @@ std::string reason_of_start(const settings &given, int error)
     if (error == EBUSY)
         return "another recorder numbers files in this directory, or one that has ended waits for its medium";
     if (error == EEXIST) return "it is there already";
+    if (error == ENOSPC && given.keep_free != 0)
+        return "no room is left beside the " + std::to_string(given.keep_free) + " bytes of keep-free";
     return std::strerror(error);
 }
 

@@ -199,20 +199,24 @@ TEST(GStreamer, WhatCannotBeRecordedIsAnErrorWithItsReason)
 }
 
 /* A card on which no file can be made. */
-class read_only_card : public medium::watch {
+class card_without_files : public medium::watch {
 public:
+    explicit card_without_files(int error) : error_(error) {}
     int64_t carry_out(const medium::operation &of, medium::real_call call) override
     {
         if (of.what != medium::opening || !of.makes) return call();
-        errno = EROFS;
+        errno = error_;
         return -1;
     }
+
+private:
+    const int error_;
 };
 
 TEST(GStreamer, ACardThatIsReadOnlyAtTheBeginningIsAnError)
 {
     for (const bool is_live : {true, false}) {
-        read_only_card watched;
+        const card_without_files read_only(EROFS);
         sink_under_test sink;
         GstHarness *const pad = sink.add_pad("video", h264_caps, is_live);
         for (const frame &each : camera(1, 1'000)) sink.push(pad, each);
@@ -221,6 +225,19 @@ TEST(GStreamer, ACardThatIsReadOnlyAtTheBeginningIsAnError)
         gst_element_set_state(sink.element, GST_STATE_NULL);
         EXPECT_EQ(sink.heard().count("eos"), 0u);
     }
+}
+
+TEST(GStreamer, ACardThatIsFullAllTheTimeIsAnErrorAtTheEnd)
+{
+    const card_without_files full(ENOSPC);
+    sink_under_test sink("keep-free=1000000");
+    GstHarness *const pad = sink.add_pad("video", h264_caps);
+    for (const frame &each : camera(1, 1'000)) EXPECT_EQ(sink.push(pad, each), GST_FLOW_OK);
+    EXPECT_TRUE(sink.hears("warning"));
+    EXPECT_EQ(sink.heard().count("error"), 0u);
+    gst_harness_push_event(pad, gst_event_new_eos());
+    expect_error(sink, "1000000 bytes of keep-free");
+    gst_element_set_state(sink.element, GST_STATE_NULL);
 }
 
 void expect_that_it_goes_on_after_an_absence(bool with_another_pad)
