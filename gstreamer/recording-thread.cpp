@@ -59,6 +59,7 @@ bool recording::step(guard &locked)
         stop_recorder(locked);
         if (!has_failed_) start_recorder(locked);
         hand_over(locked);
+        ask_others(locked);
     } else if (is_ending_) {
         stop_recorder(locked);
         return false;
@@ -121,6 +122,15 @@ void recording::await_key(guard &locked)
     if (!from) return;
     locked.unlock();
     ask_for_key(*from);
+    locked.lock();
+}
+
+/* The leader's key frame has begun a file; other pads join it with theirs. */
+void recording::ask_others(guard &locked)
+{
+    const auto video = tracks_with_pictures();
+    locked.unlock();
+    for (size_t n = 1; n < video.size(); ++n) ask_for_key(*video[n]);
     locked.lock();
 }
 

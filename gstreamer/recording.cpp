@@ -224,18 +224,26 @@ bool recording::give(guard &locked, input &from, GstBuffer *buffer, int64_t time
     return true;
 }
 
-/* Of the recorder that runs: without its key frames no file begins. NULL: it goes on. */
-const input *recording::ended_leader() const
+/* Of the recorder that runs; the first is its leader. */
+std::vector<input_ptr> recording::tracks_with_pictures() const
 {
-    const auto found =
-        std::ranges::find_if(tracks_, [](const input_ptr &each) { return each->recorded_format->is_video(); });
-    return found == tracks_.end() || !(*found)->has_ended ? nullptr : found->get();
+    std::vector<input_ptr> found;
+    std::ranges::copy_if(tracks_, std::back_inserter(found),
+                         [](const input_ptr &each) { return each->recorded_format->is_video(); });
+    return found;
+}
+
+/* Without its key frames no file begins. NULL: it goes on. */
+input_ptr recording::ended_leader() const
+{
+    const auto video = tracks_with_pictures();
+    return video.empty() || !video.front()->has_ended ? nullptr : video.front();
 }
 
 bool recording::outlasts_leader(const input &from, int64_t time) const
 {
     if (has_left_ || !from.recorded_as || (options_.max_size_time == 0 && options_.max_size_bytes == 0)) return false;
-    const input *const leader = ended_leader();
+    const input_ptr leader = ended_leader();
     return leader && leader->latest && time > *leader->latest + longest_sound_after;
 }
 
@@ -295,9 +303,7 @@ bool recording::split(bool at_once)
             has_left_ = true;
             wake();
         }
-        if (at_once)
-            std::ranges::copy_if(tracks_, std::back_inserter(video),
-                                 [](const input_ptr &each) { return each->carries->is_video(); });
+        if (at_once) video = tracks_with_pictures();
     }
     for (const input_ptr &each : video) ask_for_key(*each);
     return true;

@@ -90,7 +90,8 @@ private:
     bool is_ahead(const input &from, int64_t time) const;
     void await_others(guard &locked, const input &from, int64_t time);
     void note_time(input &from, int64_t time);
-    const input *ended_leader() const;
+    std::vector<input_ptr> tracks_with_pictures() const;
+    input_ptr ended_leader() const;
     bool outlasts_leader(const input &from, int64_t time) const;
     bool begins_next(const input &from, GstBuffer *buffer) const;
     bool hold(input &from, GstBuffer *buffer, int64_t time);
@@ -111,6 +112,7 @@ private:
     bool may_change() const;
     input_ptr next_leader() const;
     void await_key(guard &locked);
+    void ask_others(guard &locked);
     void start_recorder(guard &locked);
     bool may_succeed_later(int error) const;
     std::vector<input_ptr> candidates() const;

@@ -441,6 +441,17 @@ TEST(GStreamer, NoPictureIsLostWhenSoundComesAndGoes)
     EXPECT_GT(samples_in(all.files[1], "soun"), 40u);
 }
 
+/* Its key frame may have come before the one with which the file begins. */
+TEST(GStreamer, AnotherCameraIsAskedForAKeyFrame)
+{
+    const stream frames = camera(1, 2'000);
+    sink_under_test sink;
+    GstHarness *const first = sink.add_pad("video_0", h264_caps), *const second = sink.add_pad("video_1", h264_caps);
+    for (GstHarness *const pad : {second, first}) EXPECT_EQ(sink.push(pad, frames[0]), GST_FLOW_OK);
+    EXPECT_TRUE(comes_true([&] { return key_requests(second) == 1; }));
+    EXPECT_EQ(key_requests(first), 0u);
+}
+
 TEST(GStreamer, FilesGoOnToBeginWhenPicturesHaveEnded)
 {
     const stream frames = camera(2, 2'000), sound = load("aac_lc_48000_2", ".aac");
