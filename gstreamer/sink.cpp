@@ -132,7 +132,8 @@ const struct number_property {
      largest_memory, &settings::pre_event_bytes},
     {patience, "patience", "Patience with the medium",
      "How long the end of the stream, or the change to READY, waits for a medium that does not answer, in nanoseconds. "
-     "After that files are left as they are and completed when their directory is recorded into again",
+     "After that files are left as they are and completed when their directory is recorded into again. So long the "
+     "beginning waits for a directory that another recorder holds, too",
      0, G_MAXINT64, &settings::patience},
 };
 
