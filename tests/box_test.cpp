@@ -108,6 +108,7 @@ TEST(Tree, HasAllTracksWhereNoMoreFit)
         iods += "0e80808004 0000000" + std::to_string(id);
     }
     EXPECT_EQ(dump(iods), dump(film.body(mp4_atom_iods_write)));
+    EXPECT_TRUE(mp4_movie_add_track(film.movie, &film.movie->track_desc[1]) == -1 && errno == ENOBUFS);
 }
 
 TEST(Tree, EndsAtTheFirstFailure)
