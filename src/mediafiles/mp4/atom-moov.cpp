@@ -76,7 +76,9 @@ using namespace mediafiles;
 
 int mp4_atom_moov_write(mp4_atom *atom, mp4_stream *stream)
 {
-    if (write_children(atom, stream, moov) != 0) return -1;
+    mp4_atom movie_level = *atom;
+    movie_level.track = nullptr;
+    if (write_children(&movie_level, stream, moov) != 0) return -1;
     for (mp4_track *track : tracks_of(atom->movie))
         if (write_box(stream, "trak", mp4_atom_trak_write, atom->movie, track) != 0) return -1;
     return 0;

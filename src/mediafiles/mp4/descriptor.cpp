@@ -17,6 +17,13 @@ void make_empty(mp4_list *list)
     list->next = list->prev = list;
 }
 
+void unlink(mp4_list *node)
+{
+    node->prev->next = node->next;
+    node->next->prev = node->prev;
+    make_empty(node);
+}
+
 mp4_descriptor *node_of(mp4_list *link)
 {
     return reinterpret_cast<mp4_descriptor *>(reinterpret_cast<char *>(link) - offsetof(mp4_descriptor, link));
@@ -51,10 +58,10 @@ mp4_descriptor *mp4_descriptor_create(uint32_t tag, uint32_t size)
 
 void mp4_descriptor_destroy(mp4_descriptor *descriptor)
 {
-    for (mp4_list *link = descriptor->children.next; link != &descriptor->children;) {
-        mp4_descriptor *const child = node_of(link);
-        link = link->next;
-        mp4_descriptor_destroy(child);
+    while (descriptor->children.next != &descriptor->children) {
+        mp4_list *first = descriptor->children.next;
+        unlink(first);
+        mp4_descriptor_destroy(node_of(first));
     }
     free(descriptor->data);
     free(descriptor);

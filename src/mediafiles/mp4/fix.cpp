@@ -82,6 +82,14 @@ failure failed(const log_line *line = nullptr)
     return {errno, line, errno};
 }
 
+// The result of a repair that ended with a code: 0 is success.
+int result_of(int code)
+{
+    if (code == 0) return 0;
+    errno = code;
+    return -1;
+}
+
 struct owned_descriptor {
     int fd = -1;
 
@@ -154,7 +162,7 @@ int open_repair(fix_context *ctx, const char *mp4_path, const char *journal_path
     if (ctx->journal) return 0;
     const int error = errno;
     if (line) log_failure_line(*line, error);
-    return refuse(error);
+    return result_of(error);
 }
 
 int write_head(fix_context *ctx)
@@ -349,7 +357,7 @@ int mp4_fix(const char *mp4_path, const char *journal_path, mp4_fix_callback cal
     if (const failure cause = fix(&ctx); cause.code != 0) {
         if (cause.line) log_failure_line(*cause.line, cause.logged);
         log_failure_line(not_fixed, cause.code);
-        return refuse(cause.code);
+        return result_of(cause.code);
     }
     fill_info(&ctx);
     return conclude(&ctx, info);
@@ -363,7 +371,7 @@ int mp4_fix2(const char *mp4_path, const char *journal_path, mp4_fix_callback ca
     if (!ctx.journal) return opened;
 
     const decision result = fix2(&ctx);
-    if (result == decision::refused) return refuse(no_cause);
+    if (result == decision::refused) return result_of(no_cause);
     if (result == decision::repaired) fill_info(&ctx);
     return conclude(&ctx, info);
 }
