@@ -16,8 +16,7 @@ inline std::string words_of(int error)
     if (error == EIO) return text + "; the card may be failing";
     if (error == EACCES) return text + "; check owner and rights";
     if (error == EROFS) return text + ": a locked or damaged card, or a service without ReadWritePaths= for it";
-    if (error == EFBIG)
-        return text + ": a limit of the system (ulimit -f) or of the file system; --segment makes smaller files";
+    if (error == EFBIG) return text + ": a limit of the system (ulimit -f) or of the file system";
     return text;
 }
 

@@ -33,6 +33,11 @@ std::string no_room(const std::string &path, const record_options &options)
     return text + "; delete files" + (kept != 0 || options.quota != 0 ? ", or change that" : "");
 }
 
+std::string why_not_written(int error)
+{
+    return words_of(error) + (error == EFBIG ? "; --segment makes smaller files" : "");
+}
+
 std::string no_directory(int error)
 {
     if (error == ENOENT || error == ENODEV) return "the directory is gone; check that the card is inserted and mounted";
@@ -78,14 +83,14 @@ event_message message_of(const mediafiles_recorder_event &event, const event_con
             return {weight::note, "left out what comes before the first key frame: " + stream};
         return {weight::problem, "frame dropped: " + stream + ": " + mediafiles_refused_text(event.reason) + more};
     case MEDIAFILES_EVENT_FULL:
-        return {
-            weight::failure,
-            failure("cannot write", path, event.error != 0 ? words_of(event.error) : no_room(path, options)).what()};
+        return {weight::failure,
+                failure("cannot write", path, event.error != 0 ? why_not_written(event.error) : no_room(path, options))
+                    .what()};
     case MEDIAFILES_EVENT_NO_MEDIUM:
         return {weight::failure, failure("cannot record", path, no_directory(event.error)).what()};
     case MEDIAFILES_EVENT_WRITE_ERROR:
         if (!event.path) return {weight::problem, failure("cannot begin another file", path, event.error).what()};
-        return {weight::failure, failure("cannot write", path, event.error).what()};
+        return {weight::failure, failure("cannot write", path, why_not_written(event.error)).what()};
     case MEDIAFILES_EVENT_PROTECTED:
         if (event.error != 0)
             return {weight::problem,
