@@ -230,7 +230,7 @@ void syncer::report_deleted(const kept_file &file)
     shared_->report({.kind = MEDIAFILES_EVENT_DELETED, .number = file.number, .count = file.bytes}, file.name);
 }
 
-/* What is kept free for it must be little of a small card, which would never be free enough. */
+/* As much as a round counts for when room is kept free. On a small card, more would never be free. */
 uint64_t syncer::most_a_round() const
 {
     return total_bytes(shared_->directory) / 16;
