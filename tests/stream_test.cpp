@@ -90,7 +90,7 @@ TEST(MemoryStream, IsEmptyAfterClear)
 
 TEST(FileStream, WritesWholeMultiplesOfTheCacheInOneCall)
 {
-    const uint32_t cases[][2] = {{0, 0}, {1, 1}, {33, 64}, {1000, 1024}, {1024, 1024}};
+    const uint32_t cases[][2] = {{0, 0}, {1, 1}, {2, 2}, {33, 64}, {1000, 1024}, {1024, 1024}};
     for (const auto &[asked, capacity] : cases) {
         const descriptor fd;
         output file{stream_ptr(mp4_file_stream_create(fd, asked))};
