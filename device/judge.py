@@ -5,11 +5,12 @@ had called safe is there. Every other file is as it was.
 """
 
 import bisect
+import math
 import re
 from collections import namedtuple
 
 Frame = namedtuple("Frame", "digest time key")  # time: seconds; in a file from its first frame of any track
-Part = namedtuple("Part", "name begin end")  # of the streams: indexes of frames for each track
+Part = namedtuple("Part", "name begin end stored")  # of the streams, for each track: indexes; frames in earlier files
 Content = namedtuple("Content", "tracks faults")
 
 SAME_TIME = 0.001  # seconds: a tick of any track, and the millisecond of an edit list
@@ -19,18 +20,22 @@ REPORT = re.compile(r"(\S+): (repaired|salvaged|finished|empty, removed|not ours
 
 
 class Expected:
-    """The streams, and the part of them that each file was given, by the notes of a whole run."""
+    """The streams, and the part of them that each file was given, by the notes of a run."""
 
     def __init__(self, tracks, notes):
-        self.tracks = tracks
-        start = next(note["time"] for _, note in notes if note["note"] == "start")
-        files = [note for _, note in notes if note["note"] == "finished"]
-        times = [[frame.time for frame in track] for track in tracks]
-        begins = [[bisect.bisect_left(track, (file["from"] - start) / 1e9 - NEXT_FILE) for track in times]
-                  for file in files]
-        ends = [*begins[1:], [len(track) for track in tracks]]
-        self.parts = {file["path"]: Part(file["path"], begin, end)
-                      for file, begin, end in zip(files, begins, ends)}
+        self.tracks, self.parts = tracks, {}
+        start = next((note["time"] for _, note in notes if note["note"] == "start"), 0)
+        ends = {note["path"]: note["to"] for _, note in notes if note["note"] == "finished"}
+        stored = [0] * len(tracks)
+        for path, time in ((note["path"], note["from"]) for _, note in notes if note["note"] == "begun"):
+            begin, end = ([self.before(track, (at - start) / 1e9) for track in tracks]
+                          for at in (time, ends.get(path, math.inf)))
+            self.parts[path] = Part(path, begin, end, stored)
+            stored = [before + last - first for before, first, last in zip(stored, begin, end)]
+
+    @staticmethod
+    def before(track, time):
+        return bisect.bisect_left(track, time - NEXT_FILE, key=lambda frame: frame.time)
 
     def frames(self, part, track):
         """As a file has them: the first two frames of a track begin at the same time."""
@@ -84,8 +89,8 @@ def reports_of(log):
 def acknowledged(expected, notes, index, found):
     """{name of a file: how many frames of each track have to be in it}; without files whose deletion had begun."""
     safe, finished, deleted = said(notes, index)
-    return {part.name: [end - begin if part.name in finished else min(max(count - begin, 0), end - begin)
-                        for count, begin, end in zip(safe, part.begin, part.end)]
+    return {part.name: [end - begin if part.name in finished else min(max(count - stored, 0), end - begin)
+                        for count, begin, end, stored in zip(safe, part.begin, part.end, part.stored)]
             for part in expected.parts.values()
             if part.name not in deleted or (part.name in found and not found[part.name].faults)}
 

@@ -20,8 +20,10 @@ import judge  # noqa: E402
 PICTURES = [judge.Frame(f"p{n}", n * 0.04, n % 25 == 0) for n in range(100)]
 SOUNDS = [judge.Frame(f"s{n}", n * 0.02, True) for n in range(200)]
 NOTES = [(10, {"note": "start", "time": 5_000_000_000}),
+         (11, {"note": "begun", "path": "1.mp4", "from": 5_000_000_000}),
          (20, {"note": "safe", "frames": [10, 20]}),
          (30, {"note": "finished", "path": "1.mp4", "from": 5_000_000_000, "to": 7_000_000_000}),
+         (31, {"note": "begun", "path": "2.mp4", "from": 7_000_000_000}),
          (40, {"note": "safe", "frames": [60, 120]}),
          (41, {"note": "safe", "frames": [60, 120]}),
          (50, {"note": "deleted", "path": "1.mp4"}),
@@ -75,6 +77,13 @@ class Judge(unittest.TestCase):
                 result = judge.judge(EXPECTED, NOTES, index, found, {})
                 self.assertEqual([result["acknowledged"], result["lost"], len(result["wrong"]), len(result["left"])],
                                  [acknowledged, lost, wrong, left], result)
+
+    def test_files_of_events_have_gaps_between_them(self):
+        notes = [*NOTES[:4], (32, {"note": "begun", "path": "3.mp4", "from": 8_000_000_000}),
+                 (33, {"note": "safe", "frames": [60, 110]})]
+        expected = judge.Expected([PICTURES, SOUNDS], notes)
+        self.assertEqual(expected.parts["3.mp4"][1:], ([75, 150], [100, 200], [50, 100]))
+        self.assertEqual(judge.acknowledged(expected, notes, 40, {})["3.mp4"], [10, 10])
 
     def test_what_is_no_recording_is_not_judged_as_one(self):
         reports = judge.reports_of(["/card/1.mp4: repaired", "/card/2.mp4: refused: damaged (EIO)", "cp: 3.mp4: failed"])
