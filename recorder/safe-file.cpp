@@ -167,6 +167,12 @@ bool has_no_log(int file)
     return fstatfs(file, &system) == 0 && (system.f_type == MSDOS_SUPER_MAGIC || system.f_type == exfat_magic);
 }
 
+bool may_flush_early(int file)
+{
+    struct statfs system;
+    return fstatfs(file, &system) == 0 && system.f_type == F2FS_SUPER_MAGIC;
+}
+
 void set_modification_time(int file, const struct timespec &time)
 {
     const struct timespec times[2] = {{.tv_sec = 0, .tv_nsec = UTIME_OMIT}, time};

@@ -128,6 +128,13 @@ void sync_directory(int directory);
  */
 bool has_no_log(int file);
 
+/**
+ * Whether the file is on f2fs. There a sync can flush the medium's cache while its own last block, which leads to the
+ * others, is still on its way (Linux 6.1): a medium that carries out several commands at once has it in its cache then.
+ * The next flush makes that safe as well.
+ */
+bool may_flush_early(int file);
+
 void set_modification_time(int file, const struct timespec &time);
 void set_size(int file, uint64_t size);
 

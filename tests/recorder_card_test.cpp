@@ -228,6 +228,21 @@ TEST(FatCard, GivesAFileItsRoomFromTheBeginning)
     expect_playable(on);
 }
 
+TEST(F2fsCard, CallsFramesSafeOneRoundLater)
+{
+    const card on;
+    const pretence f2fs(F2FS_SUPER_MAGIC);
+    const recorder_ptr recorder = start(on, {h264()}, [](auto &o) { o.sync_ns = millisecond; });
+    const auto safe = [&] { return stats_of(recorder).safe[0]; };
+    push_all(recorder, {{h264(), camera(1, 5'000)}});
+    usleep(200'000);
+    EXPECT_LT(safe(), 10) << "the last round's";
+    push_all(recorder, {{h264(), camera(1, 5'000, 400 * millisecond)}});
+    EXPECT_TRUE(comes_true([&] { return safe() >= 10; }));
+    EXPECT_EQ(0, mediafiles_recorder_stop(recorder, -1));
+    EXPECT_EQ(20, safe());
+}
+
 /** Counts the names that the directory's sync took off the medium while the file was still open. */
 class deletions : public medium::watch {
 public:

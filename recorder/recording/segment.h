@@ -31,12 +31,15 @@ namespace mediafiles::recorder {
 
 using recovery::descriptor;
 
-/** What the writing thread has given to the kernel, for the syncing thread to make safe. */
-struct round {
-    std::vector<uint8_t> records; // of the journal, its mark included
+struct progress {
     std::array<uint64_t, MP4_MAX_TRACKS> samples = {};
     std::array<int64_t, MP4_MAX_TRACKS> reached = {}; // capture times up to which the tracks are in the file
-    bool is_protected = false;                        // the journal says so with this round, or said so before
+};
+
+/** What the writing thread has given to the kernel, for the syncing thread to make safe. */
+struct round : progress {
+    std::vector<uint8_t> records; // of the journal, its mark included
+    bool is_protected = false;    // the journal says so with this round, or said so before
 };
 
 /** Of media. */

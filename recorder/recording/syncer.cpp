@@ -185,13 +185,22 @@ void syncer::make_safe(shared_file &file, round &made)
     shared_->count.sync.note(begin);
     if (file.error != 0) return;
     failures_ = 0;
+    const bool is_late = recovery::may_flush_early(shared_->directory);
+    count_safe(std::exchange(late_, is_late ? progress(made) : progress()));
+    if (!is_late) count_safe(made);
+    if (made.is_protected && !file.is_protection_told && (!is_late || fsync(shared_->directory) == 0)) {
+        file.is_protection_told = true;
+        report_protected(file.files.number(), file.files.name(), 0);
+    }
+}
+
+void syncer::count_safe(const progress &made)
+{
     for (uint32_t track = 0; track < MP4_MAX_TRACKS; ++track) {
         if (made.samples[track] == 0) continue;
         shared_->count.safe[track] += made.samples[track];
         shared_->count.safe_to[track] = made.reached[track];
     }
-    if (made.is_protected && !std::exchange(file.is_protection_told, true))
-        report_protected(file.files.number(), file.files.name(), 0);
 }
 
 void syncer::report_protected(uint64_t number, const std::string &name, int error)
@@ -351,6 +360,7 @@ void syncer::forget_medium()
 {
     if (!shared_->directory.is_open()) return;
     shared_->spare.remove();
+    late_ = {};
     shared_->directory = recovery::descriptor();
     kept_.clear();
     if (!shared_->options.names.is_numbered()) return;
@@ -442,7 +452,9 @@ bool syncer::complete(shared_file &file)
 {
     make_safe(file, file.last);
     if (file.error == 0 && file.files.finish(shared_->options.has(MEDIAFILES_KEEP_JOURNAL)) != 0) file.error = errno;
-    return file.error == 0;
+    if (file.error != 0) return false;
+    count_safe(std::exchange(late_, {}));
+    return true;
 }
 
 /* Of files that another recorder or recovery uses nothing is said. */

@@ -78,6 +78,7 @@ private:
     void take_found();
     bool complete(shared_file &);
     void make_safe(shared_file &, round &);
+    void count_safe(const progress &);
     void remember(const shared_file &, bool is_finished);
     void protect_past(int64_t from);
     void make_read_only(const past_file &);
@@ -122,6 +123,7 @@ private:
     clock::time_point tried_ = {};          // to complete them, or to find the medium
     bool is_full_reported_ = false, is_ending_ = false;
     uint32_t failures_ = 0; // files in a row of which nothing could be made safe
+    progress late_;         // it is safe with the next flush
     uint64_t round_bytes_ = 0, bytes_before_ = 0;
 };
 
