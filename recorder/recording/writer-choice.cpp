@@ -8,7 +8,6 @@ namespace mediafiles::recorder {
 
 namespace {
 
-constexpr int64_t closest = 2'000'000; // a sample nearer to the end of a file is the next file's
 constexpr uint64_t format_limit = MP4_MAX_RECORD_BYTES;
 constexpr uint64_t near_limit = format_limit - format_limit / 16;
 

@@ -192,7 +192,7 @@ void writer::let_go(uint64_t until, bool all_tracks)
         const queue::entry &frame = *each.frame;
         track_input &input = tracks_[frame.track];
         if (each.position < input.done_until) return;
-        if (!all_tracks && frame.track != leader_ && frame.time >= next_group_.time) {
+        if (!all_tracks && frame.track != leader_ && frame.time >= next_group_.time - closest) {
             kept = std::min(kept, each.position);
             return;
         }

@@ -23,6 +23,8 @@
 
 namespace mediafiles::recorder {
 
+constexpr int64_t closest = 2'000'000; // nanoseconds: a sample nearer to the end of a file is the next file's
+
 struct open_file {
     open_file(file_ptr files, const timeline &times) : shared(std::move(files)), line(times) {}
 
