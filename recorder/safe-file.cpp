@@ -170,7 +170,7 @@ bool has_no_log(int file)
 bool may_flush_early(int file)
 {
     struct statfs system;
-    return fstatfs(file, &system) == 0 && system.f_type == F2FS_SUPER_MAGIC;
+    return fstatfs(file, &system) == 0 && static_cast<uint32_t>(system.f_type) == F2FS_SUPER_MAGIC; // signed on some
 }
 
 void set_modification_time(int file, const struct timespec &time)
