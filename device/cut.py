@@ -83,7 +83,7 @@ class Cut:
         return found | {place // self.unit for place in self.occupied}
 
     def is_kept(self, chance, is_last):
-        return {"none": False, "all": True, "most": chance < 0.9, "few": chance < 0.1,
+        return {"none": False, "all": True, "killed": True, "most": chance < 0.9, "few": chance < 0.1,
                 "torn": not is_last or chance < 0.5, "erased": chance < 0.5}[self.model]
 
     def build(self, card, begin, size):

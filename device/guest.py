@@ -1,7 +1,6 @@
 """Guests: a Debian kernel under QEMU, with an initramfs that holds its modules, busybox and the programs under test."""
 
 import functools
-import gzip
 import hashlib
 import lzma
 import pathlib
@@ -112,7 +111,8 @@ class Guests:
         self.kernel = next((self.root / "boot").glob("vmlinuz-*"))
         if name == "x86-64":
             self.kernel = unpacked(self.kernel)
-        programs = built / self.machine.programs / "device"
+        self.built = built / self.machine.programs
+        programs = self.built / "device"
         self.programs = {"busybox": self.root / "bin/busybox", "recover": programs / "device-recover",
                          "dashcam": programs / ("device-faulty" if fault else "device-dashcam")}
 
@@ -121,6 +121,14 @@ class Guests:
         """Of what runs in the guests."""
         paths = (HERE / "init", self.programs["dashcam"], self.programs["recover"])
         return hashlib.sha256(b"".join(path.read_bytes() for path in paths)).hexdigest()[:8] + self.fault
+
+    def command(self):
+        """The files of the command, and of the notes that go with it."""
+        command = self.built / "tools/mediafiles"
+        said = subprocess.run(["ldd", command], check=True, capture_output=True, text=True).stdout
+        libraries = re.findall(r"(?:=> |^\t)(/\S+)", said, re.M)
+        return {"bin/mediafiles": command.read_bytes(), "lib/notes.so": (self.built / "device/libdevice-notes.so").read_bytes(),
+                **{path[1:]: pathlib.Path(path).read_bytes() for path in libraries}}
 
     def initramfs(self, system, files, at):
         """Packs it for cards with that file system, with further files: {name: content}."""
@@ -131,8 +139,8 @@ class Guests:
         entries.append(("modules/order", 0o100644, "".join(path.name + "\n" for path in loaded).encode()))
         for folder in sorted({str(parent) for name in files for parent in pathlib.PurePath(name).parents} - {"."}):
             entries.append((folder, 0o040755, b""))
-        entries += [(name, 0o100644, content) for name, content in files.items()]
-        at.write_bytes(gzip.compress(newc(entries), 1))
+        entries += [(name, 0o100755, content) for name, content in files.items()]
+        at.write_bytes(newc(entries))
         return at
 
     def start(self, task, disks, initramfs, console, **variables):

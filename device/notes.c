@@ -3,9 +3,10 @@
  * of its own: a sector for each note, so that a note stands in the order of the
  * disk's writes. What a sector says was true before any later write began.
  *
- * Linked with a program whose calls of the recorder are wrapped (ld --wrap). A
- * note is a line of JSON. The environment has the partition (NOTES) and what the
- * rig wants otherwise than the program: SEGMENT_NS, SYNC_NS, QUOTA_BYTES.
+ * Linked with a program whose calls of the recorder are wrapped (ld --wrap), or
+ * with preload.c. A note is a line of JSON. The environment has the partition
+ * (NOTES) and what the rig wants otherwise than the program: SEGMENT_NS, SYNC_NS,
+ * QUOTA_BYTES; EVENT_NS: event mode, so much from before an event and after it.
  */
 #define _GNU_SOURCE
 #include <err.h>
@@ -29,7 +30,10 @@ int __wrap_mediafiles_recorder_push(mediafiles_recorder *recorder, uint32_t trac
 int __wrap_mediafiles_recorder_next_event(mediafiles_recorder *recorder, mediafiles_recorder_event *event,
                                           int32_t timeout_ms);
 
+enum { first_event = 250, between_events = 500 }; /* frames that are pushed: three and seven seconds */
+
 static int notes = -1;
+static int64_t event_ns;
 static off_t place;
 static _Alignas(4096) char sector[512]; /* the partition is written without the kernel's cache */
 
@@ -54,6 +58,11 @@ mediafiles_recorder *__wrap_mediafiles_recorder_start(const mediafiles_recorder_
     set(&changed.segment_ns, "SEGMENT_NS");
     set(&changed.sync_ns, "SYNC_NS");
     set(&changed.quota_bytes, "QUOTA_BYTES");
+    set(&event_ns, "EVENT_NS");
+    if (event_ns > 0) {
+        changed.pre_event_ns = event_ns;
+        changed.pre_event_bytes = 4 << 20;
+    }
     changed.keep_free_bytes = 1 << 20; /* the card is small */
     return __real_mediafiles_recorder_start(&changed);
 }
@@ -66,6 +75,7 @@ int __wrap_mediafiles_recorder_push(mediafiles_recorder *recorder, uint32_t trac
     const int result = __real_mediafiles_recorder_push(recorder, track, data, len, time, flags);
     mediafiles_recorder_stats stats = {.size = sizeof stats};
     mediafiles_recorder_get_stats(recorder, &stats);
+    if (event_ns > 0 && pushed % between_events == first_event) mediafiles_recorder_trigger(recorder, event_ns);
     if (pushed++ == 0) {
         snprintf(sector, sizeof sector, "{\"note\": \"start\", \"time\": %" PRId64 "}\n", time);
         write_note();

@@ -27,6 +27,8 @@ def current(results):
 
 
 def writes(result):
+    if result["model"] == "killed":
+        return "QEMU killed"
     if result["model"] in REORDERED:
         return f"any order, {result['unit']} bytes"
     return f"in order, torn in {result['unit']}" if result["model"] == "torn" else "in order"
@@ -34,6 +36,10 @@ def writes(result):
 
 def order(result):
     return result["order"]
+
+
+def recorder(result):
+    return {"dashcam": "dashcam", "events": "dashcam, events", "command": "mediafiles record"}[result["recorder"]]
 
 
 def table(results, heading, of):
@@ -55,7 +61,8 @@ def table(results, heading, of):
 
 
 def text(results):
-    return (table(results, "writes of the card", writes) + "\n" + table(results, "at boot", order))
+    return "\n".join((table(results, "writes of the card", writes), table(results, "at boot", order),
+                      table(results, "recorded by", recorder)))
 
 
 def renew(page, path):

@@ -9,6 +9,7 @@ import random
 import re
 import shutil
 import tarfile
+import time
 
 import cards
 import content
@@ -26,6 +27,8 @@ FAULTS = ("lost_in", "refused", "wrong", "damaged")
 ORDERS = ("recover", "fsck, recover", "recover, fsck", "recover, cut, recover")  # at boot
 STREAMS = (("h264_base_640x360_25.h264", "h264", 6), ("aac_lc_48000_2.aac", "aac", 5))  # of 4 and 5 seconds
 CLIPS = 4
+PATIENCE_TO_RECORD, LONGEST_RUN = 300, 20  # seconds: until it does, and after that
+RECORDERS = ("dashcam", "dashcam", "events", "command", "dashcam", "events", "command")  # by the seed
 
 
 class Recording:
@@ -34,7 +37,8 @@ class Recording:
     def __init__(self, guests, kind, seed, testdata):
         self.kind, self.seed, self.system = kind, seed, cards.kind_of(kind)
         self.directory = guests.work / guests.digest / kind / str(seed)
-        self.disk, log = self.directory / "disk", self.directory / "log"
+        self.disk, self.log = self.directory / "disk", self.directory / "log"
+        self.recorder = self.choose_recorder(guests)
         streams = [self.directory / name for name, *_ in STREAMS]
         self.clips = {f"clips/clip{n}.mp4": hashlib.sha256(b"%d" % n).digest() * (1000 * n)
                       for n in range(1, CLIPS + 1)}
@@ -47,36 +51,52 @@ class Recording:
                 path.with_suffix(".units.tsv").write_text(manifest)
             occupied = cards.make(kind, self.disk, b"".join(path.read_bytes() for path in streams))
             (self.directory / "occupied").write_text(json.dumps(occupied))
-            self.record(guests, streams, log)
+            self.record(guests, streams)
             (self.directory / "whole").touch()
         self.occupied = json.loads((self.directory / "occupied").read_text())
-        self.writes = cut.read_log(log)
-        self.digest = hashlib.sha256(log.read_bytes()).hexdigest()[:12]
-        self.notes = cut.notes_of(self.writes, cards.BEGIN + self.system.size, cards.NOTES)
-        if not self.files("finished") or self.files("begun") != self.files("finished"):
+        self.notes = self.read()
+        if not self.is_whole():
             (self.directory / "whole").unlink()
             raise GuestError(f"{self.directory}: the recorder did not finish its files")
         tracks = [content.frames_of(path, codec) for path, (_, codec, _) in zip(streams, STREAMS)]
         self.expected = judge.Expected(tracks, self.notes)
 
+    def choose_recorder(self, guests):
+        chosen = RECORDERS[self.seed % len(RECORDERS)]
+        return "dashcam" if chosen == "command" and (guests.name != "x86-64" or guests.fault) else chosen
+
+    def read(self):
+        """The notes; the log."""
+        self.writes = cut.read_log(self.log)
+        self.digest = hashlib.sha256(self.log.read_bytes()).hexdigest()[:12]
+        return cut.notes_of(self.writes, cards.BEGIN + self.system.size, cards.NOTES)
+
     def files(self, event):
         return {note["path"] for _, note in self.notes if note["note"] == event}
 
-    def record(self, guests, streams, log):
+    def is_whole(self):
+        return self.files("finished") and self.files("begun") == self.files("finished")
+
+    def record(self, guests, streams):
         chance = random.Random(f"{self.kind}/{self.seed}")
         files = dict(self.clips)
+        if self.recorder == "command":
+            files |= guests.command()
         for number, path in enumerate(part for path in streams for part in (path, path.with_suffix(".units.tsv"))):
             files[f"stream/{number}"] = path.read_bytes()
         used, console = self.directory / "used", self.directory / "console"
         shutil.copyfile(self.disk, used)
-        log.touch()
         initramfs = guests.initramfs(self.system.type, files, self.directory / "initramfs")
-        guests.run("record", [Disk(used, "card", log)], initramfs, console, TYPE=self.system.type,
-                   OPTIONS=self.system.options, SPEED=1, SEGMENT_NS=3 * 10**9,
-                   SYNC_NS=chance.choice((100, 250, 1000)) * 10**6,
-                   QUOTA_BYTES=chance.choice((0, 900_000)))
-        used.unlink()
+        self.run(guests, used, initramfs, console, TYPE=self.system.type, OPTIONS=self.system.options,
+                 PROGRAM="with_command" if self.recorder == "command" else "with_dashcam", SPEED=1,
+                 SEGMENT_NS=3 * 10**9, EVENT_NS=2 * 10**9 if self.recorder == "events" else 0,
+                 SYNC_NS=chance.choice((100, 250, 1000)) * 10**6, QUOTA_BYTES=chance.choice((0, 900_000)))
         initramfs.unlink()
+
+    def run(self, guests, used, initramfs, console, **variables):
+        self.log.touch()
+        guests.run("record", [Disk(used, "card", self.log)], initramfs, console, **variables)
+        used.unlink()
 
     def cut(self, number):
         """The power cut with that number."""
@@ -86,13 +106,53 @@ class Recording:
                        cut.UNITS[number // len(cut.MODELS) % len(cut.UNITS)], chance.random(), self.occupied)
 
 
+class Killed(Recording):
+    """A run in which QEMU is killed. What it had written is on the disk, at whatever moment that was."""
+
+    digest = None
+
+    def choose_recorder(self, _):
+        return "dashcam"
+
+    def run(self, guests, used, initramfs, console, **variables):
+        process = guests.start("record", [Disk(used, "card")], initramfs, console, **variables)
+        try:
+            until = time.monotonic() + PATIENCE_TO_RECORD
+            while time.monotonic() < until and not self.notes_on(used):
+                time.sleep(0.1)
+            time.sleep(random.Random(f"{self.kind}/{self.seed}/kill").uniform(0, LONGEST_RUN))
+        finally:
+            process.kill()
+            process.wait()
+        used.replace(self.disk)
+
+    def read(self):
+        return list(enumerate(self.notes_on(self.disk)))
+
+    def notes_on(self, disk):
+        with open(disk, "rb") as file:
+            file.seek(cards.BEGIN + self.system.size)
+            sectors = file.read(cards.NOTES)
+        texts = (sectors[at:at + cut.SECTOR].split(b"\0")[0] for at in range(0, len(sectors), cut.SECTOR))
+        return [json.loads(text) for text in texts if text]
+
+    def is_whole(self):
+        return bool(self.notes)
+
+    def cut(self, number):
+        whole = cut.Cut([], 0, "killed", cut.UNITS[0], f"{self.kind}/{self.seed}/{number}", self.occupied)
+        whole.index = len(self.notes)
+        return whole
+
+
 class Case:
     """One cut: its card, and what was done with it at boot."""
 
     def __init__(self, recording, number, card):
         self.recording, self.number, self.card = recording, number, card
         self.cut, self.system = recording.cut(number), recording.system
-        self.order = ORDERS[number // (len(cut.MODELS) * len(cut.UNITS)) % len(ORDERS)]
+        each = 1 if self.cut.model == "killed" else len(cut.MODELS) * len(cut.UNITS)
+        self.order = ORDERS[number // each % len(ORDERS)]
         self.log = card.with_suffix(".log") if self.order == "recover, cut, recover" else None
         self.fsck = None
 
@@ -141,7 +201,8 @@ class Rig:
         self.recording = functools.lru_cache(1)(self.recording)
 
     def recording(self, kind, seed):
-        return Recording(self.guests, kind, seed, self.testdata)
+        kind_of_run = Killed if str(seed).startswith("killed-") else Recording
+        return kind_of_run(self.guests, kind, seed, self.testdata)
 
     def run(self, kind, seed, numbers):
         """A line for each of these cases, which share a recording."""
@@ -166,7 +227,7 @@ class Rig:
             found = (second if case in shown else first) / case.card.name
             log = (second if case.log else first) / case.card.name
             yield {"case": f"{self.guests.name}/{kind}/{seed}/{case.number}", "programs": self.guests.digest,
-                   "log": recording.digest} | case.verdict(found, log, self.reader)
+                   "log": recording.digest, "recorder": recording.recorder} | case.verdict(found, log, self.reader)
 
     def clear(self):
         shutil.rmtree(self.work, ignore_errors=True)
