@@ -1,5 +1,6 @@
 #include "sink.h"
 
+#include <exception>
 #include <mutex>
 #include <string>
 
@@ -17,6 +18,7 @@ namespace {
 
 /* What an element has beside its pads. */
 struct contents {
+    std::recursive_mutex pads; // none comes or goes while it is held; an application may ask for one in "pad-added"
     std::mutex lock;
     settings options;
     std::shared_ptr<recording> running; // from READY to PAUSED and back
@@ -85,7 +87,8 @@ enum property : guint {
 
 constexpr auto usual_flags =
     static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS | GST_PARAM_MUTABLE_READY);
-constexpr uint64_t largest_memory = G_MAXINT32 / 2; // that a recorder allocates
+constexpr uint64_t largest_memory = G_MAXINT32 / 2;   // that a recorder allocates
+constexpr uint64_t longest_patience = G_MAXINT64 / 2; // that can be added to the clock
 
 /* Properties that are a number: sizes in bytes, times in nanoseconds. */
 const struct number_property {
@@ -134,7 +137,7 @@ const struct number_property {
      "How long the end of the stream, or the change to READY, waits for a medium that does not answer, in nanoseconds. "
      "After that files are left as they are and completed when their directory is recorded into again. So long the "
      "beginning waits for a directory that another recorder holds, too",
-     0, G_MAXINT64, &settings::patience},
+     0, longest_patience, &settings::patience},
 };
 
 void install_properties(GObjectClass *of)
@@ -279,6 +282,7 @@ std::string name_for(GstElement *element, const GstPadTemplate *from, const char
 
 GstPad *request_new_pad(GstElement *element, GstPadTemplate *from, const char *asked, const GstCaps *)
 {
+    const std::lock_guard pads_stay(contents_of(element).pads);
     GST_OBJECT_LOCK(element);
     const guint pads = element->numsinkpads;
     GST_OBJECT_UNLOCK(element);
@@ -292,16 +296,19 @@ GstPad *request_new_pad(GstElement *element, GstPadTemplate *from, const char *a
         join(pad, to);
         gst_pad_set_active(pad, TRUE);
     }
-    if (gst_element_add_pad(element, pad)) return pad;
-    leave(pad);
-    return nullptr;
+    gst_element_add_pad(element, pad);
+    return pad;
 }
 
 void release_pad(GstElement *element, GstPad *pad)
 {
-    leave(pad);
+    const owner<GstPad> own = share(pad);
+    {
+        const std::lock_guard pads_stay(contents_of(element).pads);
+        leave(pad);
+        gst_element_remove_pad(element, pad);
+    }
     gst_pad_set_active(pad, FALSE);
-    gst_element_remove_pad(element, pad);
 }
 
 /* ---- States ---- */
@@ -337,25 +344,31 @@ bool begin(GstElement *element)
         GST_ELEMENT_ERROR(element, RESOURCE, SETTINGS, ("Cannot record: %s", objection.c_str()), ("%s", given.c_str()));
         return false;
     }
-    const auto made = std::make_shared<recording>(element, options);
-    for_each_pad(element, join, made);
-    made->begin();
-    const std::lock_guard guard(all.lock);
-    all.running = made;
-    return true;
+    try {
+        const auto made = std::make_shared<recording>(element, options);
+        made->begin();
+        const std::scoped_lock guard(all.pads, all.lock);
+        for_each_pad(element, join, made);
+        all.running = made;
+        return true;
+    } catch (const std::exception &lacks) { /* descriptors, threads */
+        GST_ELEMENT_ERROR(element, RESOURCE, FAILED, ("Cannot record: the system lacks resources."),
+                          ("%s", lacks.what()));
+        return false;
+    }
 }
 
 void end(GstElement *element)
 {
-    contents &all = contents_of(element);
-    std::shared_ptr<recording> ended;
-    {
-        const std::lock_guard guard(all.lock);
-        ended.swap(all.running);
-    }
+    const auto ended = running(element);
     if (!ended) return;
-    for_each_pad(
-        element, [](GstPad *pad, const auto &) { leave(pad); }, ended);
+    {
+        contents &all = contents_of(element);
+        const std::scoped_lock guard(all.pads, all.lock);
+        all.running.reset();
+        for_each_pad(
+            element, [](GstPad *pad, const auto &) { leave(pad); }, ended);
+    }
     ended->end();
 }
 

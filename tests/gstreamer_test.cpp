@@ -1,8 +1,11 @@
 /** The element mediafilessink: what comes is recorded, whatever happens to its pads, and nobody waits for a card. */
+#include <atomic>
 #include <cerrno>
+#include <limits>
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -492,6 +495,58 @@ TEST(GStreamer, TakesEightPads)
         pads.clear();
         if (round == 3) gst_element_set_state(sink.element, GST_STATE_PLAYING);
     }
+    std::atomic<int> made = 0;
+    std::vector<std::thread> threads(20);
+    for (std::thread &each : threads)
+        each = std::thread([&] {
+            GstPad *pad = gst_element_request_pad_simple(sink.element, "video_%u");
+            made += pad != nullptr;
+            g_clear_object(&pad);
+        });
+    for (std::thread &each : threads) each.join();
+    EXPECT_EQ(made, 8);
+}
+
+TEST(GStreamer, WithoutDescriptorsItDoesNotBegin)
+{
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "UndefinedBehaviorSanitizer needs descriptors itself";
+#endif
+    sink_under_test sink;
+    rlimit usual = {};
+    getrlimit(RLIMIT_NOFILE, &usual);
+    const rlimit none = {0, usual.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    const auto result = gst_element_set_state(sink.element, GST_STATE_PAUSED);
+    setrlimit(RLIMIT_NOFILE, &usual);
+    EXPECT_EQ(result, GST_STATE_CHANGE_FAILURE);
+    expect_error(sink, "lacks resources");
+}
+
+/* A number of the properties, but those that are memory. */
+std::string at_its_most(GParamSpec *spec)
+{
+    const std::string name = g_param_spec_get_name(spec);
+    if (!G_IS_PARAM_SPEC_UINT64(spec) || name.ends_with("-bytes") || name.starts_with("pre-event")) return "";
+    return name + "=" + std::to_string(G_PARAM_SPEC_UINT64(spec)->maximum);
+}
+
+TEST(GStreamer, FinishesItsFilesWhateverItsPropertiesAre)
+{
+    const stream frames = camera(1, 1'000);
+    guint count = 0;
+    GParamSpec **const all = g_object_class_list_properties(G_OBJECT_GET_CLASS(sink_under_test().element), &count);
+    for (guint n = 0; n < count; ++n) {
+        const std::string property = at_its_most(all[n]);
+        if (property.empty() || property.starts_with("keep-free")) continue;
+        SCOPED_TRACE(property);
+        sink_under_test sink(property);
+        GstHarness *const pad = sink.add_pad("video", h264_caps);
+        for (const frame &each : frames) EXPECT_EQ(sink.push(pad, each), GST_FLOW_OK);
+        gst_element_set_state(sink.element, GST_STATE_NULL);
+        EXPECT_EQ(sink.on.names(), std::vector<std::string>{"00000001.mp4"});
+    }
+    g_free(all);
 }
 
 void push_segment(GstHarness *pad, GstClockTime base)
