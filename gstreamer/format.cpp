@@ -17,7 +17,7 @@ constexpr uint32_t sample_bits = 16;
 std::string objection_to(const GstStructure *structure, uint32_t rate, uint32_t channels)
 {
     const GValue *value = gst_structure_get_value(structure, "codec_data");
-    GstBuffer *const config = value ? gst_value_get_buffer(value) : nullptr;
+    GstBuffer *const config = value && GST_VALUE_HOLDS_BUFFER(value) ? gst_value_get_buffer(value) : nullptr;
     GstMapInfo map;
     if (!config || !gst_buffer_map(config, &map, GST_MAP_READ)) return tools::objection({}, rate, channels);
     std::string said = tools::objection(std::span<const uint8_t>(map.data, map.size), rate, channels);

@@ -63,6 +63,12 @@ TEST(GStreamer, RecordsWhatComes)
          4},
         {"two cameras", "", {{"video", h264_caps, {h264(), base}}, {"video_3", h265_caps, {h265(0, 0), hevc}}}, 1},
         {"sound alone", "max-size-time=2000000000", {{"audio_0", adts_caps, {aac(48000), sound}}}, 3},
+        {"sound whose configuration is none",
+         "",
+         {{"audio_0",
+           "audio/mpeg, mpegversion=4, stream-format=raw, rate=48000, channels=2, codec_data=(string)none",
+           {aac(48000), without_adts(sound)}}},
+         1},
     };
     for (const auto &c : cases)
         for (const bool is_live : {true, false}) {
@@ -591,6 +597,32 @@ TEST(GStreamer, FlushesGapsAndSteps)
         const played all = play(sink.on);
         EXPECT_EQ(all.files.size(), files);
         expect_all_samples(all, {{h264(), frames}});
+    }
+}
+
+TEST(GStreamer, TimesThatNoRecordingReaches)
+{
+    constexpr int64_t most = std::numeric_limits<int64_t>::max();
+    const struct {
+        const char *what;
+        int64_t time; // of one frame
+        uint64_t refused;
+    } cases[] = {
+        {"millennia", most, 1},
+        {"the last of them", -2, 1},
+        {"half of that", most / 2 + 1, 1},
+        {"a clock that is not exact", 159 * millisecond, 0},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        stream frames = numbered(camera(4, 2'000));
+        frames[5].time = c.time;
+        sink_under_test sink;
+        GstHarness *const pad = sink.add_pad("video", h264_caps);
+        for (const frame &each : frames) EXPECT_EQ(sink.push(pad, each), GST_FLOW_OK);
+        sink.end_all();
+        EXPECT_EQ(sink.statistic("frames-refused"), c.refused);
+        EXPECT_EQ(samples_in(play(sink.on), "vide") + c.refused, frames.size());
     }
 }
 
