@@ -198,12 +198,22 @@ void recording::start_recorder(guard &locked)
     locked.lock();
     if (error == 0) {
         recorder_ = std::move(made);
+        ask_again();
         return;
     }
     forget_tracks();
     if (!may_succeed_later(error)) return fail(locked, error);
     not_before_ = steady::now() + retry_interval;
     warn(locked, error);
+}
+
+/* What an application has asked for holds for this recorder, too: from the first buffer that it gets. */
+void recording::ask_again()
+{
+    const auto begin = held_.empty() ? steady::now() : first_held_;
+    const std::chrono::nanoseconds event = triggered_until_ - begin, kept = protected_until_ - begin;
+    if (event.count() > 0) mediafiles_recorder_trigger(recorder_.get(), event.count());
+    if (kept.count() > 0) mediafiles_recorder_protect(recorder_.get(), 0, kept.count());
 }
 
 /*

@@ -24,6 +24,12 @@ constexpr int64_t longest_sound_after = GST_SECOND;
 /* How often a wait for room in the recorder's queue, which nothing interrupts, looks at what else happens. */
 constexpr int64_t poll_interval = 50 * GST_MSECOND;
 
+/* A time of an application, which can be added to a clock. */
+int64_t within_reach(uint64_t time)
+{
+    return static_cast<int64_t>(std::min<uint64_t>(time, G_MAXINT64 / 2));
+}
+
 } // namespace
 
 recording::recording(GstElement *element, settings options) : options_(std::move(options)), element_(element)
@@ -287,12 +293,6 @@ void recording::end_gap(input &from)
 
 /* ---- What an application asks for ---- */
 
-recording::recorder_ptr recording::running()
-{
-    const guard locked(lock_);
-    return recorder_;
-}
-
 bool recording::split(bool at_once)
 {
     std::vector<input_ptr> video;
@@ -311,15 +311,27 @@ bool recording::split(bool at_once)
 
 bool recording::trigger(uint64_t after)
 {
-    const recorder_ptr recorder = running();
-    return recorder && mediafiles_recorder_trigger(recorder.get(), static_cast<int64_t>(after)) == 0;
+    return options_.pre_event != 0 && ask(triggered_until_, after, [](mediafiles_recorder *recorder, int64_t left) {
+               return mediafiles_recorder_trigger(recorder, left);
+           });
 }
 
 bool recording::protect(uint64_t before, uint64_t after)
 {
-    const recorder_ptr recorder = running();
-    return recorder &&
-           mediafiles_recorder_protect(recorder.get(), static_cast<int64_t>(before), static_cast<int64_t>(after)) == 0;
+    return ask(protected_until_, after, [before](mediafiles_recorder *recorder, int64_t left) {
+        return mediafiles_recorder_protect(recorder, within_reach(before), left);
+    });
+}
+
+/* Of the recorder that runs, and of those that follow until then; what is held is for one of these. */
+bool recording::ask(steady::time_point &until, uint64_t after,
+                    const std::function<int(mediafiles_recorder *, int64_t)> &of)
+{
+    const guard locked(lock_);
+    const int64_t left = within_reach(after);
+    if ((!recorder_ || of(recorder_.get(), left) != 0) && held_.empty()) return false;
+    until = std::max(until, steady::now() + std::chrono::nanoseconds(left));
+    return true;
 }
 
 void recording::ask_for_key(input &from)

@@ -98,7 +98,7 @@ private:
     void drop(input &from, int64_t time);
     void end_gap(input &from);
     bool give(guard &locked, input &from, GstBuffer *buffer, int64_t time);
-    recorder_ptr running();
+    bool ask(steady::time_point &until, uint64_t after, const std::function<int(mediafiles_recorder *, int64_t)> &of);
     static void ask_for_key(input &from);
     void wake();
 
@@ -114,6 +114,7 @@ private:
     void await_key(guard &locked);
     void ask_others(guard &locked);
     void start_recorder(guard &locked);
+    void ask_again();
     bool may_succeed_later(int error) const;
     std::vector<input_ptr> candidates() const;
     std::vector<mp4_track_desc> choose_tracks();
@@ -144,6 +145,7 @@ private:
     bool has_left_ = false;         // one of its tracks, or its leader has ended and files are to begin without it
     input_ptr awaited_;             // its key frame begins the next recorder; NULL: none is needed
     steady::time_point awaited_since_ = {};
+    steady::time_point triggered_until_ = {}, protected_until_ = {};
     bool is_giving_ = false;       // a stream that can wait pushes
     bool is_handing_over_ = false; // what is held; what can wait comes after it
     bool is_playing_ = false, has_failed_ = false, has_ended_ = false;

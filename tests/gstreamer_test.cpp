@@ -833,6 +833,38 @@ TEST(GStreamer, ObeysAnApplication)
     expect_all_samples(all, {{h264(), frames}});
 }
 
+/* Sound of another rate begins a file of another recorder. */
+TEST(GStreamer, WhatIsAskedForOutlastsARecorder)
+{
+    const stream frames = numbered(camera(8, 2'000)), sound = load("aac_lc_48000_2", ".aac"),
+                 other = load("aac_voaac_44100_2", ".aac");
+    for (const bool is_event : {true, false}) {
+        SCOPED_TRACE(is_event ? "trigger" : "protect");
+        sink_under_test sink(is_event ? "pre-event=800000000" : "");
+        GstHarness *const pictures = sink.add_pad("video", h264_caps), *const heard =
+                                                                           sink.add_pad("audio_0", adts_caps);
+        for (size_t n = 0; n < frames.size(); ++n) {
+            EXPECT_EQ(sink.push(pictures, frames[n]), GST_FLOW_OK);
+            if (n == 45)
+                gst_harness_set_src_caps_str(heard,
+                                             "audio/mpeg, mpegversion=4, stream-format=adts, rate=44100, channels=2");
+            frame each = n < 45 ? sound[n] : other[n];
+            each.time = frames[n].time;
+            EXPECT_EQ(sink.push(heard, each), GST_FLOW_OK);
+            if (n != 25) continue;
+            gboolean done = FALSE;
+            EXPECT_TRUE(comes_true([&] { return sink.statistic("frames-in") > n; }));
+            if (is_event) g_signal_emit_by_name(sink.element, "trigger", guint64(60 * GST_SECOND), &done);
+            if (!is_event) g_signal_emit_by_name(sink.element, "protect", guint64(0), guint64(60 * GST_SECOND), &done);
+            EXPECT_TRUE(done);
+        }
+        sink.end_all();
+        EXPECT_EQ(sink.heard().count("mediafiles-finished"), 2u);
+        EXPECT_EQ(sink.heard().count("mediafiles-protected"), is_event ? 0u : 2u);
+        EXPECT_GE(samples_in(play(sink.on), "vide"), is_event ? 60u : 80u);
+    }
+}
+
 TEST(GStreamer, KeepsWhatComesBeforeAnEvent)
 {
     const stream frames = numbered(camera(20, 2'000));
