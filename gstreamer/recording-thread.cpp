@@ -345,7 +345,10 @@ void recording::take_events(guard &locked, const recorder_ptr &recorder)
             if (event.kind == MEDIAFILES_EVENT_FULL) error = ENOSPC;
             if (event.kind == MEDIAFILES_EVENT_BEGUN || event.kind == MEDIAFILES_EVENT_GOES_ON) trouble_ = error = 0;
             has_begun_ |= event.kind == MEDIAFILES_EVENT_BEGUN;
-            if (event.kind == MEDIAFILES_EVENT_KEY_WANTED && from && options_.send_keyframe_requests)
+            const bool waits =
+                event.kind == MEDIAFILES_EVENT_KEY_WANTED ||
+                (event.kind == MEDIAFILES_EVENT_REFUSED && event.reason == MEDIAFILES_REFUSED_BEFORE_KEY);
+            if (waits && from && from->recorded_format->is_video() && options_.send_keyframe_requests)
                 ask_for_key(*from);
         }
     };

@@ -461,6 +461,18 @@ TEST(GStreamer, AnotherCameraIsAskedForAKeyFrame)
     EXPECT_EQ(key_requests(first), 0u);
 }
 
+TEST(GStreamer, AStreamThatBeginsInAGroupIsAskedForAKeyFrame)
+{
+    const stream frames = camera(1, 2'000);
+    for (const bool asks : {true, false}) {
+        sink_under_test sink(asks ? "send-keyframe-requests=true" : "");
+        GstHarness *const pad = sink.add_pad("video", h264_caps);
+        for (size_t n = 1; n < 9; ++n) EXPECT_EQ(sink.push(pad, frames[n]), GST_FLOW_OK);
+        EXPECT_TRUE(sink.hears("mediafiles-frames-refused"));
+        EXPECT_TRUE(comes_true([&] { return key_requests(pad) == size_t{asks}; }));
+    }
+}
+
 TEST(GStreamer, FilesGoOnToBeginWhenPicturesHaveEnded)
 {
     const stream frames = camera(2, 2'000), sound = load("aac_lc_48000_2", ".aac");
