@@ -42,6 +42,7 @@ struct input : std::enable_shared_from_this<input> {
     const std::string name;
     format_ptr carries;                  // by its caps; one for all that fit to the same track
     bool is_flushing = false;            // nothing waits
+    bool has_started = false;            // a stream
     bool has_ended = false;              // until another stream starts
     bool can_wait = false;               // its source is not live
     gap missing = {};                    // that goes on up to the next key frame

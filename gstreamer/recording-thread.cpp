@@ -67,6 +67,7 @@ bool recording::step(guard &locked)
         await_key(locked);
     } else if (has_all_ended() && held_.empty() && stream_is_ == over::no && !has_failed_) {
         stop_recorder(locked);
+        if (!has_all_ended()) return true; // a stream has begun meanwhile
         if (!has_begun_ && trouble_ != 0) fail(locked, trouble_);
         if (!has_failed_) stream_is_ = over::reached;
     } else if (stream_is_ == over::reached && is_playing_) {
@@ -82,7 +83,8 @@ bool recording::step(guard &locked)
 
 bool recording::has_all_ended() const
 {
-    return !inputs_.empty() && std::ranges::all_of(inputs_, [](const input_ptr &each) { return each->has_ended; });
+    if (inputs_.empty()) return latest_to_go_had_ended_;
+    return std::ranges::all_of(inputs_, [](const input_ptr &each) { return each->has_ended; });
 }
 
 /* Whether there is one whose tracks are not those that are needed now. */

@@ -75,6 +75,7 @@ void recording::set_playing(bool is_playing)
 {
     const guard locked(lock_);
     is_playing_ = is_playing;
+    if (!is_playing && stream_is_ == over::posted) stream_is_ = over::reached; // a bin forgets what was posted before
     wake();
 }
 
@@ -92,6 +93,7 @@ void recording::remove(const input_ptr &from)
     const guard locked(lock_);
     from->is_flushing = true;
     has_left_ = has_left_ || from->recorded_as;
+    latest_to_go_had_ended_ = from->has_ended;
     end_gap(*from);
     std::erase(inputs_, from);
     wake();
@@ -121,14 +123,18 @@ void recording::set_can_wait(input &from, bool can_wait)
     from.can_wait = can_wait;
 }
 
-void recording::start_stream(input &from)
+bool recording::start_stream(input &from)
 {
     const guard locked(lock_);
+    const bool is_first =
+        std::ranges::none_of(inputs_, [](const input_ptr &each) { return each->has_started && !each->has_ended; });
+    from.has_started = true;
     from.has_ended = false;
     from.latest.reset();
     from.moved_at = steady::now();
     from.thread = std::this_thread::get_id();
     stream_is_ = over::no;
+    return is_first;
 }
 
 void recording::end_stream(input &from, uint32_t sequence)

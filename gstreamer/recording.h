@@ -58,7 +58,8 @@ public:
     void remove(const input_ptr &from);
     void describe(input &from, const format &carries);
     void flush(input &from, bool begins);
-    void start_stream(input &from);
+    /** Whether no other one goes on. */
+    bool start_stream(input &from);
     /** Whether its source is not live. */
     void set_can_wait(input &from, bool can_wait);
     void end_stream(input &from, uint32_t sequence);
@@ -151,6 +152,7 @@ private:
     bool is_playing_ = false, has_failed_ = false, has_ended_ = false;
     std::atomic<bool> is_ending_ = false;
     over stream_is_ = over::no;
+    bool latest_to_go_had_ended_ = false; // of the pads
     uint32_t end_sequence_ = 0;
 
     std::deque<held_buffer> held_;

@@ -101,6 +101,18 @@ void take_gap(const part_of_recording &part, GstEvent *event)
     if (const auto time = part.as->times.running_time(begin)) part.to->move_on(*part.as, *time);
 }
 
+/* As of an end there is one message of it for all pads: a bin waits for that of each sink. */
+void take_start(const part_of_recording &part, GstObject *element, GstEvent *event)
+{
+    part.as->knows_liveness = false;
+    if (!part.to->start_stream(*part.as)) return;
+    GstMessage *const message = gst_message_new_stream_start(element);
+    gst_message_set_seqnum(message, gst_event_get_seqnum(event));
+    guint group = GST_GROUP_ID_INVALID;
+    if (gst_event_parse_group_id(event, &group)) gst_message_set_group_id(message, group);
+    gst_element_post_message(GST_ELEMENT_CAST(element), message);
+}
+
 gboolean take_event(GstPad *pad, GstObject *element, GstEvent *event)
 {
     const owner<GstEvent> owned(event);
@@ -109,8 +121,7 @@ gboolean take_event(GstPad *pad, GstObject *element, GstEvent *event)
     stream &from = *part.as;
     switch (GST_EVENT_TYPE(event)) {
     case GST_EVENT_STREAM_START:
-        from.knows_liveness = false;
-        part.to->start_stream(from);
+        take_start(part, element, event);
         return TRUE;
     case GST_EVENT_CAPS:
         return take_caps(part, element, event);

@@ -134,6 +134,7 @@ TEST(GStreamer, RecordsPipelines)
         const said heard = run_pipeline(pipeline + " mediafilessink name=s keep-free=0 location=" + on / "%04d.mp4",
                                         {watched_pads::note, &watched});
         EXPECT_EQ(heard.count("eos"), 1u) << heard.text("error");
+        EXPECT_EQ(heard.count("stream-start"), 1u);
         EXPECT_EQ(watched.recorded(play(on)), pads);
     }
 }
@@ -671,9 +672,42 @@ TEST(GStreamer, TheEndIsReachedWhenItPlays)
     EXPECT_EQ(sink.heard().count("eos"), 0u);
     gst_element_set_state(sink.element, GST_STATE_PLAYING);
     EXPECT_TRUE(sink.hears("eos"));
+    for (const GstState state : {GST_STATE_PAUSED, GST_STATE_PLAYING}) gst_element_set_state(sink.element, state);
+    EXPECT_TRUE(comes_true([&] { return sink.heard().count("eos") == 2; }));
     GstEvent *const seek =
         gst_event_new_seek(1, GST_FORMAT_TIME, GST_SEEK_FLAG_FLUSH, GST_SEEK_TYPE_SET, 0, GST_SEEK_TYPE_NONE, -1);
     EXPECT_FALSE(gst_element_send_event(sink.element, seek));
+}
+
+TEST(GStreamer, TheEndIsReachedWithoutThePadThatBroughtIt)
+{
+    sink_under_test sink;
+    GstHarness *const pad = sink.add_pad("video", h264_caps);
+    for (const frame &each : camera(1, 1'000)) sink.push(pad, each);
+    gst_harness_push_event(pad, gst_event_new_eos());
+    GstPad *const ours = gst_pad_get_peer(pad->srcpad);
+    gst_element_release_request_pad(sink.element, ours);
+    gst_object_unref(ours);
+    EXPECT_TRUE(sink.hears("eos"));
+}
+
+TEST(GStreamer, AnotherStreamBeginsWhileTheEndStalls)
+{
+    const stream before = numbered(camera(2, 2'000)), after = numbered(camera(2, 2'000, 2 * second));
+    sink_under_test sink;
+    GstHarness *const pad = sink.add_pad("video", h264_caps);
+    for (const frame &each : before) sink.push(pad, each);
+    ASSERT_TRUE(comes_true([&] { return sink.statistic("safe", "video") > 0; }));
+    syncs.close();
+    gst_harness_push_event(pad, gst_event_new_eos());
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    gst_pad_push_event(pad->srcpad, gst_event_new_stream_start("again"));
+    for (const frame &each : after) EXPECT_EQ(sink.push(pad, each), GST_FLOW_OK);
+    syncs.open();
+    EXPECT_TRUE(comes_true([&] { return sink.statistic("frames-out") > before.size(); }));
+    EXPECT_EQ(sink.heard().count("eos"), 0u);
+    sink.end_all();
+    EXPECT_EQ(samples_in(play(sink.on), "vide"), before.size() + after.size());
 }
 
 TEST(GStreamer, NobodyWaitsForACard)

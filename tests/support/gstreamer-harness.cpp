@@ -41,7 +41,8 @@ const testing::Environment *const installed = testing::AddGlobalTestEnvironment(
 void add(said &to, GstMessage *message)
 {
     GError *error = nullptr;
-    if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_EOS) to.messages.emplace("eos", "");
+    for (const GstMessageType plain : {GST_MESSAGE_EOS, GST_MESSAGE_STREAM_START})
+        if (GST_MESSAGE_TYPE(message) == plain) to.messages.emplace(gst_message_type_get_name(plain), "");
     if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR) gst_message_parse_error(message, &error, nullptr);
     if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_WARNING) gst_message_parse_warning(message, &error, nullptr);
     if (error) to.messages.emplace(GST_MESSAGE_TYPE_NAME(message), error->message);

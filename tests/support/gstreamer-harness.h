@@ -18,8 +18,8 @@ inline constexpr const char *raw_caps =
 
 /** What a bus said since it was asked last. */
 struct said {
-    std::multimap<std::string, std::string>
-        messages; // the name of an element message, "eos", "error", "warning": its text
+    /* The name of an element message, "stream-start", "eos", "error", "warning": its text. */
+    std::multimap<std::string, std::string> messages;
     size_t count(const std::string &name) const { return messages.count(name); }
     std::string text(const std::string &name) const;
 };
