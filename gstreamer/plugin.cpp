@@ -17,4 +17,4 @@ gboolean init(GstPlugin *plugin)
 } // namespace
 
 GST_PLUGIN_DEFINE(GST_VERSION_MAJOR, GST_VERSION_MINOR, mediafiles, "Records MP4 files that survive a power cut", init,
-                  MEDIAFILES_VERSION, "MIT/X11", "libmediafiles", "https://gstreamer.freedesktop.org/")
+                  MEDIAFILES_VERSION, "MIT/X11", "libmediafiles", "Unknown package origin")
