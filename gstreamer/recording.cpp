@@ -273,12 +273,15 @@ bool recording::hold(input &from, GstBuffer *buffer, int64_t time)
         drop(from, time);
         return true;
     }
+    owner<GstBuffer> own(gst_buffer_copy_deep(buffer)); // the memory goes back to its source, which may have little
+    if (!own) {                                         // it cannot be read
+        drop(from, time);
+        return true;
+    }
     end_gap(from);
-    /* A buffer of a pool goes back to it: the source may have few. */
-    GstBuffer *const own = buffer->pool ? gst_buffer_copy_deep(buffer) : gst_buffer_ref(buffer);
     if (held_.empty()) first_held_ = steady::now();
     if (held_.empty() || !is_delta(buffer)) wake();
-    held_.push_back({from.shared_from_this(), from.carries, owner<GstBuffer>(own), time});
+    held_.push_back({from.shared_from_this(), from.carries, std::move(own), time});
     held_bytes_ += size;
     return true;
 }

@@ -169,6 +169,22 @@ TEST(GStreamer, SoundWaitsForTheFirstPicture)
     EXPECT_EQ(samples_in(all, "soun"), 50u);
 }
 
+/* An encoder may have memory for four pictures. */
+TEST(GStreamer, WhatIsHeldKeepsNoMemoryOfItsSource)
+{
+    frame first = camera(1, 1'000)[0];
+    bool is_back = false;
+    sink_under_test sink;
+    GstHarness *const pad = sink.add_pad("video", h264_caps);
+    sink.add_pad("audio_0", adts_caps); // is waited for
+    GstBuffer *const buffer =
+        gst_buffer_new_wrapped_full(GST_MEMORY_FLAG_READONLY, first.data.data(), first.data.size(), 0,
+                                    first.data.size(), &is_back, [](gpointer to) { *static_cast<bool *>(to) = true; });
+    GST_BUFFER_PTS(buffer) = 0;
+    EXPECT_EQ(gst_harness_push(pad, buffer), GST_FLOW_OK);
+    EXPECT_TRUE(is_back);
+}
+
 void expect_error(sink_under_test &sink, const char *text)
 {
     ASSERT_TRUE(sink.hears("error"));
