@@ -1,7 +1,6 @@
 #include "messages.h"
 
 #include <algorithm>
-#include <cstring>
 #include <iterator>
 
 namespace mediafiles::gstreamer {
@@ -84,7 +83,8 @@ GstMessage *message_of(GstElement *element, const mediafiles_recorder_event &eve
 {
     const uint32_t has = fields_of(event.kind);
     GstStructure *const made = gst_structure_new_empty(name_of(event.kind).c_str());
-    if (event.path) set(made, "location", (directory + "/" + event.path).c_str());
+    if (event.path)
+        set(made, "location", text_ptr(g_filename_display_name((directory + "/" + event.path).c_str())).get());
     if (has & has_number) set(made, "number", event.number);
     if (has & has_from) set_signed(made, "running-time", event.from);
     if (has & has_to) set_signed(made, "running-time-end", event.to);
@@ -95,7 +95,7 @@ GstMessage *message_of(GstElement *element, const mediafiles_recorder_event &eve
     if (has & has_refusal) set(made, "reason", mediafiles_refused_text(event.reason));
     if (event.error != 0) {
         gst_structure_set(made, "errno", G_TYPE_INT, event.error, nullptr);
-        set(made, "error", std::strerror(event.error));
+        set(made, "error", g_strerror(event.error));
     }
     return gst_message_new_element(GST_OBJECT_CAST(element), made);
 }

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <stdexcept>
 #include <string_view>
 
@@ -79,7 +78,8 @@ mediafiles_recorder *start_recorder(const settings &given, const std::string &di
 std::string reason_of_start(const settings &given, int error)
 {
     if (error == EINVAL && !given.location.empty())
-        return "no name for files: a location ends in .mp4, and no part of it ends in a dot or a space";
+        return "no name for files: a location ends in .mp4, and no part of it is .. or too long, or ends in a dot or a "
+               "space";
     if (error == EINVAL)
         return "not a pattern: its fields are {number} or {number:DIGITS} and %Y %m %d %H %M %S, its end is .mp4; "
                "quota needs {number}";
@@ -88,7 +88,7 @@ std::string reason_of_start(const settings &given, int error)
     if (error == EEXIST) return "it is there already";
     if (error == ENOSPC && given.keep_free != 0)
         return "no room is left beside the " + std::to_string(given.keep_free) + " bytes of keep-free";
-    return std::strerror(error);
+    return g_strerror(error);
 }
 
 } // namespace mediafiles::gstreamer
